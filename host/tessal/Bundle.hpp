@@ -1,0 +1,78 @@
+// Bundles: the top of the data model. A bundle holds slices by time; a slice holds named
+// grids. Bundles are saved to and loaded from .kq files (see docs/kq-format.md).
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "tessal/Grid.hpp"
+
+namespace Tessal {
+
+class Slice {
+ public:
+  // The grid of that name, or an empty handle.
+  Vorlap::StrongPtr<Grid> operator()(const std::string& name) const;
+  // The grid of that name, made when missing.
+  Vorlap::StrongPtr<Grid> makeGrid(const std::string& name);
+  const std::vector<Vorlap::StrongPtr<Grid>>& grids() const { return grids_; }
+
+ private:
+  std::vector<Vorlap::StrongPtr<Grid>> grids_;  // creation order
+};
+
+class BundlePtr;
+
+// Which files a load reads.
+class LoaderParameters {
+ public:
+  LoaderParameters() = default;
+  explicit LoaderParameters(std::vector<std::string> fileNames) : files_(std::move(fileNames)) {}
+  const std::vector<std::string>& fileNames() const { return files_; }
+
+ private:
+  std::vector<std::string> files_;
+};
+
+class Bundle {
+ public:
+  // The slice nearest to `time` (which takes the slice's own time), or empty with no slices.
+  Vorlap::StrongPtr<Slice> operator()(double& time) const;
+  // The slice at exactly `time`, made when missing.
+  Vorlap::StrongPtr<Slice> operator[](double time);
+  const std::map<double, Vorlap::StrongPtr<Slice>>& slices() const { return slices_; }
+
+  // Reads every named .kq file into `bundle` (made when empty). The structure is read at
+  // once, array data only when a fragment's creator is asked. A file that cannot be read
+  // leaves `success` false, with a console message naming the file and the object.
+  static void load(bool& success, const LoaderParameters& parameters, BundlePtr& bundle);
+
+  // Writes the bundle to `fileName` through a temporary file renamed into place when
+  // complete. Returns the empty text on success, else what went wrong.
+  static std::string save(const BundlePtr& bundle, const std::string& fileName);
+
+ private:
+  std::map<double, Vorlap::StrongPtr<Slice>> slices_;
+};
+
+// The handle through which hosts and the module pass bundles.
+class BundlePtr {
+ public:
+  BundlePtr() = default;
+  explicit BundlePtr(Vorlap::StrongPtr<Bundle> b) : bundle_(std::move(b)) {}
+  static BundlePtr make() { return BundlePtr(Vorlap::makeStrong<Bundle>()); }
+
+  // The bundle, made when the handle has none.
+  Vorlap::StrongPtr<Bundle> create();
+  const Vorlap::StrongPtr<Bundle>& get() const { return bundle_; }
+  bool isEmpty() const { return bundle_.isEmpty(); }
+  explicit operator bool() const { return !isEmpty(); }
+  Bundle* operator->() const { return bundle_.get(); }
+  void reset() { bundle_.reset(); }
+
+ private:
+  Vorlap::StrongPtr<Bundle> bundle_;
+};
+
+}  // namespace Tessal

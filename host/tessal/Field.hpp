@@ -1,0 +1,133 @@
+// Fields hold one array per fragment. Each fragment has a FragmentID (its name) and a
+// creator that yields the fragment's array: either data stored in memory
+// (setPersistentData) or data produced on demand, e.g. read from a .kq file when asked.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "tessal/MemArray.hpp"
+#include "vorlap/Attributes.hpp"
+#include "vorlap/Cache.hpp"
+
+namespace Tessal {
+
+class FieldID {
+ public:
+  explicit FieldID(std::string name) : name_(std::move(name)) {}
+  const std::string& getName() const { return name_; }
+
+ private:
+  std::string name_;
+};
+
+class FragmentID {
+ public:
+  explicit FragmentID(std::string name) : name_(std::move(name)) {}
+  const std::string& getName() const { return name_; }
+
+ private:
+  std::string name_;
+};
+
+// The fragment identifiers of a field, in creation order.
+class FragmentIDCollection {
+ public:
+  Vorlap::StrongPtr<FragmentID> findFragmentIDByName(const std::string& name) const;
+  // The identifier of that name, made when missing.
+  Vorlap::StrongPtr<FragmentID> makeFragmentID(const std::string& name);
+  std::size_t size() const { return ids_.size(); }
+  const Vorlap::StrongPtr<FragmentID>& at(std::size_t i) const { return ids_[i]; }
+  // Position of the identifier, or size() when it is not in this collection.
+  std::size_t indexOf(const FragmentID* id) const;
+
+ private:
+  std::vector<Vorlap::StrongPtr<FragmentID>> ids_;
+};
+
+// Per component minimum and maximum of a fragment's values.
+struct ValueRange {
+  std::vector<double> min, max;
+};
+
+// Yields a fragment's array; keeps it while caching is enabled.
+class CreativeArrayBase : public Vorlap::Creature,
+                          public Vorlap::ReferenceBase<CreativeArrayBase> {
+ public:
+  // What the creator holds now (empty when nothing is held).
+  Vorlap::StrongPtr<MemBase> heldData() const { return held_; }
+  // Produces the array (or gives the held one); keeps it when caching is enabled.
+  Vorlap::StrongPtr<MemBase> create();
+  // Element type and extents without producing the data.
+  virtual ElementType elementType() const = 0;
+  virtual std::vector<std::size_t> extents() const = 0;
+
+  Vorlap::StrongPtr<ValueRange> range() const { return range_; }
+  void setRange(Vorlap::StrongPtr<ValueRange> r) { range_ = std::move(r); }
+
+ protected:
+  virtual Vorlap::StrongPtr<MemBase> produce() = 0;
+  void dropCachedData() override;
+  // Persistent creators keep their data whatever the caching setting.
+  virtual bool isPersistent() const { return false; }
+  Vorlap::StrongPtr<MemBase> held_;
+
+ private:
+  Vorlap::StrongPtr<ValueRange> range_;
+};
+
+// A creator holding an array given to it.
+class PersistentCreator final : public CreativeArrayBase {
+ public:
+  explicit PersistentCreator(const Vorlap::StrongPtr<MemBase>& data) { held_ = data; }
+  ElementType elementType() const override { return held_->elementType(); }
+  std::vector<std::size_t> extents() const override;
+
+ protected:
+  Vorlap::StrongPtr<MemBase> produce() override { return held_; }
+  bool isPersistent() const override { return true; }
+};
+
+class Field : public Vorlap::Ageable {
+ public:
+  explicit Field(std::string name);
+  const std::string& getName() const { return name_; }
+
+  Vorlap::StrongPtr<FragmentIDCollection> getFragmentIDCollection() const { return fragments_; }
+  std::size_t getNumberOfFragments() const { return fragments_->size(); }
+  Vorlap::StrongPtr<FragmentID> makeFragmentID(const std::string& name);
+
+  // Stores an array as the fragment's data, without copying it.
+  void setPersistentData(const Vorlap::StrongPtr<MemBase>& data,
+                         const Vorlap::StrongPtr<FragmentID>& fragment,
+                         const Vorlap::StrongPtr<Vorlap::Cache>& cache, const std::string& note);
+  // Installs a creator (used by loaders that produce data on demand).
+  void setCreator(const Vorlap::StrongPtr<FragmentID>& fragment,
+                  const Vorlap::StrongPtr<CreativeArrayBase>& creator);
+  Vorlap::StrongPtr<CreativeArrayBase> getCreator(
+      const Vorlap::StrongPtr<FragmentID>& fragment) const;
+
+  Vorlap::Attributes& attributes() { return attributes_; }
+  const Vorlap::Attributes& attributes() const { return attributes_; }
+
+  // The empty field handle that lookups return when nothing is found.
+  static Vorlap::StrongPtr<Field> NullPtrField() { return {}; }
+
+ private:
+  std::string name_;
+  Vorlap::StrongPtr<FragmentIDCollection> fragments_;
+  std::vector<Vorlap::StrongPtr<CreativeArrayBase>> creators_;  // parallel to fragments_
+  Vorlap::Attributes attributes_;
+};
+
+// Value range of a fragment: the creator's known range, else computed from `data` or from
+// what the creator holds (or, when `produce` is set, from newly produced data); `recompute`
+// ignores a known range. Empty when nothing is at hand.
+Vorlap::StrongPtr<ValueRange> getFragmentRange(CreativeArrayBase& creator, bool recompute,
+                                               bool produce,
+                                               const Vorlap::StrongPtr<MemBase>& data);
+// Union of the known fragment ranges of a field; empty when none is known.
+Vorlap::StrongPtr<ValueRange> getBoundingBox(const Vorlap::StrongPtr<Field>& field);
+
+}  // namespace Tessal

@@ -1,0 +1,188 @@
+// Typed N-dimensional arrays of the data model. Element k (linear index, first extent
+// varying fastest) lies at (k + offset) * stride of a shared data block, or comes from the
+// array's element accessor when it has one. Readers must go through get() to honour both.
+#pragma once
+
+#include <array>
+#include <cassert>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <limits>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "gemwold/PhysicalSpace.hpp"
+#include "vorlap/Cache.hpp"
+#include "vorlap/StrongPtr.hpp"
+
+namespace Tessal {
+
+enum class ElementType : std::uint8_t {
+  Int8,
+  UInt8,
+  Int16,
+  UInt16,
+  Int32,
+  UInt32,
+  Int64,
+  UInt64,
+  Float,
+  Double,
+  Point,
+  Vector
+};
+
+const char* elementTypeName(ElementType t);
+// Scalars have one component, points and vectors three.
+unsigned componentCount(ElementType t);
+std::size_t elementBytes(ElementType t);
+// Parses a name written by elementTypeName; false when unknown.
+bool elementTypeFromName(const std::string& name, ElementType& out);
+
+template <class T>
+inline constexpr bool kAlwaysFalse = false;
+
+template <class T>
+constexpr ElementType elementTypeOf() {
+  using namespace Gemwold::PhysicalSpace;
+  if constexpr (std::is_same_v<T, std::int8_t>) return ElementType::Int8;
+  else if constexpr (std::is_same_v<T, std::uint8_t>) return ElementType::UInt8;
+  else if constexpr (std::is_same_v<T, std::int16_t>) return ElementType::Int16;
+  else if constexpr (std::is_same_v<T, std::uint16_t>) return ElementType::UInt16;
+  else if constexpr (std::is_same_v<T, std::int32_t>) return ElementType::Int32;
+  else if constexpr (std::is_same_v<T, std::uint32_t>) return ElementType::UInt32;
+  else if constexpr (std::is_same_v<T, std::int64_t>) return ElementType::Int64;
+  else if constexpr (std::is_same_v<T, std::uint64_t>) return ElementType::UInt64;
+  else if constexpr (std::is_same_v<T, float>) return ElementType::Float;
+  else if constexpr (std::is_same_v<T, double>) return ElementType::Double;
+  else if constexpr (std::is_same_v<T, point>) return ElementType::Point;
+  else if constexpr (std::is_same_v<T, vector>) return ElementType::Vector;
+  else static_assert(kAlwaysFalse<T>, "not an element type of the data model");
+}
+
+template <class T>
+struct ElementTraits {
+  static constexpr ElementType type = elementTypeOf<T>();
+};
+
+// Component c of an element, as a double (for value ranges and generic readers).
+template <class T>
+double componentOf(const T& v, unsigned) {
+  return static_cast<double>(v);
+}
+inline double componentOf(const Gemwold::PhysicalSpace::point& p, unsigned c) {
+  return c == 0 ? p.x : c == 1 ? p.y : p.z;
+}
+inline double componentOf(const Gemwold::PhysicalSpace::vector& v, unsigned c) {
+  return c == 0 ? v.x : c == 1 ? v.y : v.z;
+}
+
+// Type-erased view of an array, for storage and generic readers.
+class MemBase : public Vorlap::Cacheable {
+ public:
+  virtual ElementType elementType() const = 0;
+  virtual unsigned rank() const = 0;
+  virtual std::size_t extent(unsigned dim) const = 0;
+  std::size_t nElements() const;
+  // Writes every element, in linear order, contiguously into dst (elementBytes each).
+  virtual void copyOut(void* dst) const = 0;
+  virtual double component(std::size_t k, unsigned c) const = 0;
+};
+
+// Storage shared between arrays that view it with different offsets and strides.
+template <class T>
+struct DataBlock {
+  std::vector<T> values;
+};
+
+template <unsigned N, class T>
+class MemArray final : public MemBase {
+  static_assert(N >= 1 && N <= 3, "arrays have one to three dimensions");
+
+ public:
+  using value_type = T;
+  using Extents = std::array<std::size_t, N>;
+  using Accessor = std::function<T(std::size_t)>;
+
+  // A fresh, contiguous, value-initialised array.
+  explicit MemArray(const Extents& extents) : extents_(extents) {
+    block_ = Vorlap::makeStrong<DataBlock<T>>();
+    block_->values.resize(countOf(extents));
+  }
+  explicit MemArray(std::size_t n)
+    requires(N == 1)
+      : MemArray(Extents{n}) {}
+  // A view of an existing block.
+  MemArray(const Extents& extents, Vorlap::StrongPtr<DataBlock<T>> block, std::size_t offset,
+           std::size_t stride)
+      : extents_(extents), block_(std::move(block)), offset_(offset), stride_(stride) {}
+  // Elements computed on demand.
+  MemArray(const Extents& extents, Accessor accessor)
+      : extents_(extents), accessor_(std::move(accessor)) {}
+
+  ElementType elementType() const override { return ElementTraits<T>::type; }
+  unsigned rank() const override { return N; }
+  std::size_t extent(unsigned dim) const override { return dim < N ? extents_[dim] : 1; }
+  const Extents& extents() const { return extents_; }
+  std::size_t size() const { return countOf(extents_); }
+  std::size_t offset() const { return offset_; }
+  std::size_t stride() const { return stride_; }
+  bool hasAccessor() const { return static_cast<bool>(accessor_); }
+
+  T get(std::size_t k) const {
+    assert(k < size());
+    if (accessor_) return accessor_(k);
+    return block_->values[(k + offset_) * stride_];
+  }
+  T operator[](std::size_t k) const { return get(k); }
+  // Two-dimensional access: i along the first extent, j along the second.
+  T get(std::size_t i, std::size_t j) const
+    requires(N == 2)
+  {
+    return get(j * extents_[0] + i);
+  }
+
+  // Writes through offset and stride; arrays computed by an accessor are read-only.
+  void set(std::size_t k, const T& v) {
+    assert(k < size() && !accessor_);
+    block_->values[(k + offset_) * stride_] = v;
+  }
+  // Direct storage when the array is a plain contiguous block, else nullptr.
+  T* contiguousData() {
+    return (!accessor_ && offset_ == 0 && stride_ == 1) ? block_->values.data() : nullptr;
+  }
+  const T* contiguousData() const {
+    return (!accessor_ && offset_ == 0 && stride_ == 1) ? block_->values.data() : nullptr;
+  }
+
+  void copyOut(void* dst) const override {
+    T* out = static_cast<T*>(dst);
+    const std::size_t n = size();
+    if (const T* src = contiguousData()) {
+      std::copy(src, src + n, out);
+      return;
+    }
+    for (std::size_t k = 0; k < n; ++k) out[k] = get(k);
+  }
+  double component(std::size_t k, unsigned c) const override { return componentOf(get(k), c); }
+  std::size_t memoryBytes() const override {
+    return block_ ? block_->values.size() * sizeof(T) : 0;
+  }
+
+ private:
+  static std::size_t countOf(const Extents& e) {
+    std::size_t n = 1;
+    for (auto x : e) n *= x;
+    return n;
+  }
+
+  Extents extents_{};
+  Vorlap::StrongPtr<DataBlock<T>> block_;
+  std::size_t offset_ = 0;
+  std::size_t stride_ = 1;
+  Accessor accessor_;
+};
+
+}  // namespace Tessal

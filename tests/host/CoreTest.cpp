@@ -1,0 +1,193 @@
+// Handles, console, attributes and arrays of the core data model.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "support/Arrays.hpp"
+#include "tessal/Bundle.hpp"
+#include "vorlap/Console.hpp"
+
+using namespace Vorlap;
+using namespace Tessal;
+
+namespace {
+
+struct Probe {
+  explicit Probe(int* alive) : alive(alive) { ++*alive; }
+  ~Probe() { --*alive; }
+  int* alive;
+};
+
+struct SelfAware : ReferenceBase<SelfAware> {
+  int value = 7;
+};
+struct DerivedSelfAware : SelfAware {};
+
+struct Watcher {
+  // Destroying the watched object must make handles to it test empty.
+  WeakPtr<Watcher> self;
+  bool* report = nullptr;
+  ~Watcher() { *report = self.expired() && self.lock().isEmpty(); }
+};
+
+}  // namespace
+
+TEST(StrongPtr, EmptinessAndCounting) {
+  StrongPtr<int> none;
+  EXPECT_TRUE(none.isEmpty());
+  EXPECT_FALSE(static_cast<bool>(none));
+
+  int alive = 0;
+  {
+    auto a = makeStrong<Probe>(&alive);
+    EXPECT_EQ(alive, 1);
+    EXPECT_EQ(a.useCount(), 1);
+    StrongPtr<Probe> b = a;
+    EXPECT_EQ(a.useCount(), 2);
+    WeakPtr<Probe> w = a;
+    a.reset();
+    EXPECT_TRUE(a.isEmpty());
+    EXPECT_FALSE(w.expired());
+    b.reset();
+    EXPECT_EQ(alive, 0);
+    EXPECT_TRUE(w.expired());
+    EXPECT_TRUE(w.lock().isEmpty());
+  }
+  StrongPtr<Probe> adopted(new Probe(&alive));
+  EXPECT_EQ(alive, 1);
+  adopted.reset();
+  EXPECT_EQ(alive, 0);
+}
+
+TEST(StrongPtr, CastsSelfHandlesAndConcurrentCopies) {
+  StrongPtr<ChunkBase> chunk = makeChunk<int>({1, 2});
+  EXPECT_TRUE(dynamicPtrCast<Chunk<int>>(chunk));
+  EXPECT_TRUE(dynamicPtrCast<Chunk<double>>(chunk).isEmpty());
+
+  auto s = makeStrong<SelfAware>();
+  EXPECT_EQ(s->self().get(), s.get());
+  auto d = makeStrong<DerivedSelfAware>();
+  EXPECT_EQ(d->self().get(), d.get());
+
+  auto shared = makeStrong<int>(5);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 2; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 100000; ++i) StrongPtr<int> copy = shared;
+    });
+  }
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(shared.useCount(), 1);
+}
+
+TEST(StrongPtr, HandlesTestEmptyWhileTheObjectDies) {
+  bool sawEmpty = false;
+  auto w = makeStrong<Watcher>();
+  w->self = w;
+  w->report = &sawEmpty;
+  w.reset();
+  EXPECT_TRUE(sawEmpty);
+}
+
+TEST(Console, OneMessagePerObjectAndCapture) {
+  ConsoleCapture capture;
+  { Console() << "Warning! Broken Fragment for FragNr " << 7u << ". Skipping..."; }
+  { Console() << "value " << 2.5 << " big " << 1e6; }
+  ASSERT_EQ(capture.messages().size(), 2u);
+  EXPECT_EQ(capture.messages()[0], "Warning! Broken Fragment for FragNr 7. Skipping...");
+  EXPECT_EQ(capture.messages()[1], "value 2.5 big 1e+06");
+}
+
+TEST(Attributes, TypedLookupCopyAndAge) {
+  Attributes a;
+  a.setAttribute("RDB_Segment", makeChunk<int>({1}));
+  a.setAttribute("Model", makeChunk<std::string>({"X"}));
+  EXPECT_EQ((*a.getAttributeAs<int>("RDB_Segment"))[0], 1);
+  EXPECT_TRUE(a.getAttributeAs<double>("RDB_Segment").isEmpty());
+  EXPECT_TRUE(a.getAttribute("missing").isEmpty());
+
+  a.touch();
+  Attributes copy = a;
+  EXPECT_EQ(copy.age(), a.age());
+  EXPECT_EQ(copy.names(), (std::vector<std::string>{"Model", "RDB_Segment"}));
+  const auto before = Ageable::GlobalTime.load();
+  copy.touch();
+  EXPECT_GT(copy.age(), before);
+}
+
+TEST(MemArray, OffsetStrideAccessorAndTwoDimensions) {
+  auto plain = quillo::test::makeArray<double>({1.0, 2.0, 3.0});
+  EXPECT_EQ(plain->get(2), 3.0);
+  EXPECT_NE(plain->contiguousData(), nullptr);
+
+  auto strided = quillo::test::makeStridedArray<double>({4.0, 5.0, 6.0}, 2, 3, -1.0);
+  EXPECT_EQ(strided->size(), 3u);
+  EXPECT_EQ(strided->get(0), 4.0);
+  EXPECT_EQ(strided->get(2), 6.0);
+  EXPECT_EQ(strided->contiguousData(), nullptr);
+  strided->set(1, 9.0);
+  EXPECT_EQ(strided->get(1), 9.0);
+  std::vector<double> out(3);
+  strided->copyOut(out.data());
+  EXPECT_EQ(out, (std::vector<double>{4.0, 9.0, 6.0}));
+
+  MemArray<1, float> computed({4}, [](std::size_t k) { return float(k * k); });
+  EXPECT_EQ(computed.get(3), 9.0f);
+
+  MemArray<2, unsigned short> wave({3, 2});  // 3 samples per waveform, 2 waveforms
+  EXPECT_EQ(wave.size(), 6u);
+  wave.set(1 * 3 + 2, 42);
+  EXPECT_EQ(wave.get(2, 1), 42);
+  EXPECT_EQ(wave.extent(0), 3u);
+  EXPECT_EQ(wave.extent(1), 2u);
+}
+
+TEST(Grid, RepresentationsFieldsAndFragments) {
+  auto bundle = BundlePtr::make();
+  auto slice = (*bundle.create())[0.0];
+  auto grid = slice->makeGrid("FWF");
+  EXPECT_EQ((*slice)("FWF"), grid);
+  EXPECT_TRUE((*slice)("Shots").isEmpty());
+
+  auto rep = grid->makeCartesianRepresentation(3, "ScannerCoordinateSystem", 0);
+  EXPECT_EQ(grid->makeCartesianRepresentation(3, "ScannerCoordinateSystem", 0), rep);
+  quillo::test::storeFragment(*rep, "GPSTime", "Fragment_0", quillo::test::makeArray<double>({1, 2}));
+  quillo::test::storeFragment(*rep, "GPSTime", "Fragment_10", quillo::test::makeArray<double>({3}));
+
+  auto field = (*grid)("GPSTime", "");
+  ASSERT_TRUE(field);
+  EXPECT_EQ(field->getNumberOfFragments(), 2u);
+  auto id = field->getFragmentIDCollection()->findFragmentIDByName("Fragment_10");
+  ASSERT_TRUE(id);
+  EXPECT_TRUE(field->getFragmentIDCollection()->findFragmentIDByName("Fragment_1").isEmpty());
+  auto creator = field->getCreator(id);
+  ASSERT_TRUE(creator);
+  auto data = dynamicPtrCast<MemArray<1, double>>(creator->heldData());
+  ASSERT_TRUE(data);
+  EXPECT_EQ(data->get(0), 3.0);
+
+  auto chart = grid->findCartesianChart("ScannerCoordinateSystem");
+  auto skel = grid->getSkeletonMap().findVertices(-1);
+  EXPECT_EQ(grid->getField(chart, "GPSTime", skel), field);
+  EXPECT_TRUE(grid->getField(chart, "Positions", skel).isEmpty());
+  EXPECT_TRUE(rep->findField(rep->findFieldID("nope")).isEmpty());
+
+  auto range = getFragmentRange(*creator, false, false, {});
+  ASSERT_TRUE(range);
+  EXPECT_EQ(range->min[0], 3.0);
+  auto box = getBoundingBox(field);
+  ASSERT_TRUE(box);
+  EXPECT_EQ(box->min[0], 1.0);
+  EXPECT_EQ(box->max[0], 3.0);
+}
+
+TEST(Bundle, SliceLookupTakesNearestTime) {
+  Bundle b;
+  double t = 0.0;
+  EXPECT_TRUE(b(t).isEmpty());
+  auto s = b[2.0];
+  t = 0.0;
+  EXPECT_EQ(b(t), s);
+  EXPECT_EQ(t, 2.0);
+}
