@@ -1,0 +1,129 @@
+// The per-run store. Built once per run from the input bundle and the run parameters, it
+// holds the input grids, the current fragment's arrays and waves, the per-wave zone state
+// and the output field slots, and answers the shot-geometry and travel-time queries. The
+// stages are free functions that read and write its members directly.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "run/Export.hpp"
+#include "run/Input.hpp"
+#include "store/FieldSlot.hpp"
+#include "store/GridContainer.hpp"
+#include "waveform/ScannerDevice.hpp"
+#include "waveform/WavePoints.hpp"
+
+namespace FullWaveform {
+
+// Marks a travel time that does not exist or is not acceptable.
+inline constexpr double NO_LENGTH = 9999999.0;
+
+// A shot of an earlier fragment that a zone walk reached: kept so that a wave near the start
+// of its fragment keeps its true shot time, origin and direction.
+struct CarriedShot {
+  double time = 0.0;
+  Gemwold::PhysicalSpace::point position;
+  Gemwold::PhysicalSpace::vector direction;
+};
+
+template <class T>
+class QUILLO_API FatBoy {
+ public:
+  using ShotTimeIndex = std::map<double, std::uint32_t>;
+  using WavePtr = Vorlap::StrongPtr<WavePoints<T>>;
+
+  // shotIndex values with this bit set name an entry of carriedShots, not a local shot.
+  static constexpr std::uint32_t kCarriedShotBit = 0x80000000u;
+  // How many of the previous fragment's last shots stay reachable for zone walks.
+  static constexpr std::size_t kCarriedShotCount = 32;
+
+  FatBoy(Tessal::BundlePtr& bundle, const Input& input);
+  FatBoy(const FatBoy&) = delete;
+  FatBoy& operator=(const FatBoy&) = delete;
+
+  bool operator()() const { return valid; }
+
+  // Makes fragment `fragNr` the current one; false when its data are incomplete.
+  bool ini(const unsigned& fragNr);
+
+  double getShotTime(const unsigned& i) const;
+  Gemwold::PhysicalSpace::point getBeamCoords(const unsigned& i) const;
+  Gemwold::PhysicalSpace::vector getDir(const unsigned& i) const;
+  double getLength(const unsigned& i, const double& t) const;
+  void getLengthAccordingMTA(const unsigned& i, const int& dir, const unsigned& n,
+                             const double& maxLength, double* out, const double& threshold) const;
+  int getMTA(const unsigned& i) const { return mta[i]; }
+  bool isCertainMTA(const unsigned& i) const { return certainMTA[i]; }
+
+  bool iniMTA();
+  void setMTA(const unsigned& i, const int& zone, const double& ratio);
+
+  // Per-zone report (zones 0 to 7) of the current fragment.
+  std::string printHist();
+
+  // Sizes a new array for every output field that this run writes.
+  void iniPointCloud(const std::vector<std::uint32_t>& waveIndices);
+  // Stores the filled arrays as the current fragment of the representation's fields.
+  void save(Tessal::Representation& representation);
+  std::uint32_t nPoints = 0;
+
+  const Input* input = nullptr;
+  Vorlap::StrongPtr<GridContainer<OPP_Data>> OPP;
+  Vorlap::StrongPtr<GridContainer<FWF_Data>> FWF;
+  Vorlap::StrongPtr<GridContainer<SHOT_Data>> SHOT;
+  std::uint32_t nFragments = 0;
+  std::string fragmentName;
+  ScannerDevice scannerDevice;
+  bool valid = false;
+  std::vector<WavePtr> wavePoints;
+  std::vector<std::int32_t> fwfIndex;
+  std::uint32_t nWaves = 0;
+  ShotTimeIndex shotTimeIndex;
+  ShotTimeIndex::const_iterator firstShot;
+  ShotTimeIndex::const_iterator lastShot;
+  ShotTimeIndex::const_iterator shotEnd;
+  std::uint32_t nShots = 0;
+  std::vector<std::int32_t> mta;
+  std::vector<std::uint32_t> shotIndex;
+  std::vector<bool> certainMTA;
+  std::vector<std::uint32_t> zoneHist;
+  double maxTravelTime = 0.0;
+  std::vector<std::vector<std::uint32_t>> transitionTables;
+
+  // The first fifteen output slots, built as a whole.
+  struct PointFieldSlots {
+    FieldSlot<std::uint32_t> PointID;
+    FieldSlot<float> Reflectance;
+    FieldSlot<std::int16_t> ScanAngleRank;
+    FieldSlot<std::uint16_t> FWFLength;
+    FieldSlot<float> WaveformPositionIndex;
+    FieldSlot<std::uint16_t, 2> Waveforms;
+    FieldSlot<std::uint8_t> NumberOfReturns;
+    FieldSlot<std::uint8_t> ReturnNumber;
+    FieldSlot<Gemwold::PhysicalSpace::vector> DirectionDelta;  // "Waveforms.DirectionDelta"
+    FieldSlot<std::uint8_t> PointType;
+    FieldSlot<std::uint8_t> Classification;
+    FieldSlot<float> Damping;
+    FieldSlot<double> PulseWidth;
+    FieldSlot<double> Range;
+    FieldSlot<float> Amplitude;
+  } pointSlots;
+  FieldSlot<std::uint8_t> slotScannerChannel;
+  FieldSlot<std::uint8_t> slotMTA;
+  FieldSlot<std::int32_t> slotWaveID;
+  FieldSlot<Gemwold::PhysicalSpace::point> slotPositions;
+  FieldSlot<double> slotGPSTime;
+
+  // Shots of the previous fragment reachable by zone walks (see kCarriedShotBit), and the
+  // tail of the current fragment that the next fragment will carry.
+  std::vector<CarriedShot> carriedShots;
+  std::vector<CarriedShot> pendingCarry;
+
+ private:
+  bool resolveShot(std::uint32_t s, CarriedShot& out) const;
+};
+
+}  // namespace FullWaveform

@@ -1,0 +1,96 @@
+// Shot geometry and travel-time queries of one wave. Reads the Shots arrays through their
+// offset and stride, the shot-time index and the per-wave zone state; allocates nothing.
+// A shot index with kCarriedShotBit names a shot of the previous fragment that a zone walk
+// reached; any other index not below nShots has the neutral answers.
+#include <cmath>
+
+#include "store/FatBoy.hpp"
+
+namespace FullWaveform {
+
+using Gemwold::PhysicalSpace::point;
+using Gemwold::PhysicalSpace::vector;
+
+template <class T>
+bool FatBoy<T>::resolveShot(std::uint32_t s, CarriedShot& out) const {
+  if (s < nShots) {
+    const auto& a = SHOT->arrays;
+    if (!a.GPSTime || !a.Positions || !a.DirectionDelta) return false;
+    out.time = a.GPSTime->get(s);
+    out.position = a.Positions->get(s);
+    out.direction = a.DirectionDelta->get(s);
+    return true;
+  }
+  if ((s & kCarriedShotBit) == 0) return false;
+  const std::uint32_t j = s & ~kCarriedShotBit;
+  if (j >= carriedShots.size()) return false;
+  out = carriedShots[j];
+  return true;
+}
+
+template <class T>
+double FatBoy<T>::getShotTime(const unsigned& i) const {
+  CarriedShot shot;
+  if (i >= shotIndex.size() || !resolveShot(shotIndex[i], shot)) return 0.0;
+  return shot.time;
+}
+
+template <class T>
+point FatBoy<T>::getBeamCoords(const unsigned& i) const {
+  CarriedShot shot;
+  if (i >= shotIndex.size() || !resolveShot(shotIndex[i], shot)) return point{};
+  return shot.position;
+}
+
+template <class T>
+vector FatBoy<T>::getDir(const unsigned& i) const {
+  CarriedShot shot;
+  if (i >= shotIndex.size() || !resolveShot(shotIndex[i], shot)) return vector{};
+  return shot.direction;
+}
+
+template <class T>
+double FatBoy<T>::getLength(const unsigned& i, const double& t) const {
+  if (i >= wavePoints.size() || !wavePoints[i]) return NO_LENGTH;
+  if (i >= mta.size() || mta[i] < 0) return NO_LENGTH;
+  CarriedShot shot;
+  if (!resolveShot(shotIndex[i], shot)) return NO_LENGTH;
+  return (wavePoints[i]->waveTime + t - shot.time) * 0.5;
+}
+
+template <class T>
+void FatBoy<T>::getLengthAccordingMTA(const unsigned& i, const int& dir, const unsigned& n,
+                                      const double& maxLength, double* out,
+                                      const double& threshold) const {
+  if (i >= wavePoints.size() || !wavePoints[i] || shotTimeIndex.empty()) return;
+  const auto& wave = *wavePoints[i];
+  auto it = shotTimeIndex.lower_bound(wave.waveTime);
+  if (it == shotEnd || it->first != wave.waveTime) return;
+  if (dir < 0) {
+    if (it == firstShot) return;
+    --it;
+  } else if (dir > 0) {
+    if (it == lastShot) return;
+    ++it;
+  }
+  if (n == 0) return;
+  const bool amplitudeFails =
+      !wave.amplitudeExempt && !(static_cast<double>(wave.amplitude) >= threshold);
+  for (unsigned k = 0;; ++k) {
+    const double length = (wave.waveTime + wave.timeOffset - it->first) * 0.5;
+    out[k] = (length > maxLength || amplitudeFails) ? NO_LENGTH : length;
+    if (it == firstShot || k + 1 == n) return;
+    --it;
+  }
+}
+
+template double FatBoy<unsigned short>::getShotTime(const unsigned&) const;
+template point FatBoy<unsigned short>::getBeamCoords(const unsigned&) const;
+template vector FatBoy<unsigned short>::getDir(const unsigned&) const;
+template double FatBoy<unsigned short>::getLength(const unsigned&, const double&) const;
+template void FatBoy<unsigned short>::getLengthAccordingMTA(const unsigned&, const int&,
+                                                            const unsigned&, const double&, double*,
+                                                            const double&) const;
+template bool FatBoy<unsigned short>::resolveShot(std::uint32_t, CarriedShot&) const;
+
+}  // namespace FullWaveform

@@ -1,0 +1,111 @@
+// Wave extraction. Reads the fragment's FWF and OPP arrays, the scanner description and the
+// run's detection parameters; writes wavePoints and fwfIndex.
+#include "store/WaveExtraction.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
+#include <limits>
+#include <map>
+
+#include "store/FragmentLoading.hpp"
+#include "waveform/OnlineEvaluation.hpp"
+#include "waveform/PeakDetection.hpp"
+
+namespace FullWaveform {
+
+namespace {
+
+// Channel 0 is the high-gain receiver: above this it is saturated and the low-gain
+// channel's wave of the same shot is the one to keep.
+constexpr unsigned short kHighGainSaturation = 1800;
+
+// Truncates toward zero into the detector's integer range (NaN gives 0).
+std::int32_t noiseLevelArgument(double level) {
+  if (std::isnan(level)) return 0;
+  const double lo = std::numeric_limits<std::int32_t>::min();
+  const double hi = std::numeric_limits<std::int32_t>::max();
+  return static_cast<std::int32_t>(std::trunc(std::clamp(level, lo, hi)));
+}
+
+std::string detectPeaks(FatBoy<unsigned short>& fb, WaveList& out) {
+  const auto& a = fb.FWF->arrays;
+  const auto samples = static_cast<std::uint32_t>(a.Waveforms->extent(0));
+  auto id = findFragmentID(*fb.SHOT, "Positions");
+  const std::string fragment = id ? id->getName() : std::string();
+  PeakDetectionFamily<unsigned short> detector(
+      fb.input->fwfModus, fb.scannerDevice, fb.input->peakDetectionPath,
+      std::filesystem::path(fb.input->inputFileName), samples);
+  if (!detector.errorText().empty()) return detector.errorText();
+  out = detector.apply(a.Waveforms, a.FWFLength, a.GPSTime, a.SBL_Time, a.Channel,
+                       noiseLevelArgument(fb.input->noiseLevel), fragment);
+  return "";
+}
+
+WaveList evaluateOnline(FatBoy<unsigned short>& fb) {
+  const auto& a = fb.OPP->arrays;
+  OnlineEvaluation<unsigned short> online(fb.scannerDevice);
+  return online.apply(a.GPSTime, a.Range, a.Amplitude, a.Channel, a.Reflectance);
+}
+
+}  // namespace
+
+std::string iniWavePoints(FatBoy<unsigned short>& fb) {
+  WaveList fromWaveforms, online;
+  if (fb.FWF) {
+    std::string error = detectPeaks(fb, fromWaveforms);
+    if (!error.empty()) return error;
+  }
+  if (fb.OPP) online = evaluateOnline(fb);
+  if (fb.FWF && fb.OPP) {
+    mergeWavePoints(fb, online, fromWaveforms);
+  } else if (fb.FWF) {
+    fb.wavePoints = std::move(fromWaveforms);
+    fb.fwfIndex.resize(fb.wavePoints.size());
+    for (std::size_t k = 0; k < fb.fwfIndex.size(); ++k) fb.fwfIndex[k] = std::int32_t(k);
+  } else if (fb.OPP) {
+    fb.wavePoints = std::move(online);
+    fb.fwfIndex.assign(fb.wavePoints.size(), -1);
+  }
+  return "";
+}
+
+void mergeWavePoints(FatBoy<unsigned short>& fb, const WaveList& online,
+                     const WaveList& fromWaveforms) {
+  struct Entry {
+    std::uint32_t source;
+    bool fromWaveforms;
+  };
+  std::map<double, std::vector<Entry>> byTime;
+  // A NaN time cannot be ordered (nor match a shot): such waves go last, in input order.
+  std::vector<Entry> unordered;
+  std::size_t count = 0;
+  auto add = [&](double time, Entry e) {
+    (std::isnan(time) ? unordered : byTime[time]).push_back(e);
+    ++count;
+  };
+  for (std::uint32_t j = 0; j < fromWaveforms.size(); ++j) {
+    const auto& w = fromWaveforms[j];
+    if (!w) continue;
+    if (w->channel == 0 && w->getMaxAmplitude() > kHighGainSaturation) continue;
+    add(w->waveTime, {j, true});
+  }
+  for (std::uint32_t j = 0; j < online.size(); ++j) {
+    if (!online[j]) continue;
+    add(online[j]->waveTime, {j, false});
+  }
+  fb.wavePoints.resize(count);
+  fb.fwfIndex.assign(count, -1);
+  std::size_t k = 0;
+  auto place = [&](const Entry& e) {
+    fb.wavePoints[k] = e.fromWaveforms ? fromWaveforms[e.source] : online[e.source];
+    if (e.fromWaveforms) fb.fwfIndex[k] = std::int32_t(e.source);
+    ++k;
+  };
+  for (const auto& [time, entries] : byTime) {
+    for (const auto& e : entries) place(e);
+  }
+  for (const auto& e : unordered) place(e);
+}
+
+}  // namespace FullWaveform

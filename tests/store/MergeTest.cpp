@@ -1,0 +1,56 @@
+// Merging of waveform and online waves into one list ordered by wave time.
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "store/WaveExtraction.hpp"
+#include "support/InputBundles.hpp"
+#include "support/Waves.hpp"
+
+using namespace FullWaveform;
+using namespace quillo::test;
+
+namespace {
+
+struct MergeFixture : ::testing::Test {
+  Tessal::BundlePtr bundle = makeShotsBundle({{{1, 2, 3}}});
+  Input input;
+  FatBoy<unsigned short> fb{bundle, input};
+};
+
+WavePtr wave(double time, std::uint8_t channel = 1, unsigned short maxSample = 100) {
+  return makeWave({time, 1e-6, 100.f, channel, false, maxSample});
+}
+
+}  // namespace
+
+TEST_F(MergeFixture, OrdersByTimeWaveformsFirstAndKeepsInsertionOrder) {
+  WaveList fromWaveforms = {wave(3.0), wave(1.0), WavePtr(), wave(2.0)};
+  WaveList online = {wave(2.0, 5), wave(0.5), wave(2.0, 6)};
+  mergeWavePoints(fb, online, fromWaveforms);
+  ASSERT_EQ(fb.wavePoints.size(), 6u);
+  EXPECT_EQ(fb.wavePoints[0], online[1]);
+  EXPECT_EQ(fb.wavePoints[1], fromWaveforms[1]);
+  EXPECT_EQ(fb.wavePoints[2], fromWaveforms[3]);  // same time: waveform wave first
+  EXPECT_EQ(fb.wavePoints[3], online[0]);         // then the online ones in their order
+  EXPECT_EQ(fb.wavePoints[4], online[2]);
+  EXPECT_EQ(fb.wavePoints[5], fromWaveforms[0]);
+  EXPECT_EQ(fb.fwfIndex, (std::vector<std::int32_t>{-1, 1, 3, -1, -1, 0}));
+}
+
+TEST_F(MergeFixture, DropsSaturatedHighGainWavesOnly) {
+  WaveList fromWaveforms = {wave(1.0, 0, 1800), wave(2.0, 0, 1801), wave(3.0, 1, 60000)};
+  mergeWavePoints(fb, {}, fromWaveforms);
+  ASSERT_EQ(fb.wavePoints.size(), 2u);
+  EXPECT_EQ(fb.wavePoints[0], fromWaveforms[0]);
+  EXPECT_EQ(fb.wavePoints[1], fromWaveforms[2]);
+  EXPECT_EQ(fb.fwfIndex, (std::vector<std::int32_t>{0, 2}));
+}
+
+TEST_F(MergeFixture, NaNTimesGoLastInsteadOfBreakingTheOrder) {
+  WaveList fromWaveforms = {wave(std::nan("")), wave(1.0)};
+  mergeWavePoints(fb, {wave(0.5)}, fromWaveforms);
+  ASSERT_EQ(fb.wavePoints.size(), 3u);
+  EXPECT_EQ(fb.wavePoints[2], fromWaveforms[0]);
+  EXPECT_EQ(fb.fwfIndex[2], 0);
+}

@@ -1,0 +1,115 @@
+// Block scoring and transition detection on waves with chosen travel times.
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "support/StoreFixture.hpp"
+#include "zones/BlockScoring.hpp"
+
+using namespace FullWaveform;
+using namespace quillo::test;
+
+namespace {
+
+// Every wave recorded at shot time 0.0, so its zone-0 travel time is exactly offset / 2.
+std::vector<WavePtr> wavesWithLengths(const std::vector<double>& lengths) {
+  std::vector<WavePtr> waves;
+  for (double l : lengths) waves.push_back(makeWave({0.0, 2.0 * l}));
+  waves.push_back(makeWave({0.0, 1e-7}));  // the last wave never takes part
+  return waves;
+}
+
+std::vector<std::uint32_t> firstN(std::uint32_t n) {
+  std::vector<std::uint32_t> b(n);
+  for (std::uint32_t k = 0; k < n; ++k) b[k] = k;
+  return b;
+}
+
+const ShotFragment kShots{{0.0, 1.0e-6, 2.0e-6, 3.0e-6}};
+
+}  // namespace
+
+TEST(BlockScoring, MeanSquaredStepOfValidEntries) {
+  StoreFixture s(kShots);
+  auto waves = wavesWithLengths({1.0e-6, 5.0e-7, 1.2e-6, 1.1e-6});
+  waves[1]->amplitude = 1.0f;  // below minAmplitude: no candidate
+  ASSERT_TRUE(s.setWaves(waves));
+  ZoneScore score = scoreMTAZones(firstN(4), 0, 1, s.fb(), std::vector<std::int32_t>(4, 0));
+  EXPECT_EQ(score.zone, 0);
+  EXPECT_NEAR(score.score, 2.5e-14, 1e-26);
+  EXPECT_NEAR(score.ratio, 2.5e-14 / 1.0e9, 1e-35);
+  EXPECT_EQ(score.at(1, 0), NO_LENGTH);
+}
+
+TEST(BlockScoring, TiesGoToTheLowerZoneAndEmptyRangesGiveNoZone) {
+  // Dyadic times keep every travel time exact: with even shot spacing all zones tie.
+  const double step = std::ldexp(1.0, -20);
+  StoreFixture s({{0.0, step, 2 * step, 3 * step}});
+  std::vector<WavePtr> waves;
+  for (int k = 0; k < 4; ++k)
+    waves.push_back(makeWave({3 * step, std::ldexp(1.0, -21) + k * std::ldexp(1.0, -24)}));
+  ASSERT_TRUE(s.setWaves(waves));
+  ZoneScore score = scoreMTAZones(firstN(3), 0, 4, s.fb(), std::vector<std::int32_t>(3, 0));
+  EXPECT_EQ(score.zone, 0);
+  EXPECT_GT(score.score, 0.0);
+  EXPECT_EQ(score.ratio, score.score / 1.0e9);
+  ZoneScore later = scoreMTAZones(firstN(3), 2, 4, s.fb(), std::vector<std::int32_t>(3, 0));
+  EXPECT_EQ(later.zone, 2);
+  EXPECT_EQ(later.score, score.score);
+
+  ZoneScore none = scoreMTAZones(firstN(3), 2, 2, s.fb(), std::vector<std::int32_t>(3, 0));
+  EXPECT_EQ(none.zone, -1);
+  EXPECT_EQ(none.score, 1.0e9);
+  EXPECT_EQ(none.ratio, 0.0);
+  EXPECT_EQ(scoreMTAZones({}, 0, 4, s.fb(), {}).zone, -1);
+}
+
+TEST(BlockScoring, FewerThanTwoValidWavesScoreZero) {
+  StoreFixture s(kShots);
+  ASSERT_TRUE(s.setWaves(wavesWithLengths({1.0e-6, 1.1e-6, 1.2e-6})));
+  const std::vector<std::uint32_t> buffer{0, 0xFFFFFFFFu, 3};
+  BlockResult r = evaluateBlockMTA(buffer, 0, s.fb(), 1, 3);
+  EXPECT_EQ(r.zone, 1);
+  EXPECT_EQ(r.ratio, 0.0);
+  // The unknown entry and the fragment's last wave get no zone.
+  EXPECT_EQ(r.zones[1], -1);
+  EXPECT_EQ(r.zones[2], -1);
+}
+
+TEST(BlockScoring, TransitionShiftsTheEntriesBelowTheGap) {
+  StoreFixture s(kShots);
+  ASSERT_TRUE(s.setWaves(wavesWithLengths({3.0e-7, 1.0e-8, 3.1e-7, 2.0e-8})));
+  auto shift = mtaTransition(firstN(4), 0, s.fb(), 0, 3);
+  EXPECT_EQ(shift, (std::vector<std::int32_t>{0, -1, 0, -1}));
+}
+
+TEST(BlockScoring, GapOfExactlyAFifthZoneIsNoTransition) {
+  StoreFixture s(kShots);
+  const double fifth = 0.2 * s.fb().scannerDevice.getMTALengthAsTime();
+  ASSERT_TRUE(s.setWaves(wavesWithLengths({0.0, fifth})));
+  EXPECT_EQ(mtaTransition(firstN(2), 0, s.fb(), 0, 3), (std::vector<std::int32_t>{0, 0}));
+  ASSERT_TRUE(s.setWaves(wavesWithLengths({0.0, std::nextafter(fifth, 1.0)})));
+  EXPECT_EQ(mtaTransition(firstN(2), 0, s.fb(), 0, 3), (std::vector<std::int32_t>{-1, 0}));
+}
+
+TEST(BlockScoring, ChosenZoneMapsBackThroughTheShift) {
+  // Shots 1 us apart with the spacing varying: only the true zone is smooth.
+  ShotFragment shots;
+  double t = 0.0;
+  for (int k = 0; k < 40; ++k, t += 1.0e-6 * (1.0 + 0.03 * std::sin(k * 1.7)))
+    shots.times.push_back(t);
+  StoreFixture s(shots);
+  std::vector<WavePtr> waves;
+  // True emission 2 shots before the recording shot, travel time about 1.2 us.
+  for (int k = 4; k < 30; ++k) {
+    const double emitted = shots.times[k - 2];
+    const double arrival = emitted + 2 * (1.2e-6 + 1e-9 * k);
+    waves.push_back(makeWave({shots.times[k], arrival - shots.times[k]}));
+  }
+  ASSERT_TRUE(s.setWaves(waves));
+  BlockResult r = evaluateBlockMTA(firstN(std::uint32_t(waves.size())), 0, s.fb(), 0, 5);
+  EXPECT_EQ(r.zone, 2);
+  EXPECT_LT(r.ratio, 0.98);
+  EXPECT_EQ(r.zones[0], 2);
+  EXPECT_EQ(r.zones.back(), -1);
+}

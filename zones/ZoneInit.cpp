@@ -1,0 +1,103 @@
+// Zone state of a fragment: iniMTA extends the run-long shot-time index and gives every
+// wave zone 0, its recording shot and certainty; setMTA is the one writer of zones. Reads
+// the waves and the Shots arrays; writes nWaves, shotTimeIndex, mta, shotIndex, certainMTA,
+// maxTravelTime and the carried shots.
+#include <algorithm>
+#include <cmath>
+
+#include "zones/ZoneInit.hpp"
+
+namespace FullWaveform {
+
+namespace {
+
+// The last shots of a fragment, in time order, for walks that start in the next fragment.
+std::vector<CarriedShot> tailOf(const SHOT_Data& a, std::size_t count) {
+  std::vector<CarriedShot> tail;
+  const std::size_t n = a.GPSTime->size();
+  for (std::size_t s = n - std::min(n, count); s < n; ++s)
+    tail.push_back({a.GPSTime->get(s), a.Positions->get(s), a.DirectionDelta->get(s)});
+  return tail;
+}
+
+}  // namespace
+
+template <class T>
+bool FatBoy<T>::iniMTA() {
+  nWaves = static_cast<std::uint32_t>(wavePoints.size());
+  if (nWaves <= 2) return false;
+  const auto& times = *SHOT->arrays.GPSTime;
+  const std::size_t count = times.size();
+  for (std::size_t s = 0; s < count; ++s) {
+    // A NaN time cannot be ordered in the index, and no wave could match it.
+    const double t = times.get(s);
+    if (!std::isnan(t)) shotTimeIndex[t] = static_cast<std::uint32_t>(s);
+  }
+  carriedShots = std::move(pendingCarry);
+  pendingCarry = tailOf(SHOT->arrays, kCarriedShotCount);
+  if (shotTimeIndex.size() < 3) return false;
+  certainMTA.assign(nWaves, true);
+  mta.assign(nWaves, 0);
+  shotIndex.resize(nWaves);
+  for (std::uint32_t i = 0; i < nWaves; ++i) shotIndex[i] = i;
+  for (std::uint32_t i = 0; i < nWaves; ++i) {
+    if (!wavePoints[i]) continue;
+    auto it = shotTimeIndex.find(wavePoints[i]->waveTime);
+    if (it != shotTimeIndex.end()) shotIndex[i] = it->second;
+  }
+  firstShot = shotTimeIndex.cbegin();
+  lastShot = std::prev(shotTimeIndex.cend());
+  shotEnd = shotTimeIndex.cend();
+  nShots = static_cast<std::uint32_t>(count);
+  maxTravelTime = scannerDevice.getMTALengthAsTime() * 9.0;
+  return true;
+}
+
+template <class T>
+void FatBoy<T>::setMTA(const unsigned& i, const int& zone, const double& ratio) {
+  const double t = wavePoints[i] ? wavePoints[i]->waveTime : 0.0;
+  if (zone < 0) {
+    mta[i] = zone;
+    return;
+  }
+  auto it = shotTimeIndex.lower_bound(t);
+  const bool found = it != shotEnd && it->first == t;
+  if (!(ratio < 0.98)) certainMTA[i] = false;
+  if (!found) {
+    mta[i] = -1;
+    return;
+  }
+  for (int step = 0; step < zone; ++step) {
+    if (it == firstShot) {
+      mta[i] = -1;
+      return;
+    }
+    --it;
+  }
+  mta[i] = zone;
+  // The entry may belong to an earlier fragment: refer to its carried copy, so that no
+  // query reads this fragment's arrays with another fragment's index.
+  const auto& times = *SHOT->arrays.GPSTime;
+  if (it->second < nShots && times.get(it->second) == it->first) {
+    shotIndex[i] = it->second;
+    return;
+  }
+  shotIndex[i] = ~0u;
+  for (std::size_t j = 0; j < carriedShots.size(); ++j) {
+    if (carriedShots[j].time == it->first) shotIndex[i] = kCarriedShotBit | std::uint32_t(j);
+  }
+}
+
+std::string removeNearRangeWaves(FatBoy<unsigned short>& fatBoy) {
+  const double limit = fatBoy.scannerDevice.minTimeOffset;
+  for (auto& wave : fatBoy.wavePoints) {
+    if (!wave) continue;
+    if (wave->size() == 0 || (-limit < wave->timeOffset && wave->timeOffset < limit)) wave.reset();
+  }
+  return "";
+}
+
+template bool FatBoy<unsigned short>::iniMTA();
+template void FatBoy<unsigned short>::setMTA(const unsigned&, const int&, const double&);
+
+}  // namespace FullWaveform

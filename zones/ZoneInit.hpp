@@ -1,0 +1,14 @@
+// Zone initialisation stages that the driver runs right after wave extraction.
+#pragma once
+
+#include <string>
+
+#include "store/FatBoy.hpp"
+
+namespace FullWaveform {
+
+// Releases waves without points and waves whose echo lies inside the scanner's near range
+// (|timeOffset| < minTimeOffset). Always returns the empty text.
+std::string removeNearRangeWaves(FatBoy<unsigned short>& fatBoy);
+
+}  // namespace FullWaveform
