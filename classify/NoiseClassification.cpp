@@ -1,0 +1,71 @@
+// Noise classification. Reads zones, travel times and echoes; releases wave slots, removes
+// duplicate online echoes and sets the noise classification.
+#include "classify/NoiseClassification.hpp"
+
+#include <cmath>
+#include <map>
+
+namespace FullWaveform {
+
+namespace {
+
+void dropUnusableAndMarkNearRange(FatBoy<unsigned short>& fb) {
+  for (std::uint32_t i = 0; i < fb.nWaves; ++i) {
+    auto& wave = fb.wavePoints[i];
+    if (!wave) continue;
+    const double length = fb.getLength(i, wave->timeOffset);
+    if (fb.getMTA(i) < 0 || length > fb.maxTravelTime || length == NO_LENGTH || length < 0.0) {
+      wave.reset();
+      continue;
+    }
+    if (length < kNearRangeLimit) wave->setClassification(Quorvane::DrelmClass::noise);
+  }
+}
+
+// The echo's own one-way travel time from its emitting shot.
+double echoTravelTime(const EchoPoint& e, const WavePoints<unsigned short>& w, double length) {
+  return (e.time - w.timeOffset) * 0.5 + length;
+}
+
+// Removes the echoes of online wave o that coincide with an echo of waveform wave f.
+void removeDuplicates(FatBoy<unsigned short>& fb, std::uint32_t o, std::uint32_t f, double lo) {
+  auto& online = *fb.wavePoints[o];
+  const auto& full = *fb.wavePoints[f];
+  const double lf = fb.getLength(f, full.timeOffset);
+  for (const auto& ef : full.echoes) {
+    const double pf = echoTravelTime(ef, full, lf);
+    std::erase_if(online.echoes, [&](const EchoPoint& eo) {
+      return std::abs(echoTravelTime(eo, online, lo) - pf) < kCoincidenceTolerance;
+    });
+    if (online.echoes.empty()) return;
+  }
+}
+
+void removeDuplicateOnlineEchoes(FatBoy<unsigned short>& fb) {
+  std::map<double, std::vector<std::uint32_t>> byShot;
+  for (std::uint32_t f = 0; f < fb.nWaves; ++f) {
+    const auto& w = fb.wavePoints[f];
+    if (w && !w->amplitudeExempt) byShot[fb.getShotTime(f)].push_back(f);
+  }
+  for (std::uint32_t o = 0; o < fb.nWaves; ++o) {
+    auto& w = fb.wavePoints[o];
+    if (!w || !w->amplitudeExempt) continue;
+    auto group = byShot.find(fb.getShotTime(o));
+    if (group == byShot.end()) continue;
+    const double lo = fb.getLength(o, w->timeOffset);
+    for (std::uint32_t f : group->second) {
+      if (w->echoes.empty()) break;
+      removeDuplicates(fb, o, f, lo);
+    }
+    if (w->echoes.empty()) w.reset();
+  }
+}
+
+}  // namespace
+
+void classifyNoise(FatBoy<unsigned short>& fb) {
+  dropUnusableAndMarkNearRange(fb);
+  if (fb.FWF && fb.OPP) removeDuplicateOnlineEchoes(fb);
+}
+
+}  // namespace FullWaveform

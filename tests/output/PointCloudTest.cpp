@@ -1,0 +1,148 @@
+// Point-cloud assembly, output fields and attributes on hand-made waves.
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "output/OutputAttributes.hpp"
+#include "output/PointCloud.hpp"
+#include "support/InputBundles.hpp"
+#include "support/StoreFixture.hpp"
+
+using namespace FullWaveform;
+using namespace quillo::test;
+
+namespace {
+
+// Shots 1 us apart from t = 1; waves recorded at shots 1, 2, ... with echoes at `echoTimes`.
+struct CloudFixture : ::testing::Test {
+  CloudFixture() : s(shots()) {}
+  static ShotFragment shots() {
+    ShotFragment f;
+    for (int k = 0; k < 10; ++k) f.times.push_back(1.0 + k * 1e-6);
+    f.directions.assign(10, {0.0, 1.0, -1.0});
+    return f;
+  }
+  WavePtr waveAt(int shot, std::vector<double> echoes) {
+    return makeWave({1.0 + shot * 1e-6, echoes.front(), 100.f, 1, false, 100, echoes});
+  }
+  Vorlap::StrongPtr<Tessal::Grid> grid = Vorlap::makeStrong<Tessal::Grid>("FWF");
+  std::uint32_t ids = 0;
+  StoreFixture s;
+};
+
+Vorlap::StrongPtr<Tessal::Field> fieldOf(const Vorlap::StrongPtr<Tessal::Grid>& g,
+                                         const std::string& n) {
+  return (*g)(n, "ScannerCoordinateSystem");
+}
+
+template <class T>
+Vorlap::StrongPtr<Tessal::MemArray<1, T>> fragmentData(const Vorlap::StrongPtr<Tessal::Grid>& g,
+                                                       const std::string& n) {
+  auto f = fieldOf(g, n);
+  if (!f) return {};
+  auto id = f->getFragmentIDCollection()->findFragmentIDByName("Fragment_0");
+  return Vorlap::dynamicPtrCast<Tessal::MemArray<1, T>>(f->getCreator(id)->heldData());
+}
+
+}  // namespace
+
+TEST_F(CloudFixture, ReturnNumbersByRangeWithinAShot) {
+  ASSERT_TRUE(s.setWaves({waveAt(1, {2e-6 + 2 * 12.0 / 3e8}), waveAt(1, {2e-6 + 2 * 10.0 / 3e8}),
+                          waveAt(3, {2e-6, 2e-6}), waveAt(4, {1e-6})}));
+  s.fb().scannerDevice.lightSpeed = 3e8;
+  EXPECT_EQ(makePointCloud(s.fb(), {0, 1, 2}, grid, ids, s.input), "");
+  EXPECT_EQ(ids, 4u);
+  auto rn = fragmentData<std::uint8_t>(grid, "ReturnNumber");
+  auto nr = fragmentData<std::uint8_t>(grid, "NumberOfReturns");
+  ASSERT_TRUE(rn && nr);
+  EXPECT_EQ(rn->get(0), 2);  // 12 m after 10 m
+  EXPECT_EQ(rn->get(1), 1);
+  EXPECT_EQ(nr->get(0), 2);
+  // Equal ranges: only the later point is numbered.
+  EXPECT_EQ(rn->get(2), 1);
+  EXPECT_EQ(nr->get(2), 1);
+  EXPECT_EQ(rn->get(3), 1);
+  auto pid = fragmentData<std::uint32_t>(grid, "PointID");
+  EXPECT_EQ(pid->get(3), 3u);
+}
+
+TEST_F(CloudFixture, GeometryZonesAndAngles) {
+  ASSERT_TRUE(s.setWaves({waveAt(2, {1e-6}), waveAt(3, {1e-6}), waveAt(4, {1e-6})}));
+  s.fb().scannerDevice.lightSpeed = 3e8;
+  s.fb().mta[1] = -1;
+  EXPECT_EQ(makePointCloud(s.fb(), {0, 1}, grid, ids, s.input), "");
+  auto range = fragmentData<double>(grid, "Range");
+  EXPECT_NEAR(range->get(0), 150.0, 1e-6);  // 1 us two-way = 150 m
+  auto pos = fragmentData<Gemwold::PhysicalSpace::point>(grid, "Positions");
+  EXPECT_NEAR(pos->get(0).z, 502.0 - 150.0, 1e-6);
+  EXPECT_NEAR(pos->get(0).y, 150.0, 1e-6);
+  EXPECT_EQ(fragmentData<std::uint8_t>(grid, "MTA")->get(1), 255);
+  EXPECT_EQ(fragmentData<std::int16_t>(grid, "ScanAngleRank")->get(0), -15000);
+  EXPECT_EQ(fragmentData<std::int32_t>(grid, "WaveID")->get(1), 1);
+  // Without waveforms there is no Damping; the mode decides PulseWidth.
+  EXPECT_TRUE(fieldOf(grid, "Damping").isEmpty());
+  EXPECT_TRUE(fieldOf(grid, "Waveforms").isEmpty());
+  EXPECT_FALSE(fieldOf(grid, "PulseWidth").isEmpty());
+}
+
+TEST_F(CloudFixture, EmptyListsWriteNothingAndIdsContinue) {
+  ASSERT_TRUE(s.setWaves({waveAt(2, {1e-6}), waveAt(3, {1e-6}), waveAt(4, {1e-6})}));
+  EXPECT_EQ(makePointCloud(s.fb(), {}, grid, ids, s.input), "");
+  EXPECT_TRUE(grid->representations().empty());
+  EXPECT_EQ(makePointCloud(s.fb(), {0, 1}, grid, ids, s.input), "");
+  auto second = Vorlap::makeStrong<Tessal::Grid>("FWF");
+  EXPECT_EQ(makePointCloud(s.fb(), {2}, second, ids, s.input), "");
+  EXPECT_EQ(fragmentData<std::uint32_t>(second, "PointID")->get(0), 2u);
+}
+
+TEST_F(CloudFixture, MoreThan255ReturnsOfOneShotEndTheRun) {
+  std::vector<double> echoes;
+  for (int k = 0; k < 256; ++k) echoes.push_back(1e-6 + k * 1e-9);
+  auto many = waveAt(2, echoes);
+  ASSERT_TRUE(s.setWaves({many, waveAt(3, {1e-6}), waveAt(4, {1e-6})}));
+  EXPECT_EQ(makePointCloud(s.fb(), {0}, grid, ids, s.input),
+            "Error: ReturnNumber exceed uint8_t max (255)");
+  EXPECT_EQ(ids, 256u);
+  EXPECT_TRUE(fieldOf(grid, "GPSTime").isEmpty());  // nothing saved
+  many->echoes.pop_back();
+  EXPECT_EQ(makePointCloud(s.fb(), {0}, grid, ids, s.input), "");
+  EXPECT_EQ(fragmentData<std::uint8_t>(grid, "ReturnNumber")->get(254), 255);
+}
+
+TEST_F(CloudFixture, FieldSetsFollowModeAndExport) {
+  ASSERT_TRUE(s.setWaves({waveAt(2, {1e-6}), waveAt(3, {1e-6}), waveAt(4, {1e-6})}));
+  s.input.fwfModus = FWF_PEAKS_NO_WIDTH;
+  EXPECT_EQ(makePointCloud(s.fb(), {0}, grid, ids, s.input), "");
+  auto rep = grid->getCartesianRepresentation("ScannerCoordinateSystem");
+  EXPECT_EQ(rep->fields().size(), 15u);  // no PulseWidth, Damping or waveform fields
+}
+
+TEST(OutputAttributes, DatePatternAndErrors) {
+  auto check = [](const std::string& name) {
+    StoreFixture s({{1.0, 2.0, 3.0}});
+    s.input.inputFileName = name;
+    auto grid = Vorlap::makeStrong<Tessal::Grid>("FWF");
+    grid->attributes().setAttribute("HostNote", Vorlap::makeChunk<int>({1}));
+    grid->makeCartesianRepresentation(3, "ScannerCoordinateSystem", 0);
+    std::string result = addAttributes(grid, s.fb());
+    if (result.empty()) {
+      auto year = grid->attributes().getAttributeAs<unsigned>("Year");
+      result = "year " + std::to_string((*year)[0]);
+    }
+    EXPECT_TRUE(grid->attributes().getAttribute("HostNote").isEmpty());  // replaced by Shots'
+    EXPECT_TRUE(grid->attributes().getAttributeAs<std::string>("InputParameter"));
+    return result;
+  };
+  EXPECT_EQ(check("/data/ABC210315_093000.rxp"), "year 2021");
+  EXPECT_EQ(check("scan_210315_093000_ch1.rdbx"), "year 2021");
+  EXPECT_EQ(check("210315_093000"), "year 2021");
+  EXPECT_EQ(check("210315-093000.rxp"),
+            "Cannot add attributes: cannot extract date from input file name");
+  EXPECT_EQ(check("data.210315_093000"),
+            "Cannot add attributes: cannot extract date from input file name");
+  EXPECT_EQ(check(""), "Cannot add attributes: no input file name available");
+
+  StoreFixture s({{1.0, 2.0, 3.0}});
+  EXPECT_EQ(addAttributes(Vorlap::makeStrong<Tessal::Grid>("FWF"), s.fb()),
+            "addAttributes: no ScannerCoordinateSystem representation available");
+}
