@@ -11,8 +11,7 @@ enum ExitCode : int { kOk = 0, kFailure = 1, kUsage = 2, kInput = 3, kOutput = 4
 
 class CliError : public std::runtime_error {
  public:
-  CliError(ExitCode code, const std::string& message)
-      : std::runtime_error(message), code_(code) {}
+  CliError(ExitCode code, const std::string& message) : std::runtime_error(message), code_(code) {}
   ExitCode code() const { return code_; }
 
  private:

@@ -5,17 +5,20 @@
 #include <exception>
 
 #include "app/CliError.hpp"
+#include "app/Commands.hpp"
+#include "app/Progress.hpp"
 
 int main(int argc, char** argv) {
   using namespace quillo::cli;
-  CLI::App app{"quillo: resolves multiple-time-around zones of airborne full-waveform LiDAR"};
+  CLI::App app{"quillo: resolves multiple-time-around (MTA) zones of airborne full-waveform LiDAR"};
   app.set_version_flag("--version", "quillo 0.1.0");
   app.require_subcommand(0, 1);
+  addAllCommands(app);
+  app.footer("Run 'quillo COMMAND --help' for the options of a command.");
+  ProgressBar::installConsoleSink(false);
   try {
     app.parse(argc, argv);
-    if (app.get_subcommands().empty()) {
-      std::fputs(app.help().c_str(), stdout);
-    }
+    if (app.get_subcommands().empty()) std::fputs(app.help().c_str(), stdout);
     return kOk;
   } catch (const CLI::ParseError& e) {
     return app.exit(e);

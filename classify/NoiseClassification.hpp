@@ -2,6 +2,7 @@
 // noise, and removes online echoes that duplicate a waveform echo of the same shot.
 #pragma once
 
+#include "run/Export.hpp"
 #include "store/FatBoy.hpp"
 
 namespace FullWaveform {
@@ -11,6 +12,6 @@ inline constexpr double kNearRangeLimit = 4.0038937065517474e-07;
 // One-way travel times closer than this are the same echo seen twice.
 inline constexpr double kCoincidenceTolerance = 8.341445221982807e-10;
 
-void classifyNoise(FatBoy<unsigned short>& fatBoy);
+QUILLO_API void classifyNoise(FatBoy<unsigned short>& fatBoy);
 
 }  // namespace FullWaveform

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "run/Export.hpp"
 #include "store/FatBoy.hpp"
 
 namespace FullWaveform {
@@ -12,7 +13,7 @@ namespace FullWaveform {
 using WaveList = std::vector<Vorlap::StrongPtr<WavePoints<unsigned short>>>;
 
 // Fills wavePoints and fwfIndex; returns the peak detector's error text, else empty.
-std::string iniWavePoints(FatBoy<unsigned short>& fatBoy);
+QUILLO_API std::string iniWavePoints(FatBoy<unsigned short>& fatBoy);
 
 // Merges online waves `online` and waveform waves `fromWaveforms` by wave time (waveform
 // waves first among equal times), dropping empty entries and saturated high-gain waves.

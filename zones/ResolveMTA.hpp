@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string>
 
+#include "run/Export.hpp"
 #include "store/FatBoy.hpp"
 
 namespace FullWaveform {
@@ -25,6 +26,6 @@ void buildTransitionTables(FatBoy<unsigned short>& fatBoy);
 
 // The driver stage: neighbours, the 1 % sampling pass for the dominant zone, then every
 // block over the dominant zone +- 2. Always returns the empty text.
-std::string resolveMTA(FatBoy<unsigned short>& fatBoy);
+QUILLO_API std::string resolveMTA(FatBoy<unsigned short>& fatBoy);
 
 }  // namespace FullWaveform

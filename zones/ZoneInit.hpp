@@ -3,12 +3,13 @@
 
 #include <string>
 
+#include "run/Export.hpp"
 #include "store/FatBoy.hpp"
 
 namespace FullWaveform {
 
 // Releases waves without points and waves whose echo lies inside the scanner's near range
 // (|timeOffset| < minTimeOffset). Always returns the empty text.
-std::string removeNearRangeWaves(FatBoy<unsigned short>& fatBoy);
+QUILLO_API std::string removeNearRangeWaves(FatBoy<unsigned short>& fatBoy);
 
 }  // namespace FullWaveform

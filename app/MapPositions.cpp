@@ -1,0 +1,63 @@
+#include "app/MapPositions.hpp"
+
+#include <cmath>
+
+#include "app/CliError.hpp"
+
+namespace quillo::cli {
+
+using Gemwold::PhysicalSpace::point;
+using PointArray = Tessal::MemArray<1, point>;
+
+Transform scannerToMap(const Tessal::BundlePtr& input) {
+  Transform identity{1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0};
+  double t = 0.0;
+  auto slice = (*input.get())(t);
+  auto shots = slice ? (*slice)("Shots") : Vorlap::StrongPtr<Tessal::Grid>();
+  if (!shots) return identity;
+  auto raw = shots->attributes().getAttribute(kScannerToMapAttribute);
+  if (!raw) return identity;
+  auto chunk = Vorlap::dynamicPtrCast<Vorlap::Chunk<double>>(raw);
+  if (!chunk || chunk->size() != 12)
+    throw CliError(kInput, std::string("Shots attribute \"") + kScannerToMapAttribute +
+                               "\" must hold 12 doubles (a 3 x 4 matrix)");
+  Transform m;
+  for (int i = 0; i < 12; ++i) {
+    m[i] = (*chunk)[i];
+    if (!std::isfinite(m[i]))
+      throw CliError(kInput, std::string("Shots attribute \"") + kScannerToMapAttribute +
+                                 "\" holds a value that is not finite");
+  }
+  return m;
+}
+
+namespace {
+
+point transformPoint(const Transform& m, const point& p) {
+  return {m[0] * p.x + m[1] * p.y + m[2] * p.z + m[3], m[4] * p.x + m[5] * p.y + m[6] * p.z + m[7],
+          m[8] * p.x + m[9] * p.y + m[10] * p.z + m[11]};
+}
+
+}  // namespace
+
+void addMapPositions(Tessal::Grid& grid, const Transform& transform) {
+  auto scanner = grid.getCartesianRepresentation(kScannerChart);
+  if (!scanner) return;
+  auto source = scanner->findFieldByName("Positions");
+  if (!source) return;
+  auto map = grid.makeCartesianRepresentation(3, kMapChart, 0);
+  Vorlap::StrongPtr<Tessal::Field> target = map->makeField(map->makeFieldID("Positions"), {}, {});
+  auto ids = source->getFragmentIDCollection();
+  for (std::size_t f = 0; f < ids->size(); ++f) {
+    auto creator = source->getCreator(ids->at(f));
+    auto data = creator ? Vorlap::dynamicPtrCast<PointArray>(creator->create()) : nullptr;
+    if (!data) continue;
+    auto mapped = Vorlap::makeStrong<PointArray>(data->size());
+    for (std::size_t k = 0; k < data->size(); ++k)
+      mapped->set(k, transformPoint(transform, data->get(k)));
+    target->setPersistentData(mapped, target->makeFragmentID(ids->at(f)->getName()),
+                              Vorlap::Cache::MemCache(), "");
+  }
+}
+
+}  // namespace quillo::cli

@@ -1,0 +1,25 @@
+// The map chart of an output grid: the scanner-frame positions taken through the input's
+// scanner-to-map transform (identity when the input has none).
+#pragma once
+
+#include <array>
+
+#include "tessal/Bundle.hpp"
+
+namespace quillo::cli {
+
+// Shots attribute: 12 doubles, the rows of a 3 x 4 matrix [R | t] (map = R * scanner + t).
+inline constexpr const char* kScannerToMapAttribute = "ScannerToMap";
+inline constexpr const char* kMapChart = "StandardCartesianChart3D";
+inline constexpr const char* kScannerChart = "ScannerCoordinateSystem";
+
+using Transform = std::array<double, 12>;
+
+// The transform stored on the input's Shots grid; identity when absent. Throws CliError
+// when the attribute exists but is not 12 finite doubles.
+Transform scannerToMap(const Tessal::BundlePtr& input);
+
+// Adds the map chart with one "Positions" fragment per scanner-frame fragment.
+void addMapPositions(Tessal::Grid& grid, const Transform& transform);
+
+}  // namespace quillo::cli

@@ -1,0 +1,34 @@
+// Progress of runs on stderr: a one-line bar on a terminal, plain periodic lines otherwise,
+// nothing when quiet. Console messages are printed above the bar, never into its line.
+#pragma once
+
+#include <chrono>
+#include <mutex>
+#include <string>
+
+#include "vorlap/ProgressSink.hpp"
+
+namespace quillo::cli {
+
+class ProgressBar : public Vorlap::ProgressSink {
+ public:
+  ProgressBar(std::string label, bool quiet);
+  ~ProgressBar() override;
+
+  void report(const std::string& text, unsigned current, unsigned end) override;
+  // Ends the bar's line once the work is done.
+  void finish();
+
+  // Routes console messages around every live bar; call once at start-up.
+  static void installConsoleSink(bool quiet);
+
+ private:
+  void draw(unsigned done, unsigned total);
+
+  std::string label_;
+  bool quiet_, terminal_;
+  std::chrono::steady_clock::time_point start_, lastLine_;
+  bool drawn_ = false;
+};
+
+}  // namespace quillo::cli

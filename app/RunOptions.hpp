@@ -1,0 +1,25 @@
+// Command-line options shared by the commands that run the module (run, hist, demo).
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <string>
+
+#include "app/RunJob.hpp"
+
+namespace quillo::cli {
+
+struct ModuleOptions {
+  std::string mta = "auto";
+  std::string mode = "gaussian";
+  double noiseLevel = 0.0;
+  bool exportFWF = false, skipFWF = false, skipOnline = false;
+  int segment = -2;  // -2: from the input's "RDB_Segment" attribute
+  std::string fragments;
+  std::string peakSettings;
+};
+
+void addModuleOptions(CLI::App& command, ModuleOptions& options);
+// Fills the run parameters from the options; throws CliError naming a bad value.
+RunSettings settingsFrom(const ModuleOptions& options);
+
+}  // namespace quillo::cli
