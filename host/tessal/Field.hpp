@@ -52,8 +52,7 @@ struct ValueRange {
 };
 
 // Yields a fragment's array; keeps it while caching is enabled.
-class CreativeArrayBase : public Vorlap::Creature,
-                          public Vorlap::ReferenceBase<CreativeArrayBase> {
+class CreativeArrayBase : public Vorlap::Creature, public Vorlap::ReferenceBase<CreativeArrayBase> {
  public:
   // What the creator holds now (empty when nothing is held).
   Vorlap::StrongPtr<MemBase> heldData() const { return held_; }

@@ -63,8 +63,7 @@ StrongPtr<Field> Grid::operator()(const std::string& fieldName,
   return {};
 }
 
-StrongPtr<Representation> Grid::makeCartesianRepresentation(int dimensions,
-                                                            const std::string& name,
+StrongPtr<Representation> Grid::makeCartesianRepresentation(int dimensions, const std::string& name,
                                                             unsigned short) {
   if (auto rep = getCartesianRepresentation(name)) return rep;
   auto chart = Vorlap::makeStrong<Chart>(name, dimensions);

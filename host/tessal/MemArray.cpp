@@ -17,12 +17,20 @@ constexpr TypeInfo kTypes[] = {
     {ElementType::Float, "float32", 1, 4}, {ElementType::Double, "float64", 1, 8},
     {ElementType::Point, "point3", 3, 24}, {ElementType::Vector, "vector3", 3, 24},
 };
-const TypeInfo& infoOf(ElementType t) { return kTypes[static_cast<int>(t)]; }
+const TypeInfo& infoOf(ElementType t) {
+  return kTypes[static_cast<int>(t)];
+}
 }  // namespace
 
-const char* elementTypeName(ElementType t) { return infoOf(t).name; }
-unsigned componentCount(ElementType t) { return infoOf(t).components; }
-std::size_t elementBytes(ElementType t) { return infoOf(t).bytes; }
+const char* elementTypeName(ElementType t) {
+  return infoOf(t).name;
+}
+unsigned componentCount(ElementType t) {
+  return infoOf(t).components;
+}
+std::size_t elementBytes(ElementType t) {
+  return infoOf(t).bytes;
+}
 
 bool elementTypeFromName(const std::string& name, ElementType& out) {
   for (const auto& info : kTypes) {

@@ -47,19 +47,32 @@ inline constexpr bool kAlwaysFalse = false;
 template <class T>
 constexpr ElementType elementTypeOf() {
   using namespace Gemwold::PhysicalSpace;
-  if constexpr (std::is_same_v<T, std::int8_t>) return ElementType::Int8;
-  else if constexpr (std::is_same_v<T, std::uint8_t>) return ElementType::UInt8;
-  else if constexpr (std::is_same_v<T, std::int16_t>) return ElementType::Int16;
-  else if constexpr (std::is_same_v<T, std::uint16_t>) return ElementType::UInt16;
-  else if constexpr (std::is_same_v<T, std::int32_t>) return ElementType::Int32;
-  else if constexpr (std::is_same_v<T, std::uint32_t>) return ElementType::UInt32;
-  else if constexpr (std::is_same_v<T, std::int64_t>) return ElementType::Int64;
-  else if constexpr (std::is_same_v<T, std::uint64_t>) return ElementType::UInt64;
-  else if constexpr (std::is_same_v<T, float>) return ElementType::Float;
-  else if constexpr (std::is_same_v<T, double>) return ElementType::Double;
-  else if constexpr (std::is_same_v<T, point>) return ElementType::Point;
-  else if constexpr (std::is_same_v<T, vector>) return ElementType::Vector;
-  else static_assert(kAlwaysFalse<T>, "not an element type of the data model");
+  if constexpr (std::is_same_v<T, std::int8_t>)
+    return ElementType::Int8;
+  else if constexpr (std::is_same_v<T, std::uint8_t>)
+    return ElementType::UInt8;
+  else if constexpr (std::is_same_v<T, std::int16_t>)
+    return ElementType::Int16;
+  else if constexpr (std::is_same_v<T, std::uint16_t>)
+    return ElementType::UInt16;
+  else if constexpr (std::is_same_v<T, std::int32_t>)
+    return ElementType::Int32;
+  else if constexpr (std::is_same_v<T, std::uint32_t>)
+    return ElementType::UInt32;
+  else if constexpr (std::is_same_v<T, std::int64_t>)
+    return ElementType::Int64;
+  else if constexpr (std::is_same_v<T, std::uint64_t>)
+    return ElementType::UInt64;
+  else if constexpr (std::is_same_v<T, float>)
+    return ElementType::Float;
+  else if constexpr (std::is_same_v<T, double>)
+    return ElementType::Double;
+  else if constexpr (std::is_same_v<T, point>)
+    return ElementType::Point;
+  else if constexpr (std::is_same_v<T, vector>)
+    return ElementType::Vector;
+  else
+    static_assert(kAlwaysFalse<T>, "not an element type of the data model");
 }
 
 template <class T>
@@ -111,9 +124,7 @@ class MemArray final : public MemBase {
     block_ = Vorlap::makeStrong<DataBlock<T>>();
     block_->values.resize(countOf(extents));
   }
-  explicit MemArray(std::size_t n)
-    requires(N == 1)
-      : MemArray(Extents{n}) {}
+  explicit MemArray(std::size_t n) requires(N == 1) : MemArray(Extents{n}) {}
   // A view of an existing block.
   MemArray(const Extents& extents, Vorlap::StrongPtr<DataBlock<T>> block, std::size_t offset,
            std::size_t stride)
@@ -138,11 +149,7 @@ class MemArray final : public MemBase {
   }
   T operator[](std::size_t k) const { return get(k); }
   // Two-dimensional access: i along the first extent, j along the second.
-  T get(std::size_t i, std::size_t j) const
-    requires(N == 2)
-  {
-    return get(j * extents_[0] + i);
-  }
+  T get(std::size_t i, std::size_t j) const requires(N == 2) { return get(j * extents_[0] + i); }
 
   // Writes through offset and stride; arrays computed by an accessor are read-only.
   void set(std::size_t k, const T& v) {

@@ -4,11 +4,16 @@ namespace Vorlap {
 
 const char* chunkTypeName(ChunkType t) {
   switch (t) {
-    case ChunkType::Int: return "int";
-    case ChunkType::UInt: return "unsigned int";
-    case ChunkType::Float: return "float";
-    case ChunkType::Double: return "double";
-    case ChunkType::Text: return "text";
+    case ChunkType::Int:
+      return "int";
+    case ChunkType::UInt:
+      return "unsigned int";
+    case ChunkType::Float:
+      return "float";
+    case ChunkType::Double:
+      return "double";
+    case ChunkType::Text:
+      return "text";
   }
   return "unknown";
 }
@@ -26,7 +31,9 @@ void Attributes::setAttribute(const std::string& name, const StrongPtr<ChunkBase
   entries_[name] = chunk;
 }
 
-bool Attributes::removeAttribute(const std::string& name) { return entries_.erase(name) > 0; }
+bool Attributes::removeAttribute(const std::string& name) {
+  return entries_.erase(name) > 0;
+}
 
 std::vector<std::string> Attributes::names() const {
   std::vector<std::string> result;

@@ -63,8 +63,12 @@ void Console::setSink(Sink sink) {
   globalSink() = std::move(sink);
 }
 
-ConsoleCapture::ConsoleCapture() : outer_(currentCapture) { currentCapture = this; }
-ConsoleCapture::~ConsoleCapture() { currentCapture = outer_; }
+ConsoleCapture::ConsoleCapture() : outer_(currentCapture) {
+  currentCapture = this;
+}
+ConsoleCapture::~ConsoleCapture() {
+  currentCapture = outer_;
+}
 
 std::string ConsoleCapture::joined() const {
   std::string all;

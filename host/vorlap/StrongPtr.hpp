@@ -83,7 +83,9 @@ class StrongPtr {
     }
   }
   StrongPtr(const StrongPtr& o) noexcept : ptr_(o.ptr_), cb_(o.cb_) { acquire(); }
-  StrongPtr(StrongPtr&& o) noexcept : ptr_(o.ptr_), cb_(o.cb_) { o.ptr_ = nullptr, o.cb_ = nullptr; }
+  StrongPtr(StrongPtr&& o) noexcept : ptr_(o.ptr_), cb_(o.cb_) {
+    o.ptr_ = nullptr, o.cb_ = nullptr;
+  }
   template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
   StrongPtr(const StrongPtr<U>& o) noexcept : ptr_(o.ptr_), cb_(o.cb_) {
     acquire();

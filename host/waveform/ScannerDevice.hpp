@@ -13,15 +13,15 @@ namespace FullWaveform {
 
 namespace ScannerAttribute {
 inline constexpr const char* PulseRepetitionRate = "PulseRepetitionRate";  // double, Hz
-inline constexpr const char* LightSpeed = "LightSpeed";            // double, m/s in air
-inline constexpr const char* SampleInterval = "SampleInterval";    // double, s ("Waveforms")
-inline constexpr const char* MinAmplitude = "MinAmplitude";        // double, counts
-inline constexpr const char* MinTimeOffset = "MinTimeOffset";      // double, s
-inline constexpr const char* BlockSize = "BlockSize";              // int, waves per block
-inline constexpr const char* ScanPattern = "ScanPattern";          // text: line-wise | radial
-inline constexpr const char* ReflectanceTable = "ReflectanceTable";          // float array
+inline constexpr const char* LightSpeed = "LightSpeed";                    // double, m/s in air
+inline constexpr const char* SampleInterval = "SampleInterval";      // double, s ("Waveforms")
+inline constexpr const char* MinAmplitude = "MinAmplitude";          // double, counts
+inline constexpr const char* MinTimeOffset = "MinTimeOffset";        // double, s
+inline constexpr const char* BlockSize = "BlockSize";                // int, waves per block
+inline constexpr const char* ScanPattern = "ScanPattern";            // text: line-wise | radial
+inline constexpr const char* ReflectanceTable = "ReflectanceTable";  // float array
 inline constexpr const char* ReflectanceTableStep = "ReflectanceTableStep";  // double, m
-inline constexpr const char* ModelName = "ScannerModel";           // text
+inline constexpr const char* ModelName = "ScannerModel";                     // text
 }  // namespace ScannerAttribute
 
 struct ReflectanceTable {

@@ -35,11 +35,11 @@ struct EchoPoint {
 };
 
 struct AdditionalAttributesPerWave {
-  std::uint8_t channel = 0;  // receiver channel that recorded the wave
-  double waveTime = 0.0;     // GPS time of the recording shot, seconds
-  float damping = 0.0f;      // decay of the waveform after its first echo (see docs)
-  float amplitude = 0.0f;    // amplitude of the strongest echo
-  double timeOffset = 0.0;   // time of the first echo after waveTime, seconds
+  std::uint8_t channel = 0;      // receiver channel that recorded the wave
+  double waveTime = 0.0;         // GPS time of the recording shot, seconds
+  float damping = 0.0f;          // decay of the waveform after its first echo (see docs)
+  float amplitude = 0.0f;        // amplitude of the strongest echo
+  double timeOffset = 0.0;       // time of the first echo after waveTime, seconds
   bool amplitudeExempt = false;  // the amplitude test of the zone stages does not apply
 };
 

@@ -30,6 +30,7 @@ Vorlap::StrongPtr<Tessal::MemArray<1, T>> makeStridedArray(const std::vector<T>&
 
 // Stores `array` as fragment `fragmentName` of field `fieldName` in representation `rep`.
 void storeFragment(Tessal::Representation& rep, const std::string& fieldName,
-                   const std::string& fragmentName, const Vorlap::StrongPtr<Tessal::MemBase>& array);
+                   const std::string& fragmentName,
+                   const Vorlap::StrongPtr<Tessal::MemBase>& array);
 
 }  // namespace quillo::test
