@@ -1,0 +1,40 @@
+// Output verification. Loads the file into a bundle of its own and checks, in order: load,
+// grid "FWF", map positions, success mark, and on request matching fragment counts.
+#include "run/Verification.hpp"
+
+#include "tessal/Bundle.hpp"
+
+namespace FullWaveform {
+
+namespace {
+
+Vorlap::StrongPtr<Tessal::Field> positionsOf(const Tessal::Grid& grid, const std::string& chart) {
+  auto c = grid.findCartesianChart(chart);
+  if (!c) return {};
+  return grid.getField(c, "Positions", grid.getSkeletonMap().findVertices(-1));
+}
+
+}  // namespace
+
+std::string successfullyConverted(const std::string& fileName, const bool& compareFragments) {
+  Tessal::BundlePtr bundle(Vorlap::makeStrong<Tessal::Bundle>());
+  bool loaded = false;
+  Tessal::Bundle::load(loaded, Tessal::LoaderParameters({fileName}), bundle);
+  if (!loaded) return "Not loadable: " + fileName;
+  auto slice = (*bundle.create())[0.0];
+  auto grid = (*slice)("FWF");
+  if (!grid) return "No FWF-Grid: " + fileName;
+  auto mapPositions = positionsOf(*grid, "StandardCartesianChart3D");
+  if (!mapPositions) return "No StandarCartesian-Positions: " + fileName;
+  if (!grid->attributes().getAttributeAs<std::string>("BrastowSuccessful?"))
+    return "No Success-Attribute: " + fileName;
+  if (!compareFragments) return "";
+  // Asked to compare, a file without scanner positions has nothing that matches.
+  auto scannerPositions = positionsOf(*grid, "ScannerCoordinateSystem");
+  if (!scannerPositions ||
+      scannerPositions->getNumberOfFragments() != mapPositions->getNumberOfFragments())
+    return "Number of fragments are not identical for file " + fileName;
+  return "";
+}
+
+}  // namespace FullWaveform
