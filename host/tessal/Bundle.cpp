@@ -19,6 +19,16 @@ StrongPtr<Grid> Slice::makeGrid(const std::string& name) {
   return grids_.back();
 }
 
+void Slice::adoptGrid(const StrongPtr<Grid>& grid) {
+  for (auto& g : grids_) {
+    if (g->getName() == grid->getName()) {
+      g = grid;
+      return;
+    }
+  }
+  grids_.push_back(grid);
+}
+
 StrongPtr<Slice> Bundle::operator()(double& time) const {
   if (slices_.empty()) return {};
   auto best = slices_.begin();

@@ -16,6 +16,8 @@ class Slice {
   Vorlap::StrongPtr<Grid> operator()(const std::string& name) const;
   // The grid of that name, made when missing.
   Vorlap::StrongPtr<Grid> makeGrid(const std::string& name);
+  // Takes `grid` in, replacing a grid of the same name.
+  void adoptGrid(const Vorlap::StrongPtr<Grid>& grid);
   const std::vector<Vorlap::StrongPtr<Grid>>& grids() const { return grids_; }
 
  private:

@@ -1,0 +1,103 @@
+#include "kq/Hdf5.hpp"
+
+namespace Tessal::kq {
+
+std::recursive_mutex& hdf5Mutex() {
+  static std::recursive_mutex m;
+  return m;
+}
+
+hid_t nativeTypeOf(ElementType t) {
+  switch (t) {
+    case ElementType::Int8:
+      return H5T_NATIVE_INT8;
+    case ElementType::UInt8:
+      return H5T_NATIVE_UINT8;
+    case ElementType::Int16:
+      return H5T_NATIVE_INT16;
+    case ElementType::UInt16:
+      return H5T_NATIVE_UINT16;
+    case ElementType::Int32:
+      return H5T_NATIVE_INT32;
+    case ElementType::UInt32:
+      return H5T_NATIVE_UINT32;
+    case ElementType::Int64:
+      return H5T_NATIVE_INT64;
+    case ElementType::UInt64:
+      return H5T_NATIVE_UINT64;
+    case ElementType::Float:
+      return H5T_NATIVE_FLOAT;
+    case ElementType::Double:
+    case ElementType::Point:
+    case ElementType::Vector:
+      return H5T_NATIVE_DOUBLE;
+  }
+  return H5T_NATIVE_DOUBLE;
+}
+
+bool storedTypeMatches(hid_t stored, ElementType t) {
+  const hid_t native = nativeTypeOf(t);
+  if (H5Tget_class(stored) != H5Tget_class(native)) return false;
+  if (H5Tget_size(stored) != H5Tget_size(native)) return false;
+  if (H5Tget_class(stored) == H5T_INTEGER && H5Tget_sign(stored) != H5Tget_sign(native))
+    return false;
+  return true;
+}
+
+std::string escapeName(const std::string& name) {
+  if (name.empty()) return "%";
+  if (name == ".") return "%2E";
+  std::string out;
+  for (char c : name) {
+    if (c == '%')
+      out += "%25";
+    else if (c == '/')
+      out += "%2F";
+    else
+      out += c;
+  }
+  return out;
+}
+
+std::string unescapeName(const std::string& link) {
+  if (link == "%") return "";
+  std::string out;
+  for (std::size_t i = 0; i < link.size(); ++i) {
+    if (link[i] == '%' && i + 2 < link.size()) {
+      const std::string code = link.substr(i + 1, 2);
+      if (code == "25")
+        out += '%';
+      else if (code == "2F")
+        out += '/';
+      else if (code == "2E")
+        out += '.';
+      else
+        out += link.substr(i, 3);
+      i += 2;
+    } else {
+      out += link[i];
+    }
+  }
+  return out;
+}
+
+Hid orderedGroupProperties() {
+  Hid p(H5Pcreate(H5P_GROUP_CREATE), H5Pclose);
+  H5Pset_link_creation_order(p.get(), H5P_CRT_ORDER_TRACKED | H5P_CRT_ORDER_INDEXED);
+  H5Pset_attr_creation_order(p.get(), H5P_CRT_ORDER_TRACKED | H5P_CRT_ORDER_INDEXED);
+  return p;
+}
+
+Hid variableStringType() {
+  Hid t(H5Tcopy(H5T_C_S1), H5Tclose);
+  H5Tset_size(t.get(), H5T_VARIABLE);
+  H5Tset_cset(t.get(), H5T_CSET_UTF8);
+  return t;
+}
+
+void silenceHdf5Errors() {
+  static std::once_flag once;
+  std::call_once(once, [] { H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr); });
+}
+
+}  // namespace Tessal::kq

@@ -1,0 +1,61 @@
+// Shared helpers of the .kq reader and writer: owned HDF5 identifiers, the process-wide
+// lock (Debian's HDF5 is not thread-safe), element-type mapping and link-name escaping.
+#pragma once
+
+#include <hdf5.h>
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "tessal/MemArray.hpp"
+
+namespace Tessal::kq {
+
+inline constexpr const char* kFormatName = "kq";
+inline constexpr int kFormatVersion = 1;
+
+std::recursive_mutex& hdf5Mutex();
+
+// Closes an HDF5 identifier when it goes out of scope.
+class Hid {
+ public:
+  using Closer = herr_t (*)(hid_t);
+  Hid() = default;
+  Hid(hid_t id, Closer closer) : id_(id), closer_(closer) {}
+  Hid(const Hid&) = delete;
+  Hid& operator=(const Hid&) = delete;
+  Hid(Hid&& o) noexcept : id_(o.id_), closer_(o.closer_) { o.id_ = -1; }
+  Hid& operator=(Hid&& o) noexcept {
+    std::swap(id_, o.id_);
+    std::swap(closer_, o.closer_);
+    return *this;
+  }
+  ~Hid() {
+    if (id_ >= 0 && closer_) closer_(id_);
+  }
+  hid_t get() const { return id_; }
+  bool ok() const { return id_ >= 0; }
+
+ private:
+  hid_t id_ = -1;
+  Closer closer_ = nullptr;
+};
+
+// Native HDF5 type of one component of an element type.
+hid_t nativeTypeOf(ElementType t);
+// Whether a stored dataset type can be read as `t` without changing its meaning.
+bool storedTypeMatches(hid_t storedType, ElementType t);
+
+// Link names cannot hold '/' and "." is special: escape reversibly with %XX.
+std::string escapeName(const std::string& name);
+std::string unescapeName(const std::string& link);
+
+// Group creation properties that keep the creation order of links and attributes.
+Hid orderedGroupProperties();
+Hid variableStringType();
+
+// Silences HDF5's own error printing once per process.
+void silenceHdf5Errors();
+
+}  // namespace Tessal::kq

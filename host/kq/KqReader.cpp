@@ -1,0 +1,306 @@
+// Loading .kq files: the structure (slices, grids, charts, fields, fragment names,
+// attributes, element types and shapes) is read at once and checked; a fragment's array is
+// read only when its creator is asked for it. A file that fails any check adds nothing to
+// the bundle and is reported with the file and object named.
+#include <filesystem>
+#include <functional>
+
+#include "kq/KqAttributes.hpp"
+#include "tessal/Bundle.hpp"
+#include "vorlap/Console.hpp"
+
+namespace Tessal {
+
+namespace {
+
+using kq::Hid;
+
+// Fragments larger than this are refused before anything is allocated.
+constexpr std::uint64_t kMaxFragmentElements = std::uint64_t(1) << 31;
+
+struct KqFile {
+  hid_t id = -1;
+  std::string name;
+  ~KqFile() {
+    std::lock_guard<std::recursive_mutex> lock(kq::hdf5Mutex());
+    if (id >= 0) H5Fclose(id);
+  }
+};
+
+class FileCreator final : public CreativeArrayBase {
+ public:
+  FileCreator(Vorlap::StrongPtr<KqFile> file, std::string path, ElementType type,
+              std::vector<std::size_t> extents)
+      : file_(std::move(file)), path_(std::move(path)), type_(type), extents_(std::move(extents)) {}
+  ElementType elementType() const override { return type_; }
+  std::vector<std::size_t> extents() const override { return extents_; }
+
+ protected:
+  Vorlap::StrongPtr<MemBase> produce() override;
+
+ private:
+  template <class T>
+  Vorlap::StrongPtr<MemBase> read(hid_t set);
+
+  Vorlap::StrongPtr<KqFile> file_;
+  std::string path_;
+  ElementType type_;
+  std::vector<std::size_t> extents_;
+};
+
+template <class T>
+Vorlap::StrongPtr<MemBase> FileCreator::read(hid_t set) {
+  Vorlap::StrongPtr<MemBase> result;
+  auto fill = [&](auto array) {
+    if (array->size() && H5Dread(set, kq::nativeTypeOf(type_), H5S_ALL, H5S_ALL, H5P_DEFAULT,
+                                 array->contiguousData()) < 0)
+      return;
+    result = array;
+  };
+  if (extents_.size() == 2)
+    fill(Vorlap::makeStrong<MemArray<2, T>>(
+        typename MemArray<2, T>::Extents{extents_[0], extents_[1]}));
+  else
+    fill(Vorlap::makeStrong<MemArray<1, T>>(extents_[0]));
+  return result;
+}
+
+Vorlap::StrongPtr<MemBase> FileCreator::produce() {
+  std::lock_guard<std::recursive_mutex> lock(kq::hdf5Mutex());
+  Hid set(H5Dopen2(file_->id, path_.c_str(), H5P_DEFAULT), H5Dclose);
+  Vorlap::StrongPtr<MemBase> data;
+  try {
+    if (set.ok()) {
+      using namespace Gemwold::PhysicalSpace;
+      switch (type_) {
+        case ElementType::Int8:
+          data = read<std::int8_t>(set.get());
+          break;
+        case ElementType::UInt8:
+          data = read<std::uint8_t>(set.get());
+          break;
+        case ElementType::Int16:
+          data = read<std::int16_t>(set.get());
+          break;
+        case ElementType::UInt16:
+          data = read<std::uint16_t>(set.get());
+          break;
+        case ElementType::Int32:
+          data = read<std::int32_t>(set.get());
+          break;
+        case ElementType::UInt32:
+          data = read<std::uint32_t>(set.get());
+          break;
+        case ElementType::Int64:
+          data = read<std::int64_t>(set.get());
+          break;
+        case ElementType::UInt64:
+          data = read<std::uint64_t>(set.get());
+          break;
+        case ElementType::Float:
+          data = read<float>(set.get());
+          break;
+        case ElementType::Double:
+          data = read<double>(set.get());
+          break;
+        case ElementType::Point:
+          data = read<point>(set.get());
+          break;
+        case ElementType::Vector:
+          data = read<vector>(set.get());
+          break;
+      }
+    }
+  } catch (const std::bad_alloc&) {
+    data.reset();
+  }
+  if (!data) Vorlap::Console() << file_->name << ": cannot read " << path_ << " (damaged data)";
+  return data;
+}
+
+// Walks the file's groups, building grids into a bundle of its own.
+class Reader {
+ public:
+  Reader(Vorlap::StrongPtr<KqFile> file) : file_(std::move(file)) {}
+
+  bool read(Bundle& into) {
+    std::string error;
+    if (!checkFormat()) return false;
+    return eachLink("/slices", [&](const std::string& path, const std::string&) {
+      return readSlice(path, into);
+    });
+  }
+  const std::string& error() const { return error_; }
+  const std::string& where() const { return where_; }
+
+ private:
+  bool fail(const std::string& where, const std::string& what) {
+    where_ = where, error_ = what;
+    return false;
+  }
+
+  // Calls `visit` with the path and unescaped name of every link of `path`, in creation order.
+  bool eachLink(const std::string& path,
+                const std::function<bool(const std::string&, const std::string&)>& visit) {
+    Hid g(H5Gopen2(file_->id, path.c_str(), H5P_DEFAULT), H5Gclose);
+    if (!g.ok()) return fail(path, "missing group");
+    H5G_info_t info;
+    if (H5Gget_info(g.get(), &info) < 0) return fail(path, "unreadable group");
+    for (hsize_t i = 0; i < info.nlinks; ++i) {
+      char name[1024];
+      ssize_t len = H5Lget_name_by_idx(g.get(), ".", H5_INDEX_CRT_ORDER, H5_ITER_INC, i, name,
+                                       sizeof name, H5P_DEFAULT);
+      if (len < 0)
+        len = H5Lget_name_by_idx(g.get(), ".", H5_INDEX_NAME, H5_ITER_INC, i, name, sizeof name,
+                                 H5P_DEFAULT);
+      if (len < 0 || len >= ssize_t(sizeof name)) return fail(path, "unreadable link name");
+      if (!visit(path + "/" + name, kq::unescapeName(name))) return false;
+    }
+    return true;
+  }
+
+  bool checkFormat() {
+    Hid root(H5Gopen2(file_->id, "/", H5P_DEFAULT), H5Gclose);
+    Vorlap::Attributes a;
+    std::string error;
+    if (!kq::readAttributes(root.get(), a, error)) return fail("/", error);
+    auto format = a.getAttributeAs<std::string>("kq_format");
+    auto version = a.getAttributeAs<int>("kq_version");
+    if (!format || format->size() != 1 || (*format)[0] != kq::kFormatName)
+      return fail("/", "not a .kq file (no format marker)");
+    if (!version || version->size() != 1 || (*version)[0] != kq::kFormatVersion)
+      return fail("/", "unsupported .kq layout version");
+    return true;
+  }
+
+  bool readAttributeGroup(const std::string& path, Vorlap::Attributes& into) {
+    Hid g(H5Gopen2(file_->id, (path + "/attributes").c_str(), H5P_DEFAULT), H5Gclose);
+    if (!g.ok()) return fail(path, "missing attributes group");
+    std::string error;
+    return kq::readAttributes(g.get(), into, error) || fail(path + "/attributes", error);
+  }
+
+  bool readSlice(const std::string& path, Bundle& into) {
+    Hid s(H5Gopen2(file_->id, path.c_str(), H5P_DEFAULT), H5Gclose);
+    Vorlap::Attributes a;
+    std::string error;
+    if (!s.ok() || !kq::readAttributes(s.get(), a, error)) return fail(path, "unreadable slice");
+    auto time = a.getAttributeAs<double>("time");
+    if (!time || time->size() != 1) return fail(path, "slice without a time");
+    auto slice = into[(*time)[0]];
+    return eachLink(path + "/grids", [&](const std::string& p, const std::string& name) {
+      return readGrid(p, *slice->makeGrid(name));
+    });
+  }
+
+  bool readGrid(const std::string& path, Grid& grid) {
+    Vorlap::Attributes a;
+    if (!readAttributeGroup(path, a)) return false;
+    grid.replaceAttributes(a);
+    return eachLink(path + "/charts", [&](const std::string& p, const std::string& name) {
+      Hid c(H5Gopen2(file_->id, p.c_str(), H5P_DEFAULT), H5Gclose);
+      Vorlap::Attributes ca;
+      std::string error;
+      if (!c.ok() || !kq::readAttributes(c.get(), ca, error)) return fail(p, "unreadable chart");
+      auto dims = ca.getAttributeAs<int>("dimensions");
+      auto rep = grid.makeCartesianRepresentation(dims && dims->size() ? (*dims)[0] : 3, name, 0);
+      return eachLink(p + "/fields", [&](const std::string& fp, const std::string& fname) {
+        return readField(fp, fname, *rep);
+      });
+    });
+  }
+
+  bool readField(const std::string& path, const std::string& name, Representation& rep) {
+    Vorlap::StrongPtr<Field> field = rep.makeField(rep.makeFieldID(name), {}, {});
+    if (!readAttributeGroup(path, field->attributes())) return false;
+    return eachLink(path + "/fragments", [&](const std::string& p, const std::string& frag) {
+      return readFragment(p, frag, *field);
+    });
+  }
+
+  bool readFragment(const std::string& path, const std::string& name, Field& field);
+
+  Vorlap::StrongPtr<KqFile> file_;
+  std::string error_, where_;
+};
+
+bool Reader::readFragment(const std::string& path, const std::string& name, Field& field) {
+  Hid set(H5Dopen2(file_->id, path.c_str(), H5P_DEFAULT), H5Dclose);
+  if (!set.ok()) return fail(path, "missing dataset");
+  Vorlap::Attributes meta;
+  std::string error;
+  if (!kq::readAttributes(set.get(), meta, error)) return fail(path, error);
+  auto typeName = meta.getAttributeAs<std::string>("element_type");
+  auto rankAttr = meta.getAttributeAs<int>("rank");
+  ElementType type;
+  if (!typeName || typeName->size() != 1 || !elementTypeFromName((*typeName)[0], type))
+    return fail(path, "unknown element type");
+  const int rank = rankAttr && rankAttr->size() == 1 ? (*rankAttr)[0] : 0;
+  if (rank != 1 && rank != 2) return fail(path, "rank must be 1 or 2");
+  Hid stored(H5Dget_type(set.get()), H5Tclose);
+  if (!stored.ok() || !kq::storedTypeMatches(stored.get(), type))
+    return fail(path, std::string("stored values are not of type ") + elementTypeName(type));
+  Hid space(H5Dget_space(set.get()), H5Sclose);
+  const bool triple = componentCount(type) == 3;
+  const int expectedDims = rank + (triple ? 1 : 0);
+  hsize_t dims[3] = {0, 0, 0};
+  if (H5Sget_simple_extent_ndims(space.get()) != expectedDims)
+    return fail(path, "shape does not match its rank");
+  H5Sget_simple_extent_dims(space.get(), dims, nullptr);
+  if (triple && dims[expectedDims - 1] != 3)
+    return fail(path, "points and vectors need 3 components");
+  std::uint64_t total = 1;
+  for (int d = 0; d < rank; ++d) {
+    if (dims[d] > kMaxFragmentElements) return fail(path, "declares an absurd number of elements");
+    total *= dims[d];
+  }
+  if (total > kMaxFragmentElements) return fail(path, "declares an absurd number of elements");
+  std::vector<std::size_t> extents;
+  if (rank == 2)
+    extents = {std::size_t(dims[1]), std::size_t(dims[0])};
+  else
+    extents = {std::size_t(dims[0])};
+  auto id = field.makeFragmentID(name);
+  field.setCreator(id, Vorlap::makeStrong<FileCreator>(file_, path, type, extents));
+  return true;
+}
+
+bool loadFile(const std::string& fileName, Bundle& into) {
+  std::error_code ec;
+  if (!std::filesystem::is_regular_file(fileName, ec)) {
+    Vorlap::Console() << fileName << ": cannot load: no such file";
+    return false;
+  }
+  std::lock_guard<std::recursive_mutex> lock(kq::hdf5Mutex());
+  kq::silenceHdf5Errors();
+  if (H5Fis_hdf5(fileName.c_str()) <= 0) {
+    Vorlap::Console() << fileName << ": cannot load: not an HDF5 file (or a damaged one)";
+    return false;
+  }
+  auto file = Vorlap::makeStrong<KqFile>();
+  file->name = fileName;
+  file->id = H5Fopen(fileName.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT);
+  if (file->id < 0) {
+    Vorlap::Console() << fileName << ": cannot load: the file cannot be opened (damaged?)";
+    return false;
+  }
+  Bundle staged;
+  Reader reader(file);
+  if (!reader.read(staged)) {
+    Vorlap::Console() << fileName << ": cannot load " << reader.where() << ": " << reader.error();
+    return false;
+  }
+  for (const auto& [time, slice] : staged.slices())
+    for (const auto& grid : slice->grids()) into[time]->adoptGrid(grid);
+  return true;
+}
+
+}  // namespace
+
+void Bundle::load(bool& success, const LoaderParameters& parameters, BundlePtr& bundle) {
+  success = !parameters.fileNames().empty();
+  for (const auto& name : parameters.fileNames())
+    if (!loadFile(name, *bundle.create())) success = false;
+}
+
+}  // namespace Tessal

@@ -1,0 +1,235 @@
+// Saving a bundle to a .kq file: all groups and attributes first, then the fragments
+// position by position (fragment i of every field before fragment i + 1), each produced,
+// written and released in turn. The file is written under a temporary name and renamed
+// into place when complete.
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <filesystem>
+
+#include "kq/KqAttributes.hpp"
+#include "tessal/Bundle.hpp"
+
+namespace Tessal {
+
+namespace {
+
+using kq::Hid;
+
+struct FieldJob {
+  Vorlap::StrongPtr<Field> field;
+  std::string path;  // group of the field's fragments
+};
+
+class Writer {
+ public:
+  explicit Writer(hid_t file) : file_(file) {}
+
+  bool structure(const Bundle& bundle) {
+    Hid root(H5Gopen2(file_, "/", H5P_DEFAULT), H5Gclose);
+    if (!writeText(root.get(), "kq_format", kq::kFormatName) ||
+        !writeInt(root.get(), "kq_version", kq::kFormatVersion))
+      return fail("cannot write the format marker");
+    Hid slices = group(file_, "slices");
+    int index = 0;
+    for (const auto& [time, slice] : bundle.slices())
+      if (!writeSlice(slices.get(), std::to_string(index++), time, *slice)) return false;
+    return true;
+  }
+
+  bool fragments() {
+    for (std::size_t position = 0;; ++position) {
+      bool any = false;
+      for (const auto& job : jobs_) {
+        auto ids = job.field->getFragmentIDCollection();
+        if (position >= ids->size()) continue;
+        any = true;
+        if (!writeFragment(job, ids->at(position))) return false;
+      }
+      if (!any) return true;
+    }
+  }
+
+  const std::string& error() const { return error_; }
+
+ private:
+  bool fail(const std::string& what) {
+    if (error_.empty()) error_ = what;
+    return false;
+  }
+
+  Hid group(hid_t parent, const std::string& name) {
+    Hid props = kq::orderedGroupProperties();
+    return Hid(H5Gcreate2(parent, name.c_str(), H5P_DEFAULT, props.get(), H5P_DEFAULT), H5Gclose);
+  }
+
+  static bool writeText(hid_t owner, const char* name, const std::string& value) {
+    Vorlap::Attributes a;
+    a.setAttribute(name, Vorlap::makeChunk<std::string>({value}));
+    std::string ignored;
+    return kq::writeAttributes(owner, a, ignored);
+  }
+  static bool writeInt(hid_t owner, const char* name, int value) {
+    Vorlap::Attributes a;
+    a.setAttribute(name, Vorlap::makeChunk<int>({value}));
+    std::string ignored;
+    return kq::writeAttributes(owner, a, ignored);
+  }
+  static bool writeDouble(hid_t owner, const char* name, double value) {
+    Vorlap::Attributes a;
+    a.setAttribute(name, Vorlap::makeChunk<double>({value}));
+    std::string ignored;
+    return kq::writeAttributes(owner, a, ignored);
+  }
+
+  bool writeAttributeGroup(hid_t parent, const Vorlap::Attributes& attributes,
+                           const std::string& where) {
+    Hid g = group(parent, "attributes");
+    std::string error;
+    if (!g.ok() || !kq::writeAttributes(g.get(), attributes, error))
+      return fail(where + ": " + error);
+    return true;
+  }
+
+  bool writeSlice(hid_t slices, const std::string& name, double time, const Slice& slice) {
+    Hid s = group(slices, name);
+    if (!s.ok() || !writeDouble(s.get(), "time", time)) return fail("cannot create slice " + name);
+    Hid grids = group(s.get(), "grids");
+    for (const auto& grid : slice.grids())
+      if (!writeGrid(grids.get(), *grid, "/slices/" + name + "/grids/")) return false;
+    return true;
+  }
+
+  bool writeGrid(hid_t grids, const Grid& grid, const std::string& prefix) {
+    const std::string link = kq::escapeName(grid.getName());
+    Hid g = group(grids, link);
+    if (!g.ok()) return fail("cannot create grid \"" + grid.getName() + "\"");
+    if (!writeAttributeGroup(g.get(), grid.attributes(), "grid \"" + grid.getName() + "\""))
+      return false;
+    Hid charts = group(g.get(), "charts");
+    for (const auto& rep : grid.representations())
+      if (!writeChart(charts.get(), *rep, prefix + link + "/charts/")) return false;
+    return true;
+  }
+
+  bool writeChart(hid_t charts, const Representation& rep, const std::string& prefix) {
+    const std::string link = kq::escapeName(rep.getName());
+    Hid c = group(charts, link);
+    if (!c.ok() || !writeInt(c.get(), "dimensions", rep.getChart()->getDimensions()))
+      return fail("cannot create chart \"" + rep.getName() + "\"");
+    Hid fields = group(c.get(), "fields");
+    for (const auto& entry : rep.fields()) {
+      if (!entry.field) continue;
+      if (!writeField(fields.get(), entry.field, prefix + link + "/fields/")) return false;
+    }
+    return true;
+  }
+
+  bool writeField(hid_t fields, const Vorlap::StrongPtr<Field>& field, const std::string& prefix) {
+    const std::string link = kq::escapeName(field->getName());
+    Hid f = group(fields, link);
+    if (!f.ok()) return fail("cannot create field \"" + field->getName() + "\"");
+    if (!writeAttributeGroup(f.get(), field->attributes(), "field \"" + field->getName() + "\""))
+      return false;
+    Hid frags = group(f.get(), "fragments");
+    jobs_.push_back({field, prefix + link + "/fragments"});
+    return frags.ok() || fail("cannot create the fragments of \"" + field->getName() + "\"");
+  }
+
+  bool writeFragment(const FieldJob& job, const Vorlap::StrongPtr<FragmentID>& id);
+
+  hid_t file_;
+  std::vector<FieldJob> jobs_;
+  std::string error_;
+};
+
+// Dataset shape: (n) or (n, 3) for 1-D arrays; (rows, samples) for 2-D arrays.
+std::vector<hsize_t> storedShape(const MemBase& data) {
+  const bool triple = componentCount(data.elementType()) == 3;
+  std::vector<hsize_t> dims;
+  if (data.rank() == 2)
+    dims = {data.extent(1), data.extent(0)};
+  else
+    dims = {data.extent(0)};
+  if (triple) dims.push_back(3);
+  return dims;
+}
+
+bool writeDataset(hid_t parent, const std::string& name, const MemBase& data) {
+  const std::vector<hsize_t> dims = storedShape(data);
+  Hid space(H5Screate_simple(int(dims.size()), dims.data(), nullptr), H5Sclose);
+  Hid props(H5Pcreate(H5P_DATASET_CREATE), H5Pclose);
+  std::size_t total = 1;
+  for (auto d : dims) total *= d;
+  if (total > 0) {
+    std::vector<hsize_t> chunk = dims;
+    chunk[0] = std::min<hsize_t>(dims[0], std::max<hsize_t>(1, (1u << 20) / (total / dims[0])));
+    H5Pset_chunk(props.get(), int(chunk.size()), chunk.data());
+    H5Pset_shuffle(props.get());
+    H5Pset_deflate(props.get(), 1);
+  }
+  const hid_t type = kq::nativeTypeOf(data.elementType());
+  Hid set(
+      H5Dcreate2(parent, name.c_str(), type, space.get(), H5P_DEFAULT, props.get(), H5P_DEFAULT),
+      H5Dclose);
+  if (!set.ok()) return false;
+  Vorlap::Attributes meta;
+  meta.setAttribute("element_type",
+                    Vorlap::makeChunk<std::string>({elementTypeName(data.elementType())}));
+  meta.setAttribute("rank", Vorlap::makeChunk<int>({int(data.rank())}));
+  std::string ignored;
+  if (!kq::writeAttributes(set.get(), meta, ignored)) return false;
+  if (total == 0) return true;
+  std::vector<unsigned char> buffer(data.nElements() * elementBytes(data.elementType()));
+  data.copyOut(buffer.data());
+  return H5Dwrite(set.get(), type, H5S_ALL, H5S_ALL, H5P_DEFAULT, buffer.data()) >= 0;
+}
+
+bool Writer::writeFragment(const FieldJob& job, const Vorlap::StrongPtr<FragmentID>& id) {
+  const std::string where =
+      "fragment \"" + id->getName() + "\" of field \"" + job.field->getName() + "\"";
+  auto creator = job.field->getCreator(id);
+  if (!creator) return fail(where + " has no data");
+  Vorlap::StrongPtr<MemBase> data = creator->heldData();
+  if (!data) {
+    // Produced only for writing: not kept, so saving holds one fragment at a time.
+    data = creator->create();
+    creator->enableCaching(false);
+  }
+  if (!data) return fail(where + " could not be produced");
+  Hid parent(H5Gopen2(file_, job.path.c_str(), H5P_DEFAULT), H5Gclose);
+  if (!parent.ok() || !writeDataset(parent.get(), kq::escapeName(id->getName()), *data))
+    return fail("cannot write " + where);
+  return true;
+}
+
+std::string temporaryName(const std::string& fileName) {
+  static std::atomic<unsigned> counter{0};
+  return fileName + ".tmp-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
+}
+
+}  // namespace
+
+std::string Bundle::save(const BundlePtr& bundle, const std::string& fileName) {
+  if (bundle.isEmpty()) return "cannot save " + fileName + ": no bundle";
+  std::lock_guard<std::recursive_mutex> lock(kq::hdf5Mutex());
+  kq::silenceHdf5Errors();
+  const std::string temporary = temporaryName(fileName);
+  std::string error;
+  {
+    Hid file(H5Fcreate(temporary.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT), H5Fclose);
+    if (!file.ok()) return "cannot create " + fileName + ": the folder is missing or not writable";
+    Writer writer(file.get());
+    if (!writer.structure(*bundle.get()) || !writer.fragments()) error = writer.error();
+    if (error.empty() && H5Fflush(file.get(), H5F_SCOPE_GLOBAL) < 0) error = "cannot flush";
+  }
+  std::error_code ec;
+  if (error.empty()) std::filesystem::rename(temporary, fileName, ec);
+  if (error.empty() && ec) error = "cannot rename into place: " + ec.message();
+  if (error.empty()) return "";
+  std::filesystem::remove(temporary, ec);
+  return "cannot save " + fileName + ": " + error;
+}
+
+}  // namespace Tessal
