@@ -52,7 +52,8 @@ ZoneScore scoreMTAZones(const std::vector<std::uint32_t>& buffer, const std::uin
                              minAmplitude);
   }
   double best = 1.0e9;
-  for (std::uint32_t z = minZone; z < maxZone; ++z) {
+  // An empty block has nothing to score: no zone, whatever the range.
+  for (std::uint32_t z = minZone; n > 0 && z < maxZone; ++z) {
     const double score = roughness(s, n, z);
     if (best > score) {
       s.zone = std::int32_t(z);
