@@ -1,0 +1,188 @@
+// .kq files: round trips through the HDF5 container, on-demand reading and bad files.
+#include <gtest/gtest.h>
+#include <hdf5.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "support/Arrays.hpp"
+#include "support/TempDir.hpp"
+#include "tessal/Bundle.hpp"
+#include "vorlap/Console.hpp"
+
+using namespace Tessal;
+using namespace quillo::test;
+using Gemwold::PhysicalSpace::point;
+
+namespace {
+
+BundlePtr sampleBundle() {
+  auto bundle = BundlePtr::make();
+  auto slice = (*bundle.create())[0.0];
+  auto shots = slice->makeGrid("Shots");
+  auto& a = shots->attributes();
+  a.setAttribute("Rate", Vorlap::makeChunk<double>({1.0e6}));
+  a.setAttribute("Count", Vorlap::makeChunk<unsigned>({7u, 8u}));
+  a.setAttribute("Segment", Vorlap::makeChunk<int>({-1}));
+  a.setAttribute("Table", Vorlap::makeChunk<float>({-1.5f, 2.5f}));
+  a.setAttribute("Model", Vorlap::makeChunk<std::string>({"Q-1", "two words/slash"}));
+  a.setAttribute("Empty", Vorlap::makeChunk<int>({}));
+  auto rep = shots->makeCartesianRepresentation(3, "ScannerCoordinateSystem", 0);
+  storeFragment(*rep, "GPSTime", "Fragment_0", makeArray<double>({1.0, 2.0, 3.0}));
+  storeFragment(*rep, "GPSTime", "Fragment_1", makeArray<double>({}));
+  storeFragment(*rep, "GPSTime", "Fragment_2", makeStridedArray<double>({4.0, 5.0}, 1, 3));
+  storeFragment(*rep, "Positions", "Fragment_0", makeArray<point>({{1, 2, 3}, {4, 5, 6}}));
+  storeFragment(*rep, "Channel", "Fragment_0", makeArray<std::uint8_t>({0, 1, 255}));
+  auto wave =
+      Vorlap::makeStrong<MemArray<2, std::uint16_t>>(MemArray<2, std::uint16_t>::Extents{4, 2});
+  for (std::size_t k = 0; k < 8; ++k) wave->set(k, std::uint16_t(100 + k));
+  auto fwf = slice->makeGrid("Waveforms/odd.name")->makeCartesianRepresentation(3, "Chart", 0);
+  storeFragment(*fwf, "Waveforms", "Fragment_0", wave);
+  (*rep).findFieldByName("Channel")->attributes().setAttribute(
+      "Unit", Vorlap::makeChunk<std::string>({"id"}));
+  return bundle;
+}
+
+template <class T>
+Vorlap::StrongPtr<MemArray<1, T>> fragment(const Vorlap::StrongPtr<Field>& f,
+                                           const std::string& name) {
+  auto creator = f->getCreator(f->getFragmentIDCollection()->findFragmentIDByName(name));
+  return creator ? Vorlap::dynamicPtrCast<MemArray<1, T>>(creator->create()) : nullptr;
+}
+
+BundlePtr load(const std::string& file, bool& ok) {
+  BundlePtr b = BundlePtr::make();
+  Bundle::load(ok, LoaderParameters({file}), b);
+  return b;
+}
+
+}  // namespace
+
+TEST(KqFile, RoundTripKeepsStructureValuesAndTypes) {
+  TempDir dir;
+  const std::string file = dir.file("a.kq");
+  ASSERT_EQ(Bundle::save(sampleBundle(), file), "");
+  bool ok = false;
+  BundlePtr back = load(file, ok);
+  ASSERT_TRUE(ok);
+  auto slice = (*back.get())[0.0];
+  ASSERT_EQ(slice->grids().size(), 2u);
+  auto shots = (*slice)("Shots");
+  ASSERT_TRUE(shots);
+  const auto& a = shots->attributes();
+  EXPECT_EQ((*a.getAttributeAs<double>("Rate"))[0], 1.0e6);
+  EXPECT_EQ(a.getAttributeAs<unsigned>("Count")->values(), (std::vector<unsigned>{7u, 8u}));
+  EXPECT_EQ((*a.getAttributeAs<int>("Segment"))[0], -1);
+  EXPECT_EQ(a.getAttributeAs<float>("Table")->values(), (std::vector<float>{-1.5f, 2.5f}));
+  EXPECT_EQ(a.getAttributeAs<std::string>("Model")->values(),
+            (std::vector<std::string>{"Q-1", "two words/slash"}));
+  ASSERT_TRUE(a.getAttributeAs<int>("Empty"));
+  EXPECT_EQ(a.getAttributeAs<int>("Empty")->size(), 0u);
+
+  auto times = (*shots)("GPSTime", "ScannerCoordinateSystem");
+  ASSERT_TRUE(times);
+  ASSERT_EQ(times->getNumberOfFragments(), 3u);
+  EXPECT_EQ(times->getFragmentIDCollection()->at(2)->getName(), "Fragment_2");
+  EXPECT_EQ(fragment<double>(times, "Fragment_0")->get(2), 3.0);
+  EXPECT_EQ(fragment<double>(times, "Fragment_1")->size(), 0u);
+  EXPECT_EQ(fragment<double>(times, "Fragment_2")->get(1), 5.0);
+  EXPECT_EQ(fragment<point>((*shots)("Positions", ""), "Fragment_0")->get(1), (point{4, 5, 6}));
+  auto channel = (*shots)("Channel", "");
+  EXPECT_EQ(fragment<std::uint8_t>(channel, "Fragment_0")->get(2), 255);
+  EXPECT_EQ((*channel->attributes().getAttributeAs<std::string>("Unit"))[0], "id");
+
+  auto odd = (*slice)("Waveforms/odd.name");
+  ASSERT_TRUE(odd);
+  auto wf = (*odd)("Waveforms", "Chart");
+  auto creator = wf->getCreator(wf->getFragmentIDCollection()->at(0));
+  auto samples = Vorlap::dynamicPtrCast<MemArray<2, std::uint16_t>>(creator->create());
+  ASSERT_TRUE(samples);
+  EXPECT_EQ(samples->extent(0), 4u);
+  EXPECT_EQ(samples->get(3, 1), 107);
+
+  // A loaded bundle saves again (its fragments come from the first file on demand).
+  ASSERT_EQ(Bundle::save(back, dir.file("b.kq")), "");
+  bool ok2 = false;
+  BundlePtr again = load(dir.file("b.kq"), ok2);
+  ASSERT_TRUE(ok2);
+  auto againTimes = (*(*(*again.get())[0.0])("Shots"))("GPSTime", "");
+  EXPECT_EQ((fragment<double>(againTimes, "Fragment_2")->get(0)), 4.0);
+}
+
+TEST(KqFile, FragmentsAreReadOnlyWhenAskedFor) {
+  TempDir dir;
+  ASSERT_EQ(Bundle::save(sampleBundle(), dir.file("a.kq")), "");
+  bool ok = false;
+  BundlePtr back = load(dir.file("a.kq"), ok);
+  ASSERT_TRUE(ok);
+  auto times = (*(*back.get())[0.0])("Shots")->operator()("GPSTime", "");
+  auto creator = times->getCreator(times->getFragmentIDCollection()->at(0));
+  EXPECT_TRUE(creator->heldData().isEmpty());
+  EXPECT_EQ(creator->elementType(), ElementType::Double);
+  EXPECT_EQ(creator->extents(), (std::vector<std::size_t>{3}));
+  creator->enableCaching(false);
+  auto data = creator->create();
+  ASSERT_TRUE(data);
+  EXPECT_TRUE(creator->heldData().isEmpty());  // not kept once caching is off
+  back.reset();
+  auto again = Vorlap::dynamicPtrCast<MemArray<1, double>>(creator->create());
+  ASSERT_TRUE(again);
+  EXPECT_EQ(again->get(0), 1.0);
+}
+
+TEST(KqFile, BadFilesAreRefusedWithTheirName) {
+  TempDir dir;
+  auto expectRefused = [&](const std::string& file, const std::string& words) {
+    Vorlap::ConsoleCapture capture;
+    bool ok = true;
+    BundlePtr b = load(file, ok);
+    EXPECT_FALSE(ok) << file;
+    ASSERT_FALSE(capture.messages().empty()) << file;
+    EXPECT_NE(capture.messages().front().find(file), std::string::npos);
+    EXPECT_NE(capture.messages().front().find(words), std::string::npos) << capture.joined();
+    EXPECT_TRUE((*b.get()).slices().empty()) << "nothing of a refused file is added";
+  };
+  expectRefused(dir.file("missing.kq"), "no such file");
+  std::ofstream(dir.file("empty.kq")).close();
+  expectRefused(dir.file("empty.kq"), "not an HDF5 file");
+  std::ofstream(dir.file("text.kq")) << "plain text\n";
+  expectRefused(dir.file("text.kq"), "not an HDF5 file");
+
+  ASSERT_EQ(Bundle::save(sampleBundle(), dir.file("whole.kq")), "");
+  const auto size = std::filesystem::file_size(dir.file("whole.kq"));
+  std::filesystem::copy_file(dir.file("whole.kq"), dir.file("cut.kq"));
+  std::filesystem::resize_file(dir.file("cut.kq"), size / 2);
+  expectRefused(dir.file("cut.kq"), "cannot");
+
+  // A dataset whose declared element type does not match its stored values.
+  std::filesystem::copy_file(dir.file("whole.kq"), dir.file("retyped.kq"));
+  {
+    hid_t f = H5Fopen(dir.file("retyped.kq").c_str(), H5F_ACC_RDWR, H5P_DEFAULT);
+    hid_t d = H5Dopen2(
+        f,
+        "/slices/0/grids/Shots/charts/ScannerCoordinateSystem/fields/Channel/fragments/Fragment_0",
+        H5P_DEFAULT);
+    H5Adelete(d, "element_type");
+    hid_t t = H5Tcopy(H5T_C_S1);
+    H5Tset_size(t, H5T_VARIABLE);
+    hid_t s = H5Screate_simple(1, std::array<hsize_t, 1>{1}.data(), nullptr);
+    hid_t a = H5Acreate2(d, "element_type", t, s, H5P_DEFAULT, H5P_DEFAULT);
+    const char* name = "float64";
+    H5Awrite(a, t, &name);
+    H5Aclose(a), H5Sclose(s), H5Tclose(t), H5Dclose(d), H5Fclose(f);
+  }
+  expectRefused(dir.file("retyped.kq"), "not of type float64");
+}
+
+TEST(KqFile, SaveNeverLeavesPartialFiles) {
+  TempDir dir;
+  const std::string bad = (dir.path() / "no-such-folder" / "x.kq").string();
+  const std::string error = Bundle::save(sampleBundle(), bad);
+  EXPECT_NE(error.find(bad), std::string::npos);
+  EXPECT_FALSE(std::filesystem::exists(bad));
+  ASSERT_EQ(Bundle::save(sampleBundle(), dir.file("ok.kq")), "");
+  std::size_t files = 0;
+  for (const auto& e : std::filesystem::directory_iterator(dir.path()))
+    files += e.is_regular_file();
+  EXPECT_EQ(files, 1u);  // no temporary file stays behind
+}
