@@ -43,8 +43,11 @@ struct PeakDetectionFamily<T>::Impl {
   double sampleInterval;
   std::uint32_t samplesPerRow;
   std::vector<double> y, smooth, weight, scratch;
+  std::vector<Candidate> candidates;
 
   RowStats stats(std::size_t n, std::int32_t noiseLevel, T maxSample);
+  double noiseSigmaAround(double background, std::size_t n) const;
+  bool adjacentAtMax(std::size_t n, T maxSample) const;
   void findCandidates(std::size_t n, const RowStats& s, std::vector<Candidate>& out);
   void refineFast(std::size_t n, const RowStats& s, Candidate& c);
   double halfWidth(std::size_t n, const RowStats& s, double position, double height);
@@ -60,18 +63,48 @@ RowStats PeakDetectionFamily<T>::Impl::stats(std::size_t n, std::int32_t noiseLe
   RowStats s;
   scratch.assign(y.begin(), y.begin() + std::ptrdiff_t(n));
   s.background = medianOf(scratch);
-  for (std::size_t i = 0; i < n; ++i) scratch[i] = std::fabs(y[i] - s.background);
-  s.noiseSigma = 1.4826 * medianOf(scratch);
+  s.noiseSigma = noiseSigmaAround(s.background, n);
   s.threshold = noiseLevel > 0
                     ? double(noiseLevel)
                     : std::max(settings.thresholdSigmas * s.noiseSigma, settings.minimumThreshold);
   std::size_t atMax = 0;
   for (std::size_t i = 0; i < n; ++i) atMax += y[i] == double(maxSample);
   s.clipLevel = settings.saturationLevel > 0 ? settings.saturationLevel : double(maxSample);
-  s.clipped = settings.saturationLevel > 0 ? double(maxSample) >= settings.saturationLevel
-                                           : atMax >= 2 && maxSample - s.background > s.threshold;
+  s.clipped =
+      settings.saturationLevel > 0
+          ? double(maxSample) >= settings.saturationLevel
+          : atMax >= 2 && maxSample - s.background > 4 * s.threshold && adjacentAtMax(n, maxSample);
   for (std::size_t i = 0; i < n; ++i) weight[i] = s.clipped && y[i] >= s.clipLevel ? 0.0 : 1.0;
   return s;
+}
+
+// A clipped pulse shows as neighbouring samples at the row's maximum (noise may repeat the
+// maximum too, but rarely side by side and far above the threshold).
+template <class T>
+bool PeakDetectionFamily<T>::Impl::adjacentAtMax(std::size_t n, T maxSample) const {
+  for (std::size_t i = 0; i + 1 < n; ++i)
+    if (y[i] == double(maxSample) && y[i + 1] == double(maxSample)) return true;
+  return false;
+}
+
+// Standard deviation of the samples near the background, the echoes excluded by clipping
+// twice at 3.5 sigmas (robust, and unlike a median of integer deviations not stepwise).
+template <class T>
+double PeakDetectionFamily<T>::Impl::noiseSigmaAround(double background, std::size_t n) const {
+  double sum = 0.0;
+  for (std::size_t i = 0; i < n; ++i) sum += std::fabs(y[i] - background);
+  double sigma = 1.2533 * sum / double(n);  // mean absolute deviation of a normal distribution
+  for (int pass = 0; pass < 2; ++pass) {
+    double sq = 0.0;
+    std::size_t count = 0;
+    const double limit = 3.5 * std::max(sigma, 0.5);
+    for (std::size_t i = 0; i < n; ++i) {
+      const double d = y[i] - background;
+      if (std::fabs(d) <= limit) sq += d * d, ++count;
+    }
+    sigma = count ? std::sqrt(sq / double(count)) : sigma;
+  }
+  return sigma;
 }
 
 template <class T>
@@ -248,7 +281,8 @@ Vorlap::StrongPtr<WavePoints<T>> PeakDetectionFamily<T>::Impl::detectRow(
   }
   wave->maxSample = maxSample;
   const RowStats s = stats(n, noiseLevel, maxSample);
-  std::vector<Candidate> cands;
+  std::vector<Candidate>& cands = candidates;
+  cands.clear();
   findCandidates(n, s, cands);
   for (auto& c : cands) refineFast(n, s, c);
   if (mode == FWF_GAUSSIAN_DECOMPOSITION && !cands.empty()) decompose(n, s, cands);
@@ -295,7 +329,7 @@ PeakDetectionFamily<T>::PeakDetectionFamily(FWFModus mode, const ScannerDevice& 
     error_ = readPeakSettings(settingsPath, settings);
     if (!error_.empty()) return;
   }
-  impl_ = new Impl{mode, settings, scanner.sampleInterval, samplesPerWaveform, {}, {}, {}, {}};
+  impl_ = new Impl{mode, settings, scanner.sampleInterval, samplesPerWaveform, {}, {}, {}, {}, {}};
   impl_->y.resize(samplesPerWaveform);
   impl_->smooth.resize(samplesPerWaveform);
   impl_->weight.resize(samplesPerWaveform);

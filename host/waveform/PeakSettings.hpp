@@ -8,7 +8,7 @@
 namespace FullWaveform {
 
 struct PeakSettings {
-  double thresholdSigmas = 5.0;       // estimated-noise threshold, in noise sigmas
+  double thresholdSigmas = 4.0;       // estimated-noise threshold, in noise sigmas
   double minimumThreshold = 3.0;      // counts; floor of the estimated threshold
   int maxEchoes = 8;                  // per waveform
   double referencePulseWidth = 3e-9;  // FWHM of the emitted pulse, s
