@@ -1,0 +1,31 @@
+// The simulated survey as a bundle of the data model whose fragments are simulated when
+// asked for (one fragment kept at a time), and its saving to a .kq file.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "sim/Survey.hpp"
+#include "tessal/Bundle.hpp"
+
+namespace quillo::sim {
+
+// Names of the truth fields (grid "Truth", aligned with the rows of "Waveforms" and the
+// records of "OPP").
+namespace TruthField {
+inline constexpr const char* RowEmitter = "WaveformEmittingShot";
+inline constexpr const char* RowZone = "WaveformZone";
+inline constexpr const char* RowRange = "WaveformRange";
+inline constexpr const char* RowTarget = "WaveformTarget";
+inline constexpr const char* OnlineEmitter = "OnlineEmittingShot";
+inline constexpr const char* OnlineZone = "OnlineZone";
+inline constexpr const char* OnlineRange = "OnlineRange";
+inline constexpr const char* OnlineTarget = "OnlineTarget";
+}  // namespace TruthField
+
+Tessal::BundlePtr surveyBundle(const SurveyConfig& config);
+
+// Writes the survey to `fileName`; returns the empty text or the error.
+std::string writeSurvey(const SurveyConfig& config, const std::string& fileName);
+
+}  // namespace quillo::sim

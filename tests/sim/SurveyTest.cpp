@@ -1,0 +1,87 @@
+// The survey simulator: physics of recording, determinism, fragment independence, and a
+// whole tiny survey through the module scored against its truth.
+#include <gtest/gtest.h>
+
+#include "run/Quillo.hpp"
+#include "sim/FragmentSimulation.hpp"
+#include "sim/Scoring.hpp"
+#include "sim/SurveyBundle.hpp"
+#include "support/TempDir.hpp"
+
+using namespace quillo::sim;
+
+namespace {
+
+SurveyConfig tiny() {
+  SurveyConfig c;
+  EXPECT_TRUE(presetConfig("tiny", c));
+  return c;
+}
+
+}  // namespace
+
+TEST(Survey, ShotTimingAndRecordingShots) {
+  Survey s(tiny());
+  const double nominal = 1.0e-6;
+  for (std::uint64_t k = 1; k < 2000; ++k) {
+    const double dt = s.shotTime(k) - s.shotTime(k - 1);
+    ASSERT_GT(dt, nominal * (1 - 2 * 0.03));
+    ASSERT_LT(dt, nominal * (1 + 2 * 0.03));
+  }
+  // An echo arriving just after shot k + 3 is recorded after k + 3: zone 3.
+  const double arrival = s.shotTime(103) + 1e-9;
+  EXPECT_EQ(s.recordingShot(100, arrival), 103u);
+  EXPECT_EQ(s.recordingShot(100, s.shotTime(103) - 1e-9), 102u);
+  for (std::uint64_t k : {0u, 777u, 5000u})
+    for (const auto& r : s.returns(k)) EXPECT_GT(r.range, 0.0);
+}
+
+TEST(Survey, DeterministicAndFragmentsIndependent) {
+  Survey a(tiny()), b(tiny());
+  const FragmentData f1 = simulateFragment(a, 1), again = simulateFragment(b, 1);
+  EXPECT_EQ(f1.samples, again.samples);
+  EXPECT_EQ(f1.rowZone, again.rowZone);
+  SurveyConfig other = tiny();
+  other.seed = 2;
+  EXPECT_NE(simulateFragment(Survey(other), 1).samples, f1.samples);
+  // Echoes recorded in fragment 1 include ones emitted at the end of fragment 0.
+  bool fromEarlier = false;
+  for (std::uint32_t e : f1.rowEmitter) fromEarlier |= e < tiny().fragmentShots;
+  EXPECT_TRUE(fromEarlier);
+  for (std::size_t i = 0; i < f1.rowEmitter.size(); ++i) {
+    const std::uint64_t recorder = f1.rowEmitter[i] + f1.rowZone[i];
+    ASSERT_GE(recorder, tiny().fragmentShots);
+    ASSERT_EQ(f1.rowTime[i], a.shotTime(recorder));
+    if (f1.rowTarget[i] == std::uint8_t(Target::Noise)) continue;  // near the aircraft: zone 0
+    ASSERT_GE(f1.rowZone[i], 2);
+    ASSERT_LE(f1.rowZone[i], 5);
+  }
+}
+
+TEST(Survey, TinySurveyResolvesAgainstTheTruth) {
+  quillo::test::TempDir dir;
+  const std::string input = dir.file("tiny_210315_093000.kq");
+  ASSERT_EQ(writeSurvey(tiny(), input), "");
+  auto bundle = Tessal::BundlePtr::make();
+  bool ok = false;
+  Tessal::Bundle::load(ok, Tessal::LoaderParameters({input}), bundle);
+  ASSERT_TRUE(ok);
+  FullWaveform::Input in;
+  in.inputFileName = input;
+  std::vector<std::string> outputs;
+  std::vector<Tessal::BundlePtr> bundles;
+  std::vector<Vorlap::StrongPtr<Tessal::Grid>> grids;
+  for (int i = 0; i < 2; ++i) {
+    bundles.push_back(Tessal::BundlePtr::make());
+    grids.push_back((*bundles.back().create())[0.0]->makeGrid("FWF"));
+  }
+  ASSERT_EQ((FullWaveform::Quillo<unsigned short>(bundle, grids[0], grids[1], in)), "");
+  for (int i = 0; i < 2; ++i) {
+    outputs.push_back(dir.file("out" + std::to_string(i) + ".kq"));
+    ASSERT_EQ(Tessal::Bundle::save(bundles[std::size_t(i)], outputs.back()), "");
+  }
+  const ZoneScoreReport r = scoreOutputs(outputs, input);
+  std::printf("%s", reportAsText(r).c_str());
+  EXPECT_GT(r.points, 10000u);
+  EXPECT_GT(r.zoneAccuracy(), 0.95);
+}
