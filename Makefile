@@ -21,7 +21,7 @@ build: configure
 	@cmake --build $(BUILD) -j$(JOBS)
 
 demo: build
-	@$(BUILD)/app/quillo --help
+	@$(BUILD)/app/quillo demo --dir demo-out
 
 test: build
 	@ctest --test-dir $(BUILD) --output-on-failure -j$(JOBS)

@@ -2,11 +2,15 @@
 
 #include "app/InspectCommands.hpp"
 #include "app/RunCommand.hpp"
+#include "app/SurveyCommands.hpp"
 
 namespace quillo::cli {
 
 void addAllCommands(CLI::App& app) {
+  addDemoCommand(app);
+  addSimulateCommand(app);
   addRunCommand(app);
+  addScoreCommand(app);
   addInfoCommand(app);
   addVerifyCommand(app);
   addHistCommand(app);
