@@ -23,10 +23,12 @@ struct Echo {
   Target target;
 };
 
-// Approximately normal noise from the counter-based generator.
+// Approximately normal noise: the sum of the four 16-bit parts of one counter-based draw.
 double noiseAt(std::uint64_t seed, std::uint64_t index) {
+  const double u = uniformAt(seed, index, 7);
+  const auto bits = static_cast<std::uint64_t>(u * 18446744073709551616.0);
   double sum = 0.0;
-  for (std::uint64_t i = 0; i < 4; ++i) sum += uniformAt(seed, index * 4 + i, 7);
+  for (int part = 0; part < 4; ++part) sum += double((bits >> (16 * part)) & 0xFFFF) / 65536.0;
   return (sum - 2.0) * std::sqrt(3.0);
 }
 
