@@ -1,7 +1,7 @@
 #include "app/FileInfo.hpp"
+#include "vorlap/NumberText.hpp"
 
 #include <algorithm>
-#include <charconv>
 #include <cmath>
 
 #include "app/Json.hpp"
@@ -11,12 +11,6 @@
 namespace quillo::cli {
 
 namespace {
-
-std::string number(double v) {
-  char buf[64];
-  auto r = std::to_chars(buf, buf + sizeof buf, v);
-  return std::string(buf, r.ptr);
-}
 
 template <class T>
 std::string joined(const Vorlap::Chunk<T>& c, std::string (*show)(const T&)) {
@@ -34,9 +28,9 @@ std::string attributeValue(const Vorlap::ChunkBase& chunk) {
   if (auto* c = dynamic_cast<const Chunk<unsigned>*>(&chunk))
     return joined<unsigned>(*c, [](const unsigned& v) { return std::to_string(v); });
   if (auto* c = dynamic_cast<const Chunk<float>*>(&chunk))
-    return joined<float>(*c, [](const float& v) { return number(v); });
+    return joined<float>(*c, [](const float& v) { return Vorlap::shortestText(v); });
   if (auto* c = dynamic_cast<const Chunk<double>*>(&chunk))
-    return joined<double>(*c, [](const double& v) { return number(v); });
+    return joined<double>(*c, [](const double& v) { return Vorlap::shortestText(v); });
   if (auto* c = dynamic_cast<const Chunk<std::string>*>(&chunk))
     return joined<std::string>(*c, [](const std::string& v) { return "\"" + v + "\""; });
   return "?";
@@ -120,8 +114,9 @@ std::string infoAsText(const std::string& file, const FileInfo& info) {
     }
   }
   if (info.shots) {
-    s += "shots: " + std::to_string(info.shots) + ", GPS time " + number(info.firstShotTime) +
-         " to " + number(info.lastShotTime) + " s\n";
+    s += "shots: " + std::to_string(info.shots) + ", GPS time " +
+         Vorlap::shortestText(info.firstShotTime) + " to " +
+         Vorlap::shortestText(info.lastShotTime) + " s\n";
   }
   if (!info.scanner.empty())
     s +=

@@ -1,19 +1,12 @@
 // Run parameters: their text, the output file names and the data segment lookup.
 #include "run/Input.hpp"
-
-#include <charconv>
+#include "vorlap/NumberText.hpp"
 
 #include "vorlap/Console.hpp"
 
 namespace FullWaveform {
 
 namespace {
-
-std::string shortest(double v) {
-  char buf[64];
-  auto r = std::to_chars(buf, buf + sizeof buf, v);
-  return std::string(buf, r.ptr);
-}
 
 const char* yesNo(bool b) {
   return b ? " Yes " : " No ";
@@ -26,7 +19,7 @@ std::string Input::speak() const {
   s += "MTA: " + std::to_string(MTA) + "\n";
   s += "FWF-Modus: " + getNameOfModus(fwfModus) + "\n";
   s += std::string("Export FWF ") + yesNo(exportFWF) + "\n";
-  s += "NoiseLevel " + shortest(noiseLevel) + "\n";
+  s += "NoiseLevel " + Vorlap::shortestText(noiseLevel) + "\n";
   s += std::string("SkipFWF ") + yesNo(skipFWF) + "\n";
   s += std::string("SkipOnline ") + yesNo(skipOnline) + "\n";
   s += std::string("Data is from file: ") + (RDB_SEGMENT != -1 ? " RDB " : " RXP ") + "\n";

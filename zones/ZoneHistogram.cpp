@@ -1,19 +1,13 @@
 // Zone histogram report of the current fragment: per zone 0 to 7 its range interval, share
 // and count. Reads mta and the scanner description; writes zoneHist.
-#include <charconv>
 #include <cstdio>
 
 #include "store/FatBoy.hpp"
+#include "vorlap/NumberText.hpp"
 
 namespace FullWaveform {
 
 namespace {
-
-std::string shortest(double v) {
-  char buf[64];
-  auto r = std::to_chars(buf, buf + sizeof buf, v);
-  return std::string(buf, r.ptr);
-}
 
 std::string fixed61(double v) {
   char buf[512];
@@ -38,7 +32,8 @@ std::string FatBoy<T>::printHist() {
   for (std::uint32_t z = 0; z < 8; ++z) {
     const double c = scannerDevice.lightSpeed;
     text += "\t\t\tMTA " + std::to_string(z) + "(" + fixed61(c * m * z) + "-" +
-            fixed61(c * m * (z + 1)) + "). Count [%]: " + shortest(zoneHist[z] * percentPerWave) +
+            fixed61(c * m * (z + 1)) +
+            "). Count [%]: " + Vorlap::shortestText(zoneHist[z] * percentPerWave) +
             ",  as num: " + std::to_string(zoneHist[z]) + "\n";
   }
   return text;

@@ -1,5 +1,7 @@
 #include "vorlap/Console.hpp"
 
+#include "vorlap/NumberText.hpp"
+
 #include <charconv>
 #include <cstdio>
 #include <mutex>
@@ -52,9 +54,7 @@ Console& Console::operator<<(bool b) {
   return *this;
 }
 Console& Console::operator<<(double v) {
-  char buf[64];
-  auto r = std::to_chars(buf, buf + sizeof buf, v);
-  text_.append(buf, r.ptr);
+  text_ += shortestText(v);
   return *this;
 }
 

@@ -1,10 +1,10 @@
 // Scanner description: reads the scanner's parameters from attributes of the "Shots" grid
 // ("SampleInterval" from the "Waveforms" grid) and checks that they are meaningful.
 #include "waveform/ScannerDevice.hpp"
+#include "vorlap/NumberText.hpp"
 
 #include <algorithm>
 #include <cctype>
-#include <charconv>
 #include <cmath>
 
 #include "vorlap/Console.hpp"
@@ -14,12 +14,6 @@ namespace FullWaveform {
 namespace {
 
 namespace A = ScannerAttribute;
-
-std::string shortest(double v) {
-  char buf[64];
-  auto r = std::to_chars(buf, buf + sizeof buf, v);
-  return std::string(buf, r.ptr);
-}
 
 // Reads attributes of one grid and reports each problem once.
 class AttributeReader {
@@ -121,9 +115,9 @@ ScannerDevice::ScannerDevice(const Vorlap::StrongPtr<Tessal::Grid>& shots,
   else if (r.number(A::PulseRepetitionRate, pulseRepetitionRate) &&
            (!(pulseRepetitionRate > 0.0) || !std::isfinite(pulseRepetitionRate)))
     r.fail(A::PulseRepetitionRate,
-           "must be a positive number, is " + shortest(pulseRepetitionRate));
+           "must be a positive number, is " + Vorlap::shortestText(pulseRepetitionRate));
   if (r.number(A::LightSpeed, lightSpeed) && (!(lightSpeed > 0.0) || !std::isfinite(lightSpeed)))
-    r.fail(A::LightSpeed, "must be a positive number, is " + shortest(lightSpeed));
+    r.fail(A::LightSpeed, "must be a positive number, is " + Vorlap::shortestText(lightSpeed));
   r.number(A::SampleInterval, sampleInterval);
   if (waveforms) {
     AttributeReader w(*waveforms, valid_);
@@ -131,9 +125,10 @@ ScannerDevice::ScannerDevice(const Vorlap::StrongPtr<Tessal::Grid>& shots,
     if (!w.present(A::SampleInterval) && !r.present(A::SampleInterval))
       w.fail(A::SampleInterval, "is missing (the waveforms need it)");
     else if (!(sampleInterval > 0.0) || !std::isfinite(sampleInterval))
-      w.fail(A::SampleInterval, "must be a positive number, is " + shortest(sampleInterval));
+      w.fail(A::SampleInterval,
+             "must be a positive number, is " + Vorlap::shortestText(sampleInterval));
   } else if (!(sampleInterval >= 0.0) || !std::isfinite(sampleInterval)) {
-    r.fail(A::SampleInterval, "must not be negative, is " + shortest(sampleInterval));
+    r.fail(A::SampleInterval, "must not be negative, is " + Vorlap::shortestText(sampleInterval));
   }
   r.number(A::MinAmplitude, minAmplitude);
   if (r.number(A::MinTimeOffset, minTimeOffset) && !(minTimeOffset >= 0.0))
@@ -141,7 +136,8 @@ ScannerDevice::ScannerDevice(const Vorlap::StrongPtr<Tessal::Grid>& shots,
   double block = blockSize;
   if (r.number(A::BlockSize, block)) {
     if (!(block >= 1.0 && block <= 1.0e7) || block != std::floor(block))
-      r.fail(A::BlockSize, "must be a whole number from 1 to 10000000, is " + shortest(block));
+      r.fail(A::BlockSize,
+             "must be a whole number from 1 to 10000000, is " + Vorlap::shortestText(block));
     else
       blockSize = std::int32_t(block);
   }
@@ -163,17 +159,17 @@ std::string ScannerDevice::speak() const {
   const char* pattern = isLineWise() ? "line-wise" : isRadial() ? "radial" : "unknown";
   std::string s;
   s += "ScannerModel: " + modelName + "\n";
-  s += "PulseRepetitionRate: " + shortest(pulseRepetitionRate) + "\n";
-  s += "LightSpeed: " + shortest(lightSpeed) + "\n";
-  s += "SampleInterval: " + shortest(sampleInterval) + "\n";
-  s += "MinAmplitude: " + shortest(minAmplitude) + "\n";
-  s += "MinTimeOffset: " + shortest(minTimeOffset) + "\n";
+  s += "PulseRepetitionRate: " + Vorlap::shortestText(pulseRepetitionRate) + "\n";
+  s += "LightSpeed: " + Vorlap::shortestText(lightSpeed) + "\n";
+  s += "SampleInterval: " + Vorlap::shortestText(sampleInterval) + "\n";
+  s += "MinAmplitude: " + Vorlap::shortestText(minAmplitude) + "\n";
+  s += "MinTimeOffset: " + Vorlap::shortestText(minTimeOffset) + "\n";
   s += "BlockSize: " + std::to_string(blockSize) + "\n";
   s += std::string("ScanPattern: ") + pattern + "\n";
   s += "ReflectanceTable: " +
        std::to_string(reflectanceTable ? reflectanceTable->values.size() : 0) + " entries\n";
-  s += "ReflectanceTableStep: " + shortest(reflectanceTableStep) + "\n";
-  s += "MTAZoneLength: " + shortest(getMTALengthAsTime()) + " s\n";
+  s += "ReflectanceTableStep: " + Vorlap::shortestText(reflectanceTableStep) + "\n";
+  s += "MTAZoneLength: " + Vorlap::shortestText(getMTALengthAsTime()) + " s\n";
   return s;
 }
 
