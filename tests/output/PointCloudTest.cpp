@@ -146,3 +146,33 @@ TEST(OutputAttributes, DatePatternAndErrors) {
   EXPECT_EQ(addAttributes(Vorlap::makeStrong<Tessal::Grid>("FWF"), s.fb()),
             "addAttributes: no ScannerCoordinateSystem representation available");
 }
+
+TEST(PointCloudFields, WaveformContainerAndExportDecideTheFieldSet) {
+  auto count = [](bool exportFWF, FWFModus mode) {
+    auto bundle = makeShotsBundle({{{1.0, 1.000001, 1.000002, 1.000003}}});
+    addWaveformFragment(bundle, 0, {{1.0, 1.000001, 1.000002}});
+    Input in;
+    in.exportFWF = exportFWF;
+    in.fwfModus = mode;
+    FatBoy<unsigned short> fb(bundle, in);
+    EXPECT_TRUE(fb.ini(0));
+    fb.wavePoints = {makeWave({1.000001, 1e-6}), makeWave({1.000002, 1e-6}),
+                     makeWave({1.000003, 1e-6})};
+    fb.fwfIndex = {0, 1, -1};
+    EXPECT_TRUE(fb.iniMTA());
+    auto grid = Vorlap::makeStrong<Tessal::Grid>("FWF");
+    std::uint32_t ids = 0;
+    EXPECT_EQ(makePointCloud(fb, {0, 1, 2}, grid, ids, in), "");
+    auto rep = grid->getCartesianRepresentation("ScannerCoordinateSystem");
+    if (auto waveforms = rep->findFieldByName("Waveforms")) {
+      auto creator = waveforms->getCreator(waveforms->getFragmentIDCollection()->at(0));
+      auto samples =
+          Vorlap::dynamicPtrCast<Tessal::MemArray<2, std::uint16_t>>(creator->heldData());
+      EXPECT_EQ(samples->extent(0), 8u);  // the input rows' sample count
+    }
+    return rep->fields().size();
+  };
+  EXPECT_EQ(count(false, FWF_PEAKS_NO_WIDTH), 16u);  // Damping comes with the waveform container
+  EXPECT_EQ(count(false, FWF_FAST_PEAKS), 17u);
+  EXPECT_EQ(count(true, FWF_FAST_PEAKS), 20u);
+}
