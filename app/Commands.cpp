@@ -1,6 +1,6 @@
 #include "app/Commands.hpp"
 
-#include "app/InspectCommands.hpp"
+#include "app/FileCommands.hpp"
 #include "app/RunCommand.hpp"
 #include "app/SurveyCommands.hpp"
 

@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "app/CliError.hpp"
-#include "app/Inspection.hpp"
+#include "app/FragmentProbe.hpp"
 #include "app/Json.hpp"
 #include "app/RunOptions.hpp"
 
@@ -42,9 +42,9 @@ void printHistograms(const std::string& input, const RunSettings& settings) {
   bool ok = false;
   Tessal::Bundle::load(ok, Tessal::LoaderParameters({input}), bundle);
   if (!ok) throw CliError(kInput, input + ": cannot be read as a .kq file");
-  Inspector inspector(bundle, settings.input);
-  for (std::uint32_t f = 0; f < inspector.fragmentCount(); ++f) {
-    const FragmentReport r = inspector.inspect(f);
+  FragmentProbe probe(bundle, settings.input);
+  for (std::uint32_t f = 0; f < probe.fragmentCount(); ++f) {
+    const FragmentReport r = probe.inspect(f);
     if (r.processed) std::printf("%s Fragment_%u:%s", input.c_str(), f, r.histogram.c_str());
   }
 }

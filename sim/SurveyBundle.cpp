@@ -80,14 +80,14 @@ Extract waveformSamples() {
   };
 }
 
-struct FieldSpec {
+struct FieldEntry {
   const char* grid;
   const char* field;
   Tessal::ElementType type;
   Extract extract;
 };
 
-std::vector<FieldSpec> fieldSpecs() {
+std::vector<FieldEntry> fieldEntries() {
   using E = Tessal::ElementType;
   using D = FragmentData;
   namespace T = TruthField;
@@ -138,13 +138,13 @@ Tessal::BundlePtr surveyBundle(const SurveyConfig& config) {
   setScannerAttributes(*slice, config);
   auto cache = std::make_shared<FragmentCache>(config);
   const std::uint32_t fragments = cache->survey().fragmentCount();
-  for (const auto& spec : fieldSpecs()) {
+  for (const auto& entry : fieldEntries()) {
     auto rep =
-        slice->makeGrid(spec.grid)->makeCartesianRepresentation(3, "ScannerCoordinateSystem", 0);
-    StrongPtr<Tessal::Field> field = rep->makeField(rep->makeFieldID(spec.field), {}, {});
+        slice->makeGrid(entry.grid)->makeCartesianRepresentation(3, "ScannerCoordinateSystem", 0);
+    StrongPtr<Tessal::Field> field = rep->makeField(rep->makeFieldID(entry.field), {}, {});
     for (std::uint32_t f = 0; f < fragments; ++f) {
       auto id = field->makeFragmentID("Fragment_" + std::to_string(f));
-      auto creator = Vorlap::makeStrong<SimulatedCreator>(cache, f, spec.type, spec.extract);
+      auto creator = Vorlap::makeStrong<SimulatedCreator>(cache, f, entry.type, entry.extract);
       creator->enableCaching(false);
       field->setCreator(id, creator);
     }

@@ -16,10 +16,10 @@ struct FragmentReport {
   std::string histogram;  // the store's printHist text
 };
 
-class Inspector {
+class FragmentProbe {
  public:
-  Inspector(Tessal::BundlePtr& bundle, const FullWaveform::Input& input);
-  ~Inspector();
+  FragmentProbe(Tessal::BundlePtr& bundle, const FullWaveform::Input& input);
+  ~FragmentProbe();
   std::uint32_t fragmentCount() const;
   // Fragments must be asked for in ascending order, as a run visits them.
   FragmentReport inspect(std::uint32_t fragment);

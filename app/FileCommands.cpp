@@ -1,11 +1,11 @@
-#include "app/InspectCommands.hpp"
+#include "app/FileCommands.hpp"
 
 #include <cstdio>
 #include <filesystem>
 
 #include "app/CliError.hpp"
 #include "app/FileInfo.hpp"
-#include "app/Inspection.hpp"
+#include "app/FragmentProbe.hpp"
 #include "app/RunOptions.hpp"
 #include "run/Verification.hpp"
 
@@ -67,14 +67,14 @@ void addHistCommand(CLI::App& app) {
   c->callback([o] {
     RunSettings settings = settingsFrom(o->module);
     Tessal::BundlePtr bundle = loadOrThrow(o->file);
-    Inspector inspector(bundle, settings.input);
-    if (o->fragment >= inspector.fragmentCount())
-      throw CliError(kUsage, o->file + " has " + std::to_string(inspector.fragmentCount()) +
+    FragmentProbe probe(bundle, settings.input);
+    if (o->fragment >= probe.fragmentCount())
+      throw CliError(kUsage, o->file + " has " + std::to_string(probe.fragmentCount()) +
                                  " fragments; there is no fragment " + std::to_string(o->fragment));
     FragmentReport r;
     // Zone walks reach into earlier fragments: visit them in order, as a run does.
     for (std::uint32_t f = o->fragment > 0 ? o->fragment - 1 : 0; f <= o->fragment; ++f)
-      r = inspector.inspect(f);
+      r = probe.inspect(f);
     if (!r.processed)
       throw CliError(kInput, "fragment " + std::to_string(o->fragment) + " is broken or too small");
     std::printf("Fragment_%u: %u waves, %u uncertain, %u repaired%s", o->fragment, r.waves,

@@ -1,4 +1,4 @@
-#include "app/Inspection.hpp"
+#include "app/FragmentProbe.hpp"
 
 #include "app/CliError.hpp"
 #include "store/FatBoy.hpp"
@@ -9,14 +9,14 @@
 
 namespace quillo::cli {
 
-struct Inspector::Impl {
+struct FragmentProbe::Impl {
   Impl(Tessal::BundlePtr& bundle, const FullWaveform::Input& in)
       : input(in), store(bundle, input) {}
   FullWaveform::Input input;
   FullWaveform::FatBoy<unsigned short> store;
 };
 
-Inspector::Inspector(Tessal::BundlePtr& bundle, const FullWaveform::Input& input)
+FragmentProbe::FragmentProbe(Tessal::BundlePtr& bundle, const FullWaveform::Input& input)
     : impl_(new Impl(bundle, input)) {
   if (!impl_->store()) {
     delete impl_;
@@ -24,11 +24,11 @@ Inspector::Inspector(Tessal::BundlePtr& bundle, const FullWaveform::Input& input
   }
 }
 
-Inspector::~Inspector() {
+FragmentProbe::~FragmentProbe() {
   delete impl_;
 }
 
-std::uint32_t Inspector::fragmentCount() const {
+std::uint32_t FragmentProbe::fragmentCount() const {
   return impl_->store.nFragments;
 }
 
@@ -43,7 +43,7 @@ std::uint32_t countUncertain(const FullWaveform::FatBoy<unsigned short>& fb) {
 
 }  // namespace
 
-FragmentReport Inspector::inspect(std::uint32_t fragment) {
+FragmentReport FragmentProbe::inspect(std::uint32_t fragment) {
   auto& fb = impl_->store;
   FragmentReport r;
   if (!fb.ini(fragment)) return r;
