@@ -1,6 +1,8 @@
 #include "app/Commands.hpp"
 
+#include "app/ExportCommand.hpp"
 #include "app/FileCommands.hpp"
+#include "app/QuicklookCommand.hpp"
 #include "app/RunCommand.hpp"
 #include "app/SurveyCommands.hpp"
 
@@ -14,6 +16,8 @@ void addAllCommands(CLI::App& app) {
   addInfoCommand(app);
   addVerifyCommand(app);
   addHistCommand(app);
+  addExportCommand(app);
+  addQuicklookCommand(app);
 }
 
 }  // namespace quillo::cli

@@ -1,0 +1,44 @@
+// Loads a run result (.kq) and writes it as LAS 1.4 (see docs/las-export.md).
+#include "app/ExportCommand.hpp"
+
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+
+#include "app/CliError.hpp"
+#include "app/LasWriter.hpp"
+
+namespace quillo::cli {
+
+namespace {
+
+Tessal::BundlePtr loadResult(const std::string& path) {
+  std::error_code ec;
+  if (!std::filesystem::is_regular_file(path, ec)) throw CliError(kInput, path + ": no such file");
+  Tessal::BundlePtr bundle = Tessal::BundlePtr::make();
+  bool ok = false;
+  Tessal::Bundle::load(ok, Tessal::LoaderParameters({path}), bundle);
+  if (!ok) throw CliError(kInput, path + ": cannot be read as a .kq file");
+  return bundle;
+}
+
+}  // namespace
+
+void addExportCommand(CLI::App& app) {
+  auto input = std::make_shared<std::string>();
+  auto output = std::make_shared<std::string>();
+  auto options = std::make_shared<LasExportOptions>();
+  CLI::App* c = app.add_subcommand("export", "Write a run result as a LAS 1.4 point cloud");
+  c->add_option("result", *input, "A run result (.kq)")->required();
+  c->add_option("output", *output, "The LAS file to write")->required();
+  c->add_flag("--waveforms", options->waveforms,
+              "Point format 9 with the exported waveforms (format 6 without)");
+  c->callback([input, output, options] {
+    const auto summary = exportLas(loadResult(*input), *input, *output, *options);
+    std::printf("%s: %llu points, point format %d, %s\n", output->c_str(),
+                static_cast<unsigned long long>(summary.points), summary.pointFormat,
+                summary.adjustedGpsTime ? "adjusted standard GPS time" : "GPS week time");
+  });
+}
+
+}  // namespace quillo::cli
