@@ -2,6 +2,8 @@
 // whole tiny survey through the module scored against its truth.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "run/Quillo.hpp"
 #include "sim/FragmentSimulation.hpp"
 #include "sim/Scoring.hpp"
@@ -80,6 +82,20 @@ TEST(Survey, TinySurveyResolvesAgainstTheTruth) {
     outputs.push_back(dir.file("out" + std::to_string(i) + ".kq"));
     ASSERT_EQ(Tessal::Bundle::save(bundles[std::size_t(i)], outputs.back()), "");
   }
+  // PointIDs number the points of the whole run: fragment by fragment, first output first.
+  std::vector<std::uint32_t> ids;
+  for (const auto& grid : grids) {
+    auto field = (*grid)("PointID", "");
+    ASSERT_TRUE(field);
+    ASSERT_EQ(field->getNumberOfFragments(), 3u);
+    for (std::size_t f = 0; f < 3; ++f) {
+      auto data = Vorlap::dynamicPtrCast<Tessal::MemArray<1, std::uint32_t>>(
+          field->getCreator(field->getFragmentIDCollection()->at(f))->heldData());
+      for (std::size_t k = 0; k < data->size(); ++k) ids.push_back(data->get(k));
+    }
+  }
+  std::sort(ids.begin(), ids.end());
+  for (std::size_t k = 0; k < ids.size(); ++k) ASSERT_EQ(ids[k], k);
   const ZoneScoreReport r = scoreOutputs(outputs, input);
   std::printf("%s", reportAsText(r).c_str());
   EXPECT_GT(r.points, 10000u);
