@@ -7,22 +7,9 @@
 
 #include "app/CliError.hpp"
 #include "app/LasWriter.hpp"
+#include "app/LoadKq.hpp"
 
 namespace quillo::cli {
-
-namespace {
-
-Tessal::BundlePtr loadResult(const std::string& path) {
-  std::error_code ec;
-  if (!std::filesystem::is_regular_file(path, ec)) throw CliError(kInput, path + ": no such file");
-  Tessal::BundlePtr bundle = Tessal::BundlePtr::make();
-  bool ok = false;
-  Tessal::Bundle::load(ok, Tessal::LoaderParameters({path}), bundle);
-  if (!ok) throw CliError(kInput, path + ": cannot be read as a .kq file");
-  return bundle;
-}
-
-}  // namespace
 
 void addExportCommand(CLI::App& app) {
   auto input = std::make_shared<std::string>();
@@ -34,7 +21,7 @@ void addExportCommand(CLI::App& app) {
   c->add_flag("--waveforms", options->waveforms,
               "Point format 9 with the exported waveforms (format 6 without)");
   c->callback([input, output, options] {
-    const auto summary = exportLas(loadResult(*input), *input, *output, *options);
+    const auto summary = exportLas(loadKqFile(*input), *input, *output, *options);
     std::printf("%s: %llu points, point format %d, %s\n", output->c_str(),
                 static_cast<unsigned long long>(summary.points), summary.pointFormat,
                 summary.adjustedGpsTime ? "adjusted standard GPS time" : "GPS week time");

@@ -6,24 +6,11 @@
 #include "app/CliError.hpp"
 #include "app/FileInfo.hpp"
 #include "app/FragmentProbe.hpp"
+#include "app/LoadKq.hpp"
 #include "app/RunOptions.hpp"
 #include "run/Verification.hpp"
 
 namespace quillo::cli {
-
-namespace {
-
-Tessal::BundlePtr loadOrThrow(const std::string& path) {
-  std::error_code ec;
-  if (!std::filesystem::is_regular_file(path, ec)) throw CliError(kInput, path + ": no such file");
-  Tessal::BundlePtr bundle = Tessal::BundlePtr::make();
-  bool ok = false;
-  Tessal::Bundle::load(ok, Tessal::LoaderParameters({path}), bundle);
-  if (!ok) throw CliError(kInput, path + ": cannot be read as a .kq file");
-  return bundle;
-}
-
-}  // namespace
 
 void addInfoCommand(CLI::App& app) {
   auto file = std::make_shared<std::string>();
@@ -33,7 +20,7 @@ void addInfoCommand(CLI::App& app) {
   c->add_option("file", *file, "A .kq file")->required();
   c->add_flag("--json", *json, "Machine-readable output");
   c->callback([file, json] {
-    Tessal::BundlePtr bundle = loadOrThrow(*file);
+    Tessal::BundlePtr bundle = loadKqFile(*file);
     const FileInfo info = describe(bundle);
     std::fputs((*json ? infoAsJson(*file, info) : infoAsText(*file, info)).c_str(), stdout);
   });
@@ -66,7 +53,7 @@ void addHistCommand(CLI::App& app) {
   addModuleOptions(*c, o->module);
   c->callback([o] {
     RunSettings settings = settingsFrom(o->module);
-    Tessal::BundlePtr bundle = loadOrThrow(o->file);
+    Tessal::BundlePtr bundle = loadKqFile(o->file);
     FragmentProbe probe(bundle, settings.input);
     if (o->fragment >= probe.fragmentCount())
       throw CliError(kUsage, o->file + " has " + std::to_string(probe.fragmentCount()) +

@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "app/CliError.hpp"
+#include "app/LoadKq.hpp"
 #include "app/Quicklook.hpp"
 
 namespace quillo::cli {
@@ -26,13 +27,7 @@ void addQuicklookCommand(CLI::App& app) {
       ->transform(CLI::CheckedTransformer(colors, CLI::ignore_case));
   c->add_option("--size", options->size, "Width and height in pixels (64 to 16384)");
   c->callback([input, output, options] {
-    std::error_code ec;
-    if (!std::filesystem::is_regular_file(*input, ec))
-      throw CliError(kInput, *input + ": no such file");
-    Tessal::BundlePtr bundle = Tessal::BundlePtr::make();
-    bool ok = false;
-    Tessal::Bundle::load(ok, Tessal::LoaderParameters({*input}), bundle);
-    if (!ok) throw CliError(kInput, *input + ": cannot be read as a .kq file");
+    Tessal::BundlePtr bundle = loadKqFile(*input);
     writeQuicklook(bundle, *input, *output, *options);
   });
 }

@@ -10,6 +10,7 @@
 #include "app/CliError.hpp"
 #include "app/FragmentProbe.hpp"
 #include "app/Json.hpp"
+#include "app/LoadKq.hpp"
 #include "app/RunOptions.hpp"
 
 namespace quillo::cli {
@@ -38,10 +39,7 @@ void printSummary(const RunSummary& s) {
 }
 
 void printHistograms(const std::string& input, const RunSettings& settings) {
-  Tessal::BundlePtr bundle = Tessal::BundlePtr::make();
-  bool ok = false;
-  Tessal::Bundle::load(ok, Tessal::LoaderParameters({input}), bundle);
-  if (!ok) throw CliError(kInput, input + ": cannot be read as a .kq file");
+  Tessal::BundlePtr bundle = loadKqFile(input);
   FragmentProbe probe(bundle, settings.input);
   for (std::uint32_t f = 0; f < probe.fragmentCount(); ++f) {
     const FragmentReport r = probe.inspect(f);

@@ -5,6 +5,7 @@
 #include <regex>
 
 #include "app/CliError.hpp"
+#include "app/LoadKq.hpp"
 #include "app/MapPositions.hpp"
 #include "app/OutputStats.hpp"
 #include "app/Progress.hpp"
@@ -31,17 +32,6 @@ class StageClock {
   RunSummary& summary_;
   std::chrono::steady_clock::time_point start_;
 };
-
-Tessal::BundlePtr loadInput(const std::string& path) {
-  std::error_code ec;
-  if (!fs::exists(path, ec)) throw CliError(kInput, path + ": no such file");
-  if (fs::is_directory(path, ec)) throw CliError(kInput, path + ": is a folder, not a .kq file");
-  Tessal::BundlePtr bundle = Tessal::BundlePtr::make();
-  bool ok = false;
-  Tessal::Bundle::load(ok, Tessal::LoaderParameters({path}), bundle);
-  if (!ok) throw CliError(kInput, path + ": cannot be read as a .kq file (see the messages above)");
-  return bundle;
-}
 
 struct OutputTarget {
   fs::path path;
@@ -101,7 +91,7 @@ RunSummary runOne(const std::string& inputPath, const RunSettings& settings) {
                                "give it with --date YYMMDD_HHMMSS");
   checkOutDir(settings.outDir);
   StageClock clock(summary);
-  Tessal::BundlePtr bundle = loadInput(inputPath);
+  Tessal::BundlePtr bundle = loadKqFile(inputPath);
   clock.lap("load");
   FullWaveform::Input input = settings.input;
   input.inputFileName = moduleFileName(inputPath, settings.date);
