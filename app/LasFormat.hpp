@@ -97,8 +97,10 @@ inline Bytes encodeHeader(const Header& h) {
   return b;
 }
 
-inline void putVlrHeader(Bytes& b, std::uint16_t recordId, std::uint16_t length,
-                         const std::string& description) {
+// Record header of a VLR (16-bit length) or an extended VLR (64-bit length).
+template <class Length>
+void putRecordHeader(Bytes& b, std::uint16_t recordId, Length length,
+                     const std::string& description) {
   put<std::uint16_t>(b, 0);
   putText(b, "LASF_Spec", 16);
   put(b, recordId);
@@ -106,13 +108,14 @@ inline void putVlrHeader(Bytes& b, std::uint16_t recordId, std::uint16_t length,
   putText(b, description, 32);
 }
 
+inline void putVlrHeader(Bytes& b, std::uint16_t recordId, std::uint16_t length,
+                         const std::string& description) {
+  putRecordHeader(b, recordId, length, description);
+}
+
 inline void putEvlrHeader(Bytes& b, std::uint16_t recordId, std::uint64_t length,
                           const std::string& description) {
-  put<std::uint16_t>(b, 0);
-  putText(b, "LASF_Spec", 16);
-  put(b, recordId);
-  put(b, length);
-  putText(b, description, 32);
+  putRecordHeader(b, recordId, length, description);
 }
 
 struct ExtraBytesField {

@@ -127,8 +127,10 @@ struct ValueSource {
   }
 };
 
-Bounds scan(const ResultGrid& grid, QuicklookColor color) {
-  Bounds b;
+// Calls visit(position, value) for every point with a finite position and value, fragment
+// by fragment (one fragment in memory at a time).
+template <class Visit>
+void forEachPoint(const ResultGrid& grid, QuicklookColor color, Visit visit) {
   for (std::size_t f = 0; f < grid.fragments.size(); ++f) {
     FragmentReader r(grid, f);
     auto p = r.positions();
@@ -136,14 +138,20 @@ Bounds scan(const ResultGrid& grid, QuicklookColor color) {
     for (std::size_t k = 0; k < p->size(); ++k) {
       const auto q = p->get(k);
       const double v = value(k, q.z);
-      if (!std::isfinite(q.x) || !std::isfinite(q.y) || !std::isfinite(v)) continue;
-      b.minX = std::min(b.minX, q.x), b.maxX = std::max(b.maxX, q.x);
-      b.minY = std::min(b.minY, q.y), b.maxY = std::max(b.maxY, q.y);
-      b.minV = std::min(b.minV, v), b.maxV = std::max(b.maxV, v);
-      if (categorical(color)) b.categories[static_cast<unsigned>(v)]++;
-      ++b.points;
+      if (std::isfinite(q.x) && std::isfinite(q.y) && std::isfinite(v)) visit(q, v);
     }
   }
+}
+
+Bounds scan(const ResultGrid& grid, QuicklookColor color) {
+  Bounds b;
+  forEachPoint(grid, color, [&](const auto& q, double v) {
+    b.minX = std::min(b.minX, q.x), b.maxX = std::max(b.maxX, q.x);
+    b.minY = std::min(b.minY, q.y), b.maxY = std::max(b.maxY, q.y);
+    b.minV = std::min(b.minV, v), b.maxV = std::max(b.maxV, v);
+    if (categorical(color)) b.categories[static_cast<unsigned>(v)]++;
+    ++b.points;
+  });
   return b;
 }
 
@@ -182,21 +190,13 @@ void add(Cell& c, double z, double v) {
 
 std::vector<Cell> raster(const ResultGrid& grid, const View& view, QuicklookColor color) {
   std::vector<Cell> cells(std::size_t(view.width) * view.height);
-  for (std::size_t f = 0; f < grid.fragments.size(); ++f) {
-    FragmentReader r(grid, f);
-    auto p = r.positions();
-    const ValueSource value(r, color);
-    for (std::size_t k = 0; k < p->size(); ++k) {
-      const auto q = p->get(k);
-      const double v = value(k, q.z);
-      if (!std::isfinite(q.x) || !std::isfinite(q.y) || !std::isfinite(v)) continue;
-      const int x0 = view.px(q.x) - (view.splat - 1) / 2;
-      const int y0 = view.py(q.y) - (view.splat - 1) / 2;
-      for (int y = std::max(0, y0); y < std::min(view.height, y0 + view.splat); ++y)
-        for (int x = std::max(0, x0); x < std::min(view.width, x0 + view.splat); ++x)
-          add(cells[std::size_t(y) * view.width + x], q.z, v);
-    }
-  }
+  forEachPoint(grid, color, [&](const auto& q, double v) {
+    const int x0 = view.px(q.x) - (view.splat - 1) / 2;
+    const int y0 = view.py(q.y) - (view.splat - 1) / 2;
+    for (int y = std::max(0, y0); y < std::min(view.height, y0 + view.splat); ++y)
+      for (int x = std::max(0, x0); x < std::min(view.width, x0 + view.splat); ++x)
+        add(cells[std::size_t(y) * view.width + x], q.z, v);
+  });
   return cells;
 }
 
