@@ -1,5 +1,6 @@
 #include "app/Commands.hpp"
 
+#include "app/DemoCommand.hpp"
 #include "app/ExportCommand.hpp"
 #include "app/FileCommands.hpp"
 #include "app/QuicklookCommand.hpp"

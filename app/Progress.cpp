@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 
 #include "vorlap/Console.hpp"
@@ -57,24 +58,48 @@ void ProgressBar::report(const std::string&, unsigned current, unsigned end) {
   draw(current, end);
 }
 
+// "12.3k waves/s, 40s left" (or fragments per second when the wave counts are unknown).
+std::string ProgressBar::rateText(unsigned done, unsigned total, double elapsed) const {
+  double doneUnits = done, totalUnits = total;
+  const char* unit = "fragments";
+  if (waves_.total > 0) {
+    doneUnits = double(waves_.before(done));
+    totalUnits = double(waves_.total);
+    unit = "waves";
+  }
+  const double rate = elapsed > 0 ? doneUnits / elapsed : 0.0;
+  const double left = rate > 0 ? (totalUnits - doneUnits) / rate : 0.0;
+  char text[96];
+  if (rate >= 1000)
+    std::snprintf(text, sizeof text, "%.1fk %s/s, %s left", rate / 1000, unit,
+                  formatSeconds(left).c_str());
+  else
+    std::snprintf(text, sizeof text, "%.1f %s/s, %s left", rate, unit, formatSeconds(left).c_str());
+  return text;
+}
+
+void ProgressBar::complete() {
+  if (lastTotal_ > 0) draw(lastTotal_, lastTotal_);
+}
+
 void ProgressBar::draw(unsigned done, unsigned total) {
   if (quiet_) return;
+  lastTotal_ = total;
   const auto now = std::chrono::steady_clock::now();
   const double elapsed = std::chrono::duration<double>(now - start_).count();
-  const double rate = elapsed > 0 ? done / elapsed : 0.0;
-  const double left = rate > 0 ? (total - done) / rate : 0.0;
   char line[256];
   const int width = 30;
-  const int filled = total ? int(width * double(done) / total) : width;
-  std::snprintf(line, sizeof line, "%s [%.*s%*s] fragment %u/%u, %.1f/s, %s left", label_.c_str(),
-                filled, "##############################", width - filled, "", done, total, rate,
-                formatSeconds(left).c_str());
+  const int filled = total ? int(width * double(std::min(done, total)) / total) : width;
+  std::snprintf(line, sizeof line, "%s [%.*s%*s] fragment %u/%u, %s", label_.c_str(), filled,
+                "##############################", width - filled, "", done, total,
+                rateText(done, total, elapsed).c_str());
   std::lock_guard<std::mutex> lock(screenMutex());
   if (terminal_) {
     liveLine() = line;
     std::fprintf(stderr, "\r\033[K%s", line);
     drawn_ = true;
-  } else if (std::chrono::duration<double>(now - lastLine_).count() >= 5.0 || done == 0) {
+  } else if (std::chrono::duration<double>(now - lastLine_).count() >= 5.0 || done == 0 ||
+             done == total) {
     std::fprintf(stderr, "%s\n", line);
     lastLine_ = now;
   }

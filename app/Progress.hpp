@@ -6,6 +6,7 @@
 #include <mutex>
 #include <string>
 
+#include "app/WaveCounts.hpp"
 #include "vorlap/ProgressSink.hpp"
 
 namespace quillo::cli {
@@ -16,6 +17,11 @@ class ProgressBar : public Vorlap::ProgressSink {
   ~ProgressBar() override;
 
   void report(const std::string& text, unsigned current, unsigned end) override;
+  // With the input's wave counts the bar shows waves per second and bases the time left on
+  // them; without, it counts fragments.
+  void setWaveCounts(WaveCounts counts) { waves_ = std::move(counts); }
+  // Shows the bar full (all fragments done); the module reports each fragment as it starts.
+  void complete();
   // Ends the bar's line once the work is done.
   void finish();
 
@@ -24,11 +30,14 @@ class ProgressBar : public Vorlap::ProgressSink {
 
  private:
   void draw(unsigned done, unsigned total);
+  std::string rateText(unsigned done, unsigned total, double elapsed) const;
 
   std::string label_;
   bool quiet_, terminal_;
   std::chrono::steady_clock::time_point start_, lastLine_;
   bool drawn_ = false;
+  WaveCounts waves_;
+  unsigned lastTotal_ = 0;
 };
 
 }  // namespace quillo::cli

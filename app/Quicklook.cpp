@@ -155,16 +155,20 @@ Bounds scan(const ResultGrid& grid, QuicklookColor color) {
   return b;
 }
 
-// Map from cloud to picture: one scale for both axes, north up, centred.
+// Map from cloud to picture: one scale for both axes, north up, centred. A cloud wider than
+// tall gets a lower picture, so a short strip does not sit in a mostly empty square.
 struct View {
   double x0, y0, perPixel;
   int width, height, left, top;
   int splat;  // side of the square each point covers, so sparse clouds show no gaps
   View(const Bounds& b, int size) {
     width = size;
-    height = size - kBand;
-    const double span = std::max({b.maxX - b.minX, b.maxY - b.minY, 1e-3});
-    perPixel = span / (std::min(width, height) - 8);
+    const double ratio = (b.maxY - b.minY) / std::max(b.maxX - b.minX, 1e-3);
+    const double fitted = std::ceil((size - 8) * ratio) + 8;
+    const double most = size - kBand;
+    height = static_cast<int>(std::min(most, std::max(fitted, std::min(96.0, most))));
+    perPixel = std::max(
+        {(b.maxX - b.minX) / (width - 8), (b.maxY - b.minY) / (height - 8), 1e-3 / (width - 8)});
     x0 = b.minX;
     y0 = b.maxY;
     left = static_cast<int>((width - (b.maxX - b.minX) / perPixel) / 2);
@@ -263,7 +267,7 @@ void writeQuicklook(const Tessal::BundlePtr& result, const std::string& resultNa
   if (b.points == 0) throw CliError(kInput, resultName + ": the result holds no points");
   const View view(b, options.size);
   const auto cells = raster(grid, view, options.color);
-  Image img(options.size, options.size);
+  Image img(view.width, view.height + kBand);
   for (int y = 0; y < view.height; ++y)
     for (int x = 0; x < view.width; ++x) {
       const Cell& c = cells[std::size_t(y) * view.width + x];

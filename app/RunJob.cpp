@@ -9,6 +9,7 @@
 #include "app/MapPositions.hpp"
 #include "app/OutputStats.hpp"
 #include "app/Progress.hpp"
+#include "app/WaveCounts.hpp"
 #include "run/Quillo.hpp"
 #include "run/Verification.hpp"
 #include "vorlap/Console.hpp"
@@ -102,9 +103,13 @@ RunSummary runOne(const std::string& inputPath, const RunSettings& settings) {
   OutputTarget second = makeTarget(secondPath, settings.outDir);
   auto bar =
       Vorlap::makeStrong<ProgressBar>(fs::path(inputPath).filename().string(), settings.quiet);
+  WaveCounts waves = countWaves(bundle);
+  summary.waves = waves.total;
+  bar->setWaveCounts(std::move(waves));
   input.progress = Vorlap::WeakPtr<Vorlap::ProgressSink>(bar);
   if (settings.verbose) Vorlap::Console() << input.speak();
   summary.result = FullWaveform::Quillo<unsigned short>(bundle, first.grid, second.grid, input);
+  if (summary.result.empty()) bar->complete();
   bar->finish();
   clock.lap("run");
   if (!summary.result.empty()) return summary;

@@ -32,6 +32,7 @@ struct RunSummary {
   std::vector<OutputSummary> outputs;
   std::map<std::string, double> secondsPerStage;  // load, run, map, save, verify
   std::uint32_t fragments = 0;
+  std::uint64_t waves = 0;  // waveform rows and online records of the input
 };
 
 // Runs one input; throws CliError for problems the user must fix before a run can start.

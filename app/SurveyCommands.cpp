@@ -103,41 +103,4 @@ void addScoreCommand(CLI::App& app) {
   });
 }
 
-void addDemoCommand(CLI::App& app) {
-  auto dir = std::make_shared<std::string>("demo-out");
-  auto preset = std::make_shared<std::string>("demo");
-  CLI::App* c =
-      app.add_subcommand("demo", "Simulate a survey, resolve its zones and score the result");
-  c->add_option("--dir", *dir, "Work folder")->capture_default_str();
-  c->add_option("--preset", *preset, "Survey preset: tiny, demo or large")->capture_default_str();
-  c->callback([dir, preset] {
-    std::error_code ec;
-    fs::create_directories(*dir, ec);
-    if (ec) throw CliError(kOutput, *dir + ": cannot create the folder");
-    SimulateOptions so;
-    so.preset = *preset;
-    const sim::SurveyConfig config = configFrom(so);
-    const std::string input = (fs::path(*dir) / ("survey_" + so.date + ".kq")).string();
-    auto start = std::chrono::steady_clock::now();
-    simulate(config, input);
-    const double simulated = seconds(start);
-    RunSettings settings;
-    settings.outDir = *dir;
-    const RunSummary run = runOne(input, settings);
-    if (!run.result.empty()) throw CliError(kFailure, "the run failed: " + run.result);
-    std::vector<std::string> outputs;
-    std::uint64_t points = 0;
-    for (const auto& o : run.outputs) outputs.push_back(o.path), points += o.points;
-    const sim::ZoneScoreReport score = sim::scoreOutputs(outputs, input);
-    std::printf("quillo demo (%s preset)\n", preset->c_str());
-    std::printf("  shots          %llu\n", (unsigned long long)config.shots);
-    std::printf("  points         %llu\n", (unsigned long long)points);
-    std::printf("  zone accuracy  %.3f %%\n", 100.0 * score.zoneAccuracy());
-    std::printf("  time           simulate %.1f s", simulated);
-    for (const auto& [stage, s] : run.secondsPerStage) std::printf(", %s %.1f s", stage.c_str(), s);
-    std::printf("\n  input          %s\n", input.c_str());
-    for (const auto& o : outputs) std::printf("  output         %s\n", o.c_str());
-  });
-}
-
 }  // namespace quillo::cli

@@ -1,4 +1,4 @@
-// Commands around simulated surveys: `quillo simulate`, `quillo score` and `quillo demo`.
+// Commands around simulated surveys: `quillo simulate` and `quillo score`.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -7,6 +7,5 @@ namespace quillo::cli {
 
 void addSimulateCommand(CLI::App& app);
 void addScoreCommand(CLI::App& app);
-void addDemoCommand(CLI::App& app);
 
 }  // namespace quillo::cli

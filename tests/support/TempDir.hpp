@@ -20,4 +20,7 @@ class TempDir {
   std::filesystem::path path_;
 };
 
+// The whole file as bytes (empty when it cannot be read), for byte-for-byte comparisons.
+std::string fileBytes(const std::filesystem::path& file);
+
 }  // namespace quillo::test
