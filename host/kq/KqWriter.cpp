@@ -160,6 +160,7 @@ bool writeDataset(hid_t parent, const std::string& name, const MemBase& data) {
   const std::vector<hsize_t> dims = storedShape(data);
   Hid space(H5Screate_simple(int(dims.size()), dims.data(), nullptr), H5Sclose);
   Hid props(H5Pcreate(H5P_DATASET_CREATE), H5Pclose);
+  H5Pset_obj_track_times(props.get(), 0);  // same content, same bytes
   std::size_t total = 1;
   for (auto d : dims) total *= d;
   if (total > 0) {
