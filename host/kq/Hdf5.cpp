@@ -98,7 +98,12 @@ Hid variableStringType() {
 
 void silenceHdf5Errors() {
   static std::once_flag once;
-  std::call_once(once, [] { H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr); });
+  std::call_once(once, [] {
+    // A file whose close failed (full disk) stays registered, and HDF5's own clean-up at exit
+    // crashes on it; every file here is closed explicitly, so that clean-up is not needed.
+    H5dont_atexit();
+    H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
+  });
 }
 
 }  // namespace Tessal::kq

@@ -10,7 +10,12 @@ struct CommandResult {
   std::string output;  // stdout and stderr together
 };
 
-// Runs `quillo ARGUMENTS` (arguments as one shell-quoted string).
-CommandResult runQuillo(const std::string& arguments);
+// Runs `quillo ARGUMENTS` (arguments as one shell-quoted string). `shellPrefix` runs first in
+// the same shell, e.g. "ulimit -f 64;" to cap the size of files it may write.
+CommandResult runQuillo(const std::string& arguments, const std::string& shellPrefix = "");
+
+// Starts `quillo ARGUMENTS` (output discarded) and kills it with SIGKILL after `millis`
+// milliseconds unless it ended first. True when it was killed.
+bool runQuilloKilledAfter(const std::string& arguments, int millis);
 
 }  // namespace quillo::test
