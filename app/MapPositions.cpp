@@ -50,8 +50,9 @@ void addMapPositions(Tessal::Grid& grid, const Transform& transform) {
   auto ids = source->getFragmentIDCollection();
   for (std::size_t f = 0; f < ids->size(); ++f) {
     auto creator = source->getCreator(ids->at(f));
-    auto data = creator ? Vorlap::dynamicPtrCast<PointArray>(creator->create()) : nullptr;
-    if (!data) continue;
+    auto data = creator ? Vorlap::dynamicPtrCast<PointArray>(creator->heldData()) : nullptr;
+    if (!data || target->getFragmentIDCollection()->findFragmentIDByName(ids->at(f)->getName()))
+      continue;
     auto mapped = Vorlap::makeStrong<PointArray>(data->size());
     for (std::size_t k = 0; k < data->size(); ++k)
       mapped->set(k, transformPoint(transform, data->get(k)));

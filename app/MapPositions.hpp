@@ -19,7 +19,8 @@ using Transform = std::array<double, 12>;
 // when the attribute exists but is not 12 finite doubles.
 Transform scannerToMap(const Tessal::BundlePtr& input);
 
-// Adds the map chart with one "Positions" fragment per scanner-frame fragment.
+// Adds the map chart with one "Positions" fragment per scanner-frame fragment held in memory
+// and not mapped yet (so a run can map its fragments as they complete).
 void addMapPositions(Tessal::Grid& grid, const Transform& transform);
 
 }  // namespace quillo::cli

@@ -6,6 +6,7 @@
 
 namespace quillo::cli {
 
-OutputSummary summarizeOutput(const Tessal::Grid& grid);
+// Adds the fragments whose data is held in memory to `summary`.
+void addToSummary(const Tessal::Grid& grid, OutputSummary& summary);
 
 }  // namespace quillo::cli

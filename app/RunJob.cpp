@@ -2,13 +2,15 @@
 
 #include <chrono>
 #include <filesystem>
+#include <memory>
 #include <regex>
+#include <utility>
 
 #include "app/CliError.hpp"
 #include "app/LoadKq.hpp"
 #include "app/MapPositions.hpp"
-#include "app/OutputStats.hpp"
 #include "app/Progress.hpp"
+#include "app/StreamedOutput.hpp"
 #include "app/WaveCounts.hpp"
 #include "run/Quillo.hpp"
 #include "run/Verification.hpp"
@@ -34,19 +36,11 @@ class StageClock {
   std::chrono::steady_clock::time_point start_;
 };
 
-struct OutputTarget {
-  fs::path path;
-  Tessal::BundlePtr bundle;
-  Vorlap::StrongPtr<Tessal::Grid> grid;
-};
-
-OutputTarget makeTarget(const fs::path& path, const std::string& outDir) {
-  OutputTarget t;
-  if (path.empty()) return t;
-  t.path = outDir.empty() ? path : fs::path(outDir) / path.filename();
-  t.bundle = Tessal::BundlePtr::make();
-  t.grid = (*t.bundle.create())[0.0]->makeGrid("FWF");
-  return t;
+std::unique_ptr<StreamedOutput> makeOutput(const fs::path& path, const std::string& outDir,
+                                           const Transform& toMap) {
+  if (path.empty()) return nullptr;
+  return std::make_unique<StreamedOutput>(
+      outDir.empty() ? path : fs::path(outDir) / path.filename(), toMap);
 }
 
 void checkOutDir(const std::string& outDir) {
@@ -55,18 +49,14 @@ void checkOutDir(const std::string& outDir) {
   if (!fs::is_directory(outDir, ec)) throw CliError(kOutput, outDir + ": no such folder");
 }
 
-void finishOutput(OutputTarget& t, const Transform& toMap, RunSummary& summary, StageClock& clock) {
-  addMapPositions(*t.grid, toMap);
-  t.grid->attributes().setAttribute("BrastowSuccessful?", Vorlap::makeChunk<std::string>({"yes"}));
-  clock.lap("map");
-  const std::string error = Tessal::Bundle::save(t.bundle, t.path.string());
-  if (!error.empty()) throw CliError(kOutput, error);
-  clock.lap("save");
-  OutputSummary out = summarizeOutput(*t.grid);
-  out.path = t.path.string();
-  out.verification = FullWaveform::successfullyConverted(out.path, true);
-  clock.lap("verify");
-  summary.outputs.push_back(out);
+// Moves the outputs' mapping and saving time, spent inside stage `from`, to their own stages.
+void creditStreamingTime(const std::vector<StreamedOutput*>& outputs, const std::string& from,
+                         RunSummary& summary) {
+  for (StreamedOutput* o : outputs) {
+    summary.secondsPerStage[from] -= o->mapSeconds + o->saveSeconds;
+    summary.secondsPerStage["map"] += std::exchange(o->mapSeconds, 0.0);
+    summary.secondsPerStage["save"] += std::exchange(o->saveSeconds, 0.0);
+  }
 }
 
 }  // namespace
@@ -99,22 +89,30 @@ RunSummary runOne(const std::string& inputPath, const RunSettings& settings) {
   if (!settings.segmentGiven) input.setIsDataFrom_RDBX_File(bundle);
   const Transform toMap = scannerToMap(bundle);
   auto [firstPath, secondPath] = input.getOutFileName(fs::path(inputPath));
-  OutputTarget first = makeTarget(firstPath, settings.outDir);
-  OutputTarget second = makeTarget(secondPath, settings.outDir);
+  std::unique_ptr<StreamedOutput> first = makeOutput(firstPath, settings.outDir, toMap);
+  std::unique_ptr<StreamedOutput> second = makeOutput(secondPath, settings.outDir, toMap);
+  std::vector<StreamedOutput*> outputs;
+  for (StreamedOutput* o : {first.get(), second.get()})
+    if (o) outputs.push_back(o);
   auto bar =
       Vorlap::makeStrong<ProgressBar>(fs::path(inputPath).filename().string(), settings.quiet);
   WaveCounts waves = countWaves(bundle);
   summary.waves = waves.total;
   bar->setWaveCounts(std::move(waves));
-  input.progress = Vorlap::WeakPtr<Vorlap::ProgressSink>(bar);
+  auto sink = Vorlap::makeStrong<StreamingProgress>(bar, outputs);
+  input.progress = Vorlap::WeakPtr<Vorlap::ProgressSink>(sink);
   if (settings.verbose) Vorlap::Console() << input.speak();
-  summary.result = FullWaveform::Quillo<unsigned short>(bundle, first.grid, second.grid, input);
+  summary.result = FullWaveform::Quillo<unsigned short>(
+      bundle, first ? first->grid() : Vorlap::StrongPtr<Tessal::Grid>(),
+      second ? second->grid() : Vorlap::StrongPtr<Tessal::Grid>(), input);
   if (summary.result.empty()) bar->complete();
   bar->finish();
   clock.lap("run");
-  if (!summary.result.empty()) return summary;
-  for (OutputTarget* t : {&first, &second})
-    if (t->grid) finishOutput(*t, toMap, summary, clock);
+  if (!summary.result.empty()) return summary;  // the outputs' temporary files go with them
+  creditStreamingTime(outputs, "run", summary);
+  for (StreamedOutput* o : outputs) summary.outputs.push_back(o->finish());
+  clock.lap("verify");
+  creditStreamingTime(outputs, "verify", summary);
   return summary;
 }
 

@@ -6,6 +6,7 @@
 
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tessal/MemArray.hpp"
@@ -36,6 +37,8 @@ class Hid {
   }
   hid_t get() const { return id_; }
   bool ok() const { return id_ >= 0; }
+  // Gives up ownership, for a close whose result matters.
+  hid_t release() { return std::exchange(id_, -1); }
 
  private:
   hid_t id_ = -1;

@@ -1,12 +1,14 @@
 // Saving a bundle to a .kq file: all groups and attributes first, then the fragments
 // position by position (fragment i of every field before fragment i + 1), each produced,
-// written and released in turn. The file is written under a temporary name and renamed
-// into place when complete.
+// written and released in turn. A streaming save writes held fragments while the bundle is
+// still being filled and the structure at the end. Files are written under a temporary name
+// and renamed into place when complete.
 #include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
 #include <filesystem>
+#include <set>
 
 #include "kq/KqAttributes.hpp"
 #include "tessal/Bundle.hpp"
@@ -17,6 +19,24 @@ namespace {
 
 using kq::Hid;
 
+// Stands for a fragment a streaming save has written and let go: its type and extents stay
+// known, its data is in the file.
+class WrittenCreator final : public CreativeArrayBase {
+ public:
+  explicit WrittenCreator(const MemBase& data) : type_(data.elementType()) {
+    for (unsigned d = 0; d < data.rank(); ++d) extents_.push_back(data.extent(d));
+  }
+  ElementType elementType() const override { return type_; }
+  std::vector<std::size_t> extents() const override { return extents_; }
+
+ protected:
+  Vorlap::StrongPtr<MemBase> produce() override { return {}; }
+
+ private:
+  ElementType type_;
+  std::vector<std::size_t> extents_;
+};
+
 struct FieldJob {
   Vorlap::StrongPtr<Field> field;
   std::string path;  // group of the field's fragments
@@ -26,7 +46,10 @@ class Writer {
  public:
   explicit Writer(hid_t file) : file_(file) {}
 
-  bool structure(const Bundle& bundle) {
+  // With `groupsOnly` the walk makes the groups of every field's fragments and no attributes.
+  bool structure(const Bundle& bundle, bool groupsOnly = false) {
+    groupsOnly_ = groupsOnly;
+    jobs_.clear();
     Hid root(H5Gopen2(file_, "/", H5P_DEFAULT), H5Gclose);
     if (!writeText(root.get(), "kq_format", kq::kFormatName) ||
         !writeInt(root.get(), "kq_version", kq::kFormatVersion))
@@ -51,6 +74,21 @@ class Writer {
     }
   }
 
+  // Writes every fragment whose data is held and that is not written yet, then lets it go.
+  bool heldFragments() {
+    for (const auto& job : jobs_) {
+      auto ids = job.field->getFragmentIDCollection();
+      for (std::size_t i = 0; i < ids->size(); ++i) {
+        auto creator = job.field->getCreator(ids->at(i));
+        auto data = creator ? creator->heldData() : Vorlap::StrongPtr<MemBase>();
+        if (!data || written_.count(datasetPath(job, ids->at(i)))) continue;
+        if (!writeFragment(job, ids->at(i))) return false;
+        job.field->setCreator(ids->at(i), Vorlap::makeStrong<WrittenCreator>(*data));
+      }
+    }
+    return true;
+  }
+
   const std::string& error() const { return error_; }
 
  private:
@@ -59,24 +97,30 @@ class Writer {
     return false;
   }
 
+  // Opens the group when an earlier streaming pass made it.
   Hid group(hid_t parent, const std::string& name) {
+    if (H5Lexists(parent, name.c_str(), H5P_DEFAULT) > 0)
+      return Hid(H5Gopen2(parent, name.c_str(), H5P_DEFAULT), H5Gclose);
     Hid props = kq::orderedGroupProperties();
     return Hid(H5Gcreate2(parent, name.c_str(), H5P_DEFAULT, props.get(), H5P_DEFAULT), H5Gclose);
   }
 
-  static bool writeText(hid_t owner, const char* name, const std::string& value) {
+  bool writeText(hid_t owner, const char* name, const std::string& value) {
+    if (groupsOnly_) return true;
     Vorlap::Attributes a;
     a.setAttribute(name, Vorlap::makeChunk<std::string>({value}));
     std::string ignored;
     return kq::writeAttributes(owner, a, ignored);
   }
-  static bool writeInt(hid_t owner, const char* name, int value) {
+  bool writeInt(hid_t owner, const char* name, int value) {
+    if (groupsOnly_) return true;
     Vorlap::Attributes a;
     a.setAttribute(name, Vorlap::makeChunk<int>({value}));
     std::string ignored;
     return kq::writeAttributes(owner, a, ignored);
   }
-  static bool writeDouble(hid_t owner, const char* name, double value) {
+  bool writeDouble(hid_t owner, const char* name, double value) {
+    if (groupsOnly_) return true;
     Vorlap::Attributes a;
     a.setAttribute(name, Vorlap::makeChunk<double>({value}));
     std::string ignored;
@@ -85,6 +129,7 @@ class Writer {
 
   bool writeAttributeGroup(hid_t parent, const Vorlap::Attributes& attributes,
                            const std::string& where) {
+    if (groupsOnly_) return true;
     Hid g = group(parent, "attributes");
     std::string error;
     if (!g.ok() || !kq::writeAttributes(g.get(), attributes, error))
@@ -139,8 +184,14 @@ class Writer {
 
   bool writeFragment(const FieldJob& job, const Vorlap::StrongPtr<FragmentID>& id);
 
+  static std::string datasetPath(const FieldJob& job, const Vorlap::StrongPtr<FragmentID>& id) {
+    return job.path + "/" + kq::escapeName(id->getName());
+  }
+
   hid_t file_;
   std::vector<FieldJob> jobs_;
+  std::set<std::string> written_;  // datasets a streaming pass wrote
+  bool groupsOnly_ = false;
   std::string error_;
 };
 
@@ -188,6 +239,7 @@ bool writeDataset(hid_t parent, const std::string& name, const MemBase& data) {
 }
 
 bool Writer::writeFragment(const FieldJob& job, const Vorlap::StrongPtr<FragmentID>& id) {
+  if (!written_.insert(datasetPath(job, id)).second) return true;
   const std::string where =
       "fragment \"" + id->getName() + "\" of field \"" + job.field->getName() + "\"";
   auto creator = job.field->getCreator(id);
@@ -231,6 +283,64 @@ std::string Bundle::save(const BundlePtr& bundle, const std::string& fileName) {
   if (error.empty()) return "";
   std::filesystem::remove(temporary, ec);
   return "cannot save " + fileName + ": " + error;
+}
+
+struct StreamingSave::State {
+  BundlePtr bundle;
+  std::string fileName, temporary, error;
+  kq::Hid file;
+  std::unique_ptr<Writer> writer;
+  bool finished = false;
+
+  std::string failure() const { return "cannot save " + fileName + ": " + error; }
+};
+
+StreamingSave::StreamingSave(BundlePtr bundle, std::string fileName) : state_(new State) {
+  std::lock_guard<std::recursive_mutex> lock(kq::hdf5Mutex());
+  kq::silenceHdf5Errors();
+  State& s = *state_;
+  s.bundle = std::move(bundle);
+  s.fileName = std::move(fileName);
+  s.temporary = temporaryName(s.fileName);
+  s.file = Hid(H5Fcreate(s.temporary.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT), H5Fclose);
+  if (!s.file.ok())
+    s.error = "cannot create the file: the folder is missing or not writable";
+  else
+    s.writer = std::make_unique<Writer>(s.file.get());
+}
+
+StreamingSave::~StreamingSave() {
+  std::lock_guard<std::recursive_mutex> lock(kq::hdf5Mutex());
+  state_->writer.reset();
+  state_->file = Hid();
+  std::error_code ec;
+  if (!state_->finished) std::filesystem::remove(state_->temporary, ec);
+}
+
+std::string StreamingSave::write() {
+  std::lock_guard<std::recursive_mutex> lock(kq::hdf5Mutex());
+  State& s = *state_;
+  if (s.error.empty() && s.bundle.isEmpty()) s.error = "no bundle";
+  if (!s.error.empty()) return s.failure();
+  if (!s.writer->structure(*s.bundle.get(), true) || !s.writer->heldFragments())
+    s.error = s.writer->error();
+  H5garbage_collect();  // HDF5's free lists would otherwise grow with every fragment written
+  return s.error.empty() ? "" : s.failure();
+}
+
+std::string StreamingSave::finish() {
+  std::lock_guard<std::recursive_mutex> lock(kq::hdf5Mutex());
+  State& s = *state_;
+  if (!write().empty()) return s.failure();
+  if (!s.writer->structure(*s.bundle.get()) || !s.writer->fragments()) s.error = s.writer->error();
+  if (s.error.empty() && H5Fflush(s.file.get(), H5F_SCOPE_GLOBAL) < 0) s.error = "cannot flush";
+  s.writer.reset();
+  if (H5Fclose(s.file.release()) < 0 && s.error.empty()) s.error = "cannot close";
+  std::error_code ec;
+  if (s.error.empty()) std::filesystem::rename(s.temporary, s.fileName, ec);
+  if (s.error.empty() && ec) s.error = "cannot rename into place: " + ec.message();
+  s.finished = s.error.empty();
+  return s.error.empty() ? "" : s.failure();
 }
 
 }  // namespace Tessal

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -56,6 +57,26 @@ class Bundle {
 
  private:
   std::map<double, Vorlap::StrongPtr<Slice>> slices_;
+};
+
+// Saves a bundle while it is still being filled, so that memory holds only what is not yet
+// written: write() stores every fragment whose data is held and lets it go (its creator then
+// knows type and extents only); finish() writes the rest, the structure and the attributes,
+// and renames the file into place. Destroyed unfinished, it removes its temporary file.
+// Methods return the empty text on success, else what went wrong.
+class StreamingSave {
+ public:
+  StreamingSave(BundlePtr bundle, std::string fileName);
+  ~StreamingSave();
+  StreamingSave(const StreamingSave&) = delete;
+  StreamingSave& operator=(const StreamingSave&) = delete;
+
+  std::string write();
+  std::string finish();
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
 };
 
 // The handle through which hosts and the module pass bundles.

@@ -186,3 +186,48 @@ TEST(KqFile, SaveNeverLeavesPartialFiles) {
     files += e.is_regular_file();
   EXPECT_EQ(files, 1u);  // no temporary file stays behind
 }
+
+TEST(KqFile, StreamingSaveWritesFragmentsAsTheyComeAndLetsThemGo) {
+  TempDir dir;
+  const std::string file = dir.file("s.kq");
+  auto bundle = BundlePtr::make();
+  auto grid = (*bundle.create())[0.0]->makeGrid("FWF");
+  auto rep = grid->makeCartesianRepresentation(3, "ScannerCoordinateSystem", 0);
+  storeFragment(*rep, "GPSTime", "Fragment_0", makeArray<double>({1.0, 2.0, 3.0}));
+  StreamingSave save(bundle, file);
+  ASSERT_EQ(save.write(), "");
+  auto times = (*grid)("GPSTime", "");
+  auto first = times->getCreator(times->getFragmentIDCollection()->at(0));
+  EXPECT_FALSE(first->heldData()) << "a written fragment is let go";
+  EXPECT_EQ(first->extents(), (std::vector<std::size_t>{3}));
+  EXPECT_FALSE(std::filesystem::exists(file)) << "nothing under the final name before finish";
+  // A later fragment, a field that appears only now, and attributes set at the end.
+  storeFragment(*rep, "GPSTime", "Fragment_1", makeArray<double>({4.0}));
+  storeFragment(*rep, "Channel", "Fragment_1", makeArray<std::uint8_t>({7}));
+  grid->attributes().setAttribute("Done", Vorlap::makeChunk<int>({1}));
+  ASSERT_EQ(save.write(), "");
+  ASSERT_EQ(save.finish(), "");
+  bool ok = false;
+  BundlePtr back = load(file, ok);
+  ASSERT_TRUE(ok);
+  auto fwf = (*(*back.get())[0.0])("FWF");
+  EXPECT_EQ((*fwf->attributes().getAttributeAs<int>("Done"))[0], 1);
+  EXPECT_EQ(fragment<double>((*fwf)("GPSTime", ""), "Fragment_0")->get(2), 3.0);
+  EXPECT_EQ(fragment<double>((*fwf)("GPSTime", ""), "Fragment_1")->get(0), 4.0);
+  EXPECT_EQ(fragment<std::uint8_t>((*fwf)("Channel", ""), "Fragment_1")->get(0), 7);
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1);
+}
+
+TEST(KqFile, UnfinishedOrUnwritableStreamingSavesLeaveNothing) {
+  TempDir dir;
+  {
+    StreamingSave save(sampleBundle(), dir.file("never.kq"));
+    ASSERT_EQ(save.write(), "");
+  }
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 0);
+  const std::string bad = dir.file("missing/x.kq");
+  StreamingSave save(sampleBundle(), bad);
+  EXPECT_NE(save.write().find(bad), std::string::npos);
+  EXPECT_NE(save.finish().find(bad), std::string::npos);
+  EXPECT_FALSE(std::filesystem::exists(bad));
+}

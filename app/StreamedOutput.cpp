@@ -1,0 +1,62 @@
+#include "app/StreamedOutput.hpp"
+
+#include <chrono>
+
+#include "app/CliError.hpp"
+#include "app/OutputStats.hpp"
+#include "run/Verification.hpp"
+
+namespace quillo::cli {
+
+namespace {
+
+class Timer {
+ public:
+  explicit Timer(double& total) : total_(total) {}
+  ~Timer() {
+    total_ += std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+  }
+
+ private:
+  double& total_;
+  std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+};
+
+}  // namespace
+
+StreamedOutput::StreamedOutput(const std::filesystem::path& path, const Transform& toMap)
+    : path_(path), toMap_(toMap), bundle_(Tessal::BundlePtr::make()) {
+  grid_ = (*bundle_.create())[0.0]->makeGrid("FWF");
+  save_ = std::make_unique<Tessal::StreamingSave>(bundle_, path_.string());
+}
+
+void StreamedOutput::writeFinished() {
+  if (!error_.empty()) return;
+  {
+    Timer timer(mapSeconds);
+    addMapPositions(*grid_, toMap_);
+    addToSummary(*grid_, summary_);
+  }
+  Timer timer(saveSeconds);
+  error_ = save_->write();
+}
+
+OutputSummary StreamedOutput::finish() {
+  writeFinished();
+  grid_->attributes().setAttribute("BrastowSuccessful?", Vorlap::makeChunk<std::string>({"yes"}));
+  if (error_.empty()) {
+    Timer timer(saveSeconds);
+    error_ = save_->finish();
+  }
+  if (!error_.empty()) throw CliError(kOutput, error_);
+  summary_.path = path_.string();
+  summary_.verification = FullWaveform::successfullyConverted(summary_.path, true);
+  return summary_;
+}
+
+void StreamingProgress::report(const std::string& text, unsigned current, unsigned end) {
+  bar_->report(text, current, end);
+  for (StreamedOutput* output : outputs_) output->writeFinished();
+}
+
+}  // namespace quillo::cli

@@ -1,0 +1,53 @@
+// An output of a run saved while the run goes on: each time the module starts a fragment,
+// the fragments it has finished are mapped, counted, written to the output's temporary file
+// and let go, so a run holds about one fragment of output whatever the file's size. The
+// structure, the attributes and the success mark are written when the run has succeeded;
+// an output of a failed run leaves no file.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "app/MapPositions.hpp"
+#include "app/Progress.hpp"
+#include "app/RunJob.hpp"
+#include "tessal/Bundle.hpp"
+
+namespace quillo::cli {
+
+class StreamedOutput {
+ public:
+  StreamedOutput(const std::filesystem::path& path, const Transform& toMap);
+  Vorlap::StrongPtr<Tessal::Grid> grid() const { return grid_; }
+  // Maps, counts and writes every fragment the module has finished.
+  void writeFinished();
+  // Writes the last fragments, the success mark and the structure, renames the file into
+  // place and verifies it. Throws CliError when the output cannot be written.
+  OutputSummary finish();
+  double mapSeconds = 0, saveSeconds = 0;
+
+ private:
+  std::filesystem::path path_;
+  Transform toMap_;
+  Tessal::BundlePtr bundle_;
+  Vorlap::StrongPtr<Tessal::Grid> grid_;
+  std::unique_ptr<Tessal::StreamingSave> save_;
+  OutputSummary summary_;
+  std::string error_;  // the first write error; reported when the run ends
+};
+
+// The run's progress receiver: drives the bar and writes finished fragments of the outputs.
+class StreamingProgress : public Vorlap::ProgressSink {
+ public:
+  StreamingProgress(Vorlap::StrongPtr<ProgressBar> bar, std::vector<StreamedOutput*> outputs)
+      : bar_(std::move(bar)), outputs_(std::move(outputs)) {}
+  void report(const std::string& text, unsigned current, unsigned end) override;
+
+ private:
+  Vorlap::StrongPtr<ProgressBar> bar_;
+  std::vector<StreamedOutput*> outputs_;
+};
+
+}  // namespace quillo::cli
