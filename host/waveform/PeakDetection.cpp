@@ -28,10 +28,12 @@ struct RowStats {
   bool clipped = false;
 };
 
-double medianOf(std::vector<double>& scratch) {
-  const auto mid = scratch.begin() + std::ptrdiff_t(scratch.size() / 2);
-  std::nth_element(scratch.begin(), mid, scratch.end());
-  return *mid;
+// Median of the first n raw samples (integers select faster than doubles).
+template <class T>
+double medianOf(std::vector<T>& scratch, std::size_t n) {
+  const auto mid = scratch.begin() + std::ptrdiff_t(n / 2);
+  std::nth_element(scratch.begin(), mid, scratch.begin() + std::ptrdiff_t(n));
+  return double(*mid);
 }
 
 }  // namespace
@@ -42,7 +44,8 @@ struct PeakDetectionFamily<T>::Impl {
   PeakSettings settings;
   double sampleInterval;
   std::uint32_t samplesPerRow;
-  std::vector<double> y, smooth, weight, scratch;
+  std::vector<double> y, smooth, weight;
+  std::vector<T> scratch;  // the row's raw samples, reordered by the median search
   std::vector<Candidate> candidates;
 
   RowStats stats(std::size_t n, std::int32_t noiseLevel, T maxSample);
@@ -61,8 +64,7 @@ struct PeakDetectionFamily<T>::Impl {
 template <class T>
 RowStats PeakDetectionFamily<T>::Impl::stats(std::size_t n, std::int32_t noiseLevel, T maxSample) {
   RowStats s;
-  scratch.assign(y.begin(), y.begin() + std::ptrdiff_t(n));
-  s.background = medianOf(scratch);
+  s.background = medianOf(scratch, n);
   s.noiseSigma = noiseSigmaAround(s.background, n);
   s.threshold = noiseLevel > 0
                     ? double(noiseLevel)
@@ -276,6 +278,7 @@ Vorlap::StrongPtr<WavePoints<T>> PeakDetectionFamily<T>::Impl::detectRow(
   T maxSample = 0;
   for (std::size_t i = 0; i < n; ++i) {
     const T v = samples.get(i, row);
+    scratch[i] = v;
     y[i] = double(v);
     maxSample = std::max(maxSample, v);
   }
@@ -333,6 +336,7 @@ PeakDetectionFamily<T>::PeakDetectionFamily(FWFModus mode, const ScannerDevice& 
   impl_->y.resize(samplesPerWaveform);
   impl_->smooth.resize(samplesPerWaveform);
   impl_->weight.resize(samplesPerWaveform);
+  impl_->scratch.resize(samplesPerWaveform);
 }
 
 template <class T>
