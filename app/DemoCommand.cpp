@@ -12,6 +12,7 @@
 #include "app/LoadKq.hpp"
 #include "app/Quicklook.hpp"
 #include "app/RunJob.hpp"
+#include "app/SurveyCommands.hpp"
 #include "sim/Scoring.hpp"
 #include "sim/SurveyBundle.hpp"
 
@@ -46,8 +47,7 @@ std::string simulateInto(const std::string& dir, const std::string& preset, Demo
   if (!sim::presetConfig(preset, config)) throw CliError(kUsage, "--preset: tiny, demo or large");
   const std::string input = (fs::path(dir) / ("survey_" + config.date + ".kq")).string();
   Stopwatch clock;
-  const std::string error = sim::writeSurvey(config, input);
-  if (!error.empty()) throw CliError(kOutput, error);
+  simulateSurvey(config, input, false);
   report.seconds.emplace_back("simulate", clock.lap());
   report.shots = config.shots;
   report.files.emplace_back("input", input);

@@ -1,13 +1,19 @@
 #include "app/SurveyCommands.hpp"
 
+#include <malloc.h>
+
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <filesystem>
+#include <optional>
 #include <regex>
 
 #include "app/CliError.hpp"
 #include "app/Json.hpp"
+#include "app/Progress.hpp"
 #include "app/RunJob.hpp"
+#include "sim/HeightGrid.hpp"
 #include "sim/Scoring.hpp"
 #include "sim/SurveyBundle.hpp"
 
@@ -18,11 +24,35 @@ namespace fs = std::filesystem;
 namespace {
 
 struct SimulateOptions {
-  std::string preset = "tiny", out, scanner = "line-wise", date = "210315_093000";
+  std::string preset = "tiny", out, scanner = "line-wise", date = "210315_093000", terrain;
   std::uint64_t seed = 1, shots = 0;
-  std::uint32_t fragmentShots = 0;
-  double prr = 0.0, altitude = 0.0;
+  std::uint32_t fragmentShots = 0, lines = 0;
+  double prr = 0.0, altitude = 0.0, lineSpacing = 0.0;
+  std::optional<double> heading;
+  std::optional<std::int32_t> rdbSegment;
+  bool quiet = false;
 };
+
+void applyFlight(const SimulateOptions& o, sim::SurveyConfig& c) {
+  if (o.lines) c.lines = o.lines;
+  if (o.lineSpacing > 0) c.lineSpacing = o.lineSpacing;
+  if (o.heading) {
+    if (!std::isfinite(*o.heading)) throw CliError(kUsage, "--heading: expected degrees");
+    c.heading = std::fmod(*o.heading, 360.0);
+  }
+  if (o.rdbSegment) {
+    // The module names outputs only for segments 0 and 1.
+    if (*o.rdbSegment != 0 && *o.rdbSegment != 1) throw CliError(kUsage, "--rdb-segment: 0 or 1");
+    c.rdbSegment = *o.rdbSegment;
+  }
+  if (!o.terrain.empty()) {
+    try {
+      c.terrain = sim::loadTerrain(o.terrain);
+    } catch (const std::runtime_error& e) {
+      throw CliError(kInput, e.what());
+    }
+  }
+}
 
 sim::SurveyConfig configFrom(const SimulateOptions& o) {
   sim::SurveyConfig c;
@@ -39,20 +69,46 @@ sim::SurveyConfig configFrom(const SimulateOptions& o) {
   if (!std::regex_match(o.date, std::regex("[0-9]{6}_[0-9]{6}")))
     throw CliError(kUsage, "--date: expected YYMMDD_HHMMSS");
   c.date = o.date;
+  applyFlight(o, c);
   return c;
 }
 
-void simulate(const sim::SurveyConfig& config, const std::string& out) {
+}  // namespace
+
+void simulateSurvey(const sim::SurveyConfig& config, const std::string& out, bool quiet) {
   std::error_code ec;
   const fs::path parent = fs::path(out).parent_path();
   if (!parent.empty() && !fs::is_directory(parent, ec))
     throw CliError(kOutput, parent.string() + ": no such folder");
-  const std::string error = sim::writeSurvey(config, out);
+  // Every fragment allocates and frees the same large buffers: keeping freed memory in the
+  // process spares the page faults of fresh mappings, a good part of the simulation's time.
+  mallopt(M_MMAP_THRESHOLD, 1 << 30);
+  mallopt(M_TRIM_THRESHOLD, 1 << 30);
+  ProgressBar bar(fs::path(out).filename().string(), quiet);
+  const std::string error = sim::writeSurvey(
+      config, out,
+      [&bar](std::uint32_t done, std::uint32_t total) { bar.report("", done, total); });
+  bar.finish();
   if (!error.empty()) throw CliError(kOutput, error);
 }
 
+namespace {
+
 double seconds(std::chrono::steady_clock::time_point since) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
+}
+
+void addFlightOptions(CLI::App* c, SimulateOptions& o) {
+  c->add_option("--altitude", o.altitude, "Flying height above the scene's ground level in m");
+  c->add_option("--lines", o.lines, "Number of parallel flight lines (default: the preset's)")
+      ->check(CLI::PositiveNumber);
+  c->add_option("--line-spacing", o.lineSpacing, "Distance between flight lines in m")
+      ->check(CLI::PositiveNumber);
+  c->add_option("--heading", o.heading,
+                "Flight direction, degrees clockwise from +y (default: along the longer side)");
+  c->add_option("--terrain", o.terrain, "LAS 1.0-1.4 file whose points become the scene")
+      ->check(CLI::ExistingFile);
+  c->add_option("--rdb-segment", o.rdbSegment, "Write the \"RDB_Segment\" attribute (0 or 1)");
 }
 
 }  // namespace
@@ -67,14 +123,19 @@ void addSimulateCommand(CLI::App& app) {
   c->add_option("--shots", o->shots, "Number of shots (default: the preset's)");
   c->add_option("--fragment-shots", o->fragmentShots, "Shots per fragment");
   c->add_option("--prr", o->prr, "Pulse repetition rate in Hz");
-  c->add_option("--altitude", o->altitude, "Flying height above the datum in m");
   c->add_option("--scanner", o->scanner, "line-wise or radial")->capture_default_str();
   c->add_option("--date", o->date, "Acquisition date and time YYMMDD_HHMMSS")
       ->capture_default_str();
+  addFlightOptions(c, *o);
+  c->add_flag("--quiet", o->quiet, "No progress output");
   c->callback([o] {
     const auto start = std::chrono::steady_clock::now();
     const sim::SurveyConfig config = configFrom(*o);
-    simulate(config, o->out);
+    simulateSurvey(config, o->out, o->quiet);
+    if (config.rdbSegment >= 0 && !fs::path(o->out).stem().string().ends_with("_rdb"))
+      std::fprintf(stderr,
+                   "note: %s does not end in _rdb.kq; a run names its output like the input\n",
+                   o->out.c_str());
     if (!nameCarriesDate(o->out))
       std::fprintf(stderr, "note: %s carries no _YYMMDD_HHMMSS date; runs will need --date %s\n",
                    o->out.c_str(), o->date.c_str());

@@ -2,10 +2,16 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <string>
+
+#include "sim/Survey.hpp"
 
 namespace quillo::cli {
 
 void addSimulateCommand(CLI::App& app);
+// Writes the simulated survey to `out` with a progress line (none when `quiet`); throws
+// CliError when the folder is missing or the file cannot be written.
+void simulateSurvey(const sim::SurveyConfig& config, const std::string& out, bool quiet);
 void addScoreCommand(CLI::App& app);
 
 }  // namespace quillo::cli

@@ -1,7 +1,9 @@
-// Simulates one fragment: every shot that can have echoes recorded in the fragment (up to 16
-// shots before it) is traced; each echo arrives at emission + 2 x range / light speed and is
-// recorded after the latest shot fired before it. Waveform rows hold the echoes of one
-// emitting shot per channel, rendered with the detector's pulse shape, baseline and noise.
+// Simulates one fragment: every shot that can have echoes recorded in the fragment (back to
+// the survey's deepest zone) is traced; each echo arrives at emission + 2 x range / light
+// speed and is recorded after the latest shot fired before it. The echoes of one emitting
+// shot recorded after the same shot share waveform rows (one per channel, further rows when
+// they do not fit one), rendered with the detector's pulse shape, baseline and noise. Some
+// rows are not kept as waveforms and leave only online records.
 #include "sim/FragmentSimulation.hpp"
 
 #include <algorithm>
@@ -14,117 +16,215 @@ namespace quillo::sim {
 
 namespace {
 
-constexpr std::uint64_t kLookBack = 16;  // shots: more than the deepest zone of any preset
-constexpr double kBaseline = 20.0, kNoiseSigma = 2.0, kPulseFwhm = 3.0e-9, kPreTrigger = 12;
+constexpr double kBaseline = 20.0, kNoiseSigma = 2.0, kPulseFwhm = 3.0e-9;
+// Samples recorded before a row's first echo and after its last one; the digitiser keeps
+// only that stretch, the rest of the row is 0.
+constexpr double kPreTrigger = 12, kPostTrigger = 16;
 constexpr double kGain[2] = {8.0, 1.0};  // channel 0 high gain, channel 1 low gain
+// The online detector reports an echo from the low-gain channel once the high-gain peak
+// would pass this many counts, to keep its amplitude linear.
+constexpr double kOnlineLowGainFrom = 512.0;
+constexpr double kPulseReach = 6.0;           // pulse sigmas rendered either side of an echo
+constexpr std::uint64_t kMaxRowsPerShot = 8;  // row keys: shot x 8 + row
+constexpr std::uint64_t kNoisePurpose = 7, kOnlinePurpose = 8, kOnlineOnlyPurpose = 9;
 
 struct Echo {
   double arrival, range, amplitude;
   Target target;
 };
 
-// Approximately normal noise: the sum of the four 16-bit parts of one counter-based draw.
-double noiseAt(std::uint64_t seed, std::uint64_t index) {
-  const double u = uniformAt(seed, index, 7);
-  const auto bits = static_cast<std::uint64_t>(u * 18446744073709551616.0);
-  double sum = 0.0;
-  for (int part = 0; part < 4; ++part) sum += double((bits >> (16 * part)) & 0xFFFF) / 65536.0;
-  return (sum - 2.0) * std::sqrt(3.0);
+// A waveform row before rendering: what it holds and where its echoes are.
+struct RowPlan {
+  double time, start;  // recording shot's time; first sample after it
+  std::uint8_t channel, zone;
+  std::uint16_t length;  // valid samples
+  std::uint32_t emitter;
+  std::uint64_t key;
+  std::uint32_t firstEcho, echoEnd, rowEcho;  // echoes to render; the row's own first echo
+};
+
+// Shot times from `base` to just past the fragment, computed once for the recording search.
+class ShotClock {
+ public:
+  ShotClock(const Survey& survey, std::uint64_t base, std::uint64_t last) : base_(base) {
+    end_ = std::min(last + 1, survey.config().shots);
+    atSurveyEnd_ = end_ == survey.config().shots;
+    times_.reserve(end_ - base_);
+    for (std::uint64_t k = base_; k < end_; ++k) times_.push_back(survey.shotTime(k));
+  }
+  double time(std::uint64_t k) const { return times_[k - base_]; }
+  // The latest shot at or after k fired at or before `arrival`; past the clock's shots
+  // (beyond the fragment) any value >= end - 1.
+  std::uint64_t recordingShot(std::uint64_t k, double arrival) const {
+    const auto from = times_.begin() + std::ptrdiff_t(k - base_);
+    const auto after = std::upper_bound(from, times_.end(), arrival);
+    if (after == times_.end() && !atSurveyEnd_) return end_;
+    return base_ + std::uint64_t(after - times_.begin()) - 1;
+  }
+
+ private:
+  std::uint64_t base_, end_;
+  bool atSurveyEnd_;
+  std::vector<double> times_;
+};
+
+// Approximately normal noise from the four 16-bit parts of one counter-based draw.
+class NoiseSource {
+ public:
+  explicit NoiseSource(std::uint64_t seed)
+      : key_(std::uint64_t(uniformAt(seed, 0, kNoisePurpose) * 9007199254740992.0)) {}
+  double at(std::uint64_t index) const {
+    std::uint64_t x = (key_ ^ index) + 0x9E3779B97F4A7C15ull;
+    x = (x ^ (x >> 30)) * 0xBF58476D1CE4E5B9ull;
+    x = (x ^ (x >> 27)) * 0x94D049BB133111EBull;
+    x ^= x >> 31;
+    const double sum = double(x & 0xFFFF) + double((x >> 16) & 0xFFFF) +
+                       double((x >> 32) & 0xFFFF) + double(x >> 48);
+    return (sum / 65536.0 - 2.0) * std::sqrt(3.0);
+  }
+
+ private:
+  std::uint64_t key_;
+};
+
+struct Work {
+  const Survey& survey;
+  ShotClock clock;
+  std::uint64_t first, last;
+  std::vector<Echo> echoes;  // of every planned row, shot after shot
+  std::vector<RowPlan> rows;
+  std::vector<Return> returns;
+};
+
+void addOnlineRecord(Work& w, const Echo& e, std::uint64_t emitter, std::uint64_t recorder,
+                     FragmentData& out) {
+  const double c = w.survey.config().lightSpeed, tr = w.clock.time(recorder);
+  out.oppTime.push_back(tr);
+  out.oppRange.push_back(c * (e.arrival - tr) * 0.5);  // as the detector sees it: zone 0
+  out.oppAmplitude.push_back(float(e.amplitude));
+  out.oppReflectance.push_back(float(10.0 * std::log10(e.amplitude)));
+  out.oppChannel.push_back(e.amplitude * kGain[0] > kOnlineLowGainFrom ? 1 : 0);
+  out.oppEmitter.push_back(std::uint32_t(emitter));
+  out.oppZone.push_back(std::uint8_t(recorder - emitter));
+  out.oppTarget.push_back(std::uint8_t(e.target));
+  out.oppTrueRange.push_back(e.range);
 }
 
-void renderRow(const Survey& survey, const std::vector<Echo>& echoes, std::uint64_t recorder,
-               int channel, std::uint64_t rowKey, FragmentData& out) {
-  const auto& c = survey.config();
-  const double start =
-      echoes.front().arrival - survey.shotTime(recorder) - kPreTrigger * c.sampleInterval;
-  out.rowTime.push_back(survey.shotTime(recorder));
-  out.sblTime.push_back(start);
-  out.rowChannel.push_back(std::uint8_t(channel));
-  out.length.push_back(std::uint16_t(c.samplesPerRow));
-  for (std::uint32_t i = 0; i < c.samplesPerRow; ++i) {
-    const double t = start + i * c.sampleInterval;
-    double v = kBaseline + kNoiseSigma * noiseAt(c.seed, rowKey * c.samplesPerRow + i);
-    for (const auto& e : echoes)
-      v += FullWaveform::gaussianPulse(t, e.arrival - survey.shotTime(recorder),
-                                       e.amplitude * kGain[channel], kPulseFwhm);
-    out.samples.push_back(std::uint16_t(std::clamp(std::round(v), 0.0, kDigitiserMax)));
+// One row of echoes [from, to) of shot k recorded after `recorder`: two waveform rows, or
+// online records only; echoes of waveform rows get online records too, some of them.
+void planRow(Work& w, std::uint64_t k, std::uint64_t recorder, std::size_t from, std::size_t to,
+             std::uint64_t rowIndex, std::size_t shotEchoes, FragmentData& out) {
+  const auto& c = w.survey.config();
+  const std::uint64_t key = k * kMaxRowsPerShot + std::min(rowIndex, kMaxRowsPerShot - 1);
+  if (uniformAt(c.seed, key, kOnlineOnlyPurpose) < c.onlineOnlyShare) {
+    for (std::size_t i = from; i < to; ++i) addOnlineRecord(w, w.echoes[i], k, recorder, out);
+    return;
+  }
+  const double tr = w.clock.time(recorder);
+  // Recording cannot begin before the recording shot: an echo just after it gets a shorter
+  // pre-trigger.
+  const double start = std::max(0.0, w.echoes[from].arrival - tr - kPreTrigger * c.sampleInterval);
+  const double span = (w.echoes[to - 1].arrival - tr - start) / c.sampleInterval;
+  const auto length =
+      std::uint16_t(std::min(double(c.samplesPerRow), std::ceil(span) + kPostTrigger));
+  for (std::uint8_t channel = 0; channel < 2; ++channel)
+    w.rows.push_back({tr, start, channel, std::uint8_t(recorder - k), length, std::uint32_t(k),
+                      key * 2 + channel, std::uint32_t(shotEchoes), std::uint32_t(w.echoes.size()),
+                      std::uint32_t(from)});
+  for (std::size_t i = from; i < to; ++i)
+    if (uniformAt(c.seed, k * 8 + (i - shotEchoes), kOnlinePurpose) < c.onlineShare)
+      addOnlineRecord(w, w.echoes[i], k, recorder, out);
+}
+
+// Splits the echoes of shot k into rows: a new row wherever the recording shot changes or
+// the echo falls outside the window that the row's first echo opened.
+void recordShot(Work& w, std::uint64_t k, const Shot& shot, FragmentData& out) {
+  const auto& c = w.survey.config();
+  w.survey.returns(k, shot, w.returns);
+  if (w.returns.empty()) return;
+  const std::size_t shotEchoes = w.echoes.size();
+  for (const Return& r : w.returns)
+    w.echoes.push_back({shot.time + 2.0 * r.range / c.lightSpeed, r.range,
+                        4.0e7 * r.reflectivity / (r.range * r.range), r.target});
+  const double window = (c.samplesPerRow - kPreTrigger - kPostTrigger) * c.sampleInterval;
+  const std::size_t rowsBefore = w.rows.size();
+  std::uint64_t rowIndex = 0;
+  std::size_t from = shotEchoes;
+  std::uint64_t recorder = w.clock.recordingShot(k, w.echoes[from].arrival);
+  for (std::size_t i = shotEchoes + 1; i <= w.echoes.size(); ++i) {
+    const std::uint64_t next =
+        i < w.echoes.size() ? w.clock.recordingShot(k, w.echoes[i].arrival) : recorder;
+    if (i < w.echoes.size() && next == recorder &&
+        w.echoes[i].arrival - w.echoes[from].arrival < window)
+      continue;
+    if (recorder >= w.first && recorder < w.last)
+      planRow(w, k, recorder, from, i, rowIndex++, shotEchoes, out);
+    from = i, recorder = next;
+  }
+  if (w.rows.size() == rowsBefore) w.echoes.resize(shotEchoes);  // nothing left to render
+}
+
+void renderRows(const Work& w, FragmentData& out) {
+  const auto& c = w.survey.config();
+  const NoiseSource noise(c.seed);
+  const double sigma = kPulseFwhm / FullWaveform::kFwhmPerSigma;
+  std::vector<double> signal(c.samplesPerRow);
+  out.samples.resize(w.rows.size() * c.samplesPerRow);
+  std::uint16_t* rowSamples = out.samples.data();
+  for (const RowPlan& row : w.rows) {
+    std::fill(signal.begin(), signal.end(), 0.0);
+    for (std::uint32_t e = row.firstEcho; e < row.echoEnd; ++e) {
+      const double centre = (w.echoes[e].arrival - row.time - row.start) / c.sampleInterval;
+      const double reach = kPulseReach * sigma / c.sampleInterval;
+      const auto lo = std::int64_t(std::max(0.0, std::ceil(centre - reach)));
+      const auto hi = std::int64_t(std::min(double(row.length) - 1, std::floor(centre + reach)));
+      for (std::int64_t i = lo; i <= hi; ++i)
+        signal[std::size_t(i)] +=
+            FullWaveform::gaussianPulse(double(i) * c.sampleInterval, centre * c.sampleInterval,
+                                        w.echoes[e].amplitude, kPulseFwhm);
+    }
+    const double gain = kGain[row.channel];
+    const std::uint64_t noiseBase = row.key * c.samplesPerRow;
+    for (std::uint32_t i = 0; i < row.length; ++i) {
+      const double v = kBaseline + kNoiseSigma * noise.at(noiseBase + i) + gain * signal[i];
+      rowSamples[i] = std::uint16_t(std::clamp(v, 0.0, kDigitiserMax) + 0.5);
+    }
+    rowSamples += c.samplesPerRow;
   }
 }
 
-void recordShot(const Survey& survey, std::uint64_t k, std::uint64_t first, std::uint64_t last,
-                FragmentData& out) {
-  const auto& c = survey.config();
-  const double t = survey.shotTime(k);
-  std::vector<Echo> echoes;
-  for (const Return& r : survey.returns(k)) {
-    const double amplitude = 4.0e7 * r.reflectivity / (r.range * r.range);
-    echoes.push_back({t + 2.0 * r.range / c.lightSpeed, r.range, amplitude, r.target});
-  }
-  if (echoes.empty()) return;
-  const std::uint64_t recorder = survey.recordingShot(k, echoes.front().arrival);
-  if (recorder < first || recorder >= last) return;
-  const auto zone = std::uint8_t(recorder - k);
-  const double window = (c.samplesPerRow - 2 * kPreTrigger) * c.sampleInterval;
-  std::vector<Echo> inRow;
-  for (const auto& e : echoes)
-    if (e.arrival - echoes.front().arrival < window &&
-        survey.recordingShot(k, e.arrival) == recorder)
-      inRow.push_back(e);
-  for (int channel = 0; channel < 2; ++channel) {
-    renderRow(survey, inRow, recorder, channel, k * 2 + std::uint64_t(channel), out);
-    out.rowEmitter.push_back(std::uint32_t(k));
-    out.rowZone.push_back(zone);
-    out.rowRange.push_back(inRow.front().range);
-    out.rowTarget.push_back(std::uint8_t(inRow.front().target));
-  }
-  for (std::size_t i = 0; i < inRow.size(); ++i) {
-    if (uniformAt(c.seed, k * 8 + i, 8) >= c.onlineShare) continue;
-    const double tr = survey.shotTime(recorder);
-    out.oppTime.push_back(tr);
-    out.oppRange.push_back(c.lightSpeed * (inRow[i].arrival - tr) * 0.5);  // as if zone 0
-    out.oppAmplitude.push_back(float(inRow[i].amplitude));
-    out.oppReflectance.push_back(float(10.0 * std::log10(inRow[i].amplitude)));
-    out.oppChannel.push_back(1);
-    out.oppEmitter.push_back(std::uint32_t(k));
-    out.oppZone.push_back(zone);
-    out.oppTarget.push_back(std::uint8_t(inRow[i].target));
-    out.oppTrueRange.push_back(inRow[i].range);
+void fillRowFields(const Work& w, FragmentData& out) {
+  for (const RowPlan& row : w.rows) {
+    out.rowTime.push_back(row.time);
+    out.sblTime.push_back(row.start);
+    out.rowChannel.push_back(row.channel);
+    out.length.push_back(row.length);
+    out.rowEmitter.push_back(row.emitter);
+    out.rowZone.push_back(row.zone);
+    out.rowRange.push_back(w.echoes[row.rowEcho].range);
+    out.rowTarget.push_back(std::uint8_t(w.echoes[row.rowEcho].target));
   }
 }
 
 template <class T>
-void permute(std::vector<T>& v, const std::vector<std::size_t>& order, std::size_t width = 1) {
+void permute(std::vector<T>& v, const std::vector<std::size_t>& order) {
   std::vector<T> sorted;
   sorted.reserve(v.size());
-  for (std::size_t i : order)
-    sorted.insert(sorted.end(), v.begin() + std::ptrdiff_t(i * width),
-                  v.begin() + std::ptrdiff_t((i + 1) * width));
+  for (std::size_t i : order) sorted.push_back(v[i]);
   v = std::move(sorted);
 }
 
-std::vector<std::size_t> orderBy(const std::vector<double>& time,
-                                 const std::vector<std::uint8_t>& channel) {
-  std::vector<std::size_t> order(time.size());
+// Online records in recording order, the order in which the scanner writes them.
+void sortOnlineRecords(FragmentData& d) {
+  std::vector<std::size_t> order(d.oppTime.size());
   for (std::size_t i = 0; i < order.size(); ++i) order[i] = i;
   std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
-    return std::tie(time[a], channel[a]) < std::tie(time[b], channel[b]);
+    return std::tie(d.oppTime[a], d.oppChannel[a]) < std::tie(d.oppTime[b], d.oppChannel[b]);
   });
-  return order;
-}
-
-// Rows and records in recording order, the order in which the scanner writes them.
-void sortByRecording(FragmentData& d, std::uint32_t samplesPerRow) {
-  const auto rows = orderBy(d.rowTime, d.rowChannel);
-  permute(d.samples, rows, samplesPerRow);
-  for (auto* v : {&d.rowTime, &d.sblTime, &d.rowRange}) permute(*v, rows);
-  for (auto* v : {&d.rowChannel, &d.rowZone, &d.rowTarget}) permute(*v, rows);
-  permute(d.length, rows);
-  permute(d.rowEmitter, rows);
-  const auto records = orderBy(d.oppTime, d.oppChannel);
-  for (auto* v : {&d.oppTime, &d.oppRange, &d.oppTrueRange}) permute(*v, records);
-  for (auto* v : {&d.oppAmplitude, &d.oppReflectance}) permute(*v, records);
-  for (auto* v : {&d.oppChannel, &d.oppZone, &d.oppTarget}) permute(*v, records);
-  permute(d.oppEmitter, records);
+  for (auto* v : {&d.oppTime, &d.oppRange, &d.oppTrueRange}) permute(*v, order);
+  for (auto* v : {&d.oppAmplitude, &d.oppReflectance}) permute(*v, order);
+  for (auto* v : {&d.oppChannel, &d.oppZone, &d.oppTarget}) permute(*v, order);
+  permute(d.oppEmitter, order);
 }
 
 }  // namespace
@@ -133,16 +233,30 @@ FragmentData simulateFragment(const Survey& survey, std::uint32_t fragment) {
   const auto& c = survey.config();
   const std::uint64_t first = std::uint64_t(fragment) * c.fragmentShots;
   const std::uint64_t last = std::min<std::uint64_t>(first + c.fragmentShots, c.shots);
+  const std::uint64_t lookBack = survey.deepestZone();
+  const std::uint64_t base = first > lookBack ? first - lookBack : 0;
+  Work w{survey, ShotClock(survey, base, last), first, last, {}, {}, {}};
   FragmentData d;
-  for (std::uint64_t k = first; k < last; ++k) {
+  d.shotTime.reserve(last - first), d.origin.reserve(last - first);
+  d.direction.reserve(last - first);
+  w.rows.reserve(2 * (last - first) + 64);
+  for (std::uint64_t k = base; k < last; ++k) {
     const Shot s = survey.shot(k);
-    d.shotTime.push_back(s.time);
-    d.origin.push_back(s.origin);
-    d.direction.push_back(s.direction);
+    if (k >= first) {
+      d.shotTime.push_back(s.time);
+      d.origin.push_back(s.origin);
+      d.direction.push_back(s.direction);
+    }
+    recordShot(w, k, s, d);
   }
-  for (std::uint64_t k = first > kLookBack ? first - kLookBack : 0; k < last; ++k)
-    recordShot(survey, k, first, last, d);
-  sortByRecording(d, c.samplesPerRow);
+  // Recording order (the scanner's): by recording shot, channel 0 first; stable, so the rows
+  // of one recording shot stay in emission order.
+  std::stable_sort(w.rows.begin(), w.rows.end(), [](const RowPlan& a, const RowPlan& b) {
+    return std::tie(a.time, a.channel) < std::tie(b.time, b.channel);
+  });
+  renderRows(w, d);
+  fillRowFields(w, d);
+  sortOnlineRecords(d);
   return d;
 }
 

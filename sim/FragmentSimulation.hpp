@@ -1,5 +1,6 @@
 // One simulated fragment: the arrays of "Shots", "Waveforms", "OPP" and "Truth" for the
-// shots of the fragment (echoes belong to the fragment of their recording shot).
+// shots of the fragment (echoes belong to the fragment of their recording shot). Rows and
+// online records are in recording order; a shot may have several rows per channel.
 #pragma once
 
 #include <cstdint>

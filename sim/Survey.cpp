@@ -27,9 +27,12 @@ double secondsOfWeek(const std::string& date) {
   return day.weekDay * 86400.0 + h * 3600.0 + m * 60.0 + s;
 }
 
+constexpr double kBuildingHeight = 25.0;
+constexpr double kHighestProcedural = 30.0 + 60.0 + kBuildingHeight;  // hills, cliff, roofs
+
 bool inBuilding(double x, double y) {
   const double bx = std::fmod(std::fabs(x + 200.0), 60.0), by = std::fmod(std::fabs(y), 80.0);
-  return x < -80.0 && x > -250.0 && bx < 30.0 && by < 40.0;
+  return x < -240.0 && x > -420.0 && bx < 30.0 && by < 40.0;
 }
 
 }  // namespace
@@ -44,59 +47,139 @@ bool presetConfig(const std::string& name, SurveyConfig& c) {
   if (name == "tiny")
     c.shots = 60000, c.fragmentShots = 20000, c.scanRate = 200.0;
   else if (name == "demo")
-    c.shots = 2000000, c.fragmentShots = 100000;
+    c.shots = 2000000, c.fragmentShots = 100000, c.lines = 2;
   else if (name == "large")
-    c.shots = 10000000, c.fragmentShots = 100000;
+    c.shots = 10000000, c.fragmentShots = 100000, c.lines = 4;
   else
     return false;
   return true;
 }
 
 Survey::Survey(const SurveyConfig& config)
-    : gpsStart_(secondsOfWeek(config.date)), config_(config) {}
+    : gpsStart_(secondsOfWeek(config.date)), config_(config) {
+  config_.lines = std::max<std::uint32_t>(config_.lines, 1);
+  shotsPerLine_ = std::max<std::uint64_t>((config_.shots + config_.lines - 1) / config_.lines, 1);
+  double heading = config_.heading;
+  if (const auto& grid = config_.terrain) {
+    groundLevel_ = grid->groundLevel();
+    centreX_ = 0.5 * (grid->extent().minX + grid->extent().maxX);
+    centreY_ = 0.5 * (grid->extent().minY + grid->extent().maxY);
+    if (std::isnan(heading)) heading = grid->extent().width() > grid->extent().depth() ? 90 : 0;
+  }
+  if (std::isnan(heading)) heading = 0.0;
+  headingRad_ = heading * std::numbers::pi / 180.0;
+}
+
+double Survey::lineSeconds() const {
+  return double(shotsPerLine_) / config_.pulseRate;
+}
+
+// Lines are flown alternately forth and back, the first one on the left of the block.
+FlightLine Survey::line(std::uint32_t index) const {
+  const double sinH = std::sin(headingRad_), cosH = std::cos(headingRad_);
+  const double sign = index % 2 ? -1.0 : 1.0;
+  const double offset = (double(index) - 0.5 * double(config_.lines - 1)) * config_.lineSpacing;
+  const double length = config_.speed * lineSeconds();
+  FlightLine l;
+  l.startTime = gpsStart_ + double(index) * (lineSeconds() + config_.turnSeconds);
+  l.along = {sign * sinH, sign * cosH, 0.0};
+  l.across = {sign * cosH, -sign * sinH, 0.0};
+  const double cx = centreX_ + cosH * offset, cy = centreY_ - sinH * offset;
+  l.start = {cx - l.along.x * 0.5 * length, cy - l.along.y * 0.5 * length,
+             groundLevel_ + config_.altitude};
+  return l;
+}
 
 // Nominal spacing plus a jitter drawn per shot: the modulation that tells zones apart.
 double Survey::shotTime(std::uint64_t k) const {
   const double nominal = 1.0 / config_.pulseRate;
+  const std::uint64_t lineIndex = k / shotsPerLine_, inLine = k % shotsPerLine_;
   const double jitter = (uniformAt(config_.seed, k, 1) - 0.5) * 2.0 * config_.ppmSpread * nominal;
-  return gpsStart_ + double(k) * nominal + jitter;
+  return gpsStart_ + double(lineIndex) * (lineSeconds() + config_.turnSeconds) +
+         double(inLine) * nominal + jitter;
 }
 
 Shot Survey::shot(std::uint64_t k) const {
+  const FlightLine l = line(std::uint32_t(k / shotsPerLine_));
   const double t = shotTime(k);
-  const double elapsed = t - gpsStart_;
-  Shot s{t, {0.0, config_.speed * elapsed, config_.altitude}, {}};
-  const double phase = std::fmod(elapsed * config_.scanRate, 1.0);
+  const double elapsed = t - l.startTime;
+  const double travelled = config_.speed * elapsed;
+  Shot s{t, {l.start.x + l.along.x * travelled, l.start.y + l.along.y * travelled, l.start.z}, {}};
+  const double turns = elapsed * config_.scanRate;
+  const double phase = turns - std::floor(turns);
   const double a = config_.maxScanAngle;
   if (config_.pattern == Pattern::LineWise) {
     const double angle = -a + 2.0 * a * phase;  // sweeps across track, then jumps back
-    s.direction = {std::sin(angle), 0.0, -std::cos(angle)};
+    const double across = std::sin(angle);
+    s.direction = {l.across.x * across, l.across.y * across, -std::cos(angle)};
   } else {
     const double turn = 2.0 * std::numbers::pi * phase;
-    s.direction = {std::sin(a) * std::cos(turn), std::sin(a) * std::sin(turn), -std::cos(a)};
+    const double across = std::sin(a) * std::cos(turn), along = std::sin(a) * std::sin(turn);
+    s.direction = {l.across.x * across + l.along.x * along, l.across.y * across + l.along.y * along,
+                   -std::cos(a)};
   }
   return s;
 }
 
-// Hills, a cliff, a block of buildings, a lake and a forest.
+// Hills, a cliff, a block of buildings, a lake and a forest; or the gridded terrain.
 double Survey::terrainHeight(double x, double y) const {
+  if (config_.terrain) return config_.terrain->height(x, y);
   double h = 20.0 * std::sin(x / 90.0) * std::cos(y / 120.0) + 10.0 * std::sin(y / 37.0 + 1.0);
-  if (x > 120.0) h += 60.0;         // cliff along the track
-  if (inBuilding(x, y)) h += 18.0;  // flat-roofed buildings with vertical walls
+  if (x > 120.0) h += 60.0;                    // cliff along the track
+  if (inBuilding(x, y)) h += kBuildingHeight;  // flat-roofed buildings with vertical walls
   return h;
 }
 
-std::vector<Return> Survey::returns(std::uint64_t k) const {
-  const Shot s = shot(k);
+// Where the beam meets the surface: fixed-point iteration on the range, which settles within
+// a few steps on smooth ground; at walls it does not, and the beam is marched from above the
+// highest point of the scene instead, so it stops at the first surface it meets.
+double Survey::rangeToSurface(const Shot& s) const {
   const auto& d = s.direction;
   double range = (s.origin.z - terrainHeight(s.origin.x, s.origin.y)) / -d.z;
   for (int i = 0; i < 12; ++i) {
     const double x = s.origin.x + d.x * range, y = s.origin.y + d.y * range;
-    range = (s.origin.z - terrainHeight(x, y)) / -d.z;
+    const double next = (s.origin.z - terrainHeight(x, y)) / -d.z;
+    const bool settled = std::fabs(next - range) < 1e-4;
+    range = next;
+    if (settled) return range;
   }
+  return marchToSurface(s);
+}
+
+double Survey::marchToSurface(const Shot& s) const {
+  const auto& d = s.direction;
+  const double highest = config_.terrain ? config_.terrain->highestHeight() : kHighestProcedural;
+  auto above = [&](double t) {
+    return s.origin.z + d.z * t > terrainHeight(s.origin.x + d.x * t, s.origin.y + d.y * t);
+  };
+  constexpr double kStep = 0.25;  // m along the beam: finer than any wall or cell
+  double low = std::max(0.0, (s.origin.z - highest) / -d.z), high = low + kStep;
+  while (above(high) && high < 1.0e5) low = high, high += kStep;
+  for (int i = 0; i < 40; ++i) {
+    const double mid = 0.5 * (low + high);
+    (above(mid) ? low : high) = mid;
+  }
+  return high;
+}
+
+std::vector<Return> Survey::returns(std::uint64_t k) const {
+  std::vector<Return> out;
+  returns(k, shot(k), out);
+  return out;
+}
+
+void Survey::returns(std::uint64_t k, const Shot& s, std::vector<Return>& out) const {
+  out.clear();
+  const auto& d = s.direction;
+  const double range = rangeToSurface(s);
   const double x = s.origin.x + d.x * range, y = s.origin.y + d.y * range;
   const double u = uniformAt(config_.seed, k, 2);
-  std::vector<Return> out;
+  if (uniformAt(config_.seed, k, 4) < 0.002)  // a bird or a dust cloud near the aircraft
+    out.push_back({40.0 + 60.0 * uniformAt(config_.seed, k, 5), 0.5, Target::Noise});
+  if (config_.terrain) {
+    out.push_back({range, 0.25 + 0.2 * u, Target::Ground});
+    return;
+  }
   const bool water = x > -60.0 && x < 40.0 && std::fmod(std::fabs(y), 400.0) < 150.0;
   const bool forest = x > 160.0 && x < 300.0;
   const bool building = inBuilding(x, y);
@@ -109,15 +192,21 @@ std::vector<Return> Survey::returns(std::uint64_t k) const {
   } else {
     out.push_back({range, building ? 0.6 : 0.35, building ? Target::Building : Target::Ground});
   }
-  if (uniformAt(config_.seed, k, 4) < 0.002)  // a bird or a dust cloud near the aircraft
-    out.insert(out.begin(), {40.0 + 60.0 * uniformAt(config_.seed, k, 5), 0.5, Target::Noise});
-  return out;
 }
 
 std::uint64_t Survey::recordingShot(std::uint64_t k, double arrival) const {
   std::uint64_t j = k;
-  while (shotTime(j + 1) <= arrival) ++j;
+  while (j + 1 < config_.shots && shotTime(j + 1) <= arrival) ++j;
   return j;
+}
+
+std::uint32_t Survey::deepestZone() const {
+  const double lowest = config_.terrain ? config_.terrain->lowestHeight() : -40.0;
+  const double height = groundLevel_ + config_.altitude - lowest;
+  const double range = height / std::max(std::cos(config_.maxScanAngle), 0.05) + 50.0;
+  return std::uint32_t(std::ceil(2.0 * range / config_.lightSpeed * config_.pulseRate *
+                                 (1.0 + config_.ppmSpread))) +
+         1;
 }
 
 std::uint32_t Survey::fragmentCount() const {

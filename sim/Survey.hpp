@@ -1,14 +1,18 @@
-// The survey simulator: a high-pulse-rate airborne survey over a procedural scene, written as
-// the module's input ("Shots", "Waveforms", "OPP") plus the truth ("Truth"). Every shot is
-// computed from its index (counter-based random numbers), so any fragment can be simulated
-// on its own and a seed always gives the same data.
+// The survey simulator: a high-pulse-rate airborne survey over a procedural scene or a
+// gridded terrain, flown in parallel straight lines, written as the module's input ("Shots",
+// "Waveforms", "OPP") plus the truth ("Truth"). Every shot is computed from its index
+// (counter-based random numbers), so any fragment can be simulated on its own and a seed
+// always gives the same data.
 #pragma once
 
 #include <cstdint>
+#include <limits>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "gemwold/PhysicalSpace.hpp"
+#include "sim/HeightGrid.hpp"
 
 namespace quillo::sim {
 
@@ -19,17 +23,27 @@ struct SurveyConfig {
   std::uint64_t shots = 200000;
   std::uint32_t fragmentShots = 50000;
   double pulseRate = 1.0e6;    // Hz, nominal
-  double ppmSpread = 0.03;     // shot interval varies by up to +-3 %
-  double altitude = 500.0;     // m above the datum
-  double speed = 60.0;         // m/s along +y
+  double ppmSpread = 0.03;     // each shot is off its nominal time by up to +-3 % of the interval
+  double altitude = 500.0;     // m above the ground level of the scene
+  double speed = 60.0;         // m/s
   double scanRate = 100.0;     // lines (or turns) per second
-  double maxScanAngle = 0.52;  // rad, line-wise half sweep; radial cone half angle
+  double maxScanAngle = 0.87;  // rad, line-wise half sweep (the jump back exceeds 90 degrees);
+                               // radial cone half angle
   Pattern pattern = Pattern::LineWise;
-  std::uint32_t samplesPerRow = 96;
+  std::uint32_t samplesPerRow = 64;
   double sampleInterval = 1.0e-9;
   double lightSpeed = 299702547.0;
-  double onlineShare = 0.5;            // share of echoes that also get an online record
+  double onlineShare = 0.5;       // share of echoes in waveform rows that also get an online record
+  double onlineOnlyShare = 0.03;  // share of rows whose echoes get online records only
   std::string date = "210315_093000";  // YYMMDD_HHMMSS; sets the GPS week time
+  // Flight lines: parallel, flown alternately forth and back, centred on the scene.
+  std::uint32_t lines = 1;
+  double lineSpacing = 600.0;                                 // m between neighbouring lines
+  double heading = std::numeric_limits<double>::quiet_NaN();  // degrees clockwise from +y;
+                                                              // NaN: along the scene's longer side
+  double turnSeconds = 60.0;                                  // GPS time between two lines
+  std::int32_t rdbSegment = -1;  // the "Shots" attribute "RDB_Segment"; -1: not written
+  std::shared_ptr<const HeightGrid> terrain;  // null: the procedural scene
 };
 
 // Presets: "tiny" (tests), "demo", "large". False for an unknown name.
@@ -50,6 +64,13 @@ struct Shot {
   Gemwold::PhysicalSpace::vector direction;
 };
 
+// One flight line: where it starts, its direction of flight and the right-hand side.
+struct FlightLine {
+  double startTime;
+  Gemwold::PhysicalSpace::point start;
+  Gemwold::PhysicalSpace::vector along, across;
+};
+
 class Survey {
  public:
   explicit Survey(const SurveyConfig& config);
@@ -59,14 +80,28 @@ class Survey {
   Shot shot(std::uint64_t k) const;
   // The echoes of shot k, nearest first.
   std::vector<Return> returns(std::uint64_t k) const;
-  // The shot after which an echo arriving at `arrival` is recorded (from emitting shot k).
+  void returns(std::uint64_t k, const Shot& shot, std::vector<Return>& out) const;
+  // The shot after which an echo arriving at `arrival` is recorded (from emitting shot k):
+  // the latest shot of the survey fired before it.
   std::uint64_t recordingShot(std::uint64_t k, double arrival) const;
   double terrainHeight(double x, double y) const;
+  double groundLevel() const { return groundLevel_; }
   std::uint32_t fragmentCount() const;
+  std::uint64_t shotsPerLine() const { return shotsPerLine_; }
+  FlightLine line(std::uint32_t index) const;
+  // A bound on the zone of any echo of the survey: how far back a recording shot may reach.
+  std::uint32_t deepestZone() const;
 
  private:
+  double lineSeconds() const;
+  double rangeToSurface(const Shot& s) const;
+  double marchToSurface(const Shot& s) const;
+
   double gpsStart_ = 0.0;
   SurveyConfig config_;
+  double groundLevel_ = 0.0, headingRad_ = 0.0;
+  double centreX_ = 0.0, centreY_ = 0.0;
+  std::uint64_t shotsPerLine_ = 1;
 };
 
 // Counter-based random numbers in [0, 1): the same (seed, index, purpose) always give the same.

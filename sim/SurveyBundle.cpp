@@ -1,3 +1,5 @@
+// Builds the simulated survey as a bundle whose arrays are produced fragment by fragment when
+// the writer asks for them (fields "Shots", "Waveforms", "OPP", "Truth"), and saves it.
 #include "sim/SurveyBundle.hpp"
 
 #include <memory>
@@ -13,28 +15,47 @@ namespace {
 using Vorlap::StrongPtr;
 using namespace Gemwold::PhysicalSpace;
 
+// A simulated fragment with its samples in a block that the "Waveforms" array views.
+struct CachedFragment {
+  FragmentData data;
+  Vorlap::StrongPtr<Tessal::DataBlock<std::uint16_t>> samples;
+};
+
 // Keeps the latest simulated fragment for the creators that ask for its arrays in turn.
 class FragmentCache {
  public:
-  explicit FragmentCache(const SurveyConfig& c) : survey_(c) {}
-  const FragmentData& get(std::uint32_t fragment) {
+  FragmentCache(const SurveyConfig& c, SurveyProgress progress)
+      : survey_(c), progress_(std::move(progress)) {}
+  const CachedFragment& get(std::uint32_t fragment) {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (!data_ || fragment_ != fragment) {
-      data_ = std::make_shared<FragmentData>(simulateFragment(survey_, fragment));
+    if (!cached_ || fragment_ != fragment) {
+      cached_.reset();  // one fragment in memory at a time
+      auto next = std::make_shared<CachedFragment>();
+      next->data = simulateFragment(survey_, fragment);
+      next->samples = Vorlap::makeStrong<Tessal::DataBlock<std::uint16_t>>();
+      next->samples->values = std::move(next->data.samples);
+      cached_ = std::move(next);
       fragment_ = fragment;
+      if (progress_) progress_(fragment + 1, survey_.fragmentCount());
     }
-    return *data_;
+    return *cached_;
   }
   const Survey& survey() const { return survey_; }
 
  private:
   Survey survey_;
+  SurveyProgress progress_;
   std::mutex mutex_;
-  std::shared_ptr<FragmentData> data_;
+  std::shared_ptr<CachedFragment> cached_;
   std::uint32_t fragment_ = 0;
 };
 
-using Extract = std::function<StrongPtr<Tessal::MemBase>(const FragmentData&, const SurveyConfig&)>;
+// How one field's array is taken from a simulated fragment: its extents (without building
+// it) and the array itself.
+struct Extract {
+  std::function<std::vector<std::size_t>(const CachedFragment&)> extents;
+  std::function<StrongPtr<Tessal::MemBase>(const CachedFragment&)> produce;
+};
 
 class SimulatedCreator final : public Tessal::CreativeArrayBase {
  public:
@@ -43,16 +64,11 @@ class SimulatedCreator final : public Tessal::CreativeArrayBase {
       : cache_(std::move(cache)), fragment_(fragment), type_(type), extract_(std::move(extract)) {}
   Tessal::ElementType elementType() const override { return type_; }
   std::vector<std::size_t> extents() const override {
-    auto data = extract_(cache_->get(fragment_), cache_->survey().config());
-    std::vector<std::size_t> e;
-    for (unsigned d = 0; d < data->rank(); ++d) e.push_back(data->extent(d));
-    return e;
+    return extract_.extents(cache_->get(fragment_));
   }
 
  protected:
-  StrongPtr<Tessal::MemBase> produce() override {
-    return extract_(cache_->get(fragment_), cache_->survey().config());
-  }
+  StrongPtr<Tessal::MemBase> produce() override { return extract_.produce(cache_->get(fragment_)); }
 
  private:
   std::shared_ptr<FragmentCache> cache_;
@@ -63,21 +79,27 @@ class SimulatedCreator final : public Tessal::CreativeArrayBase {
 
 template <class T>
 Extract vectorField(std::vector<T> FragmentData::*member) {
-  return [member](const FragmentData& d, const SurveyConfig&) -> StrongPtr<Tessal::MemBase> {
-    const auto& v = d.*member;
-    auto a = Vorlap::makeStrong<Tessal::MemArray<1, T>>(v.size());
-    std::copy(v.begin(), v.end(), a->contiguousData());
-    return a;
-  };
+  return {[member](const CachedFragment& f) {
+            return std::vector<std::size_t>{(f.data.*member).size()};
+          },
+          [member](const CachedFragment& f) -> StrongPtr<Tessal::MemBase> {
+            const auto& v = f.data.*member;
+            auto a = Vorlap::makeStrong<Tessal::MemArray<1, T>>(v.size());
+            std::copy(v.begin(), v.end(), a->contiguousData());
+            return a;
+          }};
 }
 
-Extract waveformSamples() {
-  return [](const FragmentData& d, const SurveyConfig& c) -> StrongPtr<Tessal::MemBase> {
-    using Array = Tessal::MemArray<2, std::uint16_t>;
-    auto a = Vorlap::makeStrong<Array>(Array::Extents{c.samplesPerRow, d.rowTime.size()});
-    std::copy(d.samples.begin(), d.samples.end(), a->contiguousData());
-    return a;
-  };
+// The samples, row after row: a view of the cached block rather than a copy.
+Extract waveformSamples(std::uint32_t samplesPerRow) {
+  return {[samplesPerRow](const CachedFragment& f) {
+            return std::vector<std::size_t>{samplesPerRow, f.data.rowTime.size()};
+          },
+          [samplesPerRow](const CachedFragment& f) -> StrongPtr<Tessal::MemBase> {
+            using Array = Tessal::MemArray<2, std::uint16_t>;
+            return Vorlap::makeStrong<Array>(Array::Extents{samplesPerRow, f.data.rowTime.size()},
+                                             f.samples, 0, 1);
+          }};
 }
 
 struct FieldEntry {
@@ -87,7 +109,7 @@ struct FieldEntry {
   Extract extract;
 };
 
-std::vector<FieldEntry> fieldEntries() {
+std::vector<FieldEntry> fieldEntries(std::uint32_t samplesPerRow) {
   using E = Tessal::ElementType;
   using D = FragmentData;
   namespace T = TruthField;
@@ -96,7 +118,7 @@ std::vector<FieldEntry> fieldEntries() {
           {"Shots", "Waveforms.DirectionDelta", E::Vector, vectorField(&D::direction)},
           {"Waveforms", "GPSTime", E::Double, vectorField(&D::rowTime)},
           {"Waveforms", "FWFLength", E::UInt16, vectorField(&D::length)},
-          {"Waveforms", "Waveforms", E::UInt16, waveformSamples()},
+          {"Waveforms", "Waveforms", E::UInt16, waveformSamples(samplesPerRow)},
           {"Waveforms", "Channel", E::UInt8, vectorField(&D::rowChannel)},
           {"Waveforms", "SBL_Time", E::Double, vectorField(&D::sblTime)},
           {"OPP", "GPSTime", E::Double, vectorField(&D::oppTime)},
@@ -125,6 +147,8 @@ void setScannerAttributes(Tessal::Slice& slice, const SurveyConfig& c) {
       Vorlap::makeChunk<std::string>({c.pattern == Pattern::LineWise ? "line-wise" : "radial"}));
   shots.setAttribute(A::ModelName, Vorlap::makeChunk<std::string>({"quillo survey simulator"}));
   shots.setAttribute("SimulationSeed", Vorlap::makeChunk<unsigned>({unsigned(c.seed)}));
+  if (c.rdbSegment >= 0)
+    shots.setAttribute(kRdbSegmentAttribute, Vorlap::makeChunk<int>({int(c.rdbSegment)}));
   slice.makeGrid("Waveforms")
       ->attributes()
       .setAttribute(A::SampleInterval, Vorlap::makeChunk<double>({c.sampleInterval}));
@@ -132,13 +156,13 @@ void setScannerAttributes(Tessal::Slice& slice, const SurveyConfig& c) {
 
 }  // namespace
 
-Tessal::BundlePtr surveyBundle(const SurveyConfig& config) {
+Tessal::BundlePtr surveyBundle(const SurveyConfig& config, SurveyProgress progress) {
   auto bundle = Tessal::BundlePtr::make();
   auto slice = (*bundle.create())[0.0];
   setScannerAttributes(*slice, config);
-  auto cache = std::make_shared<FragmentCache>(config);
+  auto cache = std::make_shared<FragmentCache>(config, std::move(progress));
   const std::uint32_t fragments = cache->survey().fragmentCount();
-  for (const auto& entry : fieldEntries()) {
+  for (const auto& entry : fieldEntries(config.samplesPerRow)) {
     auto rep =
         slice->makeGrid(entry.grid)->makeCartesianRepresentation(3, "ScannerCoordinateSystem", 0);
     StrongPtr<Tessal::Field> field = rep->makeField(rep->makeFieldID(entry.field), {}, {});
@@ -152,8 +176,9 @@ Tessal::BundlePtr surveyBundle(const SurveyConfig& config) {
   return bundle;
 }
 
-std::string writeSurvey(const SurveyConfig& config, const std::string& fileName) {
-  return Tessal::Bundle::save(surveyBundle(config), fileName);
+std::string writeSurvey(const SurveyConfig& config, const std::string& fileName,
+                        SurveyProgress progress) {
+  return Tessal::Bundle::save(surveyBundle(config, std::move(progress)), fileName);
 }
 
 }  // namespace quillo::sim

@@ -2,6 +2,7 @@
 // asked for (one fragment kept at a time), and its saving to a .kq file.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <string>
 
@@ -23,9 +24,16 @@ inline constexpr const char* OnlineRange = "OnlineRange";
 inline constexpr const char* OnlineTarget = "OnlineTarget";
 }  // namespace TruthField
 
-Tessal::BundlePtr surveyBundle(const SurveyConfig& config);
+// The "Shots" attribute that tells the module which data segment the survey is.
+inline constexpr const char* kRdbSegmentAttribute = "RDB_Segment";
+
+// Called after each fragment is simulated: fragments done, fragments in all.
+using SurveyProgress = std::function<void(std::uint32_t done, std::uint32_t total)>;
+
+Tessal::BundlePtr surveyBundle(const SurveyConfig& config, SurveyProgress progress = {});
 
 // Writes the survey to `fileName`; returns the empty text or the error.
-std::string writeSurvey(const SurveyConfig& config, const std::string& fileName);
+std::string writeSurvey(const SurveyConfig& config, const std::string& fileName,
+                        SurveyProgress progress = {});
 
 }  // namespace quillo::sim
