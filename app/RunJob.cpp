@@ -37,10 +37,41 @@ class StageClock {
 };
 
 std::unique_ptr<StreamedOutput> makeOutput(const fs::path& path, const std::string& outDir,
-                                           const Transform& toMap) {
+                                           const std::string& inputPath, const Transform& toMap) {
   if (path.empty()) return nullptr;
-  return std::make_unique<StreamedOutput>(
-      outDir.empty() ? path : fs::path(outDir) / path.filename(), toMap);
+  const fs::path target = outDir.empty() ? path : fs::path(outDir) / path.filename();
+  std::error_code ec;
+  // Segmented data keeps the input's name: beside the input it would replace it.
+  if (fs::weakly_canonical(target, ec) == fs::weakly_canonical(inputPath, ec))
+    throw CliError(kUsage, inputPath +
+                               ": the output would replace the input (segmented data "
+                               "keeps its name); give --out-dir");
+  return std::make_unique<StreamedOutput>(target, toMap);
+}
+
+// The module visits fragment numbers 0 to count - 1: with a gap, the fragments above the
+// count are never reached. Say so before the run, naming what is lost.
+void warnAboutFragmentGaps(const Tessal::BundlePtr& input, const std::string& inputPath) {
+  double t = 0.0;
+  auto slice = (*input.get())(t);
+  auto shots = slice ? (*slice)("Shots") : Vorlap::StrongPtr<Tessal::Grid>();
+  auto positions = shots ? (*shots)("Positions", "") : Vorlap::StrongPtr<Tessal::Field>();
+  if (!positions) return;
+  const auto ids = positions->getFragmentIDCollection();
+  std::string missing, unreached;
+  for (std::size_t f = 0; f < ids->size(); ++f) {
+    const std::string expected = "Fragment_" + std::to_string(f);
+    if (!ids->findFragmentIDByName(expected)) missing += (missing.empty() ? "" : ", ") + expected;
+    const std::string& name = ids->at(f)->getName();
+    const auto number = name.rfind("Fragment_", 0) == 0 ? name.substr(9) : "";
+    if (number.empty() || number.find_first_not_of("0123456789") != std::string::npos ||
+        number.size() > 9 || std::stoul(number) >= ids->size())
+      unreached += (unreached.empty() ? "" : ", ") + name;
+  }
+  if (!missing.empty())
+    Vorlap::Console() << inputPath << ": grid \"Shots\" has no " << missing
+                      << "; these fragments are skipped as broken and " << unreached
+                      << " will not be processed";
 }
 
 void checkOutDir(const std::string& outDir) {
@@ -84,13 +115,15 @@ RunSummary runOne(const std::string& inputPath, const RunSettings& settings) {
   StageClock clock(summary);
   Tessal::BundlePtr bundle = loadKqFile(inputPath);
   clock.lap("load");
+  warnAboutFragmentGaps(bundle, inputPath);
   FullWaveform::Input input = settings.input;
   input.inputFileName = moduleFileName(inputPath, settings.date);
   if (!settings.segmentGiven) input.setIsDataFrom_RDBX_File(bundle);
   const Transform toMap = scannerToMap(bundle);
   auto [firstPath, secondPath] = input.getOutFileName(fs::path(inputPath));
-  std::unique_ptr<StreamedOutput> first = makeOutput(firstPath, settings.outDir, toMap);
-  std::unique_ptr<StreamedOutput> second = makeOutput(secondPath, settings.outDir, toMap);
+  std::unique_ptr<StreamedOutput> first = makeOutput(firstPath, settings.outDir, inputPath, toMap);
+  std::unique_ptr<StreamedOutput> second =
+      makeOutput(secondPath, settings.outDir, inputPath, toMap);
   std::vector<StreamedOutput*> outputs;
   for (StreamedOutput* o : {first.get(), second.get()})
     if (o) outputs.push_back(o);

@@ -27,6 +27,8 @@ class Timer {
 StreamedOutput::StreamedOutput(const std::filesystem::path& path, const Transform& toMap)
     : path_(path), toMap_(toMap), bundle_(Tessal::BundlePtr::make()) {
   grid_ = (*bundle_.create())[0.0]->makeGrid("FWF");
+  // Made up front so that an output no point reaches still takes the run's attributes.
+  grid_->makeCartesianRepresentation(3, kScannerChart, 0);
   save_ = std::make_unique<Tessal::StreamingSave>(bundle_, path_.string());
 }
 

@@ -76,6 +76,9 @@ class QUILLO_API FatBoy {
   Vorlap::StrongPtr<GridContainer<SHOT_Data>> SHOT;
   std::uint32_t nFragments = 0;
   std::string fragmentName;
+  // Why the last ini refused its fragment, or what it set aside (empty: nothing). The module
+  // never prints it: the driver's "Broken Fragment" warning is the report; hosts may show it.
+  std::string loadProblem;
   ScannerDevice scannerDevice;
   bool valid = false;
   std::vector<WavePtr> wavePoints;

@@ -1,5 +1,7 @@
 // Per-fragment loading: makes a fragment current and fetches the arrays of the three grid
 // containers. Reads the input grids; writes fragmentName, the containers' fragNr and arrays.
+// A fragment that cannot be used is refused; `loadProblem` names the file, the fragment, the
+// grid, the field and the problem for hosts that want to tell the user more.
 #include "store/FragmentLoading.hpp"
 
 #include "store/FatBoy.hpp"
@@ -10,50 +12,122 @@ std::string fragmentNameOf(std::uint32_t fragNr) {
   return "Fragment_" + std::to_string(fragNr);
 }
 
+std::string fragmentPlace(const std::string& fileName, const std::string& fragmentName) {
+  return fileName.empty() ? fragmentName : fileName + ", " + fragmentName;
+}
+
 namespace {
 
 using Tessal::MemArray;
 using namespace Gemwold::PhysicalSpace;
 
+template <class A>
+struct ArrayShape;
+template <unsigned N, class E>
+struct ArrayShape<MemArray<N, E>> {
+  static constexpr unsigned rank = N;
+  static constexpr Tessal::ElementType type = Tessal::elementTypeOf<E>();
+};
+
+std::string typeText(Tessal::ElementType type, std::size_t rank) {
+  return std::string(Tessal::elementTypeName(type)) + (rank == 2 ? " rows" : "");
+}
+
+// Why the named field gives no array of type A for the container's fragment.
+template <class A, class R>
+std::string whyMissing(const GridContainer<R>& c, const std::string& fieldName) {
+  const std::string field = "field \"" + fieldName + "\" ";
+  auto f = (*c.G)(fieldName, "");
+  if (!f) return field + "is missing";
+  auto id = findFragmentID(c, fieldName);
+  if (!id) return field + "has no " + fragmentNameOf(c.fragNr);
+  auto creator = f->getCreator(id);
+  if (creator) {
+    const auto type = creator->elementType();
+    const auto rank = creator->extents().size();
+    if (type != ArrayShape<A>::type || rank != ArrayShape<A>::rank)
+      return field + "holds " + typeText(type, rank) + ", not " +
+             typeText(ArrayShape<A>::type, ArrayShape<A>::rank);
+  }
+  return field + "cannot be read";
+}
+
+// Fetches one array into `out`; on failure appends why to `problem` (the first one only).
+template <class A, class R>
+void fetchInto(const GridContainer<R>& c, const std::string& fieldName, Vorlap::StrongPtr<A>& out,
+               std::string& problem) {
+  out = fetchFragmentArray<A>(c, fieldName);
+  if (!out && problem.empty()) problem = whyMissing<A>(c, fieldName);
+}
+
+std::string lengthProblem(const std::string& field, std::size_t n, const std::string& reference,
+                          std::size_t expected) {
+  if (n == expected) return "";
+  return "field \"" + field + "\" holds " + std::to_string(n) + " values, \"" + reference + "\" " +
+         std::to_string(expected);
+}
+
 // Shots arrays are required too: every query reads them.
-bool loadShots(GridContainer<SHOT_Data>& shots) {
+std::string loadShots(GridContainer<SHOT_Data>& shots) {
   auto& a = shots.arrays;
-  a.Positions = fetchFragmentArray<MemArray<1, point>>(shots, "Positions");
-  a.GPSTime = fetchFragmentArray<MemArray<1, double>>(shots, "GPSTime");
-  a.DirectionDelta = fetchFragmentArray<MemArray<1, vector>>(shots, "Waveforms.DirectionDelta");
-  if (!a.Positions || !a.GPSTime || !a.DirectionDelta) return false;
+  std::string problem;
+  fetchInto(shots, "Positions", a.Positions, problem);
+  fetchInto(shots, "GPSTime", a.GPSTime, problem);
+  fetchInto(shots, "Waveforms.DirectionDelta", a.DirectionDelta, problem);
+  if (!problem.empty()) return problem;
   // Arrays of different lengths would let a query read past the shorter one.
   const auto n = a.GPSTime->size();
-  return a.Positions->size() == n && a.DirectionDelta->size() == n;
+  problem = lengthProblem("Positions", a.Positions->size(), "GPSTime", n);
+  if (problem.empty())
+    problem = lengthProblem("Waveforms.DirectionDelta", a.DirectionDelta->size(), "GPSTime", n);
+  return problem;
 }
 
-bool loadWaveforms(GridContainer<FWF_Data>& fwf) {
+std::string loadWaveforms(GridContainer<FWF_Data>& fwf) {
   auto& a = fwf.arrays;
-  a.GPSTime = fetchFragmentArray<MemArray<1, double>>(fwf, "GPSTime");
-  a.FWFLength = fetchFragmentArray<MemArray<1, std::uint16_t>>(fwf, "FWFLength");
-  a.Waveforms = fetchFragmentArray<MemArray<2, std::uint16_t>>(fwf, "Waveforms");
-  a.Channel = fetchFragmentArray<MemArray<1, std::uint8_t>>(fwf, "Channel");
-  a.SBL_Time = fetchFragmentArray<MemArray<1, double>>(fwf, "SBL_Time");
-  if (!a.GPSTime || !a.FWFLength || !a.Waveforms || !a.Channel || !a.SBL_Time) return false;
+  std::string problem;
+  fetchInto(fwf, "GPSTime", a.GPSTime, problem);
+  fetchInto(fwf, "FWFLength", a.FWFLength, problem);
+  fetchInto(fwf, "Waveforms", a.Waveforms, problem);
+  fetchInto(fwf, "Channel", a.Channel, problem);
+  fetchInto(fwf, "SBL_Time", a.SBL_Time, problem);
+  if (!problem.empty()) return problem;
   const auto rows = a.Waveforms->extent(1);
-  return a.GPSTime->size() == rows && a.FWFLength->size() == rows && a.Channel->size() == rows &&
-         a.SBL_Time->size() == rows;
+  if (rows > 0 && a.Waveforms->extent(0) == 0) return "field \"Waveforms\" holds rows of 0 samples";
+  for (auto [name, n] : {std::pair<const char*, std::size_t>{"GPSTime", a.GPSTime->size()},
+                         {"FWFLength", a.FWFLength->size()},
+                         {"Channel", a.Channel->size()},
+                         {"SBL_Time", a.SBL_Time->size()}}) {
+    problem = lengthProblem(name, n, "Waveforms", rows);
+    if (!problem.empty()) return problem + " rows";
+  }
+  return "";
 }
 
-bool loadOnline(GridContainer<OPP_Data>& opp) {
+// `note` tells when a "Reflectance" array of another length was set aside.
+std::string loadOnline(GridContainer<OPP_Data>& opp, std::string& note) {
   auto& a = opp.arrays;
-  a.GPSTime = fetchFragmentArray<MemArray<1, double>>(opp, "GPSTime");
-  a.Range = fetchFragmentArray<MemArray<1, double>>(opp, "Range");
-  a.Amplitude = fetchFragmentArray<MemArray<1, float>>(opp, "Amplitude");
-  a.Channel = fetchFragmentArray<MemArray<1, std::uint8_t>>(opp, "Channel");
+  std::string problem;
+  fetchInto(opp, "GPSTime", a.GPSTime, problem);
+  fetchInto(opp, "Range", a.Range, problem);
+  fetchInto(opp, "Amplitude", a.Amplitude, problem);
+  fetchInto(opp, "Channel", a.Channel, problem);
+  if (!problem.empty()) return problem;
   a.Reflectance = fetchFragmentArray<MemArray<1, float>>(opp, "Reflectance");
-  if (!a.GPSTime || !a.Range || !a.Amplitude || !a.Channel) return false;
   const auto n = a.GPSTime->size();
-  if (a.Range->size() != n || a.Amplitude->size() != n || a.Channel->size() != n) return false;
-  if (a.Reflectance && a.Reflectance->size() != n) a.Reflectance.reset();
+  for (auto [name, size] : {std::pair<const char*, std::size_t>{"Range", a.Range->size()},
+                            {"Amplitude", a.Amplitude->size()},
+                            {"Channel", a.Channel->size()}}) {
+    problem = lengthProblem(name, size, "GPSTime", n);
+    if (!problem.empty()) return problem;
+  }
+  if (a.Reflectance && a.Reflectance->size() != n) {
+    note = lengthProblem("Reflectance", a.Reflectance->size(), "GPSTime", n);
+    a.Reflectance.reset();
+  }
   // Online data without reflectance: zeros stand in.
-  if (!a.Reflectance) a.Reflectance = Vorlap::makeStrong<MemArray<1, float>>(a.GPSTime->size());
-  return true;
+  if (!a.Reflectance) a.Reflectance = Vorlap::makeStrong<MemArray<1, float>>(n);
+  return "";
 }
 
 }  // namespace
@@ -61,18 +135,31 @@ bool loadOnline(GridContainer<OPP_Data>& opp) {
 template <class T>
 bool FatBoy<T>::ini(const unsigned& fragNr) {
   SHOT->fragNr = fragNr;
+  const std::string place = fragmentPlace(input->inputFileName, fragmentNameOf(fragNr));
+  // The driver reports a refused fragment as broken; why is kept for hosts that ask.
+  loadProblem.clear();
+  auto refuse = [&](const char* grid, const std::string& problem) {
+    loadProblem = "FatBoy::ini " + place + ": grid \"" + grid + "\": " + problem;
+    return false;
+  };
   auto id = findFragmentID(*SHOT, "Positions");
   // Without the identifier there is no fragment to name, and no query could be answered.
-  if (!id) return false;
+  if (!id) return refuse("Shots", whyMissing<PointArray::element_type>(*SHOT, "Positions"));
   fragmentName = id->getName();
-  if (!loadShots(*SHOT)) return false;
+  std::string problem = loadShots(*SHOT);
+  if (!problem.empty()) return refuse("Shots", problem);
   if (FWF) {
     FWF->fragNr = fragNr;
-    if (!loadWaveforms(*FWF)) return false;
+    problem = loadWaveforms(*FWF);
+    if (!problem.empty()) return refuse("Waveforms", problem);
   }
   if (OPP) {
     OPP->fragNr = fragNr;
-    if (!loadOnline(*OPP)) return false;
+    std::string note;
+    problem = loadOnline(*OPP, note);
+    if (!problem.empty()) return refuse("OPP", problem);
+    if (!note.empty())
+      loadProblem = "FatBoy::ini " + place + ": grid \"OPP\": " + note + "; zeros stand in";
   }
   return true;
 }

@@ -9,6 +9,9 @@ namespace FullWaveform {
 
 // "Fragment_" followed by the number in decimal, without padding.
 std::string fragmentNameOf(std::uint32_t fragNr);
+// Where a message about a fragment points: "FILE, Fragment_N" (just the fragment without a
+// file name).
+std::string fragmentPlace(const std::string& fileName, const std::string& fragmentName);
 
 // The identifier of the container's current fragment in the named field; empty when none.
 template <class R>

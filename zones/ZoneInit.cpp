@@ -4,7 +4,10 @@
 // maxTravelTime and the carried shots.
 #include <algorithm>
 #include <cmath>
+#include <limits>
 
+#include "store/FragmentLoading.hpp"
+#include "vorlap/Console.hpp"
 #include "zones/ZoneInit.hpp"
 
 namespace FullWaveform {
@@ -20,6 +23,42 @@ std::vector<CarriedShot> tailOf(const SHOT_Data& a, std::size_t count) {
   return tail;
 }
 
+// Zone walks count shots back from the recording shot; no zone reaches further than this.
+constexpr std::size_t kLongestWalk = 8;
+
+// Shot times that are not finite cannot be ordered or matched, and of a repeated time only
+// the later shot stays in the index: a zone walk across such a lost shot would count one shot
+// short, so the waves recorded within kLongestWalk shots after it are released. Backward
+// steps are kept (the index orders by time) but point at damaged data. All are reported.
+struct ShotTimeFaults {
+  std::size_t notFinite = 0, repeated = 0, backwards = 0, released = 0;
+  double previous = -std::numeric_limits<double>::infinity();
+  std::vector<bool> lost;
+
+  bool admit(std::size_t s, double t) {
+    lost.push_back(false);
+    if (!std::isfinite(t)) return ++notFinite, lost[s] = true, false;
+    if (t == previous) ++repeated, lost[s - 1] = true;
+    if (t < previous) ++backwards;
+    previous = t;
+    return true;
+  }
+  bool nearLostShot(std::uint32_t s) const {
+    if (notFinite + repeated == 0 || s >= lost.size()) return false;
+    for (std::size_t k = s - std::min<std::size_t>(s, kLongestWalk); k <= s; ++k)
+      if (lost[k]) return true;
+    return false;
+  }
+  void report(const std::string& place) const {
+    if (notFinite + repeated + backwards == 0) return;
+    Vorlap::Console() << "FatBoy::iniMTA " << place
+                      << ": field \"GPSTime\" of grid \"Shots\": " << notFinite
+                      << " time(s) not finite (shots skipped), " << repeated << " repeated, "
+                      << backwards << " going backwards; " << released
+                      << " wave(s) recorded just after a skipped shot released";
+  }
+};
+
 }  // namespace
 
 template <class T>
@@ -28,10 +67,10 @@ bool FatBoy<T>::iniMTA() {
   if (nWaves <= 2) return false;
   const auto& times = *SHOT->arrays.GPSTime;
   const std::size_t count = times.size();
+  ShotTimeFaults faults;
   for (std::size_t s = 0; s < count; ++s) {
-    // A NaN time cannot be ordered in the index, and no wave could match it.
     const double t = times.get(s);
-    if (!std::isnan(t)) shotTimeIndex[t] = static_cast<std::uint32_t>(s);
+    if (faults.admit(s, t)) shotTimeIndex[t] = static_cast<std::uint32_t>(s);
   }
   carriedShots = std::move(pendingCarry);
   pendingCarry = tailOf(SHOT->arrays, kCarriedShotCount);
@@ -40,11 +79,23 @@ bool FatBoy<T>::iniMTA() {
   mta.assign(nWaves, 0);
   shotIndex.resize(nWaves);
   for (std::uint32_t i = 0; i < nWaves; ++i) shotIndex[i] = i;
+  std::uint32_t unmatched = 0;
   for (std::uint32_t i = 0; i < nWaves; ++i) {
     if (!wavePoints[i]) continue;
     auto it = shotTimeIndex.find(wavePoints[i]->waveTime);
-    if (it != shotTimeIndex.end()) shotIndex[i] = it->second;
+    if (it == shotTimeIndex.end())
+      ++unmatched;
+    else if (faults.nearLostShot(it->second))
+      wavePoints[i].reset(), ++faults.released;
+    else
+      shotIndex[i] = it->second;
   }
+  faults.report(fragmentPlace(input->inputFileName, fragmentName));
+  // Such waves get no zone later on and are dropped; the count tells why points are missing.
+  if (unmatched)
+    Vorlap::Console() << "FatBoy::iniMTA " << fragmentPlace(input->inputFileName, fragmentName)
+                      << ": " << unmatched
+                      << " wave(s) whose \"GPSTime\" matches no shot time get no zone";
   firstShot = shotTimeIndex.cbegin();
   lastShot = std::prev(shotTimeIndex.cend());
   shotEnd = shotTimeIndex.cend();

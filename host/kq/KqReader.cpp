@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <functional>
 
+#include "kq/GlobalHeapCheck.hpp"
 #include "kq/KqAttributes.hpp"
 #include "tessal/Bundle.hpp"
 #include "vorlap/Console.hpp"
@@ -17,6 +18,9 @@ using kq::Hid;
 
 // Fragments larger than this are refused before anything is allocated.
 constexpr std::uint64_t kMaxFragmentElements = std::uint64_t(1) << 31;
+// Deflate packs at most about 1032:1; below the slack any declared size is believed.
+constexpr std::uint64_t kMaxCompressionRatio = 2048;
+constexpr std::uint64_t kStorageSlack = std::uint64_t(1) << 20;
 
 struct KqFile {
   hid_t id = -1;
@@ -255,6 +259,13 @@ bool Reader::readFragment(const std::string& path, const std::string& name, Fiel
     total *= dims[d];
   }
   if (total > kMaxFragmentElements) return fail(path, "declares an absurd number of elements");
+  // Unwritten chunks read as fill values: a fragment declaring far more data than the file
+  // stores for it would only exhaust the memory when asked for.
+  const std::uint64_t bytes = total * elementBytes(type);
+  const std::uint64_t storedBytes = H5Dget_storage_size(set.get());
+  if (bytes > kStorageSlack + kMaxCompressionRatio * storedBytes)
+    return fail(path, "declares " + std::to_string(total) + " elements but stores only " +
+                          std::to_string(storedBytes) + " bytes");
   std::vector<std::size_t> extents;
   if (rank == 2)
     extents = {std::size_t(dims[1]), std::size_t(dims[0])};
@@ -275,6 +286,10 @@ bool loadFile(const std::string& fileName, Bundle& into) {
   kq::silenceHdf5Errors();
   if (H5Fis_hdf5(fileName.c_str()) <= 0) {
     Vorlap::Console() << fileName << ": cannot load: not an HDF5 file (or a damaged one)";
+    return false;
+  }
+  if (const std::string heap = kq::damagedGlobalHeap(fileName); !heap.empty()) {
+    Vorlap::Console() << fileName << ": cannot load: " << heap;
     return false;
   }
   auto file = Vorlap::makeStrong<KqFile>();

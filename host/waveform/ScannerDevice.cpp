@@ -96,8 +96,9 @@ void readReflectanceTable(AttributeReader& r, ScannerDevice& device) {
   if (values.empty()) return;  // an empty table means: no table
   device.reflectanceTable = Vorlap::makeStrong<ReflectanceTable>(ReflectanceTable{values});
   if (r.number(A::ReflectanceTableStep, device.reflectanceTableStep) &&
-      !(device.reflectanceTableStep > 0.0))
-    r.fail(A::ReflectanceTableStep, "must be a positive number");
+      (!(device.reflectanceTableStep > 0.0) || !std::isfinite(device.reflectanceTableStep)))
+    r.fail(A::ReflectanceTableStep,
+           "must be a positive number, is " + Vorlap::shortestText(device.reflectanceTableStep));
 }
 
 }  // namespace
@@ -130,9 +131,13 @@ ScannerDevice::ScannerDevice(const Vorlap::StrongPtr<Tessal::Grid>& shots,
   } else if (!(sampleInterval >= 0.0) || !std::isfinite(sampleInterval)) {
     r.fail(A::SampleInterval, "must not be negative, is " + Vorlap::shortestText(sampleInterval));
   }
-  r.number(A::MinAmplitude, minAmplitude);
-  if (r.number(A::MinTimeOffset, minTimeOffset) && !(minTimeOffset >= 0.0))
-    r.fail(A::MinTimeOffset, "must not be negative");
+  // Compared with every wave: a NaN threshold would refuse all, an infinite offset drop all.
+  if (r.number(A::MinAmplitude, minAmplitude) && !std::isfinite(minAmplitude))
+    r.fail(A::MinAmplitude, "must be a finite number, is " + Vorlap::shortestText(minAmplitude));
+  if (r.number(A::MinTimeOffset, minTimeOffset) &&
+      (!(minTimeOffset >= 0.0) || !std::isfinite(minTimeOffset)))
+    r.fail(A::MinTimeOffset,
+           "must be a finite number of 0 or more, is " + Vorlap::shortestText(minTimeOffset));
   double block = blockSize;
   if (r.number(A::BlockSize, block)) {
     if (!(block >= 1.0 && block <= 1.0e7) || block != std::floor(block))

@@ -84,3 +84,15 @@ TEST_F(Cli, BadArgumentsAndInputsGiveClearErrors) {
   EXPECT_EQ(r.exitCode, 1);
   EXPECT_NE(r.output.find("No FWF-Grid: "), std::string::npos);
 }
+
+TEST_F(Cli, SegmentedInputIsNeverReplacedByItsOutput) {
+  const std::string segmented = dir->file("seg_210315_093000.kq");
+  ASSERT_EQ(runQuillo("simulate --preset tiny --shots 5000 --rdb-segment 1 --quiet " + segmented)
+                .exitCode,
+            0);
+  const std::string before = fileBytes(segmented);
+  const auto r = runQuillo("run " + segmented + " --quiet");
+  EXPECT_EQ(r.exitCode, 2);
+  EXPECT_NE(r.output.find("would replace the input"), std::string::npos) << r.output;
+  EXPECT_EQ(fileBytes(segmented), before);
+}

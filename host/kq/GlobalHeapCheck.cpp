@@ -1,0 +1,86 @@
+// Finds global heap collections by their signature ("GCOL", version 1, three zero bytes) and
+// walks their objects the way HDF5 does: a 16-byte header (index, reference count, reserved,
+// size), then the data padded to 8 bytes; index 0 marks free space of the given total size.
+#include "kq/GlobalHeapCheck.hpp"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <fstream>
+#include <vector>
+
+namespace Tessal::kq {
+
+namespace {
+
+constexpr char kSignature[8] = {'G', 'C', 'O', 'L', 1, 0, 0, 0};
+constexpr std::size_t kHeaderSize = 16;  // signature, version, reserved, 8-byte size
+constexpr std::size_t kObjectHeaderSize = 16;
+constexpr std::size_t kBlockSize = std::size_t(1) << 22;
+
+std::uint64_t readLittleEndian(const unsigned char* p, int bytes) {
+  std::uint64_t v = 0;
+  for (int i = bytes - 1; i >= 0; --i) v = (v << 8) | p[i];
+  return v;
+}
+
+// What is wrong with the objects of one collection (the empty text when nothing is).
+std::string checkObjects(const std::vector<unsigned char>& c) {
+  std::size_t p = kHeaderSize;
+  while (p < c.size()) {
+    if (c.size() - p < kObjectHeaderSize) return "";  // a tail too small for an object
+    const auto index = readLittleEndian(&c[p], 2);
+    const std::uint64_t size = readLittleEndian(&c[p + 8], 8);
+    const std::uint64_t left = c.size() - p;
+    if (size > left) return "an object overruns the collection";
+    const std::uint64_t need = index ? kObjectHeaderSize + (size + 7) / 8 * 8 : size;
+    if (need == 0) return "an empty free-space object";
+    if (need > left) return "an object overruns the collection";
+    p += need;
+  }
+  return "";
+}
+
+std::string checkCollectionAt(std::ifstream& in, std::uint64_t at, std::uint64_t fileSize) {
+  unsigned char header[kHeaderSize];
+  in.clear();
+  in.seekg(std::streamoff(at));
+  if (!in.read(reinterpret_cast<char*>(header), kHeaderSize)) return "";
+  const std::uint64_t size = readLittleEndian(header + 8, 8);
+  // A collection running past the end makes HDF5's own read fail cleanly.
+  if (size < kHeaderSize || size > fileSize - at) return "";
+  std::vector<unsigned char> collection(size);
+  in.seekg(std::streamoff(at));
+  if (!in.read(reinterpret_cast<char*>(collection.data()), std::streamsize(size))) return "";
+  const std::string problem = checkObjects(collection);
+  if (problem.empty()) return "";
+  return "damaged global heap collection at byte " + std::to_string(at) + ": " + problem;
+}
+
+}  // namespace
+
+std::string damagedGlobalHeap(const std::string& fileName) {
+  std::ifstream in(fileName, std::ios::binary);
+  in.seekg(0, std::ios::end);
+  const auto fileSize = std::uint64_t(std::max<std::streamoff>(0, in.tellg()));
+  std::vector<char> block(kBlockSize + sizeof(kSignature));
+  for (std::uint64_t start = 0; start < fileSize; start += kBlockSize) {
+    // Each block overlaps the next by a signature's length, so none is missed at a border.
+    const auto length = std::size_t(std::min<std::uint64_t>(block.size(), fileSize - start));
+    in.clear();
+    in.seekg(std::streamoff(start));
+    if (!in.read(block.data(), std::streamsize(length))) return "";
+    std::size_t offset = 0;
+    while (const void* hit =
+               memmem(block.data() + offset, length - offset, kSignature, sizeof(kSignature))) {
+      offset = std::size_t(static_cast<const char*>(hit) - block.data());
+      if (offset >= kBlockSize) break;  // the next block finds it
+      const std::string problem = checkCollectionAt(in, start + offset, fileSize);
+      if (!problem.empty()) return problem;
+      ++offset;
+    }
+  }
+  return "";
+}
+
+}  // namespace Tessal::kq
