@@ -1,6 +1,8 @@
 #include "sim/Scoring.hpp"
 
+#include <algorithm>
 #include <cmath>
+#include <limits>
 #include <map>
 #include <set>
 #include <stdexcept>
@@ -13,6 +15,8 @@ namespace quillo::sim {
 namespace {
 
 using Vorlap::StrongPtr;
+
+constexpr std::uint8_t kNoiseClass = 7;  // the classification of points taken for noise
 
 Tessal::BundlePtr loadFile(const std::string& file) {
   auto b = Tessal::BundlePtr::make();
@@ -45,11 +49,22 @@ std::vector<T> readAll(const StrongPtr<Tessal::Field>& field) {
   return values;
 }
 
+using EchoKey = std::pair<std::uint64_t, int>;  // (emitting shot, zone)
+
+struct TrueEcho {
+  std::vector<double> ranges;  // one per echo of that shot recorded in that zone
+  bool real = false;           // a target on the ground, not a bird or dust
+};
+
 struct Truth {
   std::unordered_map<double, std::uint64_t> shotByTime;
   std::vector<double> shotTimes;
-  std::set<std::pair<std::uint64_t, int>> echoes;  // (emitting shot, zone)
-  std::map<std::uint64_t, int> zoneByRecorder;     // recording shot -> true zone
+  std::map<EchoKey, TrueEcho> echoes;
+  std::map<std::uint64_t, int> zoneByRecorder;  // recording shot -> true zone
+};
+
+struct TruthNames {
+  const char *emitter, *zone, *range, *target;
 };
 
 Truth readTruth(const std::string& file) {
@@ -59,13 +74,20 @@ Truth readTruth(const std::string& file) {
   if (t.shotTimes.empty())
     throw std::runtime_error(file + ": no shots (is it a simulated survey?)");
   for (std::size_t k = 0; k < t.shotTimes.size(); ++k) t.shotByTime[t.shotTimes[k]] = k;
-  for (auto [emitter, zone] : {std::pair{TruthField::RowEmitter, TruthField::RowZone},
-                               std::pair{TruthField::OnlineEmitter, TruthField::OnlineZone}}) {
-    const auto e = readAll<std::uint32_t>(fieldOf(b, "Truth", emitter));
-    const auto z = readAll<std::uint8_t>(fieldOf(b, "Truth", zone));
-    if (e.size() != z.size()) throw std::runtime_error(file + ": truth arrays differ in length");
+  for (const TruthNames& n : {TruthNames{TruthField::RowEmitter, TruthField::RowZone,
+                                         TruthField::RowRange, TruthField::RowTarget},
+                              TruthNames{TruthField::OnlineEmitter, TruthField::OnlineZone,
+                                         TruthField::OnlineRange, TruthField::OnlineTarget}}) {
+    const auto e = readAll<std::uint32_t>(fieldOf(b, "Truth", n.emitter));
+    const auto z = readAll<std::uint8_t>(fieldOf(b, "Truth", n.zone));
+    const auto range = readAll<double>(fieldOf(b, "Truth", n.range));
+    const auto target = readAll<std::uint8_t>(fieldOf(b, "Truth", n.target));
+    if (e.size() != z.size() || range.size() != e.size() || target.size() != e.size())
+      throw std::runtime_error(file + ": truth arrays differ in length");
     for (std::size_t i = 0; i < e.size(); ++i) {
-      t.echoes.insert({e[i], z[i]});
+      TrueEcho& echo = t.echoes[{e[i], z[i]}];
+      echo.ranges.push_back(range[i]);
+      echo.real = echo.real || target[i] != std::uint8_t(Target::Noise);
       t.zoneByRecorder[e[i] + z[i]] = z[i];
     }
   }
@@ -73,12 +95,35 @@ Truth readTruth(const std::string& file) {
   return t;
 }
 
-void scoreOutput(const std::string& file, const Truth& truth, ZoneScoreReport& r) {
+struct Tally {
+  std::set<EchoKey> reached;
+  std::vector<double> rangeErrors;
+};
+
+// The truth holds one range per row (its first echo): a later echo in the same row (ground
+// below a canopy) is far from it, so the median is the figure to read, not the mean.
+void summarizeRangeErrors(std::vector<double>& errors, ZoneScoreReport& r) {
+  if (errors.empty()) return;
+  std::sort(errors.begin(), errors.end());
+  r.rangeErrorMedian = errors[errors.size() / 2];
+  r.rangeErrorP95 = errors[std::min(errors.size() - 1, errors.size() * 95 / 100)];
+}
+
+double nearestRangeError(const TrueEcho& echo, double range) {
+  double best = std::numeric_limits<double>::infinity();
+  for (double r : echo.ranges) best = std::min(best, std::fabs(r - range));
+  return best;
+}
+
+void scoreOutput(const std::string& file, const Truth& truth, ZoneScoreReport& r, Tally& tally) {
   auto b = loadFile(file);
   const auto times = readAll<double>(fieldOf(b, "FWF", "GPSTime"));
   const auto zones = readAll<std::uint8_t>(fieldOf(b, "FWF", "MTA"));
-  if (times.size() != zones.size())
-    throw std::runtime_error(file + ": GPSTime and MTA differ in length");
+  const auto ranges = readAll<double>(fieldOf(b, "FWF", "Range"));
+  const auto classes = readAll<std::uint8_t>(fieldOf(b, "FWF", "Classification"));
+  if (times.size() != zones.size() || ranges.size() != zones.size() ||
+      classes.size() != zones.size())
+    throw std::runtime_error(file + ": GPSTime, MTA, Range and Classification differ in length");
   for (std::size_t p = 0; p < times.size(); ++p) {
     ++r.points;
     auto shot = truth.shotByTime.find(times[p]);
@@ -88,7 +133,15 @@ void scoreOutput(const std::string& file, const Truth& truth, ZoneScoreReport& r
       continue;
     }
     const int zone = zones[p];
-    if (truth.echoes.count({shot->second, zone})) ++r.correct;
+    auto echo = truth.echoes.find({shot->second, zone});
+    if (echo == truth.echoes.end()) {
+      ++r.wrongZone;
+    } else {
+      ++r.correct;
+      tally.reached.insert(echo->first);
+      if (echo->second.real && classes[p] == kNoiseClass) ++r.realMarkedNoise;
+      tally.rangeErrors.push_back(nearestRangeError(echo->second, ranges[p]));
+    }
     auto recorded = truth.zoneByRecorder.find(shot->second + std::uint64_t(zone));
     const int trueZone = recorded == truth.zoneByRecorder.end() ? 9 : std::min(recorded->second, 9);
     r.confusion[std::size_t(trueZone)][std::size_t(std::min(zone, 9))] += 1;
@@ -101,8 +154,14 @@ ZoneScoreReport scoreOutputs(const std::vector<std::string>& outputs,
                              const std::string& truthFile) {
   const Truth truth = readTruth(truthFile);
   ZoneScoreReport r;
+  Tally tally;
   r.trueEchoes = truth.echoes.size();
-  for (const auto& file : outputs) scoreOutput(file, truth, r);
+  for (const auto& file : outputs) scoreOutput(file, truth, r, tally);
+  for (const auto& [key, echo] : truth.echoes) {
+    r.realEchoes += echo.real;
+    r.realEchoesReached += echo.real && tally.reached.count(key);
+  }
+  summarizeRangeErrors(tally.rangeErrors, r);
   return r;
 }
 
@@ -114,6 +173,13 @@ std::string reportAsText(const ZoneScoreReport& r) {
                 (unsigned long long)r.points, (unsigned long long)r.correct,
                 100.0 * r.zoneAccuracy(), (unsigned long long)r.noZone,
                 (unsigned long long)r.unmatched);
+  s += line;
+  std::snprintf(line, sizeof line,
+                "wrong zone %llu; real echoes reached %.3f %% (%llu of %llu); real points marked "
+                "noise %llu; range error of correct points: median %.3f m, 95 %% %.3f m\n",
+                (unsigned long long)r.wrongZone, 100.0 * r.reachedShare(),
+                (unsigned long long)r.realEchoesReached, (unsigned long long)r.realEchoes,
+                (unsigned long long)r.realMarkedNoise, r.rangeErrorMedian, r.rangeErrorP95);
   s += line;
   s += "confusion (rows: true zone, columns: assigned zone 0..9)\n";
   for (int t = 0; t < 10; ++t) {
@@ -132,7 +198,14 @@ std::string reportAsJson(const ZoneScoreReport& r) {
       "{\"points\":" + std::to_string(r.points) + ",\"correct\":" + std::to_string(r.correct) +
       ",\"zone_accuracy\":" + std::to_string(r.zoneAccuracy()) +
       ",\"no_zone\":" + std::to_string(r.noZone) + ",\"unmatched\":" + std::to_string(r.unmatched) +
-      ",\"true_echoes\":" + std::to_string(r.trueEchoes) + ",\"confusion\":[";
+      ",\"true_echoes\":" + std::to_string(r.trueEchoes) +
+      ",\"wrong_zone\":" + std::to_string(r.wrongZone) +
+      ",\"real_echoes\":" + std::to_string(r.realEchoes) +
+      ",\"real_echoes_reached\":" + std::to_string(r.realEchoesReached) +
+      ",\"reached_share\":" + std::to_string(r.reachedShare()) +
+      ",\"real_marked_noise\":" + std::to_string(r.realMarkedNoise) +
+      ",\"range_error_median\":" + std::to_string(r.rangeErrorMedian) +
+      ",\"range_error_p95\":" + std::to_string(r.rangeErrorP95) + ",\"confusion\":[";
   for (int t = 0; t < 10; ++t) {
     s += t ? ",[" : "[";
     for (int a = 0; a < 10; ++a)

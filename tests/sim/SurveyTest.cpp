@@ -100,4 +100,11 @@ TEST(Survey, TinySurveyResolvesAgainstTheTruth) {
   std::printf("%s", reportAsText(r).c_str());
   EXPECT_GT(r.points, 10000u);
   EXPECT_GT(r.zoneAccuracy(), 0.95);
+  EXPECT_EQ(r.correct + r.wrongZone + r.unmatched, r.points);
+  EXPECT_GT(r.reachedShare(), 0.95);    // nearly every real echo gets a correctly zoned point
+  EXPECT_LT(r.rangeErrorMedian, 0.05);  // metres: zone right means range right
+  std::uint64_t confused = 0;
+  for (const auto& row : r.confusion)
+    for (auto v : row) confused += v;
+  EXPECT_EQ(confused, r.correct + r.wrongZone);
 }
