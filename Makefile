@@ -7,7 +7,10 @@ ifeq ($(CI),true)
 CMAKE_FLAGS += -DQUILLO_WERROR=ON
 endif
 
-.PHONY: all deps configure build demo test clean format
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 60
+
+.PHONY: all deps configure build demo test test-quick fuzz clean format
 
 all: build
 
@@ -23,8 +26,20 @@ build: configure
 demo: build
 	@$(BUILD)/app/quillo demo --dir demo-out
 
-test: build
+# Everything CI checks: the tests, then the unit tests under ASan+UBSan and parallel runs
+# under TSan (tools/sanitizer-checks.sh; `make test-quick` skips the sanitizers).
+test: test-quick
+	@JOBS=$(JOBS) tools/sanitizer-checks.sh
+
+test-quick: build
 	@ctest --test-dir $(BUILD) --output-on-failure -j$(JOBS)
+
+# Builds the libFuzzer targets with clang in their own folder and runs each for FUZZ_SECONDS.
+fuzz:
+	@tools/install-deps.sh --fuzz
+	@CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUILLO_FUZZ=ON >/dev/null
+	@cmake --build $(FUZZ_BUILD) -j$(JOBS) --target fuzz_all
+	@FUZZ_SECONDS=$(FUZZ_SECONDS) fuzz/run-fuzzers.sh $(FUZZ_BUILD)
 
 format:
 	@git ls-files '*.cpp' '*.hpp' | xargs clang-format -i

@@ -1,8 +1,11 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the project builds and tests with; quiet when nothing is missing.
+# With --fuzz, also clang and libFuzzer's runtime (for `make fuzz`).
 set -euo pipefail
 packages=(cmake g++ make libhdf5-dev hdf5-tools libgtest-dev libgmock-dev libbenchmark-dev
   libcli11-dev libstb-dev clang-format)
+# libclang_rt.fuzzer comes with libclang-rt-dev, which clang only recommends.
+[ "${1:-}" = "--fuzz" ] && packages+=(clang libclang-rt-dev)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
