@@ -1,5 +1,5 @@
 // Fixed zones, quantiles, the repair of uncertain zones, the neighbour tables, the dominant
-// zone range and the histogram text.
+// zone range, the line-wise blocks and the histogram text.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -172,4 +172,56 @@ TEST(Histogram, TextByteForByte) {
   s.fb().mta = {-1, 8, -1, -1};
   const std::string allNaN = s.fb().printHist();
   EXPECT_NE(allNaN.find("nan,  as num: 0"), std::string::npos);
+}
+
+// Shots with a +-3 % jitter and flat ground 2.4 us away (zone 2): a block that runs gives its
+// waves zone 2, a wave no block covers keeps the initial zone 0. Twelve waves, blocks of four,
+// and the scan line breaks at wave `breakAt`.
+namespace {
+
+std::vector<int> zonesWithBreakAt(std::uint32_t breakAt, bool lineWise) {
+  ShotFragment shots;
+  for (int k = 0; k < 16; ++k) shots.times.push_back(10.0 + k * 1e-6 + 0.03e-6 * std::sin(k * 2.7));
+  const double travel = 2.4e-6;
+  std::vector<WavePtr> waves;
+  std::vector<std::size_t> recorder;
+  for (std::size_t e = 0; e < 12; ++e) {
+    const double arrival = shots.times[e] + travel;
+    std::size_t r = e;
+    while (r + 1 < shots.times.size() && shots.times[r + 1] <= arrival) ++r;
+    waves.push_back(makeWave({shots.times[r], arrival - shots.times[r]}));
+    recorder.push_back(r);
+  }
+  for (std::size_t k = 0; k < shots.times.size(); ++k)
+    shots.directions.push_back(k < recorder[breakAt]
+                                   ? Gemwold::PhysicalSpace::vector{0.5, 0, -0.866}
+                                   : Gemwold::PhysicalSpace::vector{-0.5, 0, -0.866});
+  StoreFixture s(shots);
+  s.fb().scannerDevice.blockSize = 4;
+  s.fb().scannerDevice.extraAttributes.pattern =
+      lineWise ? ScannerDevice::ScanPattern::LineWise : ScannerDevice::ScanPattern::Radial;
+  EXPECT_TRUE(s.setWaves(waves));
+  resolveMTA(s.fb());
+  std::vector<int> zones;
+  for (std::uint32_t w = 0; w < 12; ++w) zones.push_back(s.fb().getMTA(w));
+  return zones;
+}
+
+}  // namespace
+
+TEST(LineWiseBlocks, ABreakInTheLastBlockLeavesTheRestWithoutABlock) {
+  // The break at wave 9 makes the last block [5, 9); the pending block from 9 never runs.
+  EXPECT_EQ(zonesWithBreakAt(9, true), (std::vector<int>{2, 2, 2, 2, 2, 2, 2, 2, 2, 0, 0, 0}));
+  // Without line awareness the last block [8, 12) zones all but the fragment's last wave.
+  EXPECT_EQ(zonesWithBreakAt(9, false), (std::vector<int>{2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 0}));
+}
+
+TEST(LineWiseBlocks, ABreakMakesAnExtraBlockAfterIt) {
+  // Break at 6 in block 1: block [2, 6), then the extra block [6, 10) takes the last block
+  // number, so the normal last block is not run and waves 10 and 11 get no block.
+  EXPECT_EQ(zonesWithBreakAt(6, true), (std::vector<int>{2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 0, 0}));
+  // Break at 2 in block 0: [2 - 4, 2) wraps round (unsigned) and holds no wave; the extra
+  // block [2, 6) is followed by the normal block 1 [4, 8) and the last block, cut at the
+  // fragment's last wave to [7, 11).
+  EXPECT_EQ(zonesWithBreakAt(2, true), (std::vector<int>{0, 0, 2, 2, 2, 2, 2, 2, 2, 2, 2, 0}));
 }
