@@ -107,7 +107,8 @@ Shot Survey::shot(std::uint64_t k) const {
   Shot s{t, {l.start.x + l.along.x * travelled, l.start.y + l.along.y * travelled, l.start.z}, {}};
   const double turns = elapsed * config_.scanRate;
   const double phase = turns - std::floor(turns);
-  const double a = config_.maxScanAngle;
+  const double a =
+      config_.pattern == Pattern::LineWise ? config_.maxScanAngle : config_.coneHalfAngle;
   if (config_.pattern == Pattern::LineWise) {
     const double angle = -a + 2.0 * a * phase;  // sweeps across track, then jumps back
     const double across = std::sin(angle);
@@ -203,7 +204,9 @@ std::uint64_t Survey::recordingShot(std::uint64_t k, double arrival) const {
 std::uint32_t Survey::deepestZone() const {
   const double lowest = config_.terrain ? config_.terrain->lowestHeight() : -40.0;
   const double height = groundLevel_ + config_.altitude - lowest;
-  const double range = height / std::max(std::cos(config_.maxScanAngle), 0.05) + 50.0;
+  const double offNadir =
+      config_.pattern == Pattern::LineWise ? config_.maxScanAngle : config_.coneHalfAngle;
+  const double range = height / std::max(std::cos(offNadir), 0.05) + 50.0;
   return std::uint32_t(std::ceil(2.0 * range / config_.lightSpeed * config_.pulseRate *
                                  (1.0 + config_.ppmSpread))) +
          1;

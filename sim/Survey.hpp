@@ -22,13 +22,13 @@ struct SurveyConfig {
   std::uint64_t seed = 1;
   std::uint64_t shots = 200000;
   std::uint32_t fragmentShots = 50000;
-  double pulseRate = 1.0e6;    // Hz, nominal
-  double ppmSpread = 0.03;     // each shot is off its nominal time by up to +-3 % of the interval
-  double altitude = 500.0;     // m above the ground level of the scene
-  double speed = 60.0;         // m/s
-  double scanRate = 100.0;     // lines (or turns) per second
-  double maxScanAngle = 0.87;  // rad, line-wise half sweep (the jump back exceeds 90 degrees);
-                               // radial cone half angle
+  double pulseRate = 1.0e6;     // Hz, nominal
+  double ppmSpread = 0.03;      // each shot is off its nominal time by up to +-3 % of the interval
+  double altitude = 500.0;      // m above the ground level of the scene
+  double speed = 60.0;          // m/s
+  double scanRate = 100.0;      // lines (or turns) per second
+  double maxScanAngle = 0.87;   // rad, line-wise half sweep (the jump back exceeds 90 degrees)
+  double coneHalfAngle = 0.35;  // rad, radial scanner: the beam's angle off nadir (20 degrees)
   Pattern pattern = Pattern::LineWise;
   std::uint32_t samplesPerRow = 64;
   double sampleInterval = 1.0e-9;
