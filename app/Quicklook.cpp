@@ -143,15 +143,45 @@ void forEachPoint(const ResultGrid& grid, QuicklookColor color, Visit visit) {
   }
 }
 
+// An evenly thinned sample of the values (at most kSampleSize, whatever the cloud's size), so
+// the colour ramp can span the values' 0.5 to 99.5 % range: a bird at 40 m from the aircraft
+// would otherwise squeeze the terrain into one colour.
+class ValueSample {
+ public:
+  void add(double v) {
+    if (seen_++ % stride_) return;
+    values_.push_back(float(v));
+    if (values_.size() < kSampleSize) return;
+    for (std::size_t k = 0; 2 * k < values_.size(); ++k) values_[k] = values_[2 * k];
+    values_.resize((values_.size() + 1) / 2);
+    stride_ *= 2;
+  }
+  double quantile(double q) {
+    if (values_.empty()) return 0.0;
+    const auto at = values_.begin() + std::ptrdiff_t(q * double(values_.size() - 1));
+    std::nth_element(values_.begin(), at, values_.end());
+    return *at;
+  }
+
+ private:
+  static constexpr std::size_t kSampleSize = 1 << 18;
+  std::vector<float> values_;
+  std::uint64_t seen_ = 0, stride_ = 1;
+};
+
 Bounds scan(const ResultGrid& grid, QuicklookColor color) {
   Bounds b;
+  ValueSample sample;
   forEachPoint(grid, color, [&](const auto& q, double v) {
     b.minX = std::min(b.minX, q.x), b.maxX = std::max(b.maxX, q.x);
     b.minY = std::min(b.minY, q.y), b.maxY = std::max(b.maxY, q.y);
     b.minV = std::min(b.minV, v), b.maxV = std::max(b.maxV, v);
     if (categorical(color)) b.categories[static_cast<unsigned>(v)]++;
+    sample.add(v);
     ++b.points;
   });
+  if (!categorical(color) && b.points > 0)
+    b.minV = sample.quantile(0.005), b.maxV = sample.quantile(0.995);
   return b;
 }
 
