@@ -1,5 +1,7 @@
 #include "app/StreamedOutput.hpp"
 
+#include <malloc.h>
+
 #include <chrono>
 
 #include "app/CliError.hpp"
@@ -59,6 +61,9 @@ OutputSummary StreamedOutput::finish() {
 void StreamingProgress::report(const std::string& text, unsigned current, unsigned end) {
   bar_->report(text, current, end);
   for (StreamedOutput* output : outputs_) output->writeFinished();
+  // A fragment's arrays are freed by now; hand the pages back rather than let the heap's
+  // high-water mark creep up with every fragment.
+  malloc_trim(0);
 }
 
 }  // namespace quillo::cli
