@@ -156,6 +156,10 @@ class MemArray final : public MemBase {
     assert(k < size() && !accessor_);
     block_->values[(k + offset_) * stride_] = v;
   }
+  // Element k lies at stridedData()[k * stride()]; nullptr for arrays with an accessor.
+  const T* stridedData() const {
+    return accessor_ ? nullptr : block_->values.data() + offset_ * stride_;
+  }
   // Direct storage when the array is a plain contiguous block, else nullptr.
   T* contiguousData() {
     return (!accessor_ && offset_ == 0 && stride_ == 1) ? block_->values.data() : nullptr;

@@ -1,10 +1,10 @@
 // Peak detection: one wave per waveform row. Background and noise are estimated per row
-// (median and median absolute deviation); candidates are local maxima of the lightly
-// smoothed row above the threshold. The fast modes refine each candidate from its three
-// highest samples and take the width from the half-maximum crossings; the decomposition
-// mode fits a sum of Gaussians to each cluster of candidates (adding a component where the
-// residual still shows an echo), which separates overlapping echoes. Clipped samples take
-// no part in fits, and a clipped echo's position is the centre of its flat top otherwise.
+// (RowStatistics: the median, and the spread of the samples near it); candidates are local maxima
+// of the lightly smoothed row above the threshold. The fast modes refine each candidate from its
+// three highest samples and take the width from the half-maximum crossings; the decomposition mode
+// fits a sum of Gaussians to each cluster of candidates (adding a component where the residual
+// still shows an echo), which separates overlapping echoes. Clipped samples take no part in fits,
+// and a clipped echo's position is the centre of its flat top otherwise.
 #include "waveform/PeakDetection.hpp"
 
 #include <algorithm>
@@ -13,6 +13,7 @@
 #include "waveform/GaussianFit.hpp"
 #include "waveform/PeakSettings.hpp"
 #include "waveform/PulseShape.hpp"
+#include "waveform/RowStatistics.hpp"
 
 namespace FullWaveform {
 
@@ -23,19 +24,6 @@ struct Candidate {
   bool saturated = false, overlapping = false;
 };
 
-struct RowStats {
-  double background = 0.0, noiseSigma = 0.0, threshold = 0.0, clipLevel = 0.0;
-  bool clipped = false;
-};
-
-// Median of the first n raw samples (integers select faster than doubles).
-template <class T>
-double medianOf(std::vector<T>& scratch, std::size_t n) {
-  const auto mid = scratch.begin() + std::ptrdiff_t(n / 2);
-  std::nth_element(scratch.begin(), mid, scratch.begin() + std::ptrdiff_t(n));
-  return double(*mid);
-}
-
 }  // namespace
 
 template <class T>
@@ -44,13 +32,13 @@ struct PeakDetectionFamily<T>::Impl {
   PeakSettings settings;
   double sampleInterval;
   std::uint32_t samplesPerRow;
-  std::vector<double> y, smooth, weight;
-  std::vector<T> scratch;  // the row's raw samples, reordered by the median search
+  RowStatistics rowStatistics;
+  std::vector<std::int32_t> y;       // the row's samples
+  std::vector<std::int32_t> smooth;  // four times the 1-2-1 smoothed row (exact in integers)
+  std::vector<double> fitY, weight;  // the row and its fit weights (decomposition only)
   std::vector<Candidate> candidates;
 
-  RowStats stats(std::size_t n, std::int32_t noiseLevel, T maxSample);
-  double noiseSigmaAround(double background, std::size_t n) const;
-  bool adjacentAtMax(std::size_t n, T maxSample) const;
+  std::size_t loadRow(const Tessal::MemArray<2, T>& samples, std::size_t row, std::size_t n);
   void findCandidates(std::size_t n, const RowStats& s, std::vector<Candidate>& out);
   void refineFast(std::size_t n, const RowStats& s, Candidate& c);
   double halfWidth(std::size_t n, const RowStats& s, double position, double height);
@@ -61,70 +49,44 @@ struct PeakDetectionFamily<T>::Impl {
                                              std::size_t valid, std::int32_t noiseLevel);
 };
 
+// Reads row `row` into y through the array's stride (no accessor call per sample when the
+// array has storage).
 template <class T>
-RowStats PeakDetectionFamily<T>::Impl::stats(std::size_t n, std::int32_t noiseLevel, T maxSample) {
-  RowStats s;
-  s.background = medianOf(scratch, n);
-  s.noiseSigma = noiseSigmaAround(s.background, n);
-  s.threshold = noiseLevel > 0
-                    ? double(noiseLevel)
-                    : std::max(settings.thresholdSigmas * s.noiseSigma, settings.minimumThreshold);
-  std::size_t atMax = 0;
-  for (std::size_t i = 0; i < n; ++i) atMax += y[i] == double(maxSample);
-  s.clipLevel = settings.saturationLevel > 0 ? settings.saturationLevel : double(maxSample);
-  s.clipped =
-      settings.saturationLevel > 0
-          ? double(maxSample) >= settings.saturationLevel
-          : atMax >= 2 && maxSample - s.background > 4 * s.threshold && adjacentAtMax(n, maxSample);
-  for (std::size_t i = 0; i < n; ++i) weight[i] = s.clipped && y[i] >= s.clipLevel ? 0.0 : 1.0;
-  return s;
-}
-
-// A clipped pulse shows as neighbouring samples at the row's maximum (noise may repeat the
-// maximum too, but rarely side by side and far above the threshold).
-template <class T>
-bool PeakDetectionFamily<T>::Impl::adjacentAtMax(std::size_t n, T maxSample) const {
-  for (std::size_t i = 0; i + 1 < n; ++i)
-    if (y[i] == double(maxSample) && y[i + 1] == double(maxSample)) return true;
-  return false;
-}
-
-// Standard deviation of the samples near the background, the echoes excluded by clipping
-// twice at 3.5 sigmas (robust, and unlike a median of integer deviations not stepwise).
-template <class T>
-double PeakDetectionFamily<T>::Impl::noiseSigmaAround(double background, std::size_t n) const {
-  double sum = 0.0;
-  for (std::size_t i = 0; i < n; ++i) sum += std::fabs(y[i] - background);
-  double sigma = 1.2533 * sum / double(n);  // mean absolute deviation of a normal distribution
-  for (int pass = 0; pass < 2; ++pass) {
-    double sq = 0.0;
-    std::size_t count = 0;
-    const double limit = 3.5 * std::max(sigma, 0.5);
-    for (std::size_t i = 0; i < n; ++i) {
-      const double d = y[i] - background;
-      if (std::fabs(d) <= limit) sq += d * d, ++count;
-    }
-    sigma = count ? std::sqrt(sq / double(count)) : sigma;
+std::size_t PeakDetectionFamily<T>::Impl::loadRow(const Tessal::MemArray<2, T>& samples,
+                                                  std::size_t row, std::size_t n) {
+  std::int32_t* out = y.data();
+  if (const T* base = samples.stridedData()) {
+    const std::size_t stride = samples.stride();
+    const T* p = base + row * samples.extent(0) * stride;
+    if (stride == 1)
+      std::copy(p, p + n, out);
+    else
+      for (std::size_t i = 0; i < n; ++i) out[i] = p[i * stride];
+  } else {
+    for (std::size_t i = 0; i < n; ++i) out[i] = samples.get(i, row);
   }
-  return sigma;
+  return n;
 }
 
 template <class T>
 void PeakDetectionFamily<T>::Impl::findCandidates(std::size_t n, const RowStats& s,
                                                   std::vector<Candidate>& out) {
   for (std::size_t i = 0; i < n; ++i) {
-    const double l = y[i > 0 ? i - 1 : i], r = y[i + 1 < n ? i + 1 : i];
-    smooth[i] = 0.25 * l + 0.5 * y[i] + 0.25 * r;
+    const std::int32_t l = y[i > 0 ? i - 1 : i], r = y[i + 1 < n ? i + 1 : i];
+    smooth[i] = l + 2 * y[i] + r;
   }
   const double refSigma = settings.referencePulseWidth / sampleInterval / kFwhmPerSigma;
-  for (std::size_t a = 0; a < n;) {
+  // Most samples lie below the threshold: test that first, a branch that predicts well.
+  const double above = 4.0 * (double(s.background) + s.threshold);
+  for (std::size_t a = 1; a + 1 < n;) {
+    if (smooth[a] <= above) {
+      ++a;
+      continue;
+    }
     std::size_t b = a;
     while (b + 1 < n && smooth[b + 1] == smooth[a]) ++b;  // a flat top counts once
-    const bool rises = a == 0 || smooth[a - 1] < smooth[a];
-    const bool falls = b + 1 == n || smooth[b + 1] < smooth[b];
-    const double height = smooth[a] - s.background;
-    if (rises && falls && height > s.threshold && a > 0 && b + 1 < n)
-      out.push_back({0.5 * double(a + b), height, refSigma});
+    if (smooth[a - 1] < smooth[a] && b + 1 < n && smooth[b + 1] < smooth[b])
+      out.push_back({0.5 * double(a + b), 0.25 * smooth[a] - s.background, refSigma});
     a = b + 1;
   }
   const double minSep =
@@ -149,7 +111,7 @@ void PeakDetectionFamily<T>::Impl::findCandidates(std::size_t n, const RowStats&
 template <class T>
 double PeakDetectionFamily<T>::Impl::halfWidth(std::size_t n, const RowStats& s, double position,
                                                double height) {
-  const double half = s.background + 0.5 * height;
+  const double half = double(s.background) + 0.5 * height;
   auto crossing = [&](int direction) {
     std::ptrdiff_t i = std::ptrdiff_t(std::lround(position));
     while (i + direction >= 0 && i + direction < std::ptrdiff_t(n) &&
@@ -178,14 +140,17 @@ void PeakDetectionFamily<T>::Impl::refineFast(std::size_t n, const RowStats& s, 
       i += y[i + 1] > y[i] ? 1 : -1;
     if (i == 0 || i + 1 >= n) return;
     const double l = y[i - 1] - s.background, m = y[i] - s.background, r = y[i + 1] - s.background;
+    // Vertex of the parabola through the logarithms (exact for a Gaussian); a flat top
+    // (three equal samples) has none and keeps the middle sample.
     double delta = 0.0;
+    c.height = m;
     if (l > 0 && m > 0 && r > 0) {
       const double ll = std::log(l), lm = std::log(m), lr = std::log(r);
       const double d = ll - 2 * lm + lr;
-      delta = d < 0 ? 0.5 * (ll - lr) / d : 0.0;
-      c.height = std::exp(lm - 0.125 * (ll - lr) * (ll - lr) / d);
-    } else {
-      c.height = m;
+      if (d < 0) {
+        delta = 0.5 * (ll - lr) / d;
+        c.height = std::exp(lm - 0.125 * (ll - lr) * (ll - lr) / d);
+      }
     }
     c.position = double(i) + std::clamp(delta, -0.5, 0.5);
   }
@@ -206,7 +171,7 @@ void PeakDetectionFamily<T>::Impl::fitCluster(std::size_t n, const RowStats& s,
   std::vector<GaussianComponent> comps;
   for (const auto& c : cluster)
     comps.push_back({c.height, c.position, std::clamp(c.sigma, limits.minSigma, limits.maxSigma)});
-  fitGaussians(y, weight, lo, hi, s.background, comps, limits);
+  fitGaussians(fitY, weight, lo, hi, s.background, comps, limits);
   // An echo the candidates missed (a shoulder) still shows in the residual.
   if (comps.size() < std::size_t(settings.maxEchoes)) {
     double worst = 0.0;
@@ -215,11 +180,11 @@ void PeakDetectionFamily<T>::Impl::fitCluster(std::size_t n, const RowStats& s,
       double model = s.background;
       for (const auto& g : comps)
         model += gaussianPulse(double(i), g.centre, g.amplitude, g.sigma * kFwhmPerSigma);
-      if (weight[i] > 0 && y[i] - model > worst) worst = y[i] - model, at = i;
+      if (weight[i] > 0 && fitY[i] - model > worst) worst = fitY[i] - model, at = i;
     }
     if (worst > s.threshold) {
       comps.push_back({worst, double(at), refSigma});
-      fitGaussians(y, weight, lo, hi, s.background, comps, limits);
+      fitGaussians(fitY, weight, lo, hi, s.background, comps, limits);
     }
   }
   const bool saturated =
@@ -237,6 +202,10 @@ void PeakDetectionFamily<T>::Impl::fitCluster(std::size_t n, const RowStats& s,
 template <class T>
 void PeakDetectionFamily<T>::Impl::decompose(std::size_t n, const RowStats& s,
                                              std::vector<Candidate>& cands) {
+  for (std::size_t i = 0; i < n; ++i) {
+    fitY[i] = double(y[i]);
+    weight[i] = s.clipped && fitY[i] >= s.clipLevel ? 0.0 : 1.0;
+  }
   std::vector<Candidate> result, cluster;
   for (std::size_t k = 0; k < cands.size(); ++k) {
     cluster.push_back(cands[k]);
@@ -260,13 +229,12 @@ float PeakDetectionFamily<T>::Impl::damping(std::size_t n, const RowStats& s,
                                             const std::vector<Candidate>& echoes) {
   if (echoes.empty()) return 0.0f;
   const double edge = echoes.front().position + 2.0 * echoes.front().sigma;
-  double total = 0.0, after = 0.0;
-  for (std::size_t i = 0; i < n; ++i) {
-    const double e = std::max(0.0, y[i] - s.background);
-    total += e;
-    if (double(i) > edge) after += e;
-  }
-  return total > 0 ? float(after / total) : 0.0f;
+  const std::size_t trailing = edge < 0 ? 0 : edge >= double(n) ? n : std::size_t(edge) + 1;
+  std::int64_t before = 0, after = 0;
+  for (std::size_t i = 0; i < trailing; ++i) before += std::max(0, y[i] - s.background);
+  for (std::size_t i = trailing; i < n; ++i) after += std::max(0, y[i] - s.background);
+  const std::int64_t total = before + after;
+  return total > 0 ? float(double(after) / double(total)) : 0.0f;
 }
 
 template <class T>
@@ -275,21 +243,21 @@ Vorlap::StrongPtr<WavePoints<T>> PeakDetectionFamily<T>::Impl::detectRow(
     std::int32_t noiseLevel) {
   auto wave = Vorlap::makeStrong<WavePoints<T>>();
   if (n < 3) return wave;
-  T maxSample = 0;
-  for (std::size_t i = 0; i < n; ++i) {
-    const T v = samples.get(i, row);
-    scratch[i] = v;
-    y[i] = double(v);
-    maxSample = std::max(maxSample, v);
+  loadRow(samples, row, n);
+  std::int32_t lowest = y[0], highest = y[0];
+  for (std::size_t i = 1; i < n; ++i) {
+    lowest = std::min(lowest, y[i]);
+    highest = std::max(highest, y[i]);
   }
-  wave->maxSample = maxSample;
-  const RowStats s = stats(n, noiseLevel, maxSample);
+  wave->maxSample = T(highest);
+  const RowStats s = rowStatistics.compute(y.data(), n, lowest, highest, noiseLevel, settings);
   std::vector<Candidate>& cands = candidates;
   cands.clear();
   findCandidates(n, s, cands);
   for (auto& c : cands) refineFast(n, s, c);
   if (mode == FWF_GAUSSIAN_DECOMPOSITION && !cands.empty()) decompose(n, s, cands);
   wave->damping = damping(n, s, cands);
+  wave->echoes.reserve(cands.size());
   for (std::size_t k = 0; k < cands.size(); ++k) {
     const auto& c = cands[k];
     EchoPoint e;
@@ -332,11 +300,20 @@ PeakDetectionFamily<T>::PeakDetectionFamily(FWFModus mode, const ScannerDevice& 
     error_ = readPeakSettings(settingsPath, settings);
     if (!error_.empty()) return;
   }
-  impl_ = new Impl{mode, settings, scanner.sampleInterval, samplesPerWaveform, {}, {}, {}, {}, {}};
+  impl_ = new Impl{mode,
+                   settings,
+                   scanner.sampleInterval,
+                   samplesPerWaveform,
+                   RowStatistics(samplesPerWaveform),
+                   {},
+                   {},
+                   {},
+                   {},
+                   {}};
   impl_->y.resize(samplesPerWaveform);
   impl_->smooth.resize(samplesPerWaveform);
+  impl_->fitY.resize(samplesPerWaveform);
   impl_->weight.resize(samplesPerWaveform);
-  impl_->scratch.resize(samplesPerWaveform);
 }
 
 template <class T>
@@ -366,7 +343,7 @@ typename PeakDetectionFamily<T>::WaveList PeakDetectionFamily<T>::apply(
     const double sbl = sblTime->get(r);
     for (auto& e : wave->echoes) e.time = sbl + e.samplePosition * impl_->sampleInterval;
     wave->timeOffset = wave->echoes.empty() ? 0.0 : wave->echoes.front().time;
-    waves.push_back(wave);
+    waves.push_back(std::move(wave));
   }
   return waves;
 }

@@ -89,6 +89,28 @@ TEST(PeakDetection, ClippedPulseKeepsItsPosition) {
   }
 }
 
+// Three equal samples on top of an echo that is not the row's highest: not clipping, and the
+// log-parabola through them is flat, which must still give a finite, central echo.
+TEST(PeakDetection, FlatTopBelowTheRowMaximum) {
+  std::vector<std::uint16_t> row(64, 100);
+  const std::vector<std::uint16_t> flatTop = {160, 300, 300, 300, 160};
+  std::copy(flatTop.begin(), flatTop.end(), row.begin() + 18);
+  row[44] = 700, row[43] = row[45] = 400;
+  Rows rows(std::vector<SyntheticRow>(1));
+  for (std::size_t i = 0; i < row.size(); ++i) rows.samples->set(i, row[i]);
+  for (FWFModus mode : allModes()) {
+    auto waves = rows.detect(mode);
+    for (const EchoPoint& e : waves[0]->echoes) {
+      EXPECT_TRUE(std::isfinite(e.amplitude) && e.amplitude > 0) << getNameOfModus(mode);
+      EXPECT_NE(e.pointType, TYPE_SATURATED) << getNameOfModus(mode);
+    }
+    if (mode == FWF_GAUSSIAN_DECOMPOSITION) continue;  // may fit the wide top as two echoes
+    ASSERT_EQ(waves[0]->size(), 2u) << getNameOfModus(mode);
+    EXPECT_NEAR(waves[0]->echoes[0].samplePosition, 20.0, 0.05) << getNameOfModus(mode);
+    EXPECT_EQ(waves[0]->echoes[0].amplitude, 200.0f) << getNameOfModus(mode);
+  }
+}
+
 TEST(PeakDetection, NoiseOnlyAndShortRows) {
   std::vector<SyntheticRow> noiseOnly(200);
   Rows rows(noiseOnly, {}, 7);
@@ -116,6 +138,27 @@ TEST(PeakDetection, StridedInputArrays) {
   EXPECT_EQ(waves[1]->waveTime, 8.0);
   EXPECT_EQ(waves[1]->channel, 1);
   EXPECT_NEAR(waves[1]->echoes[0].time, 1e-6 + 40e-9, 0.2e-9);
+
+  // The samples themselves as a strided view and as computed elements: the same echoes.
+  using Samples = Tessal::MemArray<2, std::uint16_t>;
+  const auto& plain = *rows.samples;
+  auto block = Vorlap::makeStrong<Tessal::DataBlock<std::uint16_t>>();
+  block->values.assign((plain.size() + 3) * 2, 65535);
+  for (std::size_t k = 0; k < plain.size(); ++k) block->values[(k + 3) * 2] = plain.get(k);
+  const auto strided = Vorlap::makeStrong<Samples>(plain.extents(), block, 3, 2);
+  const auto computed = Vorlap::makeStrong<Samples>(
+      plain.extents(), [&plain](std::size_t k) { return plain.get(k); });
+  const auto reference = rows.detect(FWF_FAST_PEAKS);
+  for (const auto& view : {strided, computed}) {
+    const auto again = d.apply(view, makeArray(rows.lengths), makeArray(rows.times),
+                               makeArray(rows.sbl), makeArray(rows.channels), 0, "");
+    for (std::size_t r = 0; r < 2; ++r) {
+      ASSERT_EQ(again[r]->size(), 1u);
+      EXPECT_EQ(again[r]->echoes[0].samplePosition, reference[r]->echoes[0].samplePosition);
+      EXPECT_EQ(again[r]->echoes[0].amplitude, reference[r]->echoes[0].amplitude);
+      EXPECT_EQ(again[r]->maxSample, reference[r]->maxSample);
+    }
+  }
 }
 
 TEST(PeakDetection, ConstructorErrorsNameTheirCause) {

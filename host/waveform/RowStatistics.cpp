@@ -1,0 +1,130 @@
+// Row statistics for peak detection (background, noise, threshold, clipping); see header.
+#include "waveform/RowStatistics.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <optional>
+
+namespace FullWaveform {
+
+namespace {
+
+// A clipped pulse shows as neighbouring samples at the row's maximum (noise may repeat the
+// maximum too, but rarely side by side and far above the threshold).
+bool adjacentAt(const std::int32_t* y, std::size_t n, std::int32_t value) {
+  for (std::size_t i = 0; i + 1 < n; ++i)
+    if (y[i] == value && y[i + 1] == value) return true;
+  return false;
+}
+
+// Sum of |y - background| (rows of at most 65535 samples of 16 bits: blocks of 65536
+// deviations fit 32 bits, which lets the loop vectorise).
+std::uint64_t absoluteDeviationSum(const std::int32_t* y, std::size_t n, std::int32_t background) {
+  std::uint64_t total = 0;
+  for (std::size_t start = 0; start < n; start += 65536) {
+    const std::size_t end = std::min(n, start + 65536);
+    std::uint32_t block = 0;
+    for (std::size_t i = start; i < end; ++i) block += std::uint32_t(std::abs(y[i] - background));
+    total += block;
+  }
+  return total;
+}
+
+struct NearSums {
+  std::int64_t squares = 0, count = 0;  // of the deviations within the limit
+};
+
+// Starts from the mean absolute deviation (scaled to a normal's sigma) and clips twice at
+// 3.5 sigmas. sumsWithin(limit) gives the sums for |deviation| <= limit, or nothing when it
+// cannot; then the result is negative.
+template <class SumsWithin>
+double clippedSigma(std::uint64_t absSum, std::size_t n, SumsWithin sumsWithin) {
+  double sigma = 1.2533 * double(absSum) / double(n);
+  for (int pass = 0; pass < 2; ++pass) {
+    // For integer deviations |d| <= limit is |d| <= floor(limit).
+    const auto limit = std::int64_t(std::floor(3.5 * std::max(sigma, 0.5)));
+    const std::optional<NearSums> near = sumsWithin(limit);
+    if (!near) return -1.0;
+    if (near->count) sigma = std::sqrt(double(near->squares) / double(near->count));
+  }
+  return sigma;
+}
+
+}  // namespace
+
+// Counting by height above the minimum finds the median in one pass for any row whose lower
+// half lies within 256 counts of its minimum, which is every row with a usable background.
+std::int32_t RowStatistics::median(const std::int32_t* y, std::size_t n, std::int32_t lowest) {
+  const std::size_t rank = n / 2;
+  counts_.fill(0);
+  for (std::size_t i = 0; i < n; ++i) {
+    const auto above = std::uint32_t(y[i] - lowest);
+    if (above < counts_.size()) ++counts_[above];
+  }
+  std::size_t seen = 0;
+  for (std::size_t b = 0; b < counts_.size(); ++b) {
+    seen += counts_[b];
+    if (seen > rank) return counted_ = true, lowest + std::int32_t(b);
+  }
+  counted_ = false;
+  if (scratch_.size() < n) scratch_.resize(n);
+  std::copy(y, y + n, scratch_.begin());
+  const auto mid = scratch_.begin() + std::ptrdiff_t(rank);
+  std::nth_element(scratch_.begin(), mid, scratch_.begin() + std::ptrdiff_t(n));
+  return *mid;
+}
+
+// The clipped sums come from the few bins near the background instead of passes over the row.
+double RowStatistics::noiseSigmaFromCounts(const std::int32_t* y, std::size_t n,
+                                           std::int32_t background, std::int32_t lowest) const {
+  if (!counted_) return -1.0;
+  const std::int64_t m = background - lowest;
+  return clippedSigma(absoluteDeviationSum(y, n, background), n,
+                      [&](std::int64_t limit) -> std::optional<NearSums> {
+                        if (m + limit >= std::int64_t(counts_.size())) return std::nullopt;
+                        NearSums sums;
+                        for (std::int64_t b = std::max<std::int64_t>(0, m - limit); b <= m + limit;
+                             ++b) {
+                          sums.squares += counts_[std::size_t(b)] * (b - m) * (b - m);
+                          sums.count += counts_[std::size_t(b)];
+                        }
+                        return sums;
+                      });
+}
+
+double noiseSigmaAround(const std::int32_t* y, std::size_t n, std::int32_t background) {
+  return clippedSigma(absoluteDeviationSum(y, n, background), n,
+                      [&](std::int64_t limit) -> std::optional<NearSums> {
+                        NearSums sums;
+                        for (std::size_t i = 0; i < n; ++i) {
+                          const std::int64_t d = y[i] - background;
+                          const bool near = d <= limit && -d <= limit;
+                          sums.squares += near ? d * d : 0;
+                          sums.count += near;
+                        }
+                        return sums;
+                      });
+}
+
+RowStats RowStatistics::compute(const std::int32_t* y, std::size_t n, std::int32_t lowest,
+                                std::int32_t highest, std::int32_t noiseLevel,
+                                const PeakSettings& settings) {
+  RowStats s;
+  s.background = median(y, n, lowest);
+  s.noiseSigma = noiseSigmaFromCounts(y, n, s.background, lowest);
+  if (s.noiseSigma < 0) s.noiseSigma = noiseSigmaAround(y, n, s.background);
+  s.threshold = noiseLevel > 0
+                    ? double(noiseLevel)
+                    : std::max(settings.thresholdSigmas * s.noiseSigma, settings.minimumThreshold);
+  if (settings.saturationLevel > 0) {
+    s.clipLevel = settings.saturationLevel;
+    s.clipped = double(highest) >= settings.saturationLevel;
+  } else {
+    s.clipLevel = double(highest);
+    s.clipped = highest - s.background > 4 * s.threshold && adjacentAt(y, n, highest);
+  }
+  return s;
+}
+
+}  // namespace FullWaveform
