@@ -5,7 +5,6 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -13,6 +12,7 @@
 #include "run/Input.hpp"
 #include "store/FieldSlot.hpp"
 #include "store/GridContainer.hpp"
+#include "store/ShotTimeIndex.hpp"
 #include "waveform/ScannerDevice.hpp"
 #include "waveform/WavePoints.hpp"
 
@@ -32,7 +32,6 @@ struct CarriedShot {
 template <class T>
 class QUILLO_API FatBoy {
  public:
-  using ShotTimeIndex = std::map<double, std::uint32_t>;
   using WavePtr = Vorlap::StrongPtr<WavePoints<T>>;
 
   // shotIndex values with this bit set name an entry of carriedShots, not a local shot.

@@ -68,10 +68,13 @@ bool FatBoy<T>::iniMTA() {
   const auto& times = *SHOT->arrays.GPSTime;
   const std::size_t count = times.size();
   ShotTimeFaults faults;
+  std::vector<ShotTimeIndex::value_type> batch;
+  batch.reserve(count);
   for (std::size_t s = 0; s < count; ++s) {
     const double t = times.get(s);
-    if (faults.admit(s, t)) shotTimeIndex[t] = static_cast<std::uint32_t>(s);
+    if (faults.admit(s, t)) batch.emplace_back(t, static_cast<std::uint32_t>(s));
   }
+  shotTimeIndex.insert(std::move(batch));
   carriedShots = std::move(pendingCarry);
   pendingCarry = tailOf(SHOT->arrays, kCarriedShotCount);
   if (shotTimeIndex.size() < 3) return false;
