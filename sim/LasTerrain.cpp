@@ -1,5 +1,6 @@
 // LAS reader for terrain: validates the public header block against the buffer and decodes
-// the scaled integer x, y, z that every point format (0-10) keeps in its first 12 bytes.
+// the scaled integer x, y, z that every point format (0-10) keeps in its first 12 bytes, and
+// the class (5 bits of byte 15 in formats 0-5, byte 16 in formats 6-10).
 #include "sim/LasTerrain.hpp"
 
 #include <cmath>
@@ -29,6 +30,7 @@ T readAt(const std::uint8_t* data, std::size_t at) {
 }
 
 struct LasLayout {
+  unsigned format = 0;
   std::uint64_t points = 0;
   std::size_t pointOffset = 0, recordLength = 0;
   double scale[3], offset[3];
@@ -77,7 +79,7 @@ LasLayout readHeader(const std::uint8_t* data, std::size_t size, const std::stri
     fail(name, "offset to point data " + std::to_string(l.pointOffset) +
                    " lies outside the file (header " + std::to_string(headerSize) +
                    " bytes, file " + std::to_string(size) + " bytes)");
-  const unsigned format = data[kFormatAt];
+  const unsigned format = l.format = data[kFormatAt];
   if (format & 0xC0) fail(name, "compressed point data (LAZ) is not supported");
   if (format > 10)
     fail(name, "point format " + std::to_string(format) + " is not supported (0-10)");
@@ -103,11 +105,13 @@ TerrainPoints readLasPoints(const std::uint8_t* data, std::size_t size, const st
   const LasLayout l = readHeader(data, size, name);
   TerrainPoints p;
   p.x.resize(l.points), p.y.resize(l.points), p.z.resize(l.points);
+  p.classification.resize(l.points);
   std::vector<double>* axes[] = {&p.x, &p.y, &p.z};
   for (std::size_t k = 0; k < l.points; ++k) {
     const std::size_t at = l.pointOffset + k * l.recordLength;
     for (std::size_t i = 0; i < 3; ++i)
       (*axes[i])[k] = readAt<std::int32_t>(data, at + 4 * i) * l.scale[i] + l.offset[i];
+    p.classification[k] = l.format < 6 ? data[at + 15] & 0x1F : data[at + 16];
   }
   return p;
 }

@@ -163,6 +163,25 @@ double Survey::marchToSurface(const Shot& s) const {
   return high;
 }
 
+// Water mirrors the beam away: mostly no return at all, else a weak one.
+void Survey::waterReturn(double range, double u, std::vector<Return>& out) {
+  if (u < 0.3) out.push_back({range, 0.05, Target::Water});
+}
+
+// Over a terrain file each cell gives one echo from the surface its points are classed as.
+void Survey::terrainReturn(Surface surface, double range, double u, std::vector<Return>& out) {
+  switch (surface) {
+    case Surface::Water:
+      return waterReturn(range, u, out);
+    case Surface::Building:
+      return out.push_back({range, 0.6, Target::Building});
+    case Surface::Vegetation:
+      return out.push_back({range, 0.3, Target::Vegetation});
+    case Surface::Ground:
+      return out.push_back({range, 0.25 + 0.2 * u, Target::Ground});
+  }
+}
+
 std::vector<Return> Survey::returns(std::uint64_t k) const {
   std::vector<Return> out;
   returns(k, shot(k), out);
@@ -178,14 +197,14 @@ void Survey::returns(std::uint64_t k, const Shot& s, std::vector<Return>& out) c
   if (uniformAt(config_.seed, k, 4) < 0.002)  // a bird or a dust cloud near the aircraft
     out.push_back({40.0 + 60.0 * uniformAt(config_.seed, k, 5), 0.5, Target::Noise});
   if (config_.terrain) {
-    out.push_back({range, 0.25 + 0.2 * u, Target::Ground});
+    terrainReturn(config_.terrain->surface(x, y), range, u, out);
     return;
   }
   const bool water = x > -60.0 && x < 40.0 && std::fmod(std::fabs(y), 400.0) < 150.0;
   const bool forest = x > 160.0 && x < 300.0;
   const bool building = inBuilding(x, y);
   if (water) {
-    if (u < 0.3) out.push_back({range, 0.05, Target::Water});  // mostly no return at all
+    waterReturn(range, u, out);
   } else if (forest && u < 0.7) {
     const double canopy = 8.0 + 10.0 * uniformAt(config_.seed, k, 3);
     out.push_back({range - canopy, 0.3, Target::Vegetation});

@@ -96,6 +96,8 @@ class Survey {
   double lineSeconds() const;
   double rangeToSurface(const Shot& s) const;
   double marchToSurface(const Shot& s) const;
+  static void waterReturn(double range, double u, std::vector<Return>& out);
+  static void terrainReturn(Surface surface, double range, double u, std::vector<Return>& out);
 
   double gpsStart_ = 0.0;
   SurveyConfig config_;

@@ -10,6 +10,7 @@
 
 #include "sim/HeightGrid.hpp"
 #include "sim/LasTerrain.hpp"
+#include "sim/Survey.hpp"
 #include "support/Command.hpp"
 #include "support/TempDir.hpp"
 
@@ -30,8 +31,10 @@ void put(std::vector<std::uint8_t>& b, std::size_t at, T v) {
   std::memcpy(b.data() + at, &v, sizeof v);
 }
 
-// A LAS file holding the given points; legacy and 64-bit counts as the version has them.
-std::vector<std::uint8_t> lasFile(const LasSpec& s, const std::vector<std::array<double, 3>>& pts) {
+// A LAS file holding the given points (and classes, where given); legacy and 64-bit counts
+// as the version has them.
+std::vector<std::uint8_t> lasFile(const LasSpec& s, const std::vector<std::array<double, 3>>& pts,
+                                  const std::vector<std::uint8_t>& classes = {}) {
   const std::uint16_t header = s.minor >= 4 ? 375 : 227;
   const std::uint32_t offset = header + s.pointGap;
   std::vector<std::uint8_t> b(offset + pts.size() * s.recordLength, 0);
@@ -47,10 +50,17 @@ std::vector<std::uint8_t> lasFile(const LasSpec& s, const std::vector<std::array
     put<double>(b, 131 + 8 * std::size_t(i), s.scale);
     put<double>(b, 155 + 8 * std::size_t(i), s.offset[i]);
   }
-  for (std::size_t k = 0; k < pts.size(); ++k)
+  for (std::size_t k = 0; k < pts.size(); ++k) {
+    const std::size_t at = offset + k * s.recordLength;
     for (std::size_t i = 0; i < 3; ++i)
-      put<std::int32_t>(b, offset + k * s.recordLength + 4 * i,
+      put<std::int32_t>(b, at + 4 * i,
                         std::int32_t(std::lround((pts[k][i] - s.offset[i]) / s.scale)));
+    if (k >= classes.size()) continue;
+    if (s.format < 6)
+      b[at + 15] = std::uint8_t(0xE0 | classes[k]);  // with the synthetic, key and withheld bits
+    else
+      b[at + 15] = 0xFF, b[at + 16] = classes[k];  // flags byte full, class byte after it
+  }
   return b;
 }
 
@@ -82,6 +92,20 @@ TEST(LasTerrain, ReadsFormatsAndVersionsWithScaleAndOffset) {
     EXPECT_DOUBLE_EQ(p.x[13], 1001.0);
     EXPECT_DOUBLE_EQ(p.y[13], 2002.0);
     EXPECT_NEAR(p.z[13], 150.5, 1e-9);
+  }
+}
+
+TEST(LasTerrain, ReadsClassesOfOldAndNewPointFormats) {
+  std::vector<std::uint8_t> classes(121, 2);
+  classes[13] = 6, classes[14] = 18;
+  for (const LasSpec& spec : {LasSpec{2, 0, 20}, LasSpec{4, 6, 30}}) {
+    const auto bytes = lasFile(spec, slope(), classes);
+    const TerrainPoints p = readLasPoints(bytes.data(), bytes.size(), "t.las");
+    ASSERT_EQ(p.classification.size(), 121u);
+    EXPECT_EQ(p.classification[0], 2) << int(spec.format);
+    EXPECT_EQ(p.classification[13], 6) << int(spec.format);
+    // Formats 0-5 hold 5 bits of class: 18 does not fit, the others do.
+    EXPECT_EQ(p.classification[14], spec.format < 6 ? 18 & 0x1F : 18) << int(spec.format);
   }
 }
 
@@ -135,6 +159,68 @@ TEST(LasTerrain, GridGivesHeightsAndFillsHoles) {
   EXPECT_NEAR(grid.height(900.0, 2005.0), grid.height(1000.0, 2005.0), 1e-9);  // edge held
   EXPECT_NEAR(grid.groundLevel(), 152.5, 1.0);
   EXPECT_THROW(HeightGrid(TerrainPoints{}, "empty.las"), std::runtime_error);
+}
+
+TEST(LasTerrain, GridLeavesNoiseOutAndKnowsTheSurfaces) {
+  // A 20 m x 10 m flat at 100 m: ground on the left, a roof at 110 m from x = 10 m, a bird at
+  // 300 m over the ground, and one point classed water in a cell of ground.
+  TerrainPoints t;
+  auto add = [&](double x, double y, double z, std::uint8_t c) {
+    t.x.push_back(x), t.y.push_back(y), t.z.push_back(z), t.classification.push_back(c);
+  };
+  for (int i = 0; i < 20; ++i)
+    for (int j = 0; j < 10; ++j) add(i + 0.5, j + 0.5, i < 10 ? 100.0 : 110.0, i < 10 ? 2 : 6);
+  add(3.5, 4.5, 300.0, 7);
+  add(3.6, 4.6, 100.0, 9);
+  const HeightGrid grid(t, "t.las");
+  EXPECT_LT(grid.highestHeight(), 111.0);
+  EXPECT_NEAR(grid.height(3.5, 4.5), 100.0, 1e-3);
+  EXPECT_EQ(grid.surface(3.5, 4.5), Surface::Ground);
+  EXPECT_EQ(grid.surface(15.0, 5.0), Surface::Building);
+  EXPECT_EQ(grid.surface(-50.0, 5.0), Surface::Ground);  // beyond the edge: the edge cell's
+  EXPECT_EQ(grid.surface(50.0, 5.0), Surface::Building);
+
+  TerrainPoints birds;
+  birds.x = {1.0, 2.0}, birds.y = {1.0, 2.0}, birds.z = {300.0, 310.0},
+  birds.classification = {7, 18};
+  try {
+    HeightGrid{birds, "birds.las"};
+    ADD_FAILURE() << "a terrain of noise only was accepted";
+  } catch (const std::runtime_error& e) {
+    EXPECT_NE(std::string(e.what()).find("birds.las: no terrain points (all are classed as noise"),
+              std::string::npos)
+        << e.what();
+  }
+}
+
+TEST(LasTerrain, SurveyEchoesFollowTheClassedSurface) {
+  TerrainPoints t;
+  for (int i = 0; i < 400; i += 2)
+    for (int j = -400; j < 400; j += 2) {
+      t.x.push_back(i - 200.0), t.y.push_back(j), t.z.push_back(0.0);
+      t.classification.push_back(i < 200 ? 9 : 5);  // water left of the track, trees right
+    }
+  SurveyConfig config;
+  config.shots = 20000;
+  config.terrain = std::make_shared<const HeightGrid>(t, "t.las");
+  const Survey survey(config);
+  std::size_t water = 0, trees = 0, shots = 0, other = 0;
+  for (std::uint64_t k = 0; k < config.shots; ++k) {
+    for (const Return& r : survey.returns(k)) {
+      if (r.target == Target::Water)
+        ++water;
+      else if (r.target == Target::Vegetation)
+        ++trees;
+      else if (r.target != Target::Noise)
+        ++other;
+    }
+    ++shots;
+  }
+  EXPECT_EQ(other, 0u);
+  EXPECT_GT(trees, shots / 3);
+  // Water returns about 30 % of the beams that reach it.
+  EXPECT_GT(water, shots / 10);
+  EXPECT_LT(water, trees / 2);
 }
 
 TEST(LasTerrain, SimulateFliesOverTheTerrainOrExplainsTheFile) {
