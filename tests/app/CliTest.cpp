@@ -2,10 +2,12 @@
 // and the clear messages and exit codes of bad arguments and inputs.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <filesystem>
 #include <fstream>
 
 #include "support/Command.hpp"
+#include "support/LasReader.hpp"
 #include "support/TempDir.hpp"
 
 using namespace quillo::test;
@@ -49,6 +51,20 @@ TEST_F(Cli, RunWritesVerifiedOutputsAndAReport) {
   r = runQuillo("info " + first + " --json");
   EXPECT_EQ(r.exitCode, 0);
   EXPECT_NE(r.output.find("\"BrastowSuccessful?\""), std::string::npos);
+
+  // Every point of a clean survey is a number through and through (a flat-topped echo once
+  // gave NaN amplitudes here).
+  ASSERT_EQ(runQuillo("export " + first + " " + dir->file("first.las")).exitCode, 0);
+  const LasFile las = readLas(dir->file("first.las"));
+  ASSERT_GT(las.points.size(), 10000u);
+  constexpr std::size_t kRange = 5, kAmplitude = 13, kPulseWidth = 17, kDamping = 25;
+  std::size_t notNumbers = 0;
+  for (std::size_t k = 0; k < las.points.size(); ++k)
+    notNumbers += !std::isfinite(las.extraValue<double>(k, kRange)) ||
+                  !std::isfinite(las.extraValue<float>(k, kAmplitude)) ||
+                  !std::isfinite(las.extraValue<double>(k, kPulseWidth)) ||
+                  !std::isfinite(las.extraValue<float>(k, kDamping));
+  EXPECT_EQ(notNumbers, 0u);
 }
 
 TEST_F(Cli, HistAndInfoOfAnInput) {
