@@ -18,7 +18,7 @@ using namespace quillo::sim;
 
 namespace {
 
-struct LasSpec {
+struct LasLayout {
   int minor = 2;
   std::uint8_t format = 0;
   std::uint16_t recordLength = 20;
@@ -33,7 +33,7 @@ void put(std::vector<std::uint8_t>& b, std::size_t at, T v) {
 
 // A LAS file holding the given points (and classes, where given); legacy and 64-bit counts
 // as the version has them.
-std::vector<std::uint8_t> lasFile(const LasSpec& s, const std::vector<std::array<double, 3>>& pts,
+std::vector<std::uint8_t> lasFile(const LasLayout& s, const std::vector<std::array<double, 3>>& pts,
                                   const std::vector<std::uint8_t>& classes = {}) {
   const std::uint16_t header = s.minor >= 4 ? 375 : 227;
   const std::uint32_t offset = header + s.pointGap;
@@ -84,11 +84,11 @@ std::string errorOf(const std::vector<std::uint8_t>& bytes) {
 }  // namespace
 
 TEST(LasTerrain, ReadsFormatsAndVersionsWithScaleAndOffset) {
-  const LasSpec cases[] = {{2, 0, 20}, {2, 1, 28, 54}, {4, 6, 30}, {4, 1, 40}, {0, 0, 24}};
-  for (const LasSpec& spec : cases) {
-    const auto bytes = lasFile(spec, slope());
+  const LasLayout cases[] = {{2, 0, 20}, {2, 1, 28, 54}, {4, 6, 30}, {4, 1, 40}, {0, 0, 24}};
+  for (const LasLayout& layout : cases) {
+    const auto bytes = lasFile(layout, slope());
     const TerrainPoints p = readLasPoints(bytes.data(), bytes.size(), "t.las");
-    ASSERT_EQ(p.x.size(), 121u) << "format " << int(spec.format) << " 1." << spec.minor;
+    ASSERT_EQ(p.x.size(), 121u) << "format " << int(layout.format) << " 1." << layout.minor;
     EXPECT_DOUBLE_EQ(p.x[13], 1001.0);
     EXPECT_DOUBLE_EQ(p.y[13], 2002.0);
     EXPECT_NEAR(p.z[13], 150.5, 1e-9);
@@ -98,14 +98,14 @@ TEST(LasTerrain, ReadsFormatsAndVersionsWithScaleAndOffset) {
 TEST(LasTerrain, ReadsClassesOfOldAndNewPointFormats) {
   std::vector<std::uint8_t> classes(121, 2);
   classes[13] = 6, classes[14] = 18;
-  for (const LasSpec& spec : {LasSpec{2, 0, 20}, LasSpec{4, 6, 30}}) {
-    const auto bytes = lasFile(spec, slope(), classes);
+  for (const LasLayout& layout : {LasLayout{2, 0, 20}, LasLayout{4, 6, 30}}) {
+    const auto bytes = lasFile(layout, slope(), classes);
     const TerrainPoints p = readLasPoints(bytes.data(), bytes.size(), "t.las");
     ASSERT_EQ(p.classification.size(), 121u);
-    EXPECT_EQ(p.classification[0], 2) << int(spec.format);
-    EXPECT_EQ(p.classification[13], 6) << int(spec.format);
+    EXPECT_EQ(p.classification[0], 2) << int(layout.format);
+    EXPECT_EQ(p.classification[13], 6) << int(layout.format);
     // Formats 0-5 hold 5 bits of class: 18 does not fit, the others do.
-    EXPECT_EQ(p.classification[14], spec.format < 6 ? 18 & 0x1F : 18) << int(spec.format);
+    EXPECT_EQ(p.classification[14], layout.format < 6 ? 18 & 0x1F : 18) << int(layout.format);
   }
 }
 
