@@ -38,7 +38,7 @@ struct PeakDetectionFamily<T>::Impl {
   std::vector<double> fitY, weight;  // the row and its fit weights (decomposition only)
   std::vector<Candidate> candidates;
 
-  std::size_t loadRow(const Tessal::MemArray<2, T>& samples, std::size_t row, std::size_t n);
+  void loadRow(const Tessal::MemArray<2, T>& samples, std::size_t row, std::size_t n);
   void findCandidates(std::size_t n, const RowStats& s, std::vector<Candidate>& out);
   void refineFast(std::size_t n, const RowStats& s, Candidate& c);
   double halfWidth(std::size_t n, const RowStats& s, double position, double height);
@@ -52,8 +52,8 @@ struct PeakDetectionFamily<T>::Impl {
 // Reads row `row` into y through the array's stride (no accessor call per sample when the
 // array has storage).
 template <class T>
-std::size_t PeakDetectionFamily<T>::Impl::loadRow(const Tessal::MemArray<2, T>& samples,
-                                                  std::size_t row, std::size_t n) {
+void PeakDetectionFamily<T>::Impl::loadRow(const Tessal::MemArray<2, T>& samples, std::size_t row,
+                                           std::size_t n) {
   std::int32_t* out = y.data();
   if (const T* base = samples.stridedData()) {
     const std::size_t stride = samples.stride();
@@ -65,7 +65,6 @@ std::size_t PeakDetectionFamily<T>::Impl::loadRow(const Tessal::MemArray<2, T>& 
   } else {
     for (std::size_t i = 0; i < n; ++i) out[i] = samples.get(i, row);
   }
-  return n;
 }
 
 template <class T>

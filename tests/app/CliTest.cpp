@@ -57,8 +57,8 @@ TEST_F(Cli, RunWritesVerifiedOutputsAndAReport) {
   ASSERT_EQ(runQuillo("export " + first + " " + dir->file("first.las")).exitCode, 0);
   const LasFile las = readLas(dir->file("first.las"));
   ASSERT_GT(las.points.size(), 10000u);
-  constexpr std::size_t kRange = 5, kAmplitude = 13, kPulseWidth = 17, kDamping = 25;
   std::size_t notNumbers = 0;
+  using namespace extra;
   for (std::size_t k = 0; k < las.points.size(); ++k)
     notNumbers += !std::isfinite(las.extraValue<double>(k, kRange)) ||
                   !std::isfinite(las.extraValue<float>(k, kAmplitude)) ||

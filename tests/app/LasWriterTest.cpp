@@ -65,8 +65,6 @@ class Export : public ::testing::Test {
     EXPECT_EQ(r.exitCode, 0) << r.output;
     return readLas(out);
   }
-  // Extra-bytes layout: mta u8, reflectance f32, range f64, amplitude f32, pulse f64, damping f32.
-  static constexpr std::size_t kRefl = 1, kRange = 5, kAmp = 13, kPulse = 17, kDamp = 25;
   TempDir dir;
 };
 
@@ -122,14 +120,14 @@ TEST_F(Export, PointRecordsAndExtraBytes) {
   EXPECT_EQ(b.intensity, 65535);
   EXPECT_EQ(f.points[3].intensity, 0);  // NaN amplitude
   EXPECT_EQ(f.points[3].extra[0], 255);
-  EXPECT_TRUE(std::isnan(f.extraValue<float>(3, kAmp)));
+  EXPECT_TRUE(std::isnan(f.extraValue<float>(3, extra::kAmplitude)));
   // Extra bytes of the last point, from the second fragment.
   EXPECT_EQ(f.points[4].extra[0], 2);
-  EXPECT_FLOAT_EQ(f.extraValue<float>(4, kRefl), -12.5f);
-  EXPECT_DOUBLE_EQ(f.extraValue<double>(4, kRange), 1234.5);
-  EXPECT_FLOAT_EQ(f.extraValue<float>(4, kAmp), 10.0f);
-  EXPECT_DOUBLE_EQ(f.extraValue<double>(4, kPulse), 3.0);
-  EXPECT_FLOAT_EQ(f.extraValue<float>(4, kDamp), 0.5f);
+  EXPECT_FLOAT_EQ(f.extraValue<float>(4, extra::kReflectance), -12.5f);
+  EXPECT_DOUBLE_EQ(f.extraValue<double>(4, extra::kRange), 1234.5);
+  EXPECT_FLOAT_EQ(f.extraValue<float>(4, extra::kAmplitude), 10.0f);
+  EXPECT_DOUBLE_EQ(f.extraValue<double>(4, extra::kPulseWidth), 3.0);
+  EXPECT_FLOAT_EQ(f.extraValue<float>(4, extra::kDamping), 0.5f);
 
   ASSERT_EQ(f.vlrs.size(), 1u);
   EXPECT_EQ(f.vlrs[0].userId, "LASF_Spec");
@@ -152,7 +150,7 @@ TEST_F(Export, WeekTimeWithoutDateAndDefaultsForMissingFields) {
   const LasFile f = exportAndRead(save(recipe));
   EXPECT_EQ(f.globalEncoding & 1, 0);
   EXPECT_DOUBLE_EQ(f.points[0].gpsTime, 300000.5);
-  EXPECT_DOUBLE_EQ(f.extraValue<double>(0, kPulse), 0.0);
+  EXPECT_DOUBLE_EQ(f.extraValue<double>(0, extra::kPulseWidth), 0.0);
 }
 
 TEST_F(Export, MapPositionsWinOverScannerFrame) {

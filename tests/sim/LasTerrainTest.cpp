@@ -204,8 +204,9 @@ TEST(LasTerrain, SurveyEchoesFollowTheClassedSurface) {
   config.shots = 20000;
   config.terrain = std::make_shared<const HeightGrid>(t, "t.las");
   const Survey survey(config);
-  std::size_t water = 0, trees = 0, shots = 0, other = 0;
-  for (std::uint64_t k = 0; k < config.shots; ++k) {
+  std::size_t water = 0, trees = 0, other = 0;
+  const std::size_t shots = config.shots;
+  for (std::uint64_t k = 0; k < shots; ++k) {
     for (const Return& r : survey.returns(k)) {
       if (r.target == Target::Water)
         ++water;
@@ -214,7 +215,6 @@ TEST(LasTerrain, SurveyEchoesFollowTheClassedSurface) {
       else if (r.target != Target::Noise)
         ++other;
     }
-    ++shots;
   }
   EXPECT_EQ(other, 0u);
   EXPECT_GT(trees, shots / 3);

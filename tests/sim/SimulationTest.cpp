@@ -12,17 +12,12 @@
 #include "run/Input.hpp"
 #include "sim/FragmentSimulation.hpp"
 #include "sim/SurveyBundle.hpp"
+#include "support/SimPresets.hpp"
 #include "support/TempDir.hpp"
 
 using namespace quillo::sim;
 
 namespace {
-
-SurveyConfig tinyConfig() {
-  SurveyConfig c;
-  EXPECT_TRUE(presetConfig("tiny", c));
-  return c;
-}
 
 template <class T>
 std::vector<T> storedFragment(Tessal::BundlePtr& bundle, const char* grid, const char* field,
@@ -38,7 +33,7 @@ std::vector<T> storedFragment(Tessal::BundlePtr& bundle, const char* grid, const
 }  // namespace
 
 TEST(Simulation, ShotTimesStayInsideTheirJitterAndLinesAreApart) {
-  SurveyConfig c = tinyConfig();
+  SurveyConfig c = quillo::test::presetSurvey();
   c.lines = 3;
   const Survey s(c);
   const double nominal = 1.0 / c.pulseRate, spl = double(s.shotsPerLine());
@@ -64,7 +59,7 @@ TEST(Simulation, ShotTimesStayInsideTheirJitterAndLinesAreApart) {
 }
 
 TEST(Simulation, TruthZonesFollowFromArrivalTimes) {
-  const SurveyConfig c = tinyConfig();
+  const SurveyConfig c = quillo::test::presetSurvey();
   const Survey s(c);
   const FragmentData d = simulateFragment(s, 1);
   ASSERT_GT(d.rowTime.size(), 1000u);
@@ -87,7 +82,7 @@ TEST(Simulation, TruthZonesFollowFromArrivalTimes) {
 }
 
 TEST(Simulation, ZonesTwoToFiveChangeWithinScanLinesOverCliffAndBuildings) {
-  const SurveyConfig c = tinyConfig();
+  const SurveyConfig c = quillo::test::presetSurvey();
   const Survey s(c);
   const FragmentData d = simulateFragment(s, 0);
   std::map<int, int> zones;
@@ -115,7 +110,7 @@ TEST(Simulation, ZonesTwoToFiveChangeWithinScanLinesOverCliffAndBuildings) {
 }
 
 TEST(Simulation, ShotsWithSeveralRowsAndOnlineOnlyEchoes) {
-  const SurveyConfig c = tinyConfig();
+  const SurveyConfig c = quillo::test::presetSurvey();
   const FragmentData d = simulateFragment(Survey(c), 1);
   std::map<std::tuple<double, int, std::uint32_t>, std::vector<double>> rowsOfShot;
   for (std::size_t i = 0; i < d.rowTime.size(); ++i)
@@ -141,7 +136,7 @@ TEST(Simulation, ShotsWithSeveralRowsAndOnlineOnlyEchoes) {
 
 TEST(Simulation, OneFragmentAloneEqualsTheSameFragmentOfAWholeRun) {
   quillo::test::TempDir dir;
-  SurveyConfig c = tinyConfig();
+  SurveyConfig c = quillo::test::presetSurvey();
   c.lines = 2;
   const std::string file = dir.file("t_210315_093000.kq");
   ASSERT_EQ(writeSurvey(c, file), "");
@@ -160,7 +155,7 @@ TEST(Simulation, OneFragmentAloneEqualsTheSameFragmentOfAWholeRun) {
 }
 
 TEST(Simulation, SegmentAttributeIsWhatTheModuleReads) {
-  SurveyConfig c = tinyConfig();
+  SurveyConfig c = quillo::test::presetSurvey();
   FullWaveform::Input plain;
   auto without = surveyBundle(c);
   EXPECT_NE(plain.setIsDataFrom_RDBX_File(without), "");

@@ -8,22 +8,13 @@
 #include "sim/FragmentSimulation.hpp"
 #include "sim/Scoring.hpp"
 #include "sim/SurveyBundle.hpp"
+#include "support/SimPresets.hpp"
 #include "support/TempDir.hpp"
 
 using namespace quillo::sim;
 
-namespace {
-
-SurveyConfig tiny() {
-  SurveyConfig c;
-  EXPECT_TRUE(presetConfig("tiny", c));
-  return c;
-}
-
-}  // namespace
-
 TEST(Survey, ShotTimingAndRecordingShots) {
-  Survey s(tiny());
+  Survey s(quillo::test::presetSurvey());
   const double nominal = 1.0e-6;
   for (std::uint64_t k = 1; k < 2000; ++k) {
     const double dt = s.shotTime(k) - s.shotTime(k - 1);
@@ -39,20 +30,21 @@ TEST(Survey, ShotTimingAndRecordingShots) {
 }
 
 TEST(Survey, DeterministicAndFragmentsIndependent) {
-  Survey a(tiny()), b(tiny());
+  Survey a(quillo::test::presetSurvey()), b(quillo::test::presetSurvey());
   const FragmentData f1 = simulateFragment(a, 1), again = simulateFragment(b, 1);
   EXPECT_EQ(f1.samples, again.samples);
   EXPECT_EQ(f1.rowZone, again.rowZone);
-  SurveyConfig other = tiny();
+  SurveyConfig other = quillo::test::presetSurvey();
   other.seed = 2;
   EXPECT_NE(simulateFragment(Survey(other), 1).samples, f1.samples);
   // Echoes recorded in fragment 1 include ones emitted at the end of fragment 0.
   bool fromEarlier = false;
-  for (std::uint32_t e : f1.rowEmitter) fromEarlier |= e < tiny().fragmentShots;
+  for (std::uint32_t e : f1.rowEmitter)
+    fromEarlier |= e < quillo::test::presetSurvey().fragmentShots;
   EXPECT_TRUE(fromEarlier);
   for (std::size_t i = 0; i < f1.rowEmitter.size(); ++i) {
     const std::uint64_t recorder = f1.rowEmitter[i] + f1.rowZone[i];
-    ASSERT_GE(recorder, tiny().fragmentShots);
+    ASSERT_GE(recorder, quillo::test::presetSurvey().fragmentShots);
     ASSERT_EQ(f1.rowTime[i], a.shotTime(recorder));
     if (f1.rowTarget[i] == std::uint8_t(Target::Noise)) continue;  // near the aircraft: zone 0
     ASSERT_GE(f1.rowZone[i], 2);
@@ -63,7 +55,7 @@ TEST(Survey, DeterministicAndFragmentsIndependent) {
 TEST(Survey, TinySurveyResolvesAgainstTheTruth) {
   quillo::test::TempDir dir;
   const std::string input = dir.file("tiny_210315_093000.kq");
-  ASSERT_EQ(writeSurvey(tiny(), input), "");
+  ASSERT_EQ(writeSurvey(quillo::test::presetSurvey(), input), "");
   auto bundle = Tessal::BundlePtr::make();
   bool ok = false;
   Tessal::Bundle::load(ok, Tessal::LoaderParameters({input}), bundle);

@@ -53,6 +53,13 @@ struct LasFile {
   }
 };
 
+// Where quillo's extra bytes lie in a point's extra data (the exporter's descriptor order:
+// mta_zone, reflectance_db, range, amplitude, pulse_width, damping).
+namespace extra {
+inline constexpr std::size_t kZone = 0, kReflectance = 1, kRange = 5, kAmplitude = 13,
+                             kPulseWidth = 17, kDamping = 25;
+}
+
 // Reads `path`; throws std::runtime_error when the file is short or malformed.
 LasFile readLas(const std::string& path);
 
