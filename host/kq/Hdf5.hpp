@@ -58,6 +58,14 @@ std::string unescapeName(const std::string& link);
 Hid orderedGroupProperties();
 Hid variableStringType();
 
+// File access properties that keep HDF5's memory flat over long runs: its adaptive metadata
+// cache would grow towards 32 MB a file, and a file written in the old format keeps a B-tree
+// node in memory for every dataset written.
+inline constexpr size_t kMetadataCacheBytes = 2 * 1024 * 1024;
+Hid readerAccess();
+Hid writerAccess();
+Hid writerCreation();
+
 // Silences HDF5's own error printing once per process.
 void silenceHdf5Errors();
 

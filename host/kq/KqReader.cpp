@@ -294,7 +294,7 @@ bool loadFile(const std::string& fileName, Bundle& into) {
   }
   auto file = Vorlap::makeStrong<KqFile>();
   file->name = fileName;
-  file->id = H5Fopen(fileName.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT);
+  file->id = H5Fopen(fileName.c_str(), H5F_ACC_RDONLY, kq::readerAccess().get());
   if (file->id < 0) {
     Vorlap::Console() << fileName << ": cannot load: the file cannot be opened (damaged?)";
     return false;

@@ -271,7 +271,9 @@ std::string Bundle::save(const BundlePtr& bundle, const std::string& fileName) {
   const std::string temporary = temporaryName(fileName);
   std::string error;
   {
-    Hid file(H5Fcreate(temporary.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT), H5Fclose);
+    Hid file(H5Fcreate(temporary.c_str(), H5F_ACC_TRUNC, kq::writerCreation().get(),
+                       kq::writerAccess().get()),
+             H5Fclose);
     if (!file.ok()) return "cannot create " + fileName + ": the folder is missing or not writable";
     Writer writer(file.get());
     if (!writer.structure(*bundle.get()) || !writer.fragments()) error = writer.error();
@@ -302,7 +304,9 @@ StreamingSave::StreamingSave(BundlePtr bundle, std::string fileName) : state_(ne
   s.bundle = std::move(bundle);
   s.fileName = std::move(fileName);
   s.temporary = temporaryName(s.fileName);
-  s.file = Hid(H5Fcreate(s.temporary.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT), H5Fclose);
+  s.file = Hid(H5Fcreate(s.temporary.c_str(), H5F_ACC_TRUNC, kq::writerCreation().get(),
+                         kq::writerAccess().get()),
+               H5Fclose);
   if (!s.file.ok())
     s.error = "cannot create the file: the folder is missing or not writable";
   else
