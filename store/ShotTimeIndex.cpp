@@ -12,6 +12,10 @@ bool earlier(const ShotTimeIndex::value_type& a, const ShotTimeIndex::value_type
   return a.first < b.first;
 }
 
+bool earlierThan(const ShotTimeIndex::value_type& a, double time) {
+  return a.first < time;
+}
+
 // Sorts by time, keeping of each run of equal times only the one inserted last.
 void orderAndKeepLast(std::vector<ShotTimeIndex::value_type>& batch) {
   if (!std::is_sorted(batch.begin(), batch.end(), earlier))
@@ -28,45 +32,117 @@ void orderAndKeepLast(std::vector<ShotTimeIndex::value_type>& batch) {
 
 }  // namespace
 
+std::size_t ShotTimeIndex::blockSize(std::size_t b) const {
+  return std::min(kBlockSize, size_ - (b << kBlockShift));
+}
+
+double ShotTimeIndex::firstTime(std::size_t b) const {
+  const Block& block = blocks_[b];
+  return block.plain ? block.plain[0].first : block.packed.at(0).first;
+}
+
 void ShotTimeIndex::append(const value_type& e) {
   if ((size_ & (kBlockSize - 1)) == 0)
-    blocks_.push_back(std::make_unique_for_overwrite<value_type[]>(kBlockSize));
-  blocks_.back()[size_ & (kBlockSize - 1)] = e;
+    blocks_.push_back({std::make_unique_for_overwrite<value_type[]>(kBlockSize), {}});
+  blocks_.back().plain[size_ & (kBlockSize - 1)] = e;
   ++size_;
+}
+
+void ShotTimeIndex::pack(std::size_t b) {
+  Block& block = blocks_[b];
+  if (!block.plain) return;
+  block.packed = PackedShotBlock(block.plain.get(), blockSize(b));
+  block.plain.reset();
+}
+
+void ShotTimeIndex::packSettledBlocks() {
+  const std::size_t fullBlocks = size_ >> kBlockShift;
+  for (std::size_t b = 0; b + 1 < fullBlocks; ++b) pack(b);
 }
 
 void ShotTimeIndex::insert(std::vector<value_type> batch) {
   orderAndKeepLast(batch);
   if (batch.empty()) return;
+  packSettledBlocks();
   if (size_ == 0 || entry(size_ - 1).first < batch.front().first) {
     for (const auto& e : batch) append(e);
     return;
   }
+  merge(std::move(batch));
+}
+
+// Merges a batch that reaches back among the held times. Old blocks are released once copied
+// and merged blocks outside the batch's time span are packed once full, so the merge holds
+// about one plain copy of the batch's span on top of the packed index.
+void ShotTimeIndex::merge(std::vector<value_type> batch) {
   ShotTimeIndex merged;
+  const double spanBegin = batch.front().first, spanEnd = batch.back().first;
+  std::vector<value_type> unpacked(kBlockSize);
+  const value_type* old = nullptr;  // the entries of the old block holding entry i
+  std::size_t oldBlock = blocks_.size();
   std::size_t i = 0, j = 0;  // next old entry, next new one
   while (i < size_ || j < batch.size()) {
-    if (j < batch.size() && (i == size_ || !(entry(i).first < batch[j].first))) {
-      const bool replacesOld = i < size_ && entry(i).first == batch[j].first;
+    if (i < size_ && (i >> kBlockShift) != oldBlock)
+      old = plainEntries(oldBlock = i >> kBlockShift, unpacked);
+    const value_type* oldEntry = i < size_ ? &old[i & (kBlockSize - 1)] : nullptr;
+    if (j < batch.size() && (!oldEntry || !(oldEntry->first < batch[j].first))) {
+      const bool replacesOld = oldEntry && oldEntry->first == batch[j].first;
       merged.append(batch[j++]);
-      if (!replacesOld) continue;
+      if (!replacesOld) {
+        merged.packIfOutside(spanBegin, spanEnd);
+        continue;
+      }
     } else {
-      merged.append(entry(i));
+      merged.append(*oldEntry);
     }
-    if ((++i & (kBlockSize - 1)) == 0) blocks_[(i >> kBlockShift) - 1].reset();  // all copied
+    merged.packIfOutside(spanBegin, spanEnd);
+    if ((++i & (kBlockSize - 1)) == 0) blocks_[(i >> kBlockShift) - 1] = {};  // all copied
   }
   *this = std::move(merged);
 }
 
+// The entries of block b, unpacked into `scratch` when packed.
+const ShotTimeIndex::value_type* ShotTimeIndex::plainEntries(
+    std::size_t b, std::vector<value_type>& scratch) const {
+  const Block& block = blocks_[b];
+  if (block.plain) return block.plain.get();
+  block.packed.unpack(scratch.data());
+  return scratch.data();
+}
+
+// Packs the last block when it has just filled and holds no time of [begin, end].
+void ShotTimeIndex::packIfOutside(double begin, double end) {
+  if ((size_ & (kBlockSize - 1)) != 0) return;
+  const std::size_t b = blocks_.size() - 1;
+  if (blocks_[b].plain[kBlockSize - 1].first < begin || end < blocks_[b].plain[0].first) pack(b);
+}
+
+std::size_t ShotTimeIndex::lowerBoundIn(std::size_t b, double time) const {
+  const Block& block = blocks_[b];
+  if (!block.plain) return block.packed.lowerBound(time);
+  const value_type* first = block.plain.get();
+  return std::size_t(std::lower_bound(first, first + blockSize(b), time, earlierThan) - first);
+}
+
 ShotTimeIndex::const_iterator ShotTimeIndex::lower_bound(double time) const {
-  std::size_t lo = 0, hi = size_;
+  std::size_t lo = 0, hi = blocks_.size();  // first block whose first time is not less
   while (lo < hi) {
     const std::size_t mid = lo + (hi - lo) / 2;
-    if (entry(mid).first < time)
+    if (firstTime(mid) < time)
       lo = mid + 1;
     else
       hi = mid;
   }
-  return {this, lo};
+  if (lo == 0) return begin();
+  return {this, ((lo - 1) << kBlockShift) + lowerBoundIn(lo - 1, time)};
+}
+
+std::size_t ShotTimeIndex::memoryBytes() const {
+  std::size_t bytes = blocks_.capacity() * sizeof(Block);
+  for (const Block& block : blocks_)
+    bytes += block.plain ? kBlockSize * sizeof(value_type)
+                         : block.packed.memoryBytes() - sizeof(PackedShotBlock);
+  return bytes;
 }
 
 ShotTimeIndex::const_iterator ShotTimeIndex::find(double time) const {

@@ -1,8 +1,10 @@
 // The run's shot-time index: the GPS time of a shot -> the shot's index within the fragment
 // that inserted it, in time order, for the shots of every fragment processed in the run.
-// It lives as long as the run, so it is kept compact: 16 bytes a shot in blocks of 1 MB that
-// fill in time order. (A tree spent 64 bytes a shot on nodes scattered among each fragment's
-// short-lived objects, and those nodes kept freed pages from going back to the system.)
+// It lives as long as the run, so it is kept compact: blocks of 65536 shots that fill in time
+// order, plain (16 bytes a shot) while the fragment that inserted them is being resolved, and
+// packed to about 2 bytes a shot (PackedShotBlock) once a later fragment arrives. Reads give
+// entries by value, so iterators work the same over either kind of block. (A tree spent
+// 64 bytes a shot on nodes scattered among each fragment's short-lived objects.)
 #pragma once
 
 #include <cstddef>
@@ -13,6 +15,7 @@
 #include <vector>
 
 #include "run/Export.hpp"
+#include "store/PackedShotBlock.hpp"
 
 namespace FullWaveform {
 
@@ -20,17 +23,23 @@ class QUILLO_API ShotTimeIndex {
  public:
   using value_type = std::pair<double, std::uint32_t>;  // shot time, shot index
 
+  // Holds an entry read by value for `it->first`.
+  struct EntryPointer {
+    value_type entry;
+    const value_type* operator->() const { return &entry; }
+  };
+
   class const_iterator {
    public:
     using iterator_category = std::bidirectional_iterator_tag;
     using value_type = ShotTimeIndex::value_type;
     using difference_type = std::ptrdiff_t;
-    using pointer = const value_type*;
-    using reference = const value_type&;
+    using pointer = EntryPointer;
+    using reference = value_type;
 
     const_iterator() = default;
     reference operator*() const { return index_->entry(at_); }
-    pointer operator->() const { return &index_->entry(at_); }
+    pointer operator->() const { return {index_->entry(at_)}; }
     const_iterator& operator++() { return ++at_, *this; }
     const_iterator& operator--() { return --at_, *this; }
     const_iterator operator++(int) { return {index_, at_++}; }
@@ -46,8 +55,9 @@ class QUILLO_API ShotTimeIndex {
   using iterator = const_iterator;
 
   // Inserts the pairs as if one after another: a time already present takes the new index.
-  // Times must be finite. Batches later than everything held are appended; an earlier one
-  // merges, releasing old blocks as it goes.
+  // Times must be finite. Packs the blocks of earlier batches first (all but the last full
+  // one, which the new batch's first shots walk back into). Batches later than everything
+  // held are appended; an earlier one merges, releasing old blocks as it goes.
   void insert(std::vector<value_type> batch);
 
   bool empty() const { return size_ == 0; }
@@ -61,16 +71,33 @@ class QUILLO_API ShotTimeIndex {
   const_iterator find(double time) const;
   // The shot index of `time`; throws std::out_of_range when the time is not held.
   std::uint32_t at(double time) const;
+  // Heap bytes held, for memory accounting.
+  std::size_t memoryBytes() const;
 
  private:
   static constexpr std::size_t kBlockShift = 16, kBlockSize = std::size_t(1) << kBlockShift;
 
-  const value_type& entry(std::size_t k) const {
-    return blocks_[k >> kBlockShift][k & (kBlockSize - 1)];
-  }
-  void append(const value_type& e);
+  struct Block {
+    std::unique_ptr<value_type[]> plain;  // null once packed
+    PackedShotBlock packed;
+  };
 
-  std::vector<std::unique_ptr<value_type[]>> blocks_;
+  value_type entry(std::size_t k) const {
+    const Block& block = blocks_[k >> kBlockShift];
+    const std::size_t at = k & (kBlockSize - 1);
+    return block.plain ? block.plain[at] : block.packed.at(at);
+  }
+  std::size_t blockSize(std::size_t b) const;
+  double firstTime(std::size_t b) const;
+  std::size_t lowerBoundIn(std::size_t b, double time) const;
+  void append(const value_type& e);
+  void pack(std::size_t b);
+  void packSettledBlocks();
+  void packIfOutside(double begin, double end);
+  void merge(std::vector<value_type> batch);
+  const value_type* plainEntries(std::size_t b, std::vector<value_type>& scratch) const;
+
+  std::vector<Block> blocks_;
   std::size_t size_ = 0;
 };
 

@@ -1,12 +1,19 @@
 // The run's shot-time index against an ordered map holding the same insertions: appended,
-// interleaved and repeated times, across block boundaries, and the lookups the zone stages use.
+// interleaved and repeated times, across block boundaries and packed blocks, and the lookups
+// the zone stages use; and the packed block's exact round trip of awkward times.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <limits>
 #include <map>
 #include <random>
 
+#include "store/PackedShotBlock.hpp"
 #include "store/ShotTimeIndex.hpp"
 
+using FullWaveform::PackedShotBlock;
 using FullWaveform::ShotTimeIndex;
 
 namespace {
@@ -26,6 +33,25 @@ void expectSame(const ShotTimeIndex& index, const std::map<double, std::uint32_t
     ++it;
   }
   EXPECT_EQ(it, index.end());
+}
+
+void expectSameLowerBounds(const ShotTimeIndex& index, const std::map<double, std::uint32_t>& model,
+                           const std::vector<double>& probes) {
+  for (double t : probes) {
+    const auto expected = model.lower_bound(t);
+    const auto got = index.lower_bound(t);
+    ASSERT_EQ(got == index.end(), expected == model.end()) << t;
+    if (got != index.end()) ASSERT_EQ(*got, ShotTimeIndex::value_type(*expected)) << t;
+  }
+}
+
+// Shot times of a steady pulse rate with nanosecond jitter, in a GPS week's range.
+Batch steadyShots(std::mt19937_64& random, double start, std::uint32_t count) {
+  std::normal_distribution<double> jitter(0.0, 1e-9);
+  Batch batch;
+  for (std::uint32_t s = 0; s < count; ++s)
+    batch.emplace_back(start + s * 1e-6 + jitter(random), s);
+  return batch;
 }
 
 }  // namespace
@@ -70,4 +96,69 @@ TEST(ShotTimeIndex, LookupsAndWalks) {
   EXPECT_EQ(last->first, 3.0);
   EXPECT_EQ((--last)->first, 2.0);
   EXPECT_EQ(std::next(index.begin(), 2)->second, 0u);
+}
+
+TEST(ShotTimeIndex, PacksTheBlocksOfEarlierFragmentsAndStillAnswersExactly) {
+  std::mt19937_64 random(11);
+  ShotTimeIndex index;
+  std::map<double, std::uint32_t> model;
+  for (int fragment = 0; fragment < 20; ++fragment)
+    insertBoth(index, model, steadyShots(random, 345600.0 + fragment * 0.03, 30000));
+  expectSame(index, model);
+  // All but the last two blocks are packed, which leaves under half of 16 bytes a shot.
+  EXPECT_LT(index.memoryBytes(), model.size() * 8);
+  std::vector<double> probes;
+  std::uniform_real_distribution<double> anywhere(345599.99, 345600.4);
+  for (int k = 0; k < 3000; ++k) probes.push_back(anywhere(random));
+  for (const auto& entry : model) {
+    if (probes.size() > 6000) break;
+    probes.push_back(entry.first);
+    probes.push_back(std::nextafter(entry.first, 0.0));
+  }
+  expectSameLowerBounds(index, model, probes);
+  // A late fragment merges into packed blocks; walking back from a shot crosses into them.
+  insertBoth(index, model, steadyShots(random, 345600.1000005, 40000));
+  expectSame(index, model);
+  expectSameLowerBounds(index, model, probes);
+  auto it = std::prev(index.end());  // walking back passes through packed and plain blocks
+  for (auto expected = model.rbegin(); expected != model.rend(); ++expected) {
+    ASSERT_EQ(it->first, expected->first);
+    if (it != index.begin()) --it;
+  }
+}
+
+TEST(PackedShotBlock, ReturnsAwkwardTimesBitForBit) {
+  const double tiny = std::numeric_limits<double>::denorm_min();
+  std::vector<double> times = {-1e300, -3.5,   -tiny, 0.0,
+                               tiny,   1e-300, 1.0,   1.0 + 1e-15,
+                               2.0,    1e15,   1e300, std::numeric_limits<double>::max()};
+  std::mt19937_64 random(5);
+  std::uniform_real_distribution<double> step(0.0, 2e-6);
+  for (double t = 345600.0; times.size() < 200;) times.push_back(t += step(random));
+  std::sort(times.begin(), times.end());
+  std::vector<PackedShotBlock::Entry> entries;
+  std::uniform_int_distribution<std::uint32_t> shot;  // shot indices that jump anywhere
+  for (double t : times) entries.emplace_back(t, entries.size() % 3 ? shot(random) : 0u);
+  const PackedShotBlock block(entries.data(), entries.size());
+  std::vector<PackedShotBlock::Entry> unpacked(entries.size());
+  block.unpack(unpacked.data());
+  for (std::size_t k = 0; k < entries.size(); ++k) {
+    ASSERT_EQ(std::bit_cast<std::uint64_t>(block.at(k).first),
+              std::bit_cast<std::uint64_t>(entries[k].first))
+        << k;
+    ASSERT_EQ(block.at(k).second, entries[k].second) << k;
+    ASSERT_EQ(unpacked[k], entries[k]) << k;
+  }
+  auto expected = [&](double t) {
+    return std::size_t(std::lower_bound(times.begin(), times.end(), t) - times.begin());
+  };
+  for (double t : times)
+    for (double probe : {t, std::nextafter(t, -INFINITY), std::nextafter(t, INFINITY)})
+      EXPECT_EQ(block.lowerBound(probe), expected(probe)) << probe;
+  EXPECT_EQ(block.lowerBound(-0.0), expected(0.0));  // -0 and +0 compare equal
+  EXPECT_EQ(block.lowerBound(-INFINITY), 0u);
+  std::mt19937_64 steadyRandom(2);
+  const Batch steady = steadyShots(steadyRandom, 345600.0, 65536);
+  EXPECT_LT(PackedShotBlock(steady.data(), steady.size()).memoryBytes(), steady.size() * 3);
+  EXPECT_EQ(block.lowerBound(INFINITY), times.size());
 }
