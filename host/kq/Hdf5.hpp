@@ -58,10 +58,11 @@ std::string unescapeName(const std::string& link);
 Hid orderedGroupProperties();
 Hid variableStringType();
 
-// File access properties that keep HDF5's memory flat over long runs: its adaptive metadata
-// cache would grow towards 32 MB a file, and a file written in the old format keeps a B-tree
-// node in memory for every dataset written.
-inline constexpr size_t kMetadataCacheBytes = 2 * 1024 * 1024;
+// File access properties that keep HDF5's memory flat over long runs. Its adaptive metadata
+// cache may grow to 32 MB of file metadata, and it counts file bytes: an output's object
+// headers take about 13 times that once decoded, so the cap keeps them near 13 MB a file.
+// (A file written in the old format also kept a B-tree node per dataset written.)
+inline constexpr size_t kMetadataCacheBytes = 1024 * 1024;
 Hid readerAccess();
 Hid writerAccess();
 Hid writerCreation();
