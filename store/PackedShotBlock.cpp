@@ -1,7 +1,9 @@
 // Packing and reading one settled block of the shot-time index (see header).
 #include "store/PackedShotBlock.hpp"
 
+#include <algorithm>
 #include <bit>
+#include <cstring>
 
 namespace FullWaveform {
 
@@ -117,6 +119,30 @@ void PackedShotBlock::unpack(Entry* out) const {
       out[k] = cursor.entry();
     }
   }
+}
+
+std::vector<std::uint8_t> PackedShotBlock::toBytes() const {
+  const std::uint64_t header[3] = {size_, marks_.size(), steps_.size()};
+  std::vector<std::uint8_t> bytes(sizeof(header) + marks_.size() * sizeof(Mark) + steps_.size());
+  std::uint8_t* at = bytes.data();
+  at = std::copy_n(reinterpret_cast<const std::uint8_t*>(header), sizeof(header), at);
+  at = std::copy_n(reinterpret_cast<const std::uint8_t*>(marks_.data()),
+                   marks_.size() * sizeof(Mark), at);
+  std::copy(steps_.begin(), steps_.end(), at);
+  return bytes;
+}
+
+PackedShotBlock PackedShotBlock::fromBytes(const std::vector<std::uint8_t>& bytes) {
+  std::uint64_t header[3];
+  std::memcpy(header, bytes.data(), sizeof(header));
+  PackedShotBlock block;
+  block.size_ = header[0];
+  block.marks_.resize(header[1]);
+  block.steps_.resize(header[2]);
+  const std::uint8_t* at = bytes.data() + sizeof(header);
+  std::memcpy(block.marks_.data(), at, header[1] * sizeof(Mark));
+  std::memcpy(block.steps_.data(), at + header[1] * sizeof(Mark), header[2]);
+  return block;
 }
 
 std::size_t PackedShotBlock::memoryBytes() const {

@@ -14,9 +14,11 @@
 #include <utility>
 #include <vector>
 
+#include "run/Export.hpp"
+
 namespace FullWaveform {
 
-class PackedShotBlock {
+class QUILLO_API PackedShotBlock {
  public:
   using Entry = std::pair<double, std::uint32_t>;
 
@@ -30,6 +32,10 @@ class PackedShotBlock {
   std::size_t lowerBound(double time) const;
   void unpack(Entry* out) const;
   std::size_t memoryBytes() const;
+
+  // The block as bytes and back, for keeping it in a file this process wrote.
+  std::vector<std::uint8_t> toBytes() const;
+  static PackedShotBlock fromBytes(const std::vector<std::uint8_t>& bytes);
 
  private:
   struct Mark {  // a full entry, and where the packed steps after it start

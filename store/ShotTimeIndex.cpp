@@ -37,13 +37,19 @@ std::size_t ShotTimeIndex::blockSize(std::size_t b) const {
 }
 
 double ShotTimeIndex::firstTime(std::size_t b) const {
-  const Block& block = blocks_[b];
-  return block.plain ? block.plain[0].first : block.packed.at(0).first;
+  return blocks_[b].first;
+}
+
+PackedShotBlock ShotTimeIndex::readBack(const Block& block) const {
+  return PackedShotBlock::fromBytes(spill_->read(block.spilledAt, block.spilledBytes));
 }
 
 void ShotTimeIndex::append(const value_type& e) {
-  if ((size_ & (kBlockSize - 1)) == 0)
-    blocks_.push_back({std::make_unique_for_overwrite<value_type[]>(kBlockSize), {}});
+  if ((size_ & (kBlockSize - 1)) == 0) {
+    Block& block = blocks_.emplace_back();
+    block.first = e.first;
+    block.plain = std::make_unique_for_overwrite<value_type[]>(kBlockSize);
+  }
   blocks_.back().plain[size_ & (kBlockSize - 1)] = e;
   ++size_;
 }
@@ -55,9 +61,27 @@ void ShotTimeIndex::pack(std::size_t b) {
   block.plain.reset();
 }
 
+void ShotTimeIndex::spill(std::size_t b) {
+  Block& block = blocks_[b];
+  if (block.plain || block.spilledAt >= 0 || spillFailed_) return;
+  if (!spill_) spill_ = ShotSpillFile::open();
+  const std::vector<std::uint8_t> bytes = block.packed.toBytes();
+  const std::int64_t at = spill_ ? spill_->append(bytes) : -1;
+  if (at < 0) {
+    spillFailed_ = true;
+    return;
+  }
+  block.spilledAt = at;
+  block.spilledBytes = std::uint32_t(bytes.size());
+  block.packed = PackedShotBlock();
+}
+
 void ShotTimeIndex::packSettledBlocks() {
   const std::size_t fullBlocks = size_ >> kBlockShift;
-  for (std::size_t b = 0; b + 1 < fullBlocks; ++b) pack(b);
+  for (std::size_t b = 0; b + 1 < fullBlocks; ++b) {
+    pack(b);
+    if (b + 1 + packedBlocksInMemory_ < fullBlocks) spill(b);
+  }
 }
 
 void ShotTimeIndex::insert(std::vector<value_type> batch) {
@@ -75,7 +99,7 @@ void ShotTimeIndex::insert(std::vector<value_type> batch) {
 // and merged blocks outside the batch's time span are packed once full, so the merge holds
 // about one plain copy of the batch's span on top of the packed index.
 void ShotTimeIndex::merge(std::vector<value_type> batch) {
-  ShotTimeIndex merged;
+  ShotTimeIndex merged(packedBlocksInMemory_);
   const double spanBegin = batch.front().first, spanEnd = batch.back().first;
   std::vector<value_type> unpacked(kBlockSize);
   const value_type* old = nullptr;  // the entries of the old block holding entry i
@@ -106,7 +130,10 @@ const ShotTimeIndex::value_type* ShotTimeIndex::plainEntries(
     std::size_t b, std::vector<value_type>& scratch) const {
   const Block& block = blocks_[b];
   if (block.plain) return block.plain.get();
-  block.packed.unpack(scratch.data());
+  if (block.spilledAt < 0)
+    block.packed.unpack(scratch.data());
+  else
+    readBack(block).unpack(scratch.data());
   return scratch.data();
 }
 
@@ -119,7 +146,8 @@ void ShotTimeIndex::packIfOutside(double begin, double end) {
 
 std::size_t ShotTimeIndex::lowerBoundIn(std::size_t b, double time) const {
   const Block& block = blocks_[b];
-  if (!block.plain) return block.packed.lowerBound(time);
+  if (!block.plain)
+    return block.spilledAt < 0 ? block.packed.lowerBound(time) : readBack(block).lowerBound(time);
   const value_type* first = block.plain.get();
   return std::size_t(std::lower_bound(first, first + blockSize(b), time, earlierThan) - first);
 }
@@ -141,7 +169,7 @@ std::size_t ShotTimeIndex::memoryBytes() const {
   std::size_t bytes = blocks_.capacity() * sizeof(Block);
   for (const Block& block : blocks_)
     bytes += block.plain ? kBlockSize * sizeof(value_type)
-                         : block.packed.memoryBytes() - sizeof(PackedShotBlock);
+                         : block.packed.memoryBytes() - sizeof(PackedShotBlock);  // 0 if spilled
   return bytes;
 }
 

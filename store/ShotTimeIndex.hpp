@@ -2,9 +2,10 @@
 // that inserted it, in time order, for the shots of every fragment processed in the run.
 // It lives as long as the run, so it is kept compact: blocks of 65536 shots that fill in time
 // order, plain (16 bytes a shot) while the fragment that inserted them is being resolved, and
-// packed to about 2 bytes a shot (PackedShotBlock) once a later fragment arrives. Reads give
-// entries by value, so iterators work the same over either kind of block. (A tree spent
-// 64 bytes a shot on nodes scattered among each fragment's short-lived objects.)
+// packed to about 3 bytes a shot (PackedShotBlock) once a later fragment arrives, and moved
+// to a temporary file (ShotSpillFile) once a million newer shots are held, as only merges of
+// fragments that go back in time read them again. Memory then stays flat however long the
+// run. Reads give entries by value, so iterators work the same over every kind of block.
 #pragma once
 
 #include <cstddef>
@@ -16,6 +17,7 @@
 
 #include "run/Export.hpp"
 #include "store/PackedShotBlock.hpp"
+#include "store/ShotSpillFile.hpp"
 
 namespace FullWaveform {
 
@@ -54,6 +56,10 @@ class QUILLO_API ShotTimeIndex {
   };
   using iterator = const_iterator;
 
+  // Packed blocks beyond the newest `packedBlocksInMemory` go to the temporary file.
+  explicit ShotTimeIndex(std::size_t packedBlocksInMemory = 16)
+      : packedBlocksInMemory_(packedBlocksInMemory) {}
+
   // Inserts the pairs as if one after another: a time already present takes the new index.
   // Times must be finite. Packs the blocks of earlier batches first (all but the last full
   // one, which the new batch's first shots walk back into). Batches later than everything
@@ -71,27 +77,33 @@ class QUILLO_API ShotTimeIndex {
   const_iterator find(double time) const;
   // The shot index of `time`; throws std::out_of_range when the time is not held.
   std::uint32_t at(double time) const;
-  // Heap bytes held, for memory accounting.
+  // Heap bytes held (not counting the temporary file), for memory accounting.
   std::size_t memoryBytes() const;
 
  private:
   static constexpr std::size_t kBlockShift = 16, kBlockSize = std::size_t(1) << kBlockShift;
 
   struct Block {
-    std::unique_ptr<value_type[]> plain;  // null once packed
-    PackedShotBlock packed;
+    double first = 0.0;                   // the first entry's time, for searches without reads
+    std::unique_ptr<value_type[]> plain;  // while the fragment that inserted it is resolved
+    PackedShotBlock packed;               // then packed
+    std::int64_t spilledAt = -1;          // then, when old, in the temporary file
+    std::uint32_t spilledBytes = 0;
   };
 
   value_type entry(std::size_t k) const {
     const Block& block = blocks_[k >> kBlockShift];
     const std::size_t at = k & (kBlockSize - 1);
-    return block.plain ? block.plain[at] : block.packed.at(at);
+    if (block.plain) return block.plain[at];
+    return block.spilledAt < 0 ? block.packed.at(at) : readBack(block).at(at);
   }
+  PackedShotBlock readBack(const Block& block) const;
   std::size_t blockSize(std::size_t b) const;
   double firstTime(std::size_t b) const;
   std::size_t lowerBoundIn(std::size_t b, double time) const;
   void append(const value_type& e);
   void pack(std::size_t b);
+  void spill(std::size_t b);
   void packSettledBlocks();
   void packIfOutside(double begin, double end);
   void merge(std::vector<value_type> batch);
@@ -99,6 +111,9 @@ class QUILLO_API ShotTimeIndex {
 
   std::vector<Block> blocks_;
   std::size_t size_ = 0;
+  std::size_t packedBlocksInMemory_;
+  std::unique_ptr<ShotSpillFile> spill_;
+  bool spillFailed_ = false;  // no temporary file could be made or filled: keep blocks here
 };
 
 }  // namespace FullWaveform

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <cstdlib>
 #include <limits>
 #include <map>
 #include <random>
@@ -41,8 +42,26 @@ void expectSameLowerBounds(const ShotTimeIndex& index, const std::map<double, st
     const auto expected = model.lower_bound(t);
     const auto got = index.lower_bound(t);
     ASSERT_EQ(got == index.end(), expected == model.end()) << t;
-    if (got != index.end()) ASSERT_EQ(*got, ShotTimeIndex::value_type(*expected)) << t;
+    if (got != index.end()) {
+      ASSERT_EQ(*got, ShotTimeIndex::value_type(*expected)) << t;
+    }
   }
+}
+
+// Random times over the held span, and held times with their lower neighbours.
+std::vector<double> probesOf(const std::map<double, std::uint32_t>& model, std::mt19937_64& random,
+                             std::size_t count) {
+  std::vector<double> held, probes;
+  for (const auto& entry : model) held.push_back(entry.first);
+  std::uniform_real_distribution<double> anywhere(held.front() - 0.01, held.back() + 0.01);
+  std::uniform_int_distribution<std::size_t> pick(0, held.size() - 1);
+  while (probes.size() < count) {
+    probes.push_back(anywhere(random));
+    const double t = held[pick(random)];
+    probes.push_back(t);
+    probes.push_back(std::nextafter(t, 0.0));
+  }
+  return probes;
 }
 
 // Shot times of a steady pulse rate with nanosecond jitter, in a GPS week's range.
@@ -107,14 +126,7 @@ TEST(ShotTimeIndex, PacksTheBlocksOfEarlierFragmentsAndStillAnswersExactly) {
   expectSame(index, model);
   // All but the last two blocks are packed, which leaves under half of 16 bytes a shot.
   EXPECT_LT(index.memoryBytes(), model.size() * 8);
-  std::vector<double> probes;
-  std::uniform_real_distribution<double> anywhere(345599.99, 345600.4);
-  for (int k = 0; k < 3000; ++k) probes.push_back(anywhere(random));
-  for (const auto& entry : model) {
-    if (probes.size() > 6000) break;
-    probes.push_back(entry.first);
-    probes.push_back(std::nextafter(entry.first, 0.0));
-  }
+  const std::vector<double> probes = probesOf(model, random, 3000);
   expectSameLowerBounds(index, model, probes);
   // A late fragment merges into packed blocks; walking back from a shot crosses into them.
   insertBoth(index, model, steadyShots(random, 345600.1000005, 40000));
@@ -124,6 +136,32 @@ TEST(ShotTimeIndex, PacksTheBlocksOfEarlierFragmentsAndStillAnswersExactly) {
   for (auto expected = model.rbegin(); expected != model.rend(); ++expected) {
     ASSERT_EQ(it->first, expected->first);
     if (it != index.begin()) --it;
+  }
+}
+
+TEST(ShotTimeIndex, SpillsOldBlocksToATemporaryFileOrKeepsThemWhenItCannot) {
+  for (const bool spillable : {true, false}) {
+    const char* saved = std::getenv("TMPDIR");
+    const std::string savedTmp = saved ? saved : "";
+    if (!spillable) setenv("TMPDIR", "/nonexistent/quillo", 1);
+    std::mt19937_64 random(13);
+    ShotTimeIndex index(1);  // one packed block in memory
+    std::map<double, std::uint32_t> model;
+    for (int fragment = 0; fragment < 20; ++fragment)
+      insertBoth(index, model, steadyShots(random, 345600.0 + fragment * 0.03, 30000));
+    // The last fragments' three plain blocks (3 MB) and one packed block stay in memory; the
+    // six older packed blocks go to the file, if there is one.
+    if (spillable)
+      EXPECT_LT(index.memoryBytes(), 3.4e6);
+    else
+      EXPECT_GT(index.memoryBytes(), 3.9e6);
+    expectSameLowerBounds(index, model, probesOf(model, random, 300));
+    // A late fragment merges with spilled blocks; the next fragment spills the result again.
+    insertBoth(index, model, steadyShots(random, 345600.1000005, 40000));
+    insertBoth(index, model, steadyShots(random, 345600.6, 30000));
+    EXPECT_EQ(index.size(), model.size());
+    expectSameLowerBounds(index, model, probesOf(model, random, 300));
+    if (!spillable) saved ? setenv("TMPDIR", savedTmp.c_str(), 1) : unsetenv("TMPDIR");
   }
 }
 
