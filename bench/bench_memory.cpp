@@ -1,7 +1,8 @@
 // Peak memory of `quillo run` and `quillo export` against the size of the input: simulates
 // surveys of the given presets, runs and exports them in child processes and prints each
 // child's peak resident set next to the input's size and one fragment's share of it.
-//   bench_memory [PRESET...]      (default: tiny demo; "large" takes a few minutes)
+//   bench_memory [PRESET[:SHOTS]...]   (default: tiny demo; "large" takes a few minutes,
+//                                       "large:20000000" a preset with more shots)
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -42,16 +43,22 @@ double megabytes(const fs::path& file) {
   return ec ? -1 : double(size) / (1024.0 * 1024.0);
 }
 
-void measure(const std::string& preset, const fs::path& dir) {
+void measure(const std::string& spec, const fs::path& dir) {
+  const std::string preset = spec.substr(0, spec.find(':'));
   quillo::sim::SurveyConfig config;
   if (!quillo::sim::presetConfig(preset, config)) {
-    std::printf("%-6s unknown preset\n", preset.c_str());
+    std::printf("%-14s unknown preset\n", spec.c_str());
     return;
   }
+  std::vector<std::string> simulate{"simulate", "--preset", preset, "--quiet"};
+  if (spec.size() > preset.size()) {
+    config.shots = std::stoull(spec.substr(preset.size() + 1));
+    simulate.insert(simulate.end(), {"--shots", std::to_string(config.shots)});
+  }
   const fs::path input = dir / (preset + "_210315_093000.kq");
-  if (peakMegabytes({"simulate", "--preset", preset, input.string(), "--quiet"}) < 0 &&
-      peakMegabytes({"simulate", "--preset", preset, input.string()}) < 0) {
-    std::printf("%-6s simulation failed\n", preset.c_str());
+  simulate.push_back(input.string());
+  if (peakMegabytes(simulate) < 0) {
+    std::printf("%-14s simulation failed\n", spec.c_str());
     return;
   }
   const double run = peakMegabytes({"run", input.string(), "--quiet", "--out-dir", dir.string()});
@@ -61,7 +68,7 @@ void measure(const std::string& preset, const fs::path& dir) {
   const double inputMb = megabytes(input), resultMb = megabytes(result);
   const double fragments = double((config.shots + config.fragmentShots - 1) / config.fragmentShots);
   const double inputPerFragment = inputMb / fragments, resultPerFragment = resultMb / fragments;
-  std::printf("%-6s %9.1f %6.0f %9.1f %9.1f %7.1fx %9.1f %9.1f %7.1fx\n", preset.c_str(), inputMb,
+  std::printf("%-14s %9.1f %6.0f %9.1f %9.1f %7.1fx %9.1f %9.1f %7.1fx\n", spec.c_str(), inputMb,
               fragments, inputPerFragment, run, run / inputPerFragment, resultMb, exported,
               exported / resultPerFragment);
   for (const auto& f : fs::directory_iterator(dir)) fs::remove(f.path());
@@ -75,7 +82,7 @@ int main(int argc, char** argv) {
   const fs::path dir =
       fs::temp_directory_path() / ("quillo-bench-memory-" + std::to_string(getpid()));
   fs::create_directories(dir);
-  std::printf("%-6s %9s %6s %9s %9s %8s %9s %9s %8s\n", "preset", "input MB", "frags", "MB/frag",
+  std::printf("%-14s %9s %6s %9s %9s %8s %9s %9s %8s\n", "preset", "input MB", "frags", "MB/frag",
               "run MB", "/frag", "result MB", "export MB", "/frag");
   for (const auto& p : presets) measure(p, dir);
   fs::remove_all(dir);
