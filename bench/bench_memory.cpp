@@ -43,22 +43,22 @@ double megabytes(const fs::path& file) {
   return ec ? -1 : double(size) / (1024.0 * 1024.0);
 }
 
-void measure(const std::string& spec, const fs::path& dir) {
-  const std::string preset = spec.substr(0, spec.find(':'));
+void measure(const std::string& presetAndShots, const fs::path& dir) {
+  const std::string preset = presetAndShots.substr(0, presetAndShots.find(':'));
   quillo::sim::SurveyConfig config;
   if (!quillo::sim::presetConfig(preset, config)) {
-    std::printf("%-14s unknown preset\n", spec.c_str());
+    std::printf("%-14s unknown preset\n", presetAndShots.c_str());
     return;
   }
   std::vector<std::string> simulate{"simulate", "--preset", preset, "--quiet"};
-  if (spec.size() > preset.size()) {
-    config.shots = std::stoull(spec.substr(preset.size() + 1));
+  if (presetAndShots.size() > preset.size()) {
+    config.shots = std::stoull(presetAndShots.substr(preset.size() + 1));
     simulate.insert(simulate.end(), {"--shots", std::to_string(config.shots)});
   }
   const fs::path input = dir / (preset + "_210315_093000.kq");
   simulate.push_back(input.string());
   if (peakMegabytes(simulate) < 0) {
-    std::printf("%-14s simulation failed\n", spec.c_str());
+    std::printf("%-14s simulation failed\n", presetAndShots.c_str());
     return;
   }
   const double run = peakMegabytes({"run", input.string(), "--quiet", "--out-dir", dir.string()});
@@ -68,8 +68,8 @@ void measure(const std::string& spec, const fs::path& dir) {
   const double inputMb = megabytes(input), resultMb = megabytes(result);
   const double fragments = double((config.shots + config.fragmentShots - 1) / config.fragmentShots);
   const double inputPerFragment = inputMb / fragments, resultPerFragment = resultMb / fragments;
-  std::printf("%-14s %9.1f %6.0f %9.1f %9.1f %7.1fx %9.1f %9.1f %7.1fx\n", spec.c_str(), inputMb,
-              fragments, inputPerFragment, run, run / inputPerFragment, resultMb, exported,
+  std::printf("%-14s %9.1f %6.0f %9.1f %9.1f %7.1fx %9.1f %9.1f %7.1fx\n", presetAndShots.c_str(),
+              inputMb, fragments, inputPerFragment, run, run / inputPerFragment, resultMb, exported,
               exported / resultPerFragment);
   for (const auto& f : fs::directory_iterator(dir)) fs::remove(f.path());
 }
