@@ -130,10 +130,7 @@ const ShotTimeIndex::value_type* ShotTimeIndex::plainEntries(
     std::size_t b, std::vector<value_type>& scratch) const {
   const Block& block = blocks_[b];
   if (block.plain) return block.plain.get();
-  if (block.spilledAt < 0)
-    block.packed.unpack(scratch.data());
-  else
-    readBack(block).unpack(scratch.data());
+  readPacked(block, [&scratch](const PackedShotBlock& packed) { packed.unpack(scratch.data()); });
   return scratch.data();
 }
 
@@ -147,7 +144,8 @@ void ShotTimeIndex::packIfOutside(double begin, double end) {
 std::size_t ShotTimeIndex::lowerBoundIn(std::size_t b, double time) const {
   const Block& block = blocks_[b];
   if (!block.plain)
-    return block.spilledAt < 0 ? block.packed.lowerBound(time) : readBack(block).lowerBound(time);
+    return readPacked(block,
+                      [time](const PackedShotBlock& packed) { return packed.lowerBound(time); });
   const value_type* first = block.plain.get();
   return std::size_t(std::lower_bound(first, first + blockSize(b), time, earlierThan) - first);
 }

@@ -91,11 +91,17 @@ class QUILLO_API ShotTimeIndex {
     std::uint32_t spilledBytes = 0;
   };
 
+  // Calls `read` with a packed block, read back from the temporary file when it is there.
+  template <class Read>
+  auto readPacked(const Block& block, Read read) const {
+    return block.spilledAt < 0 ? read(block.packed) : read(readBack(block));
+  }
+
   value_type entry(std::size_t k) const {
     const Block& block = blocks_[k >> kBlockShift];
     const std::size_t at = k & (kBlockSize - 1);
     if (block.plain) return block.plain[at];
-    return block.spilledAt < 0 ? block.packed.at(at) : readBack(block).at(at);
+    return readPacked(block, [at](const PackedShotBlock& packed) { return packed.at(at); });
   }
   PackedShotBlock readBack(const Block& block) const;
   std::size_t blockSize(std::size_t b) const;
