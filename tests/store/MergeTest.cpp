@@ -54,3 +54,25 @@ TEST_F(MergeFixture, NaNTimesGoLastInsteadOfBreakingTheOrder) {
   EXPECT_EQ(fb.wavePoints[2], fromWaveforms[0]);
   EXPECT_EQ(fb.fwfIndex[2], 0);
 }
+
+// Rows whose first-sample time lies before the shot, far beyond reach or nowhere keep their
+// place in the merged list: later stages decide about them, and every other wave keeps its
+// index and its neighbours.
+TEST(WaveExtraction, RowsOutOfReachKeepTheirPlaceInTheMerge) {
+  auto extract = [](std::vector<double> sblTimes) {
+    auto bundle = makeShotsBundle({{{1, 2, 3, 4}}});
+    WaveformFragment rows{{1, 2, 3, 4}};
+    rows.sblTimes = std::move(sblTimes);
+    addWaveformFragment(bundle, 0, rows);
+    addOnlineFragment(bundle, 0, {{2.5}, {100.0}, {10.f}, {1}});
+    Input in;
+    in.skipFWF = in.skipOnline = false;
+    FatBoy<unsigned short> fb(bundle, in);
+    EXPECT_TRUE(fb() && fb.ini(0));
+    EXPECT_EQ(iniWavePoints(fb), "");
+    return fb.fwfIndex;
+  };
+  const auto healthy = extract({1e-6, 1e-6, 1e-6, 1e-6});
+  EXPECT_EQ(extract({-1e-6, 1e9, std::nan(""), 1e-6}), healthy);
+  EXPECT_EQ(healthy.size(), 5u);
+}
