@@ -121,7 +121,8 @@ Tessal::BundlePtr bundleOf(const std::vector<GroundEchoes>& fragments) {
   auto bundle = makeShotsBundle(shots);
   for (std::uint32_t f = 0; f < fragments.size(); ++f)
     addOnlineFragment(bundle, f, fragments[f].echoes);
-  // Blocks smaller than a fragment: a fragment's last block is cut at its last wave.
+  // Blocks of eight waves: in a single block the scan line that ends at the fragment's last
+  // wave would leave every wave unresolved.
   auto grid = (*(*bundle.create())[0.0])("Shots");
   grid->attributes().setAttribute(ScannerAttribute::BlockSize, Vorlap::makeChunk<int>({8}));
   return bundle;
@@ -149,7 +150,6 @@ TEST(Driver, AFixedZoneReplacesTheResolution) {
   Input resolving;
   const std::vector<int> resolved = zonesOfRun(resolving);
   ASSERT_GT(resolved.size(), 20u);
-
   EXPECT_GT(std::count(resolved.begin(), resolved.end(), 2), std::ptrdiff_t(resolved.size() / 2));
 
   Input fixed;
@@ -161,10 +161,9 @@ TEST(Driver, AFixedZoneReplacesTheResolution) {
 
 namespace {
 
-// Five fragments whose first shot holds three online echoes, in fragment 3 `crowd` of them.
-// The echoes are taken as zone 0; the first wave of a fragment goes to the first output
-// (the scan angle jumps from its start value there), the last wave to the second, and the
-// others, as the first output's line runs on, to the first.
+// Five fragments whose first shot holds three online echoes, in fragment 3 `crowd` of them,
+// all taken as zone 0. A fragment's first wave opens a scan line for the first output; only
+// its last wave goes to the second.
 std::string runWithCrowdedShot(std::size_t crowd, Grid first, Grid second,
                                std::vector<std::string>& progress) {
   std::vector<GroundEchoes> fragments;
@@ -209,7 +208,7 @@ TEST(Driver, APointCloudErrorEndsTheRunWithoutAttributes) {
   EXPECT_EQ(progress.size(), 4u);  // fragment 4 was not started
   for (const Grid& g : {first, second}) {
     EXPECT_TRUE(holdsFragment(g, 2));   // what earlier fragments stored stays
-    EXPECT_FALSE(holdsFragment(g, 3));  // the second output gets nothing of fragment 3
+    EXPECT_FALSE(holdsFragment(g, 3));  // the first failed, the second was not written
     EXPECT_FALSE(holdsFragment(g, 4));
     EXPECT_TRUE(g->attributes().getAttribute("InputParameter").isEmpty());
     EXPECT_TRUE(g->attributes().getAttribute("Year").isEmpty());
