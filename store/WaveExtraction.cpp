@@ -9,10 +9,13 @@
 #include <map>
 
 #include "store/FragmentLoading.hpp"
+#include "tessal/Schema.hpp"
 #include "waveform/OnlineEvaluation.hpp"
 #include "waveform/PeakDetection.hpp"
 
 namespace FullWaveform {
+
+namespace schema = Tessal::schema;
 
 namespace {
 
@@ -33,7 +36,7 @@ std::string detectPeaks(FatBoy<unsigned short>& fb, WaveList& out) {
   // An empty fragment has nothing to detect, whatever its declared row length.
   if (a.Waveforms->extent(1) == 0) return "";
   const auto samples = static_cast<std::uint32_t>(a.Waveforms->extent(0));
-  auto id = findFragmentID(*fb.SHOT, "Positions");
+  auto id = findFragmentID(*fb.SHOT, schema::kPositions);
   const std::string fragment = id ? id->getName() : std::string();
   PeakDetectionFamily<unsigned short> detector(
       fb.input->fwfModus, fb.scannerDevice, fb.input->peakDetectionPath,
