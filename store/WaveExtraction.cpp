@@ -33,8 +33,6 @@ std::int32_t noiseLevelArgument(double level) {
 
 std::string detectPeaks(FatBoy<unsigned short>& fb, WaveList& out) {
   const auto& a = fb.FWF->arrays;
-  // An empty fragment has nothing to detect, whatever its declared row length.
-  if (a.Waveforms->extent(1) == 0) return "";
   const auto samples = static_cast<std::uint32_t>(a.Waveforms->extent(0));
   auto id = findFragmentID(*fb.SHOT, schema::kPositions);
   const std::string fragment = id ? id->getName() : std::string();

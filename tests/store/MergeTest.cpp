@@ -135,3 +135,16 @@ TEST(WaveExtraction, TheNoiseLevelIsCutToAWholeThresholdTowardZero) {
   EXPECT_EQ(echoes(-2.9), 0u);
   EXPECT_EQ(echoes(0.0), 0u);
 }
+
+// The detector is built for every fragment with waveform data, rows or none, so that a
+// setting it refuses ends the run at the first such fragment.
+TEST(WaveExtraction, AnEmptyFragmentStillMeetsTheDetectorsRefusal) {
+  auto bundle = makeShotsBundle({{{1, 2, 3}}});
+  addWaveformFragment(bundle, 0, {{}, 16});
+  Input in;
+  in.skipFWF = false;
+  in.fwfModus = static_cast<FWFModus>(7);
+  FatBoy<unsigned short> fb(bundle, in);
+  ASSERT_TRUE(fb() && fb.ini(0));
+  EXPECT_NE(iniWavePoints(fb).find("PeakDetection: unknown mode 7"), std::string::npos);
+}
