@@ -67,8 +67,9 @@ TEST(CoordinateSystem, RefusesWhatIsNotASystemInMetres) {
   EXPECT_NE(errorOf("EPSG:4326").find("degree"), std::string::npos) << errorOf("EPSG:4326");
   EXPECT_NE(errorOf("EPSG:2227").find("foot"), std::string::npos) << errorOf("EPSG:2227");
   EXPECT_NE(errorOf("EPSG:25832+6360").find("foot"), std::string::npos);  // heights in feet
-  EXPECT_NE(errorOf("EPSG:7019").find("not a coordinate reference system"), std::string::npos)
-      << errorOf("EPSG:7019");  // an ellipsoid
+  // A map projection on its own is an operation, not a system.
+  EXPECT_NE(errorOf("+proj=merc").find("not a coordinate reference system"), std::string::npos)
+      << errorOf("+proj=merc");
 }
 
 TEST(CoordinateSystem, GeoTiffKeysGiveTheirEpscCodes) {
