@@ -1,6 +1,8 @@
 // Loads a run result (.kq) and writes it as LAS 1.4 (see docs/las-export.md).
 #include "app/ExportCommand.hpp"
 
+#include <malloc.h>
+
 #include <cstdio>
 #include <filesystem>
 #include <memory>
@@ -23,6 +25,10 @@ void addExportCommand(CLI::App& app) {
               "Point format 9 with the exported waveforms (format 6 without)");
   c->add_option("--crs", options->crs, std::string(kCrsOptionHelp) + " (default: the result's)");
   c->callback([input, output, options] {
+    // Each fragment allocates and frees the same buffers: keeping freed memory in the process
+    // spares the page faults of fresh mappings (half of an export's time without it).
+    mallopt(M_MMAP_THRESHOLD, 1 << 30);
+    mallopt(M_TRIM_THRESHOLD, 1 << 30);
     const auto summary = exportLas(loadKqFile(*input), *input, *output, *options);
     std::printf("%s: %llu points, point format %d, %s, coordinate system %s\n", output->c_str(),
                 static_cast<unsigned long long>(summary.points), summary.pointFormat,

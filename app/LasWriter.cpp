@@ -89,7 +89,7 @@ struct PointArrays {
   Vorlap::StrongPtr<Tessal::MemArray<1, unsigned char>> mta, channel, cls, ret, nret;
   Vorlap::StrongPtr<Tessal::MemArray<1, float>> amplitude, damping, reflectance;
   Vorlap::StrongPtr<Tessal::MemArray<1, vector>> delta;  // beam step per sample, scanner frame
-  std::vector<std::int16_t> scanAngle;                   // LAS units, from ScanAngles
+  const std::vector<std::int16_t>* scanAngle = nullptr;  // LAS units, from ScanAngles
   // Only for format 9.
   Vorlap::StrongPtr<Tessal::MemArray<1, int>> waveId;
   Vorlap::StrongPtr<Tessal::MemArray<1, float>> wavePosition;
@@ -353,7 +353,7 @@ void LasFile::writePoint(const PointArrays& a, std::size_t k, las::Bytes& b) {
   las::put(b, static_cast<std::uint8_t>(channel << 4));
   las::put(b, a.cls->get(k));
   las::put<std::uint8_t>(b, 0);  // user data
-  las::put(b, a.scanAngle[k]);
+  las::put(b, (*a.scanAngle)[k]);
   las::put<std::uint16_t>(b, 0);  // point source id
   las::put(b, a.time->get(k) + timeShift_);
   if (waveforms_) putWavePacket(a, k, b);
@@ -371,7 +371,7 @@ void LasFile::writePoints() {
     FragmentReader r(grid_, f);
     PointArrays a;
     a.read(r, waveforms_, grid_);
-    a.scanAngle = scanAngles_.fragment(
+    a.scanAngle = &scanAngles_.fragment(
         {r.size(), a.positions.get(), a.time.get(), a.range.get(), a.delta.get()});
     lastWave_ = -1;
     las::Bytes b;

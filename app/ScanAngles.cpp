@@ -37,7 +37,7 @@ bool finite(const point& p) {
 // The horizontal direction from `from` to `to`; NaN when they lie too close.
 vector heading(const point& from, const point& to) {
   const double dx = to.x - from.x, dy = to.y - from.y;
-  if (!(std::hypot(dx, dy) >= kMinMetres)) return {kNaN, kNaN, kNaN};
+  if (!(dx * dx + dy * dy >= kMinMetres * kMinMetres)) return {kNaN, kNaN, kNaN};
   return unit({dx, dy, 0.0});
 }
 
@@ -50,61 +50,66 @@ std::int16_t lasUnits(const vector& beam, const vector& flight) {
       std::clamp(std::lround(degrees * kUnitsPerDegree), -kMaxUnits, kMaxUnits));
 }
 
+constexpr std::int16_t kNotYet = std::numeric_limits<std::int16_t>::min();
+
 }  // namespace
 
-std::vector<std::int16_t> ScanAngles::fragment(const Beams& b) {
-  std::vector<point> origins(b.size);
-  for (std::size_t k = 0; k < b.size; ++k) {
-    const vector u = unit(rotateToMap(toMap_, b.steps->get(k)));
-    const point p = b.positions->get(k);
-    const double r = b.ranges->get(k);
-    origins[k] = {p.x - r * u.x, p.y - r * u.y, p.z - r * u.z};
-  }
-  const std::vector<vector> flight = flightDirections(b, origins);
-  std::vector<std::int16_t> angles(b.size);
+const std::vector<std::int16_t>& ScanAngles::fragment(const Beams& b) {
+  findOrigins(b);
+  orderByTime(b);
+  angles_.assign(b.size, kNotYet);
+  anglesAlongTheTrajectory(b);
+  // Points without a time or an origin take the last direction of the fragment.
+  const vector flight = lastFlight_.value_or(fallbackDirection());
   for (std::size_t k = 0; k < b.size; ++k)
-    angles[k] = lasUnits(unit(rotateToMap(toMap_, b.steps->get(k))), flight[k]);
-  return angles;
+    if (angles_[k] == kNotYet) angles_[k] = lasUnits(beam(b, k), flight);
+  return angles_;
 }
 
-// Per point, the direction between the origins of the earliest and latest point within the
-// window around it (not across a pause); points without one take the last direction found.
-std::vector<vector> ScanAngles::flightDirections(const Beams& b,
-                                                 const std::vector<point>& origins) {
-  std::vector<std::uint32_t> order;
-  order.reserve(b.size);
+ScanAngles::vector ScanAngles::beam(const Beams& b, std::size_t k) const {
+  return unit(rotateToMap(toMap_, b.steps->get(k)));
+}
+
+void ScanAngles::findOrigins(const Beams& b) {
+  origins_.resize(b.size);
+  for (std::size_t k = 0; k < b.size; ++k) {
+    const vector u = beam(b, k);
+    const point p = b.positions->get(k);
+    const double r = b.ranges->get(k);
+    origins_[k] = {p.x - r * u.x, p.y - r * u.y, p.z - r * u.z};
+  }
+}
+
+void ScanAngles::orderByTime(const Beams& b) {
+  order_.clear();
   for (std::size_t k = 0; k < b.size; ++k)
-    if (std::isfinite(b.times->get(k)) && finite(origins[k]))
-      order.push_back(static_cast<std::uint32_t>(k));
-  auto time = [&](std::size_t i) { return b.times->get(order[i]); };
+    if (std::isfinite(b.times->get(k)) && finite(origins_[k]))
+      order_.push_back(static_cast<std::uint32_t>(k));
   auto earlier = [&](std::uint32_t a, std::uint32_t c) {
     return b.times->get(a) < b.times->get(c);
   };
-  if (!std::is_sorted(order.begin(), order.end(), earlier))
-    std::stable_sort(order.begin(), order.end(), earlier);
+  if (!std::is_sorted(order_.begin(), order_.end(), earlier))
+    std::stable_sort(order_.begin(), order_.end(), earlier);
+}
 
-  std::vector<vector> flight(b.size, {kNaN, kNaN, kNaN});
+// Per point, the direction between the origins of the earliest and latest point within the
+// window around it (not across a pause); where the aircraft barely moved, the last one found.
+void ScanAngles::anglesAlongTheTrajectory(const Beams& b) {
+  auto time = [&](std::size_t i) { return b.times->get(order_[i]); };
+  vector current = lastFlight_.value_or(fallbackDirection());
   std::size_t lo = 0, hi = 0;
-  for (std::size_t i = 0; i < order.size(); ++i) {
+  for (std::size_t i = 0; i < order_.size(); ++i) {
     if (i > 0 && time(i) - time(i - 1) > kGapSeconds) lo = i;
     while (time(lo) < time(i) - kWindowSeconds) ++lo;
     hi = std::max(hi, i);
-    while (hi + 1 < order.size() && time(hi + 1) <= time(i) + kWindowSeconds &&
+    while (hi + 1 < order_.size() && time(hi + 1) <= time(i) + kWindowSeconds &&
            time(hi + 1) - time(hi) <= kGapSeconds)
       ++hi;
-    flight[order[i]] = heading(origins[order[lo]], origins[order[hi]]);
+    const vector flight = heading(origins_[order_[lo]], origins_[order_[hi]]);
+    if (std::isfinite(flight.x)) current = flight;
+    angles_[order_[i]] = lasUnits(beam(b, order_[i]), current);
   }
-  vector current = lastFlight_.value_or(fallbackDirection());
-  for (std::uint32_t k : order) {
-    if (std::isfinite(flight[k].x))
-      current = flight[k];
-    else
-      flight[k] = current;
-  }
-  for (auto& f : flight)
-    if (!std::isfinite(f.x)) f = current;
-  if (!order.empty()) lastFlight_ = current;
-  return flight;
+  if (!order_.empty()) lastFlight_ = current;
 }
 
 // Without any movement (a scanner standing still) the scanner frame's y axis, along which the

@@ -30,16 +30,24 @@ class ScanAngles {
 
   explicit ScanAngles(const Transform& scannerToMap) : toMap_(scannerToMap) {}
 
-  // The angles of one fragment's points, in their order; fragments are given in time order
-  // (a fragment too short to show the flight direction takes the one before it).
-  std::vector<std::int16_t> fragment(const Beams& beams);
+  // The angles of one fragment's points, in their order, valid until the next call; fragments
+  // are given in time order (a fragment too short to show the flight direction takes the one
+  // before it).
+  const std::vector<std::int16_t>& fragment(const Beams& beams);
 
  private:
-  std::vector<vector> flightDirections(const Beams& beams, const std::vector<point>& origins);
+  vector beam(const Beams& b, std::size_t k) const;  // unit, map frame
+  void findOrigins(const Beams& b);
+  void orderByTime(const Beams& b);
+  void anglesAlongTheTrajectory(const Beams& b);
   vector fallbackDirection() const;
 
   Transform toMap_;
   std::optional<vector> lastFlight_;
+  // Per fragment, kept to spare the allocations.
+  std::vector<point> origins_;
+  std::vector<std::uint32_t> order_;  // points with a time and an origin, by time
+  std::vector<std::int16_t> angles_;
 };
 
 }  // namespace quillo::cli
