@@ -5,8 +5,10 @@
 #include <memory>
 #include <mutex>
 #include <regex>
+#include <system_error>
 #include <thread>
 
+#include "app/CaughtError.hpp"
 #include "app/CliError.hpp"
 #include "app/FragmentProbe.hpp"
 #include "app/Json.hpp"
@@ -47,44 +49,48 @@ void printHistograms(const std::string& input, const RunSettings& settings) {
   }
 }
 
-void writeReport(const std::string& path, const std::vector<RunSummary>& runs,
-                 const RunSettings& settings) {
-  JsonWriter j;
-  j.beginObject().key("parameters").value(settings.input.speak()).key("runs").beginArray();
-  for (const auto& r : runs) {
-    j.beginObject().key("input").value(r.input).key("result").value(r.result);
-    j.key("seconds_per_stage").beginObject();
-    for (const auto& [stage, seconds] : r.secondsPerStage) j.key(stage).value(seconds);
-    j.endObject().key("outputs").beginArray();
-    for (const auto& o : r.outputs) {
-      j.beginObject().key("path").value(o.path).key("points").value(o.points);
-      j.key("noise_points").value(o.noisePoints).key("points_per_zone").beginObject();
-      for (const auto& [zone, n] : o.pointsPerZone) j.key(std::to_string(zone)).value(n);
-      j.endObject().key("verification").value(o.verification).endObject();
-    }
-    j.endArray().endObject();
-  }
-  j.endArray().endObject();
-  writeFileAtomically(path, j.text() + "\n");
+Json outputAsJson(const OutputSummary& o) {
+  Json zones = Json::object();
+  for (const auto& [zone, n] : o.pointsPerZone) zones[std::to_string(zone)] = n;
+  return {{"path", o.path},
+          {"points", o.points},
+          {"noise_points", o.noisePoints},
+          {"points_per_zone", zones},
+          {"verification", o.verification}};
 }
 
-// Runs every input, `jobs` at a time, each on one thread; stops starting new runs after a
-// failure to prepare one (a bad input is reported once, not after the others finished).
+void writeReport(const std::string& path, const std::vector<RunSummary>& runs,
+                 const RunSettings& settings) {
+  Json list = Json::array();
+  for (const auto& r : runs) {
+    Json outputs = Json::array();
+    for (const auto& o : r.outputs) outputs.push_back(outputAsJson(o));
+    list.push_back({{"input", r.input},
+                    {"result", r.result},
+                    {"seconds_per_stage", r.secondsPerStage},
+                    {"outputs", outputs}});
+  }
+  writeFileAtomically(path, jsonText({{"parameters", settings.input.speak()}, {"runs", list}}));
+}
+
+// Runs every input, `jobs` at a time, each on one thread; when any failed, the first failure
+// in input order is thrown once all have ended.
 std::vector<RunSummary> runAll(const RunCommandOptions& o, const RunSettings& settings) {
   std::vector<RunSummary> summaries(o.inputs.size());
   std::vector<std::unique_ptr<CliError>> errors(o.inputs.size());
   std::atomic<std::size_t> next{0};
   auto worker = [&] {
-    for (std::size_t i; (i = next++) < o.inputs.size();) {
-      try {
-        summaries[i] = runOne(o.inputs[i], settings);
-      } catch (const CliError& e) {
-        errors[i] = std::make_unique<CliError>(e);
-      }
-    }
+    for (std::size_t i; (i = next++) < o.inputs.size();)
+      errors[i] = caughtError(o.inputs[i], [&] { summaries[i] = runOne(o.inputs[i], settings); });
   };
   std::vector<std::thread> threads;
-  for (unsigned t = 1; t < std::max(1u, o.jobs); ++t) threads.emplace_back(worker);
+  for (unsigned t = 1; t < std::max(1u, o.jobs); ++t) {
+    try {
+      threads.emplace_back(worker);
+    } catch (const std::system_error&) {
+      break;  // the threads started, and this one, share the inputs
+    }
+  }
   worker();
   for (auto& t : threads) t.join();
   for (auto& e : errors)

@@ -10,12 +10,14 @@
 #include <regex>
 
 #include "app/CliError.hpp"
+#include "app/CrsOption.hpp"
 #include "app/Json.hpp"
 #include "app/Progress.hpp"
 #include "app/RunJob.hpp"
 #include "sim/HeightGrid.hpp"
 #include "sim/Scoring.hpp"
 #include "sim/SurveyBundle.hpp"
+#include "sim/TerrainCrs.hpp"
 
 namespace quillo::cli {
 
@@ -24,7 +26,7 @@ namespace fs = std::filesystem;
 namespace {
 
 struct SimulateOptions {
-  std::string preset = "tiny", out, scanner = "line-wise", date = "210315_093000", terrain;
+  std::string preset = "tiny", out, scanner = "line-wise", date = "210315_093000", terrain, crs;
   std::uint64_t seed = 1, shots = 0;
   std::uint32_t fragmentShots = 0, lines = 0;
   double prr = 0.0, altitude = 0.0, lineSpacing = 0.0;
@@ -54,6 +56,18 @@ void applyFlight(const SimulateOptions& o, sim::SurveyConfig& c) {
   }
 }
 
+// --crs, else the terrain's own, else the procedural scene's local system.
+std::string sceneCoordinateSystem(const SimulateOptions& o) {
+  if (!o.crs.empty()) return coordinateSystemOption(o.crs).wkt;
+  if (o.terrain.empty()) return proceduralSceneCoordinateSystem();
+  try {
+    const auto crs = sim::readLasCoordinateSystem(o.terrain);
+    return crs ? crs->wkt : "";
+  } catch (const std::runtime_error& e) {
+    throw CliError(kInput, std::string(e.what()) + "; give the system with --crs");
+  }
+}
+
 sim::SurveyConfig configFrom(const SimulateOptions& o) {
   sim::SurveyConfig c;
   if (!sim::presetConfig(o.preset, c)) throw CliError(kUsage, "--preset: tiny, demo or large");
@@ -69,11 +83,16 @@ sim::SurveyConfig configFrom(const SimulateOptions& o) {
   if (!std::regex_match(o.date, std::regex("[0-9]{6}_[0-9]{6}")))
     throw CliError(kUsage, "--date: expected YYMMDD_HHMMSS");
   c.date = o.date;
+  c.coordinateSystem = sceneCoordinateSystem(o);
   applyFlight(o, c);
   return c;
 }
 
 }  // namespace
+
+std::string proceduralSceneCoordinateSystem() {
+  return geo::localCoordinateSystem("quillo simulated scene").wkt;
+}
 
 void simulateSurvey(const sim::SurveyConfig& config, const std::string& out, bool quiet) {
   std::error_code ec;
@@ -109,6 +128,9 @@ void addFlightOptions(CLI::App* c, SimulateOptions& o) {
   c->add_option("--terrain", o.terrain, "LAS 1.0-1.4 file whose points become the scene")
       ->check(CLI::ExistingFile);
   c->add_option("--rdb-segment", o.rdbSegment, "Write the \"RDB_Segment\" attribute (0 or 1)");
+  c->add_option("--crs", o.crs,
+                std::string(kCrsOptionHelp) +
+                    " (default: the terrain's, or a local system for the built-in scene)");
 }
 
 }  // namespace
@@ -144,6 +166,27 @@ void addSimulateCommand(CLI::App& app) {
   });
 }
 
+namespace {
+
+std::string scoreAsJson(const sim::ZoneScoreReport& r) {
+  return jsonText({{"points", r.points},
+                   {"correct", r.correct},
+                   {"zone_accuracy", r.zoneAccuracy()},
+                   {"no_zone", r.noZone},
+                   {"unmatched", r.unmatched},
+                   {"true_echoes", r.trueEchoes},
+                   {"wrong_zone", r.wrongZone},
+                   {"real_echoes", r.realEchoes},
+                   {"real_echoes_reached", r.realEchoesReached},
+                   {"reached_share", r.reachedShare()},
+                   {"real_marked_noise", r.realMarkedNoise},
+                   {"range_error_median", r.rangeErrorMedian},
+                   {"range_error_p95", r.rangeErrorP95},
+                   {"confusion", r.confusion}});
+}
+
+}  // namespace
+
 void addScoreCommand(CLI::App& app) {
   auto outputs = std::make_shared<std::vector<std::string>>();
   auto truth = std::make_shared<std::string>();
@@ -160,7 +203,7 @@ void addScoreCommand(CLI::App& app) {
       throw CliError(kInput, e.what());
     }
     std::fputs(sim::reportAsText(r).c_str(), stdout);
-    if (!json->empty()) writeFileAtomically(*json, sim::reportAsJson(r));
+    if (!json->empty()) writeFileAtomically(*json, scoreAsJson(r));
   });
 }
 

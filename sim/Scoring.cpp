@@ -193,26 +193,4 @@ std::string reportAsText(const ZoneScoreReport& r) {
   return s;
 }
 
-std::string reportAsJson(const ZoneScoreReport& r) {
-  std::string s =
-      "{\"points\":" + std::to_string(r.points) + ",\"correct\":" + std::to_string(r.correct) +
-      ",\"zone_accuracy\":" + std::to_string(r.zoneAccuracy()) +
-      ",\"no_zone\":" + std::to_string(r.noZone) + ",\"unmatched\":" + std::to_string(r.unmatched) +
-      ",\"true_echoes\":" + std::to_string(r.trueEchoes) +
-      ",\"wrong_zone\":" + std::to_string(r.wrongZone) +
-      ",\"real_echoes\":" + std::to_string(r.realEchoes) +
-      ",\"real_echoes_reached\":" + std::to_string(r.realEchoesReached) +
-      ",\"reached_share\":" + std::to_string(r.reachedShare()) +
-      ",\"real_marked_noise\":" + std::to_string(r.realMarkedNoise) +
-      ",\"range_error_median\":" + std::to_string(r.rangeErrorMedian) +
-      ",\"range_error_p95\":" + std::to_string(r.rangeErrorP95) + ",\"confusion\":[";
-  for (int t = 0; t < 10; ++t) {
-    s += t ? ",[" : "[";
-    for (int a = 0; a < 10; ++a)
-      s += (a ? "," : "") + std::to_string(r.confusion[std::size_t(t)][std::size_t(a)]);
-    s += "]";
-  }
-  return s + "]}\n";
-}
-
 }  // namespace quillo::sim

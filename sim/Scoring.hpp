@@ -33,6 +33,5 @@ struct ZoneScoreReport {
 ZoneScoreReport scoreOutputs(const std::vector<std::string>& outputs, const std::string& truthFile);
 
 std::string reportAsText(const ZoneScoreReport& r);
-std::string reportAsJson(const ZoneScoreReport& r);
 
 }  // namespace quillo::sim

@@ -44,6 +44,7 @@ struct SurveyConfig {
   double turnSeconds = 60.0;                                  // GPS time between two lines
   std::int32_t rdbSegment = -1;  // the "Shots" attribute "RDB_Segment"; -1: not written
   std::shared_ptr<const HeightGrid> terrain;  // null: the procedural scene
+  std::string coordinateSystem;  // OGC WKT of the scene's coordinates; empty: none written
 };
 
 // Presets: "tiny" (tests), "demo", "large". False for an unknown name.
