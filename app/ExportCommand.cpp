@@ -37,6 +37,12 @@ void addExportCommand(CLI::App& app) {
     if (summary.intensityScale != 1.0)
       std::printf("%s: amplitudes exceed 65535 counts: intensity = amplitude x %.6g\n",
                   output->c_str(), summary.intensityScale);
+    if (summary.leftOut)
+      std::fprintf(stderr,
+                   "quillo: warning: %s: %llu point(s) left out: their position is not finite "
+                   "(a shot without a usable direction or origin, or an echo time that is not a "
+                   "number)\n",
+                   output->c_str(), static_cast<unsigned long long>(summary.leftOut));
   });
 }
 

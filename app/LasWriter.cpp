@@ -70,6 +70,10 @@ Vorlap::StrongPtr<Tessal::MemBase> FragmentReader::raw(
 
 namespace {
 
+bool hasFinitePosition(const point& p) {
+  return std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z);
+}
+
 constexpr double kScale = 0.001;
 
 const las::ExtraBytesField kExtraFields[] = {
@@ -161,6 +165,7 @@ class LasFile {
   std::int64_t lastWave_ = -1;
   std::uint64_t lastOffset_ = 0;
   std::int32_t qMin_[3], qMax_[3];
+  std::uint64_t notFinite_ = 0;  // points left out: their position is not finite
 };
 
 LasFile::LasFile(const ResultGrid& grid, const std::string& resultName, const std::string& outPath,
@@ -207,16 +212,17 @@ void LasFile::scanBounds() {
     auto p = r.positions();
     for (std::size_t k = 0; k < p->size(); ++k) {
       const point q = p->get(k);
+      if (!hasFinitePosition(q)) {
+        ++notFinite_;
+        continue;
+      }
       const double c[3] = {q.x, q.y, q.z};
       for (int a = 0; a < 3; ++a) {
-        if (!std::isfinite(c[a]))
-          throw CliError(kInput, resultName_ + ": fragment \"" + r.name() + "\" point " +
-                                     std::to_string(k) + " has a position that is not finite");
         rawMin_[a] = std::min(rawMin_[a], c[a]);
         rawMax_[a] = std::max(rawMax_[a], c[a]);
       }
+      ++h_.pointCount;
     }
-    h_.pointCount += p->size();
     scanAmplitudes(r);
     if (waveforms_) {
       auto creator = grid_.field("Waveforms")
@@ -336,6 +342,7 @@ void LasFile::putWavePacket(const PointArrays& a, std::size_t k, las::Bytes& b) 
 
 void LasFile::writePoint(const PointArrays& a, std::size_t k, las::Bytes& b) {
   const point p = a.positions->get(k);
+  if (!hasFinitePosition(p)) return;  // counted by scanBounds; LAS cannot hold them
   const double c[3] = {p.x, p.y, p.z};
   for (int i = 0; i < 3; ++i) {
     const auto q = static_cast<std::int32_t>(std::llround((c[i] - h_.offset[i]) / kScale));
@@ -432,8 +439,12 @@ LasExportSummary LasFile::write() {
   std::error_code ec;
   fs::rename(tmpPath_, outPath_, ec);
   if (ec) fail("cannot move the finished file into place: " + ec.message());
-  return {h_.pointCount, h_.pointFormat, (h_.globalEncoding & las::kAdjustedGpsTime) != 0,
-          crs_ ? crs_->label() : "", intensity_.factor()};
+  return {h_.pointCount,
+          h_.pointFormat,
+          (h_.globalEncoding & las::kAdjustedGpsTime) != 0,
+          crs_ ? crs_->label() : "",
+          intensity_.factor(),
+          notFinite_};
 }
 
 }  // namespace

@@ -89,6 +89,7 @@ struct LasExportSummary {
   bool adjustedGpsTime = false;
   std::string crs;              // label of the coordinate system written; empty: none
   double intensityScale = 1.0;  // intensity per count of amplitude
+  std::uint64_t leftOut = 0;    // points without a finite position (no LAS record can hold them)
 };
 
 // Writes `outPath` (through a temporary file renamed into place when complete). Throws

@@ -37,6 +37,12 @@ void printSummary(const RunSummary& s) {
                 static_cast<unsigned long long>(out.points),
                 static_cast<unsigned long long>(out.noisePoints), out.path.c_str(),
                 out.verification.empty() ? "verified" : out.verification.c_str());
+    if (out.pointsWithoutPosition)
+      std::fprintf(stderr,
+                   "quillo: warning: %s: %llu point(s) have no finite position (their shot's "
+                   "direction or origin is unusable, or their echo time is not a number); "
+                   "export leaves them out\n",
+                   out.path.c_str(), static_cast<unsigned long long>(out.pointsWithoutPosition));
   }
 }
 
@@ -55,6 +61,7 @@ Json outputAsJson(const OutputSummary& o) {
   return {{"path", o.path},
           {"points", o.points},
           {"noise_points", o.noisePoints},
+          {"points_without_position", o.pointsWithoutPosition},
           {"points_per_zone", zones},
           {"verification", o.verification}};
 }

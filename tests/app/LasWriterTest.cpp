@@ -205,6 +205,28 @@ TEST_F(Export, Format9CarriesWavePackets) {
   EXPECT_EQ(exportAndRead(dir.file("result.kq")).pointFormat, 6);
 }
 
+// A point the module kept without a usable position (a shot pointing nowhere) has no LAS
+// record: it is left out and counted, and the rest of the file is as without it.
+TEST_F(Export, LeavesOutPointsWithoutAFinitePositionAndSaysSo) {
+  ResultRecipe recipe = twoFragments();
+  ResultPoint lost = recipe.fragments[1][0];
+  lost.x = std::numeric_limits<double>::quiet_NaN();
+  recipe.fragments[1].push_back(lost);
+  lost.x = 1000.5;
+  lost.z = std::numeric_limits<double>::infinity();
+  recipe.fragments[0].insert(recipe.fragments[0].begin(), lost);
+  const std::string out = dir.file("out.las");
+  const auto r = runQuillo("export " + save(recipe) + " " + out);
+  EXPECT_EQ(r.exitCode, 0) << r.output;
+  EXPECT_NE(r.output.find("2 point(s) left out: their position is not finite"), std::string::npos)
+      << r.output;
+  const LasFile f = readLas(out);
+  EXPECT_EQ(f.pointCount, 5u);
+  ASSERT_EQ(f.points.size(), 5u);
+  EXPECT_NEAR(f.points[0].x, 1000.123, 1e-9);
+  EXPECT_NEAR(f.max[2], 51.5, 1e-9);
+}
+
 TEST_F(Export, RefusesBadInputsAndLeavesNoFile) {
   const std::string out = dir.file("out.las");
   const std::string good = save(twoFragments());
