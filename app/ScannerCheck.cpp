@@ -157,6 +157,18 @@ void checkReflectanceTable(AttributeCheck& a, const Tessal::Grid& shots) {
     a.ranged(A::ReflectanceTableStep, 1e-6, 1e3, "m", "0.1373470495519926 m");
 }
 
+// The run reads the segment as a signed integer only; stored otherwise it is passed over.
+void checkSegment(AttributeCheck& a, const Tessal::Grid& shots) {
+  constexpr const char* kSegment = "RDB_Segment";
+  if (!a.present(kSegment)) return;
+  auto segment = shots.attributes().getAttributeAs<int>(kSegment);
+  if (!segment || segment->size() == 0)
+    a.error(kSegment, "is not a signed integer: the run would ignore it",
+            "store it as a signed integer (0 or 1)");
+  else if ((*segment)[0] < -1 || (*segment)[0] > 1)
+    a.error(kSegment, "is " + std::to_string((*segment)[0]), "give the data segment, 0 or 1");
+}
+
 void noteZones(const ShotFigures& figures, double rate, double lightSpeed, CheckReport& report) {
   if (!figures.any || rate <= 0.0) return;
   const double zoneLength = lightSpeed * 0.5 / rate;  // one-way range of one zone, m
@@ -196,6 +208,7 @@ void checkScanner(const InputGrids& grids, const ShotFigures& figures, CheckRepo
   checkBlockSize(a);
   checkScanPattern(a, *grids.shots);
   checkReflectanceTable(a, *grids.shots);
+  checkSegment(a, *grids.shots);
   noteZones(figures, rate, lightSpeed, report);
 }
 
