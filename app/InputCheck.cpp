@@ -37,20 +37,23 @@ std::size_t CheckReport::count(Severity s) const {
 
 CheckReport checkInput(const std::string& path, bool readSamples) {
   Tessal::BundlePtr bundle;
-  std::string loadMessage;
+  std::string loadMessage, loadError;
   {
     Vorlap::ConsoleCapture capture;  // the loader says what is wrong inside the file
     try {
       bundle = loadKqFile(path);
     } catch (const CliError& e) {
+      loadError = e.what();
       loadMessage = capture.messages().empty() ? e.what() : capture.joined();
     }
   }
   if (!loadMessage.empty()) {
     while (!loadMessage.empty() && loadMessage.back() == '\n') loadMessage.pop_back();
+    if (loadMessage.rfind(path + ": ", 0) == 0) loadMessage.erase(0, path.size() + 2);
     CheckReport report;
     report.input = path;
-    report.add(Severity::Error, path, loadMessage, "see docs/kq-format.md for the layout");
+    report.loadError = loadError;
+    report.add(Severity::Error, "", loadMessage, "see docs/kq-format.md for the layout");
     return report;
   }
   return checkBundle(bundle, path, readSamples);
@@ -80,7 +83,8 @@ std::string findingsAsText(const CheckReport& report, std::initializer_list<Seve
   for (Severity s : kinds)
     for (const auto& f : report.findings) {
       if (f.severity != s) continue;
-      text += report.input + ": " + severityName(s) + ": " + f.where + " " + f.what + "\n";
+      text += report.input + ": " + severityName(s) + ": " + f.where +
+              (f.where.empty() ? "" : " ") + f.what + "\n";
       if (!f.fix.empty()) text += "    fix: " + f.fix + "\n";
     }
   return text;

@@ -19,7 +19,7 @@ const char* severityName(Severity s);
 
 struct Finding {
   Severity severity;
-  std::string where;  // grid, field, fragment or attribute
+  std::string where;  // grid, field, fragment or attribute; empty for the whole file
   std::string what;
   std::string fix;  // empty when there is nothing to fix
 };
@@ -29,6 +29,7 @@ struct CheckReport {
   std::vector<Finding> findings;
   std::uint32_t fragments = 0;
   std::uint64_t shots = 0, waveformRows = 0, onlineRecords = 0;
+  std::string loadError;  // why the file could not be loaded; empty when it was
 
   void add(Severity s, std::string where, std::string what, std::string fix = {});
   std::size_t count(Severity s) const;

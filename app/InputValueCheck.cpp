@@ -18,6 +18,8 @@ using Gemwold::PhysicalSpace::vector;
 namespace {
 
 constexpr double kUnitTolerance = 1e-3;
+// Every so many shots' spacing goes into the median that the pulse rate is compared with.
+constexpr std::size_t kStepSampling = 16;
 
 class Tally {
  public:
@@ -118,7 +120,7 @@ void ValueCheck::shots(std::uint32_t f) {
     if (!(t > lastShotTime_))
       tally_.note(where, "is not strictly increasing (within and across fragments)",
                   "sort the shots by time; drop repeated shots", f, i);
-    else if (lastShotTime_ > -INFINITY && !shotTimes_.empty())
+    else if (!shotTimes_.empty() && shotTimes_.size() % kStepSampling == 0)
       figures_.shotSteps.push_back(t - lastShotTime_);
     lastShotTime_ = std::max(lastShotTime_, t);
     shotTimes_.push_back(t);

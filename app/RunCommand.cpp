@@ -109,6 +109,12 @@ void checkInputs(const RunCommandOptions& o) {
   std::size_t unusable = 0;
   for (const auto& input : o.inputs) {
     const CheckReport report = checkInput(input, false);
+    if (!report.loadError.empty()) {
+      // The loader's own words (they name the object), then the error every command gives.
+      if (report.loadError != input + ": " + report.findings[0].what)
+        std::fprintf(stderr, "%s: %s\n", input.c_str(), report.findings[0].what.c_str());
+      throw CliError(kInput, report.loadError);
+    }
     if (!report.runnable()) {
       ++unusable;
       std::fputs(findingsAsText(report, {Severity::Error}).c_str(), stderr);

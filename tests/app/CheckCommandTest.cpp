@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <functional>
 #include <nlohmann/json.hpp>
+#include <set>
 
 #include "support/Command.hpp"
 #include "support/TempDir.hpp"
@@ -33,8 +34,8 @@ class CheckCommand : public ::testing::Test {
   static void SetUpTestSuite() {
     dir = new TempDir();
     original = dir->file("original_210315_093000.kq");
-    const auto r = runQuillo("simulate --preset tiny --shots 3000 --fragment-shots 1000 --quiet " +
-                             original);
+    const auto r =
+        runQuillo("simulate --preset tiny --shots 3000 --fragment-shots 1000 --quiet " + original);
     ASSERT_EQ(r.exitCode, 0) << r.output;
   }
   static void TearDownTestSuite() { delete dir; }
@@ -168,12 +169,12 @@ INSTANTIATE_TEST_SUITE_P(Walls, CheckRefuses, ::testing::Values(
 // clang-format on
 
 TEST_F(CheckCommand, SimulatedSurveysPass) {
-  for (const std::string options :
-       {"", "--scanner radial", "--rdb-segment 0", "--rdb-segment 1", "--lines 2",
-        "--prr 2000000 --altitude 900"}) {
+  for (const std::string options : {"", "--scanner radial", "--rdb-segment 0", "--rdb-segment 1",
+                                    "--lines 2", "--prr 2000000 --altitude 900"}) {
     const std::string file = local.file("sim_210315_093000.kq");
-    const auto sim = runQuillo("simulate --preset tiny --shots 4000 --fragment-shots 2000 --quiet " +
-                               options + " " + file);
+    const auto sim =
+        runQuillo("simulate --preset tiny --shots 4000 --fragment-shots 2000 --quiet " + options +
+                  " " + file);
     ASSERT_EQ(sim.exitCode, 0) << options << "\n" << sim.output;
     const auto check = runQuillo("check " + file);
     EXPECT_EQ(check.exitCode, 0) << options << "\n" << check.output;
@@ -216,7 +217,9 @@ TEST_F(CheckCommand, JsonListsEveryFindingWithItsFix) {
   std::set<std::string> kinds;
   for (const auto& f : json["findings"]) {
     kinds.insert(f["severity"].get<std::string>() + " " + f["where"].get<std::string>());
-    if (f["severity"] == "error") EXPECT_FALSE(f["fix"].get<std::string>().empty());
+    if (f["severity"] == "error") {
+      EXPECT_FALSE(f["fix"].get<std::string>().empty());
+    }
   }
   EXPECT_TRUE(kinds.count("error field \"Channel\" of grid \"Waveforms\"")) << r.output;
   EXPECT_TRUE(kinds.count("default attribute \"LightSpeed\" of grid \"Shots\"")) << r.output;
