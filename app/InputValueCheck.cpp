@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cmath>
 #include <map>
+#include <set>
 
 #include "app/InputCheckSteps.hpp"
 
@@ -193,20 +194,26 @@ void ValueCheck::samples(std::uint32_t f, const Tessal::MemArray<1, std::uint16_
                   ? fetch<Tessal::MemArray<2, std::uint16_t>>(grids_.waveforms, "Waveforms", f)
                   : nullptr;
   if (saturation && !rows) return unreadable(kWaveforms, "Waveforms", f);
+  // A saturated high-gain row loses nothing when a row of another channel has its echo.
+  auto rowTimes = fetch<Doubles>(grids_.waveforms, "GPSTime", f);
+  if (!rowTimes) return unreadable(kWaveforms, "GPSTime", f);
+  std::set<double> lowGainTimes;
+  for (std::size_t r = 0; saturation && r < channels->size(); ++r)
+    if (channels->get(r) != 0) lowGainTimes.insert(rowTimes->get(r));
   for (std::size_t r = 0; r < lengths.size(); ++r) {
     if (lengths.get(r) > perRow)
       tally_.note(
           fieldPlace(kWaveforms, "FWFLength"),
           "says a row holds more samples than the rows have (" + std::to_string(perRow) + ")",
           "give the number of valid samples at the start of the row", f, r);
-    if (!saturation || channels->get(r) != 0) continue;
+    if (!saturation || channels->get(r) != 0 || lowGainTimes.count(rowTimes->get(r))) continue;
     std::uint16_t peak = 0;
     for (std::size_t s = 0; s < std::min<std::size_t>(lengths.get(r), perRow); ++s)
       peak = std::max(peak, rows->get(s, r));
     if (peak > kHighGainSaturation)
       tally_.note(fieldPlace(kWaveforms, "Channel"),
-                  "marks a row with samples above 1800 counts as channel 0: the run drops it as a "
-                  "saturated high-gain row",
+                  "marks a row with samples above 1800 counts as channel 0, with no row of another "
+                  "channel at its time: the run drops it as a saturated high-gain row",
                   "if the receiver has a single gain, write its rows as channel 1", f, r,
                   Severity::Warning);
   }

@@ -53,7 +53,8 @@ def records(all_times, emit_times, ranges, amplitudes, samples_rng):
     arrival = emit_times + 2.0 * ranges / LIGHT_SPEED
     recorder = np.searchsorted(all_times, arrival, side="right") - 1
     after = arrival - all_times[recorder]  # time of the echo after its recording shot, s
-    sbl = after - PRE_TRIGGER * SAMPLE_INTERVAL  # time of the row's first sample, s
+    # time of the row's first sample after the recording shot, s (never before the shot)
+    sbl = np.maximum(after - PRE_TRIGGER * SAMPLE_INTERVAL, 0.0)
     t = np.arange(SAMPLES_PER_ROW) * SAMPLE_INTERVAL
     sigma = 3.0e-9 / 2.3548  # a 3 ns wide pulse
     pulse = amplitudes[:, None] * np.exp(-0.5 * ((t[None, :] - (after - sbl)[:, None]) / sigma) ** 2)
