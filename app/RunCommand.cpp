@@ -104,7 +104,8 @@ void makeOutDir(const std::string& dir) {
 
 // Checks every input before any run starts, so a run stops with the reasons and fixes rather
 // than with the module's short messages. The defaults standing in for missing attributes
-// and the warnings are said once per input. The samples' values are left to `quillo check`.
+// and the warnings are said once per input, also with --quiet (which silences progress). The
+// samples' values are left to `quillo check`.
 void checkInputs(const RunCommandOptions& o) {
   std::size_t unusable = 0;
   for (const auto& input : o.inputs) {
@@ -118,7 +119,7 @@ void checkInputs(const RunCommandOptions& o) {
     if (!report.runnable()) {
       ++unusable;
       std::fputs(findingsAsText(report, {Severity::Error}).c_str(), stderr);
-    } else if (!o.quiet) {
+    } else {
       std::fputs(findingsAsText(report, {Severity::Warning, Severity::Default}).c_str(), stderr);
     }
   }
