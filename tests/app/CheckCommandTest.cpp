@@ -76,7 +76,7 @@ void replaceAttribute(hid_t file, const std::string& object, const char* name, h
   H5Aclose(a), H5Sclose(s), H5Oclose(o);
 }
 
-// Moves the first value of a float64 fragment by `delta`.
+// Moves the first value of a float64 fragment (the x of the first vector) by `delta`.
 void shiftFirstValue(hid_t file, const std::string& path, double delta) {
   hid_t set = H5Dopen2(file, path.c_str(), H5P_DEFAULT);
   hid_t space = H5Dget_space(set);
@@ -160,6 +160,12 @@ INSTANTIATE_TEST_SUITE_P(Walls, CheckRefuses, ::testing::Values(
                 "field \"GPSTime\" of grid \"Waveforms\" holds a time that is no shot time of the same "
                 "fragment (1 times; first: Fragment_2, element 0)",
                 "give each record the exact GPSTime of the shot"},
+    RefusedCase{"DirectionNotOfUnitLength",
+                [](hid_t f) {
+                  shiftFirstValue(f, fieldPath("Shots", "Waveforms.DirectionDelta") + "/fragments/Fragment_0", 0.5);
+                },
+                "field \"Waveforms.DirectionDelta\" of grid \"Shots\" holds a direction that is not of unit length",
+                "divide each direction by its length"},
     RefusedCase{"ShotTimesGoingBack",
                 [](hid_t f) { shiftFirstValue(f, fieldPath("Shots", "GPSTime") + "/fragments/Fragment_1", -1.0); },
                 "field \"GPSTime\" of grid \"Shots\" is not strictly increasing", "sort the shots by time"},
