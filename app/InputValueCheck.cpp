@@ -9,6 +9,7 @@
 #include <set>
 
 #include "app/InputCheckSteps.hpp"
+#include "vorlap/Console.hpp"
 
 namespace quillo::cli {
 
@@ -86,9 +87,16 @@ class ValueCheck {
   void report(CheckReport& r) const { tally_.report(r); }
 
  private:
+  // The reader says why (a value that does not fit the element type, damaged data).
   void unreadable(const char* grid, const char* field, std::uint32_t f) {
-    tally_.note(fieldPlace(grid, field), "cannot be read (damaged data)", "write the file again", f,
-                0);
+    std::string why = "(damaged data)";
+    if (!console_.messages().empty()) {
+      const std::string& message = console_.messages().back();
+      why = message.substr(message.rfind(": ") + 2);
+    }
+    console_.clear();
+    tally_.note(fieldPlace(grid, field), "cannot be read: " + why,
+                "store values that fit the element type, or write the file again", f, 0);
   }
 
   void shots(std::uint32_t f);
@@ -104,6 +112,7 @@ class ValueCheck {
   bool readSamples_;
   ShotFigures& figures_;
   Tally tally_;
+  Vorlap::ConsoleCapture console_;
   std::vector<double> shotTimes_;  // the current fragment's, increasing
   double lastShotTime_ = -INFINITY;
 };

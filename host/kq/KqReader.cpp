@@ -7,6 +7,7 @@
 
 #include "kq/GlobalHeapCheck.hpp"
 #include "kq/KqAttributes.hpp"
+#include "kq/KqConversion.hpp"
 #include "tessal/Bundle.hpp"
 #include "vorlap/Console.hpp"
 
@@ -34,8 +35,12 @@ struct KqFile {
 class FileCreator final : public CreativeArrayBase {
  public:
   FileCreator(Vorlap::StrongPtr<KqFile> file, std::string path, ElementType type,
-              std::vector<std::size_t> extents)
-      : file_(std::move(file)), path_(std::move(path)), type_(type), extents_(std::move(extents)) {}
+              std::vector<std::size_t> extents, bool convert)
+      : file_(std::move(file)),
+        path_(std::move(path)),
+        type_(type),
+        extents_(std::move(extents)),
+        convert_(convert) {}
   ElementType elementType() const override { return type_; }
   std::vector<std::size_t> extents() const override { return extents_; }
 
@@ -50,15 +55,25 @@ class FileCreator final : public CreativeArrayBase {
   std::string path_;
   ElementType type_;
   std::vector<std::size_t> extents_;
+  bool convert_;         // stored as another number type
+  std::string problem_;  // why the last read gave nothing, when known
 };
 
 template <class T>
 Vorlap::StrongPtr<MemBase> FileCreator::read(hid_t set) {
   Vorlap::StrongPtr<MemBase> result;
   auto fill = [&](auto array) {
-    if (array->size() && H5Dread(set, kq::nativeTypeOf(type_), H5S_ALL, H5S_ALL, H5P_DEFAULT,
-                                 array->contiguousData()) < 0)
+    if (convert_) {
+      const std::string problem = kq::readConverted(set, type_, array->contiguousData(),
+                                                    array->size() * componentCount(type_));
+      if (!problem.empty()) {
+        problem_ = problem + " " + elementTypeName(type_);
+        return;
+      }
+    } else if (array->size() && H5Dread(set, kq::nativeTypeOf(type_), H5S_ALL, H5S_ALL, H5P_DEFAULT,
+                                        array->contiguousData()) < 0) {
       return;
+    }
     result = array;
   };
   if (extents_.size() == 2)
@@ -118,7 +133,9 @@ Vorlap::StrongPtr<MemBase> FileCreator::produce() {
   } catch (const std::bad_alloc&) {
     data.reset();
   }
-  if (!data) Vorlap::Console() << file_->name << ": cannot read " << path_ << " (damaged data)";
+  if (!data)
+    Vorlap::Console() << file_->name << ": cannot read " << path_
+                      << (problem_.empty() ? " (damaged data)" : ": " + problem_);
   return data;
 }
 
@@ -282,11 +299,13 @@ bool Reader::readFragment(const std::string& path, const std::string& name, Fiel
   ElementType type;
   int rank = 0;
   if (!readElementType(path, meta, type) || !readRank(path, meta, rank)) return false;
+  // Other number types are converted when the values are read; a value that does not fit
+  // refuses the fragment then.
   Hid stored(H5Dget_type(set.get()), H5Tclose);
-  if (!stored.ok() || !kq::storedTypeMatches(stored.get(), type))
+  const bool exact = stored.ok() && kq::storedTypeMatches(stored.get(), type);
+  if (!exact && !(stored.ok() && kq::convertibleType(stored.get())))
     return fail(path, std::string("stored values are not of type ") + elementTypeName(type) +
-                          " but " + kq::describeType(stored.get()) +
-                          " (store them as element_type says)");
+                          " but " + kq::describeType(stored.get()) + " (store integers or floats)");
   Hid space(H5Dget_space(set.get()), H5Sclose);
   const bool triple = componentCount(type) == 3;
   const int expectedDims = rank + (triple ? 1 : 0);
@@ -315,7 +334,7 @@ bool Reader::readFragment(const std::string& path, const std::string& name, Fiel
   else
     extents = {std::size_t(dims[0])};
   auto id = field.makeFragmentID(name);
-  field.setCreator(id, Vorlap::makeStrong<FileCreator>(file_, path, type, extents));
+  field.setCreator(id, Vorlap::makeStrong<FileCreator>(file_, path, type, extents, !exact));
   return true;
 }
 

@@ -166,6 +166,30 @@ INSTANTIATE_TEST_SUITE_P(Walls, CheckRefuses, ::testing::Values(
                 },
                 "field \"Waveforms.DirectionDelta\" of grid \"Shots\" holds a direction that is not of unit length",
                 "divide each direction by its length"},
+    RefusedCase{"ChannelThatDoesNotFit",
+                [](hid_t f) {
+                  // numpy's default integers for the channels, one of them beyond uint8
+                  const std::string path = fieldPath("OPP", "Channel") + "/fragments/Fragment_1";
+                  hid_t old = H5Dopen2(f, path.c_str(), H5P_DEFAULT);
+                  hid_t space = H5Dget_space(old);
+                  std::vector<long long> values(H5Sget_simple_extent_npoints(space));
+                  H5Dread(old, H5T_NATIVE_LLONG, H5S_ALL, H5S_ALL, H5P_DEFAULT, values.data());
+                  H5Dclose(old);
+                  values[4] = 256;
+                  H5Ldelete(f, path.c_str(), H5P_DEFAULT);
+                  hid_t set = H5Dcreate2(f, path.c_str(), H5T_NATIVE_LLONG, space, H5P_DEFAULT,
+                                         H5P_DEFAULT, H5P_DEFAULT);
+                  H5Dwrite(set, H5T_NATIVE_LLONG, H5S_ALL, H5S_ALL, H5P_DEFAULT, values.data());
+                  replaceAttribute<long long>(f, path, "rank", H5T_NATIVE_LLONG, 1);
+                  hid_t t = H5Tcopy(H5T_C_S1);
+                  H5Tset_size(t, 5);
+                  hid_t s = H5Screate(H5S_SCALAR);
+                  hid_t a = H5Acreate2(set, "element_type", t, s, H5P_DEFAULT, H5P_DEFAULT);
+                  H5Awrite(a, t, "uint8");
+                  H5Aclose(a), H5Sclose(s), H5Tclose(t), H5Dclose(set), H5Sclose(space);
+                },
+                "field \"Channel\" of grid \"OPP\" cannot be read: value 256 (element 4) does not fit uint8",
+                "store values that fit the element type"},
     RefusedCase{"ShotTimesGoingBack",
                 [](hid_t f) { shiftFirstValue(f, fieldPath("Shots", "GPSTime") + "/fragments/Fragment_1", -1.0); },
                 "field \"GPSTime\" of grid \"Shots\" is not strictly increasing", "sort the shots by time"},

@@ -180,3 +180,53 @@ INSTANTIATE_TEST_SUITE_P(Cases, KqForeignWriterRefused, ::testing::Values(
                 "rank must be 1 or 2, is 3"}),
     [](const auto& info) { return std::string(info.param.name); });
 // clang-format on
+
+// numpy's int64 for a uint8 field, float32 for float64: converted when every value fits.
+TEST(KqForeignWriter, OtherNumberTypesAreConvertedWhenTheyFit) {
+  TempDir dir;
+  const std::string file = savedFile(dir);
+  auto replaceFragment = [&](std::vector<std::int64_t> values, const char* elementType) {
+    hid_t f = H5Fopen(file.c_str(), H5F_ACC_RDWR, H5P_DEFAULT);
+    H5Ldelete(f, kFragment.c_str(), H5P_DEFAULT);
+    const hsize_t n = values.size();
+    hid_t s = H5Screate_simple(1, &n, nullptr);
+    hid_t set = H5Dcreate2(f, kFragment.c_str(), H5T_NATIVE_INT64, s, H5P_DEFAULT, H5P_DEFAULT,
+                           H5P_DEFAULT);
+    H5Dwrite(set, H5T_NATIVE_INT64, H5S_ALL, H5S_ALL, H5P_DEFAULT, values.data());
+    writeFixedText(set, "element_type", elementType, H5T_STR_NULLTERM);
+    writeAttribute<std::int64_t>(set, "rank", H5T_NATIVE_INT64, {1}, true);
+    H5Dclose(set), H5Sclose(s), H5Fclose(f);
+  };
+  auto fragmentData = [](Loaded& l) {
+    double t = 0.0;
+    auto field = (*(*(*l.bundle.get())(t))("Shots"))("GPSTime", "");
+    return field->getCreator(field->getFragmentIDCollection()->at(0))->create();
+  };
+  // Each load keeps its file open until the bundle goes: one scope per file version.
+  replaceFragment({0, 255, 7}, "uint8");
+  {
+    Loaded fits = load(file);
+    ASSERT_TRUE(fits.ok) << fits.message;
+    auto bytes = Vorlap::dynamicPtrCast<MemArray<1, std::uint8_t>>(fragmentData(fits));
+    ASSERT_TRUE(bytes);
+    EXPECT_EQ((std::vector<int>{bytes->get(0), bytes->get(1), bytes->get(2)}),
+              (std::vector<int>{0, 255, 7}));
+  }
+  replaceFragment({-3, 1000000}, "float64");
+  {
+    Loaded widened = load(file);
+    ASSERT_TRUE(widened.ok) << widened.message;
+    auto doubles = Vorlap::dynamicPtrCast<MemArray<1, double>>(fragmentData(widened));
+    ASSERT_TRUE(doubles);
+    EXPECT_EQ(doubles->get(0), -3.0);
+    EXPECT_EQ(doubles->get(1), 1000000.0);
+  }
+  replaceFragment({1, 300}, "uint8");
+  Loaded tooLarge = load(file);
+  ASSERT_TRUE(tooLarge.ok) << "values are read when asked for";
+  Vorlap::ConsoleCapture capture;
+  EXPECT_FALSE(fragmentData(tooLarge));
+  EXPECT_NE(capture.joined().find(kFragment + ": value 300 (element 1) does not fit uint8"),
+            std::string::npos)
+      << capture.joined();
+}

@@ -120,8 +120,8 @@ INSTANTIATE_TEST_SUITE_P(Cases, DamagedFile, ::testing::Values(
                "points and vectors need 3 components"},
     DamageCase{"UnknownElementType", {kShotTimes, "float128", 1, {240}, H5T_NATIVE_DOUBLE},
                "unknown element type"},
-    DamageCase{"StoredTypeDiffers", {kShotTimes, "float64", 1, {240}, H5T_NATIVE_INT32},
-               "stored values are not of type float64"}),
+    DamageCase{"StoredAsText", {kShotTimes, "float64", 1, {240}, H5T_C_S1},
+               "stored values are not of type float64 but fixed-length string"}),
     [](const auto& info) { return std::string(info.param.name); });
 // clang-format on
 
