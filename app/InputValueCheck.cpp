@@ -197,12 +197,12 @@ void ValueCheck::samples(std::uint32_t f, const Tessal::MemArray<1, std::uint16_
   auto channels = fetch<Tessal::MemArray<1, std::uint8_t>>(grids_.waveforms, "Channel", f);
   if (!channels) return unreadable(kWaveforms, "Channel", f);
   const std::size_t perRow = fragmentCreator(grids_.waveforms, "Waveforms", f)->extents()[0];
-  // Only a run with online records drops saturated rows; reading the samples costs most.
-  const bool saturation = readSamples_ && grids_.online;
-  auto rows = saturation
+  // Reading the samples costs most; only a run with online records drops saturated rows.
+  auto rows = readSamples_
                   ? fetch<Tessal::MemArray<2, std::uint16_t>>(grids_.waveforms, "Waveforms", f)
                   : nullptr;
-  if (saturation && !rows) return unreadable(kWaveforms, "Waveforms", f);
+  if (readSamples_ && !rows) return unreadable(kWaveforms, "Waveforms", f);
+  const bool saturation = readSamples_ && grids_.online;
   // A saturated high-gain row loses nothing when a row of another channel has its echo.
   auto rowTimes = fetch<Doubles>(grids_.waveforms, "GPSTime", f);
   if (!rowTimes) return unreadable(kWaveforms, "GPSTime", f);
@@ -234,6 +234,11 @@ void ValueCheck::online(std::uint32_t f) {
   auto amplitudes = fetch<Tessal::MemArray<1, float>>(grids_.online, "Amplitude", f);
   if (!ranges) return unreadable(kOnline, "Range", f);
   if (!amplitudes) return unreadable(kOnline, "Amplitude", f);
+  if (!fetch<Tessal::MemArray<1, std::uint8_t>>(grids_.online, "Channel", f))
+    return unreadable(kOnline, "Channel", f);
+  if (fragmentCreator(grids_.online, "Reflectance", f) &&
+      !fetch<Tessal::MemArray<1, float>>(grids_.online, "Reflectance", f))
+    return unreadable(kOnline, "Reflectance", f);
   for (std::size_t i = 0; i < ranges->size(); ++i)
     if (!std::isfinite(ranges->get(i)))
       tally_.note(fieldPlace(kOnline, "Range"), "holds a range that is not finite",

@@ -66,14 +66,20 @@ void removeAttribute(hid_t file, const std::string& object, const char* name) {
 }
 
 template <class T>
+void writeScalar(hid_t object, const char* name, hid_t type, T value) {
+  hid_t s = H5Screate(H5S_SCALAR);
+  hid_t a = H5Acreate2(object, name, type, s, H5P_DEFAULT, H5P_DEFAULT);
+  ASSERT_GE(H5Awrite(a, type, &value), 0) << name;
+  H5Aclose(a), H5Sclose(s);
+}
+
+template <class T>
 void replaceAttribute(hid_t file, const std::string& object, const char* name, hid_t type,
                       T value) {
   removeAttribute(file, object, name);
   hid_t o = H5Oopen(file, object.c_str(), H5P_DEFAULT);
-  hid_t s = H5Screate(H5S_SCALAR);
-  hid_t a = H5Acreate2(o, name, type, s, H5P_DEFAULT, H5P_DEFAULT);
-  ASSERT_GE(H5Awrite(a, type, &value), 0) << name;
-  H5Aclose(a), H5Sclose(s), H5Oclose(o);
+  writeScalar(o, name, type, value);
+  H5Oclose(o);
 }
 
 // Moves the first value of a float64 fragment (the x of the first vector) by `delta`.
@@ -180,7 +186,7 @@ INSTANTIATE_TEST_SUITE_P(Walls, CheckRefuses, ::testing::Values(
                   hid_t set = H5Dcreate2(f, path.c_str(), H5T_NATIVE_LLONG, space, H5P_DEFAULT,
                                          H5P_DEFAULT, H5P_DEFAULT);
                   H5Dwrite(set, H5T_NATIVE_LLONG, H5S_ALL, H5S_ALL, H5P_DEFAULT, values.data());
-                  replaceAttribute<long long>(f, path, "rank", H5T_NATIVE_LLONG, 1);
+                  writeScalar<long long>(set, "rank", H5T_NATIVE_LLONG, 1);
                   hid_t t = H5Tcopy(H5T_C_S1);
                   H5Tset_size(t, 5);
                   hid_t s = H5Screate(H5S_SCALAR);
