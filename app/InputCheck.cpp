@@ -35,7 +35,7 @@ std::size_t CheckReport::count(Severity s) const {
   return n;
 }
 
-CheckReport checkInput(const std::string& path, bool readSamples) {
+CheckReport checkInput(const std::string& path, const CheckScope& scope) {
   Tessal::BundlePtr bundle;
   std::string loadMessage, loadError;
   {
@@ -56,14 +56,14 @@ CheckReport checkInput(const std::string& path, bool readSamples) {
     report.add(Severity::Error, "", loadMessage, "see docs/kq-format.md for the layout");
     return report;
   }
-  return checkBundle(bundle, path, readSamples);
+  return checkBundle(bundle, path, scope);
 }
 
 CheckReport checkBundle(const Tessal::BundlePtr& bundle, const std::string& path,
-                        bool readSamples) {
+                        const CheckScope& scope) {
   CheckReport report;
   report.input = path;
-  const InputGrids grids = findGrids(bundle, report);
+  const InputGrids grids = findGrids(bundle, scope, report);
   Transform toMap{1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0};
   try {
     toMap = scannerToMap(bundle);
@@ -73,7 +73,7 @@ CheckReport checkBundle(const Tessal::BundlePtr& bundle, const std::string& path
                e.what(), "give 12 finite numbers: the rows of [R | t], map = R * scanner + t");
   }
   ShotFigures figures;
-  if (checkStructure(grids, report)) checkValues(grids, toMap, readSamples, report, figures);
+  if (checkStructure(grids, report)) checkValues(grids, toMap, scope.readSamples, report, figures);
   checkScanner(grids, figures, report);
   return report;
 }

@@ -36,12 +36,18 @@ struct CheckReport {
   bool runnable() const { return count(Severity::Error) == 0; }
 };
 
+// What a check covers: `quillo run` leaves the samples' values out (they cost most to read)
+// and the grids its options tell it to ignore.
+struct CheckScope {
+  bool readSamples = true;
+  bool waveforms = true, online = true;
+};
+
 // Loads and checks `path`; a file that cannot be loaded gives one error with the reason.
-CheckReport checkInput(const std::string& path, bool readSamples = true);
-// Checks a loaded input; reads every fragment's arrays except the waveform samples' values
-// when `readSamples` is false.
+CheckReport checkInput(const std::string& path, const CheckScope& scope = {});
+// Checks a loaded input.
 CheckReport checkBundle(const Tessal::BundlePtr& bundle, const std::string& path,
-                        bool readSamples = true);
+                        const CheckScope& scope = {});
 
 // The findings of the given kinds, in that order, each followed by its fix.
 std::string findingsAsText(const CheckReport& report, std::initializer_list<Severity> kinds);

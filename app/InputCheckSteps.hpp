@@ -28,8 +28,8 @@ std::string fragmentName(std::uint32_t number);
 // The fragment's creator; empty when the field or fragment is missing.
 Vorlap::StrongPtr<Tessal::CreativeArrayBase> fragmentCreator(
     const Vorlap::StrongPtr<Tessal::Grid>& grid, const char* field, std::uint32_t fragment);
-// The grid of each kind; findings for grids that are missing.
-InputGrids findGrids(const Tessal::BundlePtr& bundle, CheckReport& report);
+// The grid of each kind within `scope`; findings for grids that are missing.
+InputGrids findGrids(const Tessal::BundlePtr& bundle, const CheckScope& scope, CheckReport& report);
 // Fields, element types, fragment names and lengths; true when values can be read safely.
 bool checkStructure(const InputGrids& grids, CheckReport& report);
 void checkValues(const InputGrids& grids, const Transform& toMap, bool readSamples,

@@ -134,7 +134,8 @@ Vorlap::StrongPtr<Tessal::CreativeArrayBase> fragmentCreator(
   return id ? f->getCreator(id) : Vorlap::StrongPtr<Tessal::CreativeArrayBase>();
 }
 
-InputGrids findGrids(const Tessal::BundlePtr& bundle, CheckReport& report) {
+InputGrids findGrids(const Tessal::BundlePtr& bundle, const CheckScope& scope,
+                     CheckReport& report) {
   const auto& slices = (*bundle.get()).slices();
   const auto at = slices.find(kSliceTime);
   if (at == slices.end()) {
@@ -144,10 +145,12 @@ InputGrids findGrids(const Tessal::BundlePtr& bundle, CheckReport& report) {
     return {};
   }
   InputGrids grids{(*at->second)(kShots), (*at->second)(kWaveforms), (*at->second)(kOnline)};
+  if (!scope.waveforms) grids.waveforms.reset();
+  if (!scope.online) grids.online.reset();
   if (!grids.shots) report.add(Severity::Error, "grid \"Shots\"", "is missing", gridFix(kShots));
   if (!grids.waveforms && !grids.online)
     report.add(Severity::Error, "grids \"Waveforms\" and \"OPP\"",
-               "are both missing: there is nothing to resolve",
+               "are both missing (or ignored): there is nothing to resolve",
                "write the waveforms (grid Waveforms), the scanner's echoes (grid OPP) or both");
   return grids;
 }

@@ -107,9 +107,13 @@ void makeOutDir(const std::string& dir) {
 // and the warnings are said once per input, also with --quiet (which silences progress). The
 // samples' values are left to `quillo check`.
 void checkInputs(const RunCommandOptions& o) {
+  CheckScope scope;
+  scope.readSamples = false;
+  scope.waveforms = !o.module.skipFWF;
+  scope.online = !o.module.skipOnline;
   std::size_t unusable = 0;
   for (const auto& input : o.inputs) {
-    const CheckReport report = checkInput(input, false);
+    const CheckReport report = checkInput(input, scope);
     if (!report.loadError.empty()) {
       // The loader's own words (they name the object), then the error every command gives.
       if (report.loadError != input + ": " + report.findings[0].what)

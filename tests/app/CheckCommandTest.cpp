@@ -238,6 +238,15 @@ TEST_F(CheckCommand, DefaultsAreAnnouncedOnceAndTheRunGoesOn) {
   EXPECT_EQ(count(run.output, announcement), 1u) << run.output;
 }
 
+TEST_F(CheckCommand, RunLeavesOutTheGridsItIgnores) {
+  const std::string input =
+      damaged([](hid_t f) { removeLink(f, fieldPath("Waveforms", "FWFLength")); });
+  const auto run =
+      runQuillo("run --quiet --skip-fwf '" + input + "' --out-dir '" + local.file("out") + "'");
+  EXPECT_EQ(run.exitCode, 0) << run.output;
+  EXPECT_EQ(count(run.output, "[verified]"), 2u) << run.output;
+}
+
 TEST_F(CheckCommand, OutDirIsMadeWhenMissing) {
   const std::string outDir = local.file("results/today");
   const auto run = runQuillo("run --quiet '" + original + "' --out-dir '" + outDir + "'");
