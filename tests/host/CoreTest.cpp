@@ -152,8 +152,7 @@ TEST(Grid, RepresentationsFieldsAndFragments) {
 
   auto rep = grid->makeCartesianRepresentation(3, "ScannerCoordinateSystem", 0);
   EXPECT_EQ(grid->makeCartesianRepresentation(3, "ScannerCoordinateSystem", 0), rep);
-  quillo::test::storeFragment(*rep, "GPSTime", "Fragment_0",
-                              quillo::test::makeArray<double>({1, 2}));
+  quillo::test::storeFragment(*rep, "GPSTime", "Fragment_0", quillo::test::makeArray<double>({1, 2}));
   quillo::test::storeFragment(*rep, "GPSTime", "Fragment_10", quillo::test::makeArray<double>({3}));
 
   auto field = (*grid)("GPSTime", "");
