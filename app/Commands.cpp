@@ -1,5 +1,6 @@
 #include "app/Commands.hpp"
 
+#include "app/CheckCommand.hpp"
 #include "app/DemoCommand.hpp"
 #include "app/ExportCommand.hpp"
 #include "app/FileCommands.hpp"
@@ -12,6 +13,7 @@ namespace quillo::cli {
 void addAllCommands(CLI::App& app) {
   addDemoCommand(app);
   addSimulateCommand(app);
+  addCheckCommand(app);
   addRunCommand(app);
   addScoreCommand(app);
   addInfoCommand(app);

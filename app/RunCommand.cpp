@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <regex>
@@ -11,6 +12,7 @@
 #include "app/CaughtError.hpp"
 #include "app/CliError.hpp"
 #include "app/FragmentProbe.hpp"
+#include "app/InputCheck.hpp"
 #include "app/Json.hpp"
 #include "app/LoadKq.hpp"
 #include "app/RunOptions.hpp"
@@ -105,11 +107,52 @@ std::vector<RunSummary> runAll(const RunCommandOptions& o, const RunSettings& se
   return summaries;
 }
 
+void makeOutDir(const std::string& dir) {
+  if (dir.empty()) return;
+  std::error_code ec;
+  std::filesystem::create_directories(dir, ec);
+  if (!std::filesystem::is_directory(dir, ec))
+    throw CliError(kOutput, dir + ": cannot create the folder" + (ec ? ": " + ec.message() : ""));
+}
+
+// Checks every input before any run starts, so a run stops with the reasons and fixes rather
+// than with the module's short messages. The defaults standing in for missing attributes
+// and the warnings are said once per input, also with --quiet (which silences progress). The
+// samples' values are left to `quillo check`.
+void checkInputs(const RunCommandOptions& o) {
+  CheckScope scope;
+  scope.readSamples = false;
+  scope.waveforms = !o.module.skipFWF;
+  scope.online = !o.module.skipOnline;
+  std::size_t unusable = 0;
+  for (const auto& input : o.inputs) {
+    const CheckReport report = checkInput(input, scope);
+    if (!report.loadError.empty()) {
+      // The loader's own words (they name the object), then the error every command gives.
+      if (report.loadError != input + ": " + report.findings[0].what)
+        std::fprintf(stderr, "%s: %s\n", input.c_str(), report.findings[0].what.c_str());
+      throw CliError(kInput, report.loadError);
+    }
+    if (!report.runnable()) {
+      ++unusable;
+      std::fputs(findingsAsText(report, {Severity::Error}).c_str(), stderr);
+    } else {
+      std::fputs(findingsAsText(report, {Severity::Warning, Severity::Default}).c_str(), stderr);
+    }
+  }
+  if (unusable)
+    throw CliError(kInput, std::to_string(unusable) +
+                               " input(s) cannot be run for the reasons above (quillo check "
+                               "INPUT lists every finding)");
+}
+
 void execute(const RunCommandOptions& o) {
   static const std::regex datePattern("[0-9]{6}_[0-9]{6}");
   if (!o.date.empty() && !std::regex_match(o.date, datePattern))
     throw CliError(kUsage, "--date: expected YYMMDD_HHMMSS, got \"" + o.date + "\"");
   RunSettings settings = settingsFrom(o.module);
+  makeOutDir(o.outDir);
+  checkInputs(o);
   settings.outDir = o.outDir;
   settings.date = o.date;
   settings.verbose = o.verbose;
@@ -133,7 +176,8 @@ void addRunCommand(CLI::App& app) {
   CLI::App* c = app.add_subcommand("run", "Resolve the MTA zones of recordings into point clouds");
   c->add_option("inputs", o->inputs, "Input .kq files")->required();
   addModuleOptions(*c, o->module);
-  c->add_option("--out-dir", o->outDir, "Folder for the outputs (default: beside each input)");
+  c->add_option("--out-dir", o->outDir,
+                "Folder for the outputs, made when missing (default: beside each input)");
   c->add_option("--date", o->date, "Acquisition date YYMMDD_HHMMSS when the input name has none");
   c->add_flag("--verbose", o->verbose, "Print the run parameters");
   c->add_flag("--quiet", o->quiet, "No progress output");
@@ -142,6 +186,7 @@ void addRunCommand(CLI::App& app) {
   c->add_option("--jobs", o->jobs, "Inputs run in parallel (one thread each)")
       ->check(CLI::Range(1u, 64u));
   c->footer(
+      "Each input is checked first (as by quillo check); an unusable one stops the command.\n"
       "Examples:\n  quillo run survey_210315_093000.kq\n"
       "  quillo run a_210315_093000.kq b_210315_101500.kq --jobs 2 --out-dir results\n"
       "  quillo run survey.kq --date 210315_093000 --mta 3 --report run.json");

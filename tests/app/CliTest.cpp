@@ -163,8 +163,9 @@ TEST_F(Cli, BadInputsGiveClearErrors) {
   r = runQuillo("run " + dir->file("text_210315_093000.kq") + " --quiet");
   EXPECT_EQ(r.exitCode, 3);
   EXPECT_NE(r.output.find("not an HDF5 file"), std::string::npos);
-  r = runQuillo("run " + input + " --out-dir " + dir->file("nowhere"));
+  r = runQuillo("run " + input + " --out-dir " + dir->file("text_210315_093000.kq") + "/sub");
   EXPECT_EQ(r.exitCode, 4);
+  EXPECT_NE(r.output.find("sub: cannot create the folder"), std::string::npos) << r.output;
   r = runQuillo("run " + input + " --mode fastest");
   EXPECT_EQ(r.exitCode, 2);
   EXPECT_NE(r.output.find("unknown mode \"fastest\""), std::string::npos);
