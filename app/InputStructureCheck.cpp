@@ -100,7 +100,8 @@ void checkField(const FieldRule& rule, const Vorlap::StrongPtr<Tessal::Grid>& gr
     auto creator = fragmentCreator(grid, rule.field, f);
     std::size_t length = 0;
     if (!creator) {
-      report.add(Severity::Error, place,
+      // The run still works: it skips the fragment as broken and writes the others.
+      report.add(Severity::Warning, place,
                  "has no " + fragmentName(f) + ": the run skips that fragment as broken",
                  "write every field of the grid for every shot fragment (an empty array when "
                  "a fragment has no records)");
@@ -108,9 +109,9 @@ void checkField(const FieldRule& rule, const Vorlap::StrongPtr<Tessal::Grid>& gr
       if (expected[f] < 0)
         expected[f] = static_cast<long long>(length);
       else if (expected[f] != static_cast<long long>(length))
-        report.add(Severity::Error, where,
+        report.add(Severity::Warning, where,
                    "has " + std::to_string(length) + " elements, the grid's other fields " +
-                       std::to_string(expected[f]),
+                       std::to_string(expected[f]) + ": the run skips that fragment as broken",
                    "give every field of a grid one element per record of the fragment");
     }
   }

@@ -89,6 +89,8 @@ class ValueCheck {
  private:
   // The reader says why (a value that does not fit the element type, damaged data).
   void unreadable(const char* grid, const char* field, std::uint32_t f) {
+    // A fragment that is not there at all is the structure check's finding.
+    if (!fragmentCreator(gridNamed(grid), field, f)) return;
     std::string why = "(damaged data)";
     if (!console_.messages().empty()) {
       const std::string& message = console_.messages().back();
@@ -97,6 +99,11 @@ class ValueCheck {
     console_.clear();
     tally_.note(fieldPlace(grid, field), "cannot be read: " + why,
                 "store values that fit the element type, or write the file again", f, 0);
+  }
+
+  const Vorlap::StrongPtr<Tessal::Grid>& gridNamed(const char* name) const {
+    const std::string n = name;
+    return n == kShots ? grids_.shots : n == kWaveforms ? grids_.waveforms : grids_.online;
   }
 
   void shots(std::uint32_t f);

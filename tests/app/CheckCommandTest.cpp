@@ -139,10 +139,6 @@ INSTANTIATE_TEST_SUITE_P(Walls, CheckRefuses, ::testing::Values(
     RefusedCase{"PositionsMissing",
                 [](hid_t f) { removeLink(f, fieldPath("Shots", "Positions")); },
                 "field \"Positions\" of grid \"Shots\" is missing", "write it (point3)"},
-    RefusedCase{"OneOnlineFragmentMissing",
-                [](hid_t f) { removeLink(f, fieldPath("OPP", "Range") + "/fragments/Fragment_1"); },
-                "field \"Range\" of grid \"OPP\" has no Fragment_1: the run skips that fragment",
-                "write every field of the grid for every shot fragment"},
     RefusedCase{"PulseRateMissing",
                 [](hid_t f) { removeAttribute(f, kShotAttributes, "PulseRepetitionRate"); },
                 "attribute \"PulseRepetitionRate\" of grid \"Shots\" is missing",
@@ -236,6 +232,23 @@ TEST_F(CheckCommand, DefaultsAreAnnouncedOnceAndTheRunGoesOn) {
   const auto run = runQuillo("run --quiet '" + input + "' --out-dir '" + local.file("out") + "'");
   EXPECT_EQ(run.exitCode, 0) << run.output;
   EXPECT_EQ(count(run.output, announcement), 1u) << run.output;
+}
+
+// A fragment the module skips costs its points, not the run: a warning, and the rest is written.
+TEST_F(CheckCommand, AFragmentTheRunSkipsIsAWarning) {
+  const std::string input =
+      damaged([](hid_t f) { removeLink(f, fieldPath("OPP", "Range") + "/fragments/Fragment_1"); });
+  const std::string warning =
+      "warning: field \"Range\" of grid \"OPP\" has no Fragment_1: the run skips that fragment";
+  const auto check = runQuillo("check '" + input + "'");
+  EXPECT_EQ(check.exitCode, 0) << check.output;
+  EXPECT_NE(check.output.find(warning), std::string::npos) << check.output;
+  EXPECT_NE(check.output.find("fix: write every field of the grid for every shot fragment"),
+            std::string::npos)
+      << check.output;
+  const auto run = runQuillo("run --quiet '" + input + "' --out-dir '" + local.file("out") + "'");
+  EXPECT_NE(run.output.find("Broken Fragment for FragNr 1"), std::string::npos) << run.output;
+  EXPECT_FALSE(fs::is_empty(local.file("out"))) << run.output;
 }
 
 TEST_F(CheckCommand, RunLeavesOutTheGridsItIgnores) {
