@@ -1,5 +1,6 @@
 #include "app/Commands.hpp"
 
+#include "app/BatchCommands.hpp"
 #include "app/DemoCommand.hpp"
 #include "app/ExportCommand.hpp"
 #include "app/FileCommands.hpp"
@@ -19,6 +20,7 @@ void addAllCommands(CLI::App& app) {
   addHistCommand(app);
   addExportCommand(app);
   addQuicklookCommand(app);
+  addBatchCommand(app);
 }
 
 }  // namespace quillo::cli

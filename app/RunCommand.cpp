@@ -47,8 +47,9 @@ void printHistograms(const std::string& input, const RunSettings& settings) {
   }
 }
 
-void writeReport(const std::string& path, const std::vector<RunSummary>& runs,
-                 const RunSettings& settings) {
+}  // namespace
+
+std::string runReportJson(const std::vector<RunSummary>& runs, const RunSettings& settings) {
   JsonWriter j;
   j.beginObject().key("parameters").value(settings.input.speak()).key("runs").beginArray();
   for (const auto& r : runs) {
@@ -65,8 +66,10 @@ void writeReport(const std::string& path, const std::vector<RunSummary>& runs,
     j.endArray().endObject();
   }
   j.endArray().endObject();
-  writeFileAtomically(path, j.text() + "\n");
+  return j.text() + "\n";
 }
+
+namespace {
 
 // Runs every input, `jobs` at a time, each on one thread; stops starting new runs after a
 // failure to prepare one (a bad input is reported once, not after the others finished).
@@ -109,7 +112,7 @@ void execute(const RunCommandOptions& o) {
     for (const auto& out : r.outputs) failed = failed || !out.verification.empty();
     if (o.hist && r.result.empty()) printHistograms(r.input, settings);
   }
-  if (!o.report.empty()) writeReport(o.report, runs, settings);
+  if (!o.report.empty()) writeFileAtomically(o.report, runReportJson(runs, settings));
   if (failed) throw CliError(kFailure, "not every run succeeded");
 }
 

@@ -11,7 +11,7 @@
 int main(int argc, char** argv) {
   using namespace quillo::cli;
   CLI::App app{"quillo: resolves multiple-time-around (MTA) zones of airborne full-waveform LiDAR"};
-  app.set_version_flag("--version", "quillo 0.1.0");
+  app.set_version_flag("--version", "quillo " QUILLO_VERSION);
   app.require_subcommand(0, 1);
   addAllCommands(app);
   app.footer("Run 'quillo COMMAND --help' for the options of a command.");
