@@ -72,7 +72,6 @@ std::size_t runLocally(const BatchPlan& plan, unsigned jobs, bool quiet) {
     failed += waitForOne(running) ? 0 : 1;
     bar.report("", unsigned(++finished), unsigned(total));
   }
-  bar.complete();
   bar.finish();
   return failed;
 }

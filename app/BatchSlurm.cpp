@@ -22,6 +22,9 @@ namespace {
 constexpr double kMemoryHeadroom = 1.5;
 constexpr double kTimeHeadroom = 2.0;
 constexpr double kTimeMarginMinutes = 5.0;
+// Job states in which a task still holds its place in the queue; finished ones may linger
+// in squeue's listing for a few minutes.
+constexpr const char* kQueuedStates = "PENDING,CONFIGURING,RUNNING,COMPLETING,SUSPENDED";
 
 std::string shellQuote(const std::string& s) {
   std::string q = "'";
@@ -173,7 +176,8 @@ std::map<std::size_t, std::string> queueStates(const BatchPlan& plan) {
   if (jobs.empty() || !onPath("squeue")) return states;
   for (const auto& job : jobs) {
     // One job at a time: squeue refuses a whole list when one job has left its memory.
-    const Captured c = capture("squeue -h -r -j " + job + " -o '%i %T' 2>/dev/null");
+    const Captured c = capture("squeue -h -r -j " + job + " -t " + kQueuedStates +
+                               " -o '%i %T' 2>/dev/null");
     std::istringstream lines(c.out);
     for (std::string id, state; lines >> id >> state;) {
       const auto underscore = id.find('_');

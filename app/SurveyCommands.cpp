@@ -165,7 +165,8 @@ void addSimulateCommand(CLI::App& app) {
     if (!nameCarriesDate(o->out))
       std::fprintf(stderr, "note: %s carries no _YYMMDD_HHMMSS date; runs will need --date %s\n",
                    o->out.c_str(), o->date.c_str());
-    std::printf("%s: %llu shots in %.1f s\n", o->out.c_str(), (unsigned long long)config.shots,
+    std::printf("%s%s: %llu shots in %.1f s\n", o->out.c_str(),
+                o->splitLines ? " (one file per line)" : "", (unsigned long long)config.shots,
                 seconds(start));
   });
 }
