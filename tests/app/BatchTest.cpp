@@ -53,7 +53,10 @@ TEST_F(Batch, SplitLinesWritesOneStripPerFlightLine) {
   for (int line = 0; line < 3; ++line) {
     const auto r = runQuillo("info --json " + strip(line));
     ASSERT_EQ(r.exitCode, 0) << r.output;
-    EXPECT_NE(r.output.find("3000"), std::string::npos) << "3000 shots per line: " << r.output;
+    const json shots = json::parse(r.output)["grids"][0];
+    EXPECT_EQ(shots["name"], "Shots");
+    EXPECT_EQ(shots["charts"][0]["fields"][0]["elements"], 3000) << line;
+    EXPECT_EQ(shots["attributes"]["SimulationSeed"]["value"], std::to_string(1 + line));
   }
   EXPECT_FALSE(fs::exists(dir->file("strips/s_210315_093000.kq")));
 }
