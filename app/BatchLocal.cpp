@@ -7,8 +7,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <map>
+#include <vector>
 
 #include "app/CliError.hpp"
 #include "app/Progress.hpp"

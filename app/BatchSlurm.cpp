@@ -2,6 +2,8 @@
 // (measured memory and time), PLAN.jobs and squeue's listing. Writes: PLAN.sbatch, PLAN.jobs.
 #include "app/BatchSlurm.hpp"
 
+#include <sys/wait.h>
+
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
@@ -176,8 +178,8 @@ std::map<std::size_t, std::string> queueStates(const BatchPlan& plan) {
   if (jobs.empty() || !onPath("squeue")) return states;
   for (const auto& job : jobs) {
     // One job at a time: squeue refuses a whole list when one job has left its memory.
-    const Captured c = capture("squeue -h -r -j " + job + " -t " + kQueuedStates +
-                               " -o '%i %T' 2>/dev/null");
+    const Captured c =
+        capture("squeue -h -r -j " + job + " -t " + kQueuedStates + " -o '%i %T' 2>/dev/null");
     std::istringstream lines(c.out);
     for (std::string id, state; lines >> id >> state;) {
       const auto underscore = id.find('_');

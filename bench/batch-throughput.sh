@@ -57,4 +57,6 @@ printf 'Slurm, 2 at a time     %6.1f s  %6s strips/hour\n' "$through_slurm" \
 printf 'short strips, 2 at a time: batch local %.1f s, Slurm %.1f s\n' "$short_local" "$short_slurm"
 printf 'Slurm overhead per task: %.2f s\n' \
   "$(awk "BEGIN { print ($short_slurm - $short_local) * 2 / $strips }")"
+printf 'peak memory per task: %s MiB\n' \
+  "$(grep -h '"peak_memory_mib"' "$tmp"/two/*.task.json | tr -dc '0-9.\n' | sort -n | tail -n 1)"
 uptime
