@@ -1,5 +1,6 @@
 #include "app/Commands.hpp"
 
+#include "app/BatchCommands.hpp"
 #include "app/CheckCommand.hpp"
 #include "app/DemoCommand.hpp"
 #include "app/ExportCommand.hpp"
@@ -21,6 +22,7 @@ void addAllCommands(CLI::App& app) {
   addHistCommand(app);
   addExportCommand(app);
   addQuicklookCommand(app);
+  addBatchCommand(app);
 }
 
 }  // namespace quillo::cli

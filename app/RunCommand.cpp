@@ -68,8 +68,9 @@ Json outputAsJson(const OutputSummary& o) {
           {"verification", o.verification}};
 }
 
-void writeReport(const std::string& path, const std::vector<RunSummary>& runs,
-                 const RunSettings& settings) {
+}  // namespace
+
+std::string runReportJson(const std::vector<RunSummary>& runs, const RunSettings& settings) {
   Json list = Json::array();
   for (const auto& r : runs) {
     Json outputs = Json::array();
@@ -79,8 +80,10 @@ void writeReport(const std::string& path, const std::vector<RunSummary>& runs,
                     {"seconds_per_stage", r.secondsPerStage},
                     {"outputs", outputs}});
   }
-  writeFileAtomically(path, jsonText({{"parameters", settings.input.speak()}, {"runs", list}}));
+  return jsonText({{"parameters", settings.input.speak()}, {"runs", list}});
 }
+
+namespace {
 
 // Runs every input, `jobs` at a time, each on one thread; when any failed, the first failure
 // in input order is thrown once all have ended.
@@ -165,7 +168,7 @@ void execute(const RunCommandOptions& o) {
     for (const auto& out : r.outputs) failed = failed || !out.verification.empty();
     if (o.hist && r.result.empty()) printHistograms(r.input, settings);
   }
-  if (!o.report.empty()) writeReport(o.report, runs, settings);
+  if (!o.report.empty()) writeFileAtomically(o.report, runReportJson(runs, settings));
   if (failed) throw CliError(kFailure, "not every run succeeded");
 }
 

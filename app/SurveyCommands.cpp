@@ -32,7 +32,7 @@ struct SimulateOptions {
   double prr = 0.0, altitude = 0.0, lineSpacing = 0.0;
   std::optional<double> heading;
   std::optional<std::int32_t> rdbSegment;
-  bool quiet = false;
+  bool quiet = false, splitLines = false;
 };
 
 void applyFlight(const SimulateOptions& o, sim::SurveyConfig& c) {
@@ -117,6 +117,27 @@ double seconds(std::chrono::steady_clock::time_point since) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
 }
 
+// OUT's name with the line number before the extension: name_YYMMDD_HHMMSS_line2.kq.
+std::string lineFileName(const std::string& out, std::uint32_t line, std::uint32_t lines) {
+  const fs::path p(out);
+  std::string number = std::to_string(line);
+  number.insert(0, std::to_string(lines - 1).size() - number.size(), '0');
+  return (p.parent_path() / (p.stem().string() + "_line" + number + p.extension().string()))
+      .string();
+}
+
+// One file per flight line, each simulated on its own with its own seed (seed + line).
+void simulateLines(sim::SurveyConfig config, const std::string& out, bool quiet) {
+  const std::uint64_t seed = config.seed;
+  for (std::uint32_t line = 0; line < config.lines; ++line) {
+    config.onlyLine = std::int32_t(line);
+    config.seed = seed + line;
+    const std::string file = lineFileName(out, line, config.lines);
+    simulateSurvey(config, file, quiet);
+    std::printf("%s: flight line %u of %u\n", file.c_str(), line + 1, config.lines);
+  }
+}
+
 void addFlightOptions(CLI::App* c, SimulateOptions& o) {
   c->add_option("--altitude", o.altitude, "Flying height above the scene's ground level in m");
   c->add_option("--lines", o.lines, "Number of parallel flight lines (default: the preset's)")
@@ -131,6 +152,8 @@ void addFlightOptions(CLI::App* c, SimulateOptions& o) {
   c->add_option("--crs", o.crs,
                 std::string(kCrsOptionHelp) +
                     " (default: the terrain's, or a local system for the built-in scene)");
+  c->add_flag("--split-lines", o.splitLines,
+              "One file per flight line: OUT's name with _line0, _line1, ... (strips for a batch)");
 }
 
 }  // namespace
@@ -153,7 +176,10 @@ void addSimulateCommand(CLI::App& app) {
   c->callback([o] {
     const auto start = std::chrono::steady_clock::now();
     const sim::SurveyConfig config = configFrom(*o);
-    simulateSurvey(config, o->out, o->quiet);
+    if (o->splitLines)
+      simulateLines(config, o->out, o->quiet);
+    else
+      simulateSurvey(config, o->out, o->quiet);
     if (config.rdbSegment >= 0 && !fs::path(o->out).stem().string().ends_with("_rdb"))
       std::fprintf(stderr,
                    "note: %s does not end in _rdb.kq; a run names its output like the input\n",
@@ -161,7 +187,8 @@ void addSimulateCommand(CLI::App& app) {
     if (!nameCarriesDate(o->out))
       std::fprintf(stderr, "note: %s carries no _YYMMDD_HHMMSS date; runs will need --date %s\n",
                    o->out.c_str(), o->date.c_str());
-    std::printf("%s: %llu shots in %.1f s\n", o->out.c_str(), (unsigned long long)config.shots,
+    std::printf("%s%s: %llu shots in %.1f s\n", o->out.c_str(),
+                o->splitLines ? " (one file per line)" : "", (unsigned long long)config.shots,
                 seconds(start));
   });
 }

@@ -27,7 +27,7 @@ int usageError(const CLI::App& app, const CLI::ParseError& e) {
 
 int main(int argc, char** argv) {
   CLI::App app{"quillo: resolves multiple-time-around (MTA) zones of airborne full-waveform LiDAR"};
-  app.set_version_flag("--version", "quillo 0.1.0");
+  app.set_version_flag("--version", "quillo " QUILLO_VERSION);
   app.require_subcommand(0, 1);
   addAllCommands(app);
   app.footer("Run 'quillo COMMAND --help' for the options of a command.");
