@@ -9,23 +9,14 @@
 #include <string>
 #include <vector>
 
+#include "las/LasLayout.hpp"
+
 namespace quillo::las {
 
 using Bytes = std::vector<unsigned char>;
 
-inline constexpr std::uint16_t kHeaderSize = 375;
-inline constexpr std::uint16_t kVlrHeaderSize = 54;
-inline constexpr std::uint16_t kEvlrHeaderSize = 60;
-inline constexpr std::uint16_t kExtraBytesRecordId = 4;
-inline constexpr std::uint16_t kWaveDescriptorFirstId = 100;  // descriptor index 1
-inline constexpr std::uint16_t kWaveDataRecordId = 65535;
-inline constexpr const char* kSpecUser = "LASF_Spec";
-inline constexpr const char* kProjectionUser = "LASF_Projection";
-inline constexpr std::uint16_t kOgcWktRecordId = 2112;
 inline constexpr std::size_t kExtraBytesDescriptorSize = 192;
 inline constexpr std::size_t kWaveDescriptorSize = 26;
-inline constexpr std::size_t kFormat6Size = 30;
-inline constexpr std::size_t kFormat9Size = 59;
 inline constexpr int kMaxReturns = 15;
 
 // Global encoding bits.

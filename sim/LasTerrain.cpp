@@ -8,26 +8,26 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "las/LasLayout.hpp"
+
 namespace quillo::sim {
 
 namespace {
 
-// Offsets into the public header block; the same in every version up to where it ends.
-constexpr std::size_t kVersionMajorAt = 24, kVersionMinorAt = 25, kHeaderSizeAt = 94;
-constexpr std::size_t kPointOffsetAt = 96, kFormatAt = 104, kRecordLengthAt = 105;
-constexpr std::size_t kLegacyCountAt = 107, kScaleAt = 131, kOffsetAt = 155;
-constexpr std::size_t kCount64At = 247;
-constexpr std::size_t kMinHeaderSize = 227;  // LAS 1.0 to 1.2
-constexpr std::size_t kHeader14Size = 375;   // LAS 1.4 adds the 64-bit counts
-// Smallest record of point formats 0 to 10.
-constexpr std::uint16_t kMinRecordLength[] = {20, 28, 26, 34, 57, 63, 30, 36, 38, 59, 67};
-
-template <class T>
-T readAt(const std::uint8_t* data, std::size_t at) {
-  T value;
-  std::memcpy(&value, data + at, sizeof value);  // LAS is little-endian, as are our targets
-  return value;
-}
+using las::kCount64At;
+using las::kFormatAt;
+using las::kHeaderSize;
+using las::kHeaderSizeAt;
+using las::kLegacyCountAt;
+using las::kMinHeaderSize;
+using las::kMinRecordLength;
+using las::kOffsetAt;
+using las::kPointOffsetAt;
+using las::kRecordLengthAt;
+using las::kScaleAt;
+using las::kVersionMajorAt;
+using las::kVersionMinorAt;
+using las::readAt;
 
 struct LasLayout {
   unsigned format = 0;
@@ -42,7 +42,7 @@ struct LasLayout {
 
 std::uint64_t pointCount(const std::uint8_t* data, unsigned minor, std::size_t headerSize) {
   const std::uint64_t legacy = readAt<std::uint32_t>(data, kLegacyCountAt);
-  if (minor < 4 || headerSize < kHeader14Size) return legacy;
+  if (minor < 4 || headerSize < kHeaderSize) return legacy;
   const std::uint64_t wide = readAt<std::uint64_t>(data, kCount64At);
   return wide != 0 ? wide : legacy;  // some writers fill only the legacy count
 }

@@ -6,16 +6,22 @@
 #include <stdexcept>
 #include <vector>
 
+#include "las/LasLayout.hpp"
+
 namespace quillo::sim {
 
 namespace {
 
-constexpr std::size_t kVersionMinorAt = 25, kHeaderSizeAt = 94, kPointOffsetAt = 96;
-constexpr std::size_t kVlrCountAt = 100, kFirstEvlrAt = 235, kEvlrCountAt = 243;
-constexpr std::size_t kHeader14Size = 375;
-constexpr std::size_t kVlrHeaderSize = 54, kEvlrHeaderSize = 60;
-constexpr std::uint16_t kWktRecord = 2112, kGeoKeysRecord = 34735;
-constexpr const char* kProjectionUser = "LASF_Projection";
+using las::kEvlrCountAt;
+using las::kEvlrHeaderSize;
+using las::kFirstEvlrAt;
+using las::kHeaderSizeAt;
+using las::kPointOffsetAt;
+using las::kProjectionUser;
+using las::kVersionMinorAt;
+using las::kVlrCountAt;
+using las::kVlrHeaderSize;
+constexpr std::uint16_t kWktRecord = las::kOgcWktRecordId, kGeoKeysRecord = las::kGeoKeysRecordId;
 // No coordinate system needs more; a larger record is damage.
 constexpr std::uint64_t kMaxRecord = 1 << 20;
 
@@ -34,14 +40,14 @@ class LasRecords {
 
   // The projection records among the VLRs and, in LAS 1.4, the extended VLRs.
   std::vector<Record> projectionRecords() {
-    const auto header = bytes(0, std::min<std::uint64_t>(size_, kHeader14Size), "the header");
+    const auto header = bytes(0, std::min<std::uint64_t>(size_, las::kHeaderSize), "the header");
     if (header.size() < 227 || std::memcmp(header.data(), "LASF", 4) != 0) fail("not a LAS file");
     std::vector<Record> found;
     std::uint64_t at = read<std::uint16_t>(header, kHeaderSizeAt);
     const std::uint64_t pointsAt = read<std::uint32_t>(header, kPointOffsetAt);
     for (std::uint32_t v = read<std::uint32_t>(header, kVlrCountAt); v > 0 && at < pointsAt; --v)
       at = nextRecord(at, kVlrHeaderSize, found);
-    if (header[kVersionMinorAt] < 4 || header.size() < kHeader14Size) return found;
+    if (header[kVersionMinorAt] < 4 || header.size() < las::kHeaderSize) return found;
     at = read<std::uint64_t>(header, kFirstEvlrAt);
     for (std::uint32_t v = read<std::uint32_t>(header, kEvlrCountAt); v > 0 && at != 0; --v)
       at = nextRecord(at, kEvlrHeaderSize, found);
