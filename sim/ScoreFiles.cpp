@@ -27,16 +27,14 @@ StrongPtr<Tessal::Grid> gridOf(Tessal::BundlePtr& b, const std::string& grid) {
 }
 
 template <class T>
-std::vector<T> readAll(Tessal::BundlePtr& b, const std::string& grid, const std::string& name) {
+std::vector<T> readAll(const StrongPtr<Tessal::Grid>& g, const std::string& name) {
   std::vector<T> values;
-  auto g = gridOf(b, grid);
   auto field = g ? (*g)(name, "") : nullptr;
   if (!field) return values;
   auto ids = field->getFragmentIDCollection();
   for (std::size_t f = 0; f < ids->size(); ++f) {
     auto creator = field->getCreator(ids->at(f));
     auto a = creator ? Vorlap::dynamicPtrCast<Tessal::MemArray<1, T>>(creator->create()) : nullptr;
-    if (creator) creator->enableCaching(false);
     if (!a) continue;
     for (std::size_t k = 0; k < a->size(); ++k) values.push_back(a->get(k));
   }
@@ -53,21 +51,21 @@ double lightSpeedOf(Tessal::BundlePtr& b) {
 
 }  // namespace
 
-SurveyTruth readTruth(const std::string& file) {
-  auto b = loadFile(file);
+SurveyTruth truthOf(Tessal::BundlePtr& b, const std::string& file) {
   SurveyTruth t;
-  t.shotTimes = readAll<double>(b, "Shots", "GPSTime");
+  t.shotTimes = readAll<double>(gridOf(b, "Shots"), "GPSTime");
   if (t.shotTimes.empty())
     throw std::runtime_error(file + ": no shots (is it a simulated survey?)");
   t.lightSpeed = lightSpeedOf(b);
   if (!(t.lightSpeed > 0.0))
     throw std::runtime_error(file + ": Shots attribute \"LightSpeed\" missing or not positive");
   namespace T = TruthField;
-  const auto emitter = readAll<std::uint32_t>(b, "Truth", T::EchoEmitter);
-  const auto zone = readAll<std::uint8_t>(b, "Truth", T::EchoZone);
-  const auto range = readAll<double>(b, "Truth", T::EchoRange);
-  const auto target = readAll<std::uint8_t>(b, "Truth", T::EchoTarget);
-  const auto recorded = readAll<std::uint8_t>(b, "Truth", T::EchoRecorded);
+  const auto truth = gridOf(b, "Truth");
+  const auto emitter = readAll<std::uint32_t>(truth, T::EchoEmitter);
+  const auto zone = readAll<std::uint8_t>(truth, T::EchoZone);
+  const auto range = readAll<double>(truth, T::EchoRange);
+  const auto target = readAll<std::uint8_t>(truth, T::EchoTarget);
+  const auto recorded = readAll<std::uint8_t>(truth, T::EchoRecorded);
   if (emitter.empty())
     throw std::runtime_error(file + ": holds no per-echo truth (\"Truth\" field \"" +
                              T::EchoEmitter + "\"); simulate it again with this version");
@@ -84,22 +82,32 @@ SurveyTruth readTruth(const std::string& file) {
   return t;
 }
 
+SurveyTruth readTruth(const std::string& file) {
+  auto b = loadFile(file);
+  return truthOf(b, file);
+}
+
+std::vector<ScoredPoint> pointsOf(const Vorlap::StrongPtr<Tessal::Grid>& fwf,
+                                  const std::string& file) {
+  const auto times = readAll<double>(fwf, "GPSTime");
+  const auto zones = readAll<std::uint8_t>(fwf, "MTA");
+  const auto ranges = readAll<double>(fwf, "Range");
+  const auto classes = readAll<std::uint8_t>(fwf, "Classification");
+  if (times.size() != zones.size() || ranges.size() != zones.size() ||
+      classes.size() != zones.size())
+    throw std::runtime_error(file + ": GPSTime, MTA, Range and Classification differ in length");
+  std::vector<ScoredPoint> points(times.size());
+  for (std::size_t p = 0; p < times.size(); ++p)
+    points[p] = {times[p], ranges[p], zones[p], classes[p]};
+  return points;
+}
+
 ZoneScoreReport scoreOutputs(const std::vector<std::string>& outputs,
                              const std::string& truthFile) {
   ZoneScorer scorer(readTruth(truthFile));
   for (const auto& file : outputs) {
     auto b = loadFile(file);
-    const auto times = readAll<double>(b, "FWF", "GPSTime");
-    const auto zones = readAll<std::uint8_t>(b, "FWF", "MTA");
-    const auto ranges = readAll<double>(b, "FWF", "Range");
-    const auto classes = readAll<std::uint8_t>(b, "FWF", "Classification");
-    if (times.size() != zones.size() || ranges.size() != zones.size() ||
-        classes.size() != zones.size())
-      throw std::runtime_error(file + ": GPSTime, MTA, Range and Classification differ in length");
-    std::vector<ScoredPoint> points(times.size());
-    for (std::size_t p = 0; p < times.size(); ++p)
-      points[p] = {times[p], ranges[p], zones[p], classes[p]};
-    scorer.add(points);
+    scorer.add(pointsOf(gridOf(b, "FWF"), file));
   }
   return scorer.finish();
 }

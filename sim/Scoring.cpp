@@ -180,8 +180,7 @@ std::string reportAsText(const ZoneScoreReport& r) {
                 ull(r.notNoise), 100.0 * r.notNoiseWrongShare(), ull(r.notNoiseWrong));
   s += line;
   s += "wrong zone by target: " + targetCounts(r.wrongByTarget) + "\n";
-  std::snprintf(line, sizeof line,
-                "birds and dust: %llu points, %.2f %% classified as noise\n",
+  std::snprintf(line, sizeof line, "birds and dust: %llu points, %.2f %% classified as noise\n",
                 ull(r.offSurfacePoints()), 100.0 * r.offSurfaceMarkedShare());
   s += line;
   std::snprintf(line, sizeof line,
@@ -200,29 +199,28 @@ std::string reportAsJson(const ZoneScoreReport& r) {
     byTarget[targetName(Target(t))] = r.pointsByTarget[std::size_t(t)];
     wrongByTarget[targetName(Target(t))] = r.wrongByTarget[std::size_t(t)];
   }
-  const nlohmann::ordered_json j = {
-      {"points", r.points},
-      {"correct", r.correct},
-      {"zone_accuracy", r.zoneAccuracy()},
-      {"wrong_zone", r.wrongZone},
-      {"no_zone", r.noZone},
-      {"untraceable", r.untraceable},
-      {"lenient_correct", r.lenientCorrect},
-      {"lenient_zone_accuracy", r.lenientAccuracy()},
-      {"not_noise", r.notNoise},
-      {"not_noise_wrong_zone", r.notNoiseWrong},
-      {"points_by_target", byTarget},
-      {"wrong_zone_by_target", wrongByTarget},
-      {"off_surface_marked_noise", r.offSurfaceMarkedNoise},
-      {"true_echoes", r.trueEchoes},
-      {"blind_echoes", r.blindEchoes},
-      {"real_echoes", r.realEchoes},
-      {"real_echoes_reached", r.realEchoesReached},
-      {"reached_share", r.reachedShare()},
-      {"real_marked_noise", r.realMarkedNoise},
-      {"range_error_median", r.rangeErrorMedian},
-      {"range_error_p95", r.rangeErrorP95},
-      {"confusion", r.confusion}};
+  const nlohmann::ordered_json j = {{"points", r.points},
+                                    {"correct", r.correct},
+                                    {"zone_accuracy", r.zoneAccuracy()},
+                                    {"wrong_zone", r.wrongZone},
+                                    {"no_zone", r.noZone},
+                                    {"untraceable", r.untraceable},
+                                    {"lenient_correct", r.lenientCorrect},
+                                    {"lenient_zone_accuracy", r.lenientAccuracy()},
+                                    {"not_noise", r.notNoise},
+                                    {"not_noise_wrong_zone", r.notNoiseWrong},
+                                    {"points_by_target", byTarget},
+                                    {"wrong_zone_by_target", wrongByTarget},
+                                    {"off_surface_marked_noise", r.offSurfaceMarkedNoise},
+                                    {"true_echoes", r.trueEchoes},
+                                    {"blind_echoes", r.blindEchoes},
+                                    {"real_echoes", r.realEchoes},
+                                    {"real_echoes_reached", r.realEchoesReached},
+                                    {"reached_share", r.reachedShare()},
+                                    {"real_marked_noise", r.realMarkedNoise},
+                                    {"range_error_median", r.rangeErrorMedian},
+                                    {"range_error_p95", r.rangeErrorP95},
+                                    {"confusion", r.confusion}};
   return j.dump() + "\n";
 }
 

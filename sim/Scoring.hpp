@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "sim/Survey.hpp"
+#include "tessal/Bundle.hpp"
 
 namespace quillo::sim {
 
@@ -21,8 +22,8 @@ using TargetCounts = std::array<std::uint64_t, kTargetCount>;
 struct ZoneScoreReport {
   // Every point is one of: correct, wrongZone, noZone, untraceable.
   std::uint64_t points = 0, correct = 0, wrongZone = 0, noZone = 0;
-  std::uint64_t untraceable = 0;     // no echo of the truth near the point's arrival
-  std::uint64_t lenientCorrect = 0;  // by the lenient rule
+  std::uint64_t untraceable = 0;                   // no echo of the truth near the point's arrival
+  std::uint64_t lenientCorrect = 0;                // by the lenient rule
   TargetCounts pointsByTarget{}, wrongByTarget{};  // traced points, by their echo's target
   std::uint64_t notNoise = 0, notNoiseWrong = 0;   // points not classified as noise
   std::uint64_t offSurfaceMarkedNoise = 0;         // traced bird and dust points classed noise
@@ -74,6 +75,11 @@ struct SurveyTruth {
 // Reads the truth from `truthFile` (the simulator's output); throws std::runtime_error naming
 // the file and what is missing.
 SurveyTruth readTruth(const std::string& truthFile);
+// The same from a survey bundle in memory; `name` names it in messages.
+SurveyTruth truthOf(Tessal::BundlePtr& survey, const std::string& name);
+// The points of an output grid ("FWF"); throws std::runtime_error naming `name`.
+std::vector<ScoredPoint> pointsOf(const Vorlap::StrongPtr<Tessal::Grid>& fwf,
+                                  const std::string& name);
 
 // Scores points against a truth; call add for each output's points, then finish once.
 class ZoneScorer {

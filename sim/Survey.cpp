@@ -44,8 +44,8 @@ constexpr double kDustClearance = 5.0;  // m above the surface: apart from its e
 }  // namespace
 
 const char* targetName(Target t) {
-  static constexpr const char* kNames[kTargetCount] = {"ground", "building", "water",
-                                                       "vegetation", "bird", "dust"};
+  static constexpr const char* kNames[kTargetCount] = {"ground",     "building", "water",
+                                                       "vegetation", "bird",     "dust"};
   const auto i = std::size_t(t);
   return i < std::size_t(kTargetCount) ? kNames[i] : "unknown";
 }
@@ -152,8 +152,10 @@ Shot Survey::shot(std::uint64_t k) const {
 // Line-wise: the angle sweeps across track over the field of view, goes on past it in the
 // gap, then jumps back. Radial: a cone around nadir.
 void Survey::aimBeam(const FlightLine& l, double elapsed, std::uint64_t slot, Shot& s) const {
-  const double turns = elapsed * config_.pulseRate / double(periodSlots_);
-  const double phase = turns - std::floor(turns);
+  // Measured from the start of the shot's own scan line, so that a shot fired early by its
+  // jitter does not wrap round to the end of the previous line.
+  const auto lineStart = double(slot - slot % periodSlots_);
+  const double phase = (elapsed * config_.pulseRate - lineStart) / double(periodSlots_);
   if (config_.pattern == Pattern::LineWise) {
     const double a = config_.maxScanAngle;
     const double viewShare = double(periodSlots_ - gapSlots_) / double(periodSlots_);

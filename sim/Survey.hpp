@@ -23,12 +23,12 @@ struct SurveyConfig {
   std::uint64_t seed = 1;
   std::uint64_t shots = 200000;
   std::uint32_t fragmentShots = 50000;
-  double pulseRate = 1.0e6;     // Hz, nominal
-  double ppmSpread = 0.03;      // each shot is off its nominal time by up to +-3 % of the interval
-  double altitude = 500.0;      // m above the ground level of the scene
-  double speed = 60.0;          // m/s
-  double scanRate = 100.0;      // lines (or turns) per second
-  double maxScanAngle = 0.87;   // rad, line-wise half sweep (the jump back exceeds 90 degrees)
+  double pulseRate = 1.0e6;    // Hz, nominal
+  double ppmSpread = 0.03;     // each shot is off its nominal time by up to +-3 % of the interval
+  double altitude = 500.0;     // m above the ground level of the scene
+  double speed = 60.0;         // m/s
+  double scanRate = 100.0;     // lines (or turns) per second
+  double maxScanAngle = 0.87;  // rad, line-wise half sweep (the jump back exceeds 90 degrees)
   // Line-wise: share of each scan period the beam spends outside the field of view (turning
   // back); with shotsBetweenLines the laser keeps firing there and those shots have no echo,
   // without it no shot is fired there at all.
@@ -41,8 +41,8 @@ struct SurveyConfig {
   double lightSpeed = 299702547.0;
   // The receiver is blind while a pulse leaves: echoes arriving this soon after any shot's
   // emission are not recorded (the truth keeps them, marked unrecorded). 0: never blind.
-  double blindWindow = 10.0e-9;  // s
-  double dustShare = 0.001;      // share of shots with an isolated echo off any surface (dust)
+  double blindWindow = 10.0e-9;   // s
+  double dustShare = 0.001;       // share of shots with an isolated echo off any surface (dust)
   double onlineShare = 0.5;       // share of echoes in waveform rows that also get an online record
   double onlineOnlyShare = 0.03;  // share of rows whose echoes get online records only
   std::string date = "210315_093000";  // YYMMDD_HHMMSS; sets the GPS week time
@@ -70,7 +70,9 @@ enum class Target : std::uint8_t {
 };
 inline constexpr int kTargetCount = 6;
 const char* targetName(Target t);
-inline bool isOffSurface(Target t) { return t == Target::Bird || t == Target::Dust; }
+inline bool isOffSurface(Target t) {
+  return t == Target::Bird || t == Target::Dust;
+}
 
 struct Return {
   double range;  // m along the beam
