@@ -30,8 +30,19 @@ struct SimulateOptions {
   double prr = 0.0, altitude = 0.0, lineSpacing = 0.0;
   std::optional<double> heading;
   std::optional<std::int32_t> rdbSegment;
+  std::optional<double> blindWindowNs, scanGap, dust;
+  bool noShotsBetweenLines = false;
   bool quiet = false;
 };
+
+void applyScanner(const SimulateOptions& o, sim::SurveyConfig& c) {
+  if (o.blindWindowNs) c.blindWindow = *o.blindWindowNs * 1e-9;
+  if (o.scanGap) c.scanGapShare = *o.scanGap;
+  if (o.dust) c.dustShare = *o.dust;
+  if (o.noShotsBetweenLines) c.shotsBetweenLines = false;
+  if (!c.shotsBetweenLines && c.scanGapShare <= 0.0)
+    throw CliError(kUsage, "--no-shots-between-lines: needs a --scan-gap above 0");
+}
 
 void applyFlight(const SimulateOptions& o, sim::SurveyConfig& c) {
   if (o.lines) c.lines = o.lines;
@@ -70,6 +81,7 @@ sim::SurveyConfig configFrom(const SimulateOptions& o) {
     throw CliError(kUsage, "--date: expected YYMMDD_HHMMSS");
   c.date = o.date;
   applyFlight(o, c);
+  applyScanner(o, c);
   return c;
 }
 
@@ -111,6 +123,19 @@ void addFlightOptions(CLI::App* c, SimulateOptions& o) {
   c->add_option("--rdb-segment", o.rdbSegment, "Write the \"RDB_Segment\" attribute (0 or 1)");
 }
 
+void addScannerOptions(CLI::App* c, SimulateOptions& o) {
+  c->add_option("--blind-window", o.blindWindowNs,
+                "Receiver blind time after each emission in ns (default 10; 0: never blind)")
+      ->check(CLI::Range(0.0, 1000.0));
+  c->add_option("--scan-gap", o.scanGap,
+                "Line-wise: share of each scan line outside the field of view (default 0.2)")
+      ->check(CLI::Range(0.0, 0.9));
+  c->add_flag("--no-shots-between-lines", o.noShotsBetweenLines,
+              "Fire no shots while the beam is outside the field of view");
+  c->add_option("--dust", o.dust, "Share of shots with an isolated dust echo (default 0.001)")
+      ->check(CLI::Range(0.0, 1.0));
+}
+
 }  // namespace
 
 void addSimulateCommand(CLI::App& app) {
@@ -127,6 +152,7 @@ void addSimulateCommand(CLI::App& app) {
   c->add_option("--date", o->date, "Acquisition date and time YYMMDD_HHMMSS")
       ->capture_default_str();
   addFlightOptions(c, *o);
+  addScannerOptions(c, *o);
   c->add_flag("--quiet", o->quiet, "No progress output");
   c->callback([o] {
     const auto start = std::chrono::steady_clock::now();
