@@ -1,6 +1,7 @@
 // Simulates one fragment: every shot that can have echoes recorded in the fragment (back to
 // the survey's deepest zone) is traced; each echo arrives at emission + 2 x range / light
-// speed and is recorded after the latest shot fired before it. The echoes of one emitting
+// speed and is recorded after the latest shot fired before it, unless it arrives within the
+// receiver's blind window after that shot; the truth lists every echo. The echoes of one emitting
 // shot recorded after the same shot share waveform rows (one per channel, further rows when
 // they do not fit one), rendered with the detector's pulse shape, baseline and noise. Some
 // rows are not kept as waveforms and leave only online records.

@@ -7,6 +7,8 @@
 
 #include "sim/FragmentSimulation.hpp"
 #include "sim/Scenes.hpp"
+#include "sim/SurveyBundle.hpp"
+#include "waveform/ScannerDevice.hpp"
 
 using namespace quillo::sim;
 
@@ -85,6 +87,14 @@ TEST(ScannerFrame, TransformTurnsTheFirstLinesTrackOntoTheScannerAxes) {
   EXPECT_NEAR(m[1], 1.0, 1e-12);   // scanner y (along track) is map +x
   const auto back = s.toScanner(Gemwold::PhysicalSpace::vector{0.0, -1.0, 0.0});
   EXPECT_NEAR(back.x, 1.0, 1e-12);
+  // The file carries it where `quillo run` reads it for the map positions.
+  auto bundle = surveyBundle(c);
+  auto shots = (*(*bundle.create())[0.0])("Shots");
+  auto stored = Vorlap::dynamicPtrCast<Vorlap::Chunk<double>>(
+      shots->attributes().getAttribute(FullWaveform::ScannerAttribute::ScannerToMap));
+  ASSERT_TRUE(stored);
+  ASSERT_EQ(stored->size(), 12u);
+  for (std::size_t i = 0; i < 12; ++i) EXPECT_EQ((*stored)[i], m[i]) << i;
 }
 
 TEST(ReceiverBlindWindow, EchoesArrivingWhileAPulseLeavesAreNotRecorded) {
