@@ -23,7 +23,9 @@ configure: deps
 build: configure
 	@cmake --build $(BUILD) -j$(JOBS)
 
-demo: build
+# The demo needs only the command line: tests and benchmarks are left for `make test`.
+demo: configure
+	@cmake --build $(BUILD) -j$(JOBS) --target quillo_cli
 	@$(BUILD)/app/quillo demo --dir demo-out
 
 # Everything CI checks: the tests, then the unit tests under ASan+UBSan and parallel runs

@@ -1,5 +1,7 @@
 #include "app/Commands.hpp"
 
+#include "app/BatchCommands.hpp"
+#include "app/CheckCommand.hpp"
 #include "app/DemoCommand.hpp"
 #include "app/ExportCommand.hpp"
 #include "app/FileCommands.hpp"
@@ -12,6 +14,7 @@ namespace quillo::cli {
 void addAllCommands(CLI::App& app) {
   addDemoCommand(app);
   addSimulateCommand(app);
+  addCheckCommand(app);
   addRunCommand(app);
   addScoreCommand(app);
   addInfoCommand(app);
@@ -19,6 +22,7 @@ void addAllCommands(CLI::App& app) {
   addHistCommand(app);
   addExportCommand(app);
   addQuicklookCommand(app);
+  addBatchCommand(app);
 }
 
 }  // namespace quillo::cli

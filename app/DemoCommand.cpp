@@ -45,6 +45,7 @@ class Stopwatch {
 std::string simulateInto(const std::string& dir, const std::string& preset, DemoReport& report) {
   sim::SurveyConfig config;
   if (!sim::presetConfig(preset, config)) throw CliError(kUsage, "--preset: tiny, demo or large");
+  config.coordinateSystem = proceduralSceneCoordinateSystem();
   const std::string input = (fs::path(dir) / ("survey_" + config.date + ".kq")).string();
   Stopwatch clock;
   simulateSurvey(config, input, false);

@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "app/Json.hpp"
+#include "geo/CoordinateSystem.hpp"
 #include "vorlap/Console.hpp"
 #include "waveform/ScannerDevice.hpp"
 
@@ -82,6 +83,25 @@ void shotSpan(const Tessal::Grid& shots, FileInfo& info) {
   info.shots = fieldInfo(*times).elements;
 }
 
+void coordinateSystem(const Tessal::Slice& slice, FileInfo& info) {
+  for (const char* name : {"Shots", "FWF"}) {
+    auto grid = slice(name);
+    auto wkt = grid
+                   ? grid->attributes().getAttributeAs<std::string>(geo::kCoordinateSystemAttribute)
+                   : nullptr;
+    if (!wkt || wkt->size() != 1) continue;
+    try {
+      const geo::CoordinateSystem crs = geo::parseCoordinateSystem((*wkt)[0]);
+      info.crsLabel = crs.label();
+      info.crsId = crs.id;
+      info.crsWkt = crs.wkt;
+    } catch (const geo::CrsError& e) {
+      info.crsProblem = e.what();
+    }
+    return;
+  }
+}
+
 }  // namespace
 
 FileInfo describe(Tessal::BundlePtr& bundle) {
@@ -90,6 +110,7 @@ FileInfo describe(Tessal::BundlePtr& bundle) {
   auto slice = (*bundle.create())(t);
   if (!slice) return info;
   for (const auto& grid : slice->grids()) info.grids.push_back(gridInfo(*grid));
+  coordinateSystem(*slice, info);
   auto shots = (*slice)("Shots");
   if (!shots) return info;
   shotSpan(*shots, info);
@@ -113,6 +134,10 @@ std::string infoAsText(const std::string& file, const FileInfo& info) {
              " fragments, " + std::to_string(f.elements) + " elements\n";
     }
   }
+  if (!info.crsProblem.empty())
+    s += "coordinate system: not readable: " + info.crsProblem + "\n";
+  else
+    s += "coordinate system: " + (info.crsLabel.empty() ? "none" : info.crsLabel) + "\n";
   if (info.shots) {
     s += "shots: " + std::to_string(info.shots) + ", GPS time " +
          Vorlap::shortestText(info.firstShotTime) + " to " +
@@ -124,35 +149,42 @@ std::string infoAsText(const std::string& file, const FileInfo& info) {
   return s;
 }
 
-std::string infoAsJson(const std::string& file, const FileInfo& info) {
-  JsonWriter j;
-  j.beginObject().key("file").value(file).key("grids").beginArray();
-  for (const auto& g : info.grids) {
-    j.beginObject().key("name").value(g.name).key("attributes").beginObject();
-    for (const auto& a : g.attributes)
-      j.key(a.name).beginObject().key("type").value(a.type).key("value").value(a.value).endObject();
-    j.endObject().key("charts").beginArray();
-    for (const auto& c : g.charts) {
-      j.beginObject().key("name").value(c.name).key("fields").beginArray();
-      for (const auto& f : c.fields)
-        j.beginObject()
-            .key("name")
-            .value(f.name)
-            .key("element_type")
-            .value(f.elementType)
-            .key("fragments")
-            .value(f.fragments)
-            .key("elements")
-            .value(f.elements)
-            .endObject();
-      j.endArray().endObject();
-    }
-    j.endArray().endObject();
+namespace {
+
+Json gridAsJson(const GridInfo& g) {
+  Json attributes = Json::object(), charts = Json::array();
+  for (const auto& a : g.attributes) attributes[a.name] = {{"type", a.type}, {"value", a.value}};
+  for (const auto& c : g.charts) {
+    Json fields = Json::array();
+    for (const auto& f : c.fields)
+      fields.push_back({{"name", f.name},
+                        {"element_type", f.elementType},
+                        {"fragments", f.fragments},
+                        {"elements", f.elements}});
+    charts.push_back({{"name", c.name}, {"fields", fields}});
   }
-  j.endArray().key("shots").value(info.shots).key("first_shot_time").value(info.firstShotTime);
-  j.key("last_shot_time").value(info.lastShotTime).key("scanner_usable").value(info.scannerUsable);
-  j.key("scanner").value(info.scanner).endObject();
-  return j.text() + "\n";
+  return {{"name", g.name}, {"attributes", attributes}, {"charts", charts}};
+}
+
+Json crsAsJson(const FileInfo& info) {
+  if (!info.crsProblem.empty()) return {{"problem", info.crsProblem}};
+  if (info.crsLabel.empty()) return nullptr;
+  return {{"name", info.crsLabel}, {"id", info.crsId}, {"wkt", info.crsWkt}};
+}
+
+}  // namespace
+
+std::string infoAsJson(const std::string& file, const FileInfo& info) {
+  Json grids = Json::array();
+  for (const auto& g : info.grids) grids.push_back(gridAsJson(g));
+  return jsonText({{"file", file},
+                   {"grids", grids},
+                   {"coordinate_system", crsAsJson(info)},
+                   {"shots", info.shots},
+                   {"first_shot_time", info.firstShotTime},
+                   {"last_shot_time", info.lastShotTime},
+                   {"scanner_usable", info.scannerUsable},
+                   {"scanner", info.scanner}});
 }
 
 }  // namespace quillo::cli

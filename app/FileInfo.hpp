@@ -1,5 +1,6 @@
 // What `quillo info` tells about a .kq file: its grids, charts, fields (element type,
-// fragment count), attributes, the scanner description and the shot count and time span.
+// fragment count), attributes, the coordinate system, the scanner description and the shot
+// count and time span.
 #pragma once
 
 #include <cstdint>
@@ -32,6 +33,9 @@ struct FileInfo {
   bool scannerUsable = false;
   std::uint64_t shots = 0;
   double firstShotTime = 0.0, lastShotTime = 0.0;
+  // From the "CoordinateSystem" attribute of "Shots" (an input) or "FWF" (a result).
+  std::string crsLabel, crsId, crsWkt;  // empty: none
+  std::string crsProblem;               // why the attribute could not be read
 };
 
 FileInfo describe(Tessal::BundlePtr& bundle);

@@ -1,11 +1,8 @@
 #include "app/FragmentProbe.hpp"
 
 #include "app/CliError.hpp"
+#include "run/FragmentStages.hpp"
 #include "store/FatBoy.hpp"
-#include "store/WaveExtraction.hpp"
-#include "zones/ResolveMTA.hpp"
-#include "zones/ZoneAssignment.hpp"
-#include "zones/ZoneInit.hpp"
 
 namespace quillo::cli {
 
@@ -47,20 +44,17 @@ FragmentReport FragmentProbe::inspect(std::uint32_t fragment) {
   auto& fb = impl_->store;
   FragmentReport r;
   if (!fb.ini(fragment)) return r;
-  const std::string error = FullWaveform::iniWavePoints(fb);
-  if (!error.empty()) throw CliError(kInput, error);
-  if (!fb.iniMTA()) return r;
-  FullWaveform::removeNearRangeWaves(fb);
-  if (impl_->input.MTA >= 0) {
-    FullWaveform::setFixedMTA(fb);
-  } else {
-    FullWaveform::resolveMTA(fb);
-    r.uncertain = countUncertain(fb);
-    const std::vector<std::int32_t> before = fb.mta;
-    FullWaveform::repairUncertainMTA(fb);
-    for (std::uint32_t i = 0; i < fb.nWaves; ++i)
-      if (fb.wavePoints[i] && !fb.isCertainMTA(i) && fb.mta[i] != before[i]) ++r.repaired;
-  }
+  std::vector<std::int32_t> beforeRepair;
+  FullWaveform::ZoneStageHooks hooks;
+  hooks.beforeRepair = [&](const FullWaveform::FatBoy<unsigned short>& resolved) {
+    r.uncertain = countUncertain(resolved);
+    beforeRepair = resolved.mta;
+  };
+  const auto zones = FullWaveform::resolveFragmentZones(fb, impl_->input, hooks);
+  if (!zones.text.empty()) throw CliError(kInput, zones.text);
+  if (!zones.resolved) return r;
+  for (std::uint32_t i = 0; i < fb.nWaves && !beforeRepair.empty(); ++i)
+    if (fb.wavePoints[i] && !fb.isCertainMTA(i) && fb.mta[i] != beforeRepair[i]) ++r.repaired;
   r.processed = true;
   r.waves = fb.nWaves;
   r.histogram = fb.printHist();

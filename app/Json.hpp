@@ -1,35 +1,17 @@
-// A small JSON writer for the commands' machine-readable output.
+// Machine-readable output of the commands: JSON documents (nlohmann::json) as UTF-8 text, and
+// files written whole or not at all.
 #pragma once
 
+#include <nlohmann/json.hpp>
 #include <string>
-#include <vector>
 
 namespace quillo::cli {
 
-class JsonWriter {
- public:
-  JsonWriter& beginObject();
-  JsonWriter& endObject();
-  JsonWriter& beginArray();
-  JsonWriter& endArray();
-  JsonWriter& key(const std::string& k);
-  JsonWriter& value(const std::string& s);
-  JsonWriter& value(const char* s) { return value(std::string(s)); }
-  JsonWriter& value(double d);  // NaN and infinities are written as null
-  JsonWriter& value(long long i);
-  JsonWriter& value(unsigned long long u);
-  JsonWriter& value(int i) { return value(static_cast<long long>(i)); }
-  JsonWriter& value(unsigned u) { return value(static_cast<unsigned long long>(u)); }
-  JsonWriter& value(unsigned long u) { return value(static_cast<unsigned long long>(u)); }
-  JsonWriter& value(bool b);
-  const std::string& text() const { return out_; }
+using Json = nlohmann::json;
 
- private:
-  void separate();
-  std::string out_;
-  std::vector<bool> first_;  // per open container: nothing written in it yet
-  bool afterKey_ = false;
-};
+// The document on one line, ending in a newline. Not-a-number and infinities become null;
+// bytes that are not UTF-8 (a file name may hold any) become U+FFFD, so the text stays valid.
+std::string jsonText(const Json& document);
 
 // Writes `text` to `path` through a temporary file renamed into place; throws CliError.
 void writeFileAtomically(const std::string& path, const std::string& text);

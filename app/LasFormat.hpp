@@ -19,6 +19,9 @@ inline constexpr std::uint16_t kEvlrHeaderSize = 60;
 inline constexpr std::uint16_t kExtraBytesRecordId = 4;
 inline constexpr std::uint16_t kWaveDescriptorFirstId = 100;  // descriptor index 1
 inline constexpr std::uint16_t kWaveDataRecordId = 65535;
+inline constexpr const char* kSpecUser = "LASF_Spec";
+inline constexpr const char* kProjectionUser = "LASF_Projection";
+inline constexpr std::uint16_t kOgcWktRecordId = 2112;
 inline constexpr std::size_t kExtraBytesDescriptorSize = 192;
 inline constexpr std::size_t kWaveDescriptorSize = 26;
 inline constexpr std::size_t kFormat6Size = 30;
@@ -99,23 +102,31 @@ inline Bytes encodeHeader(const Header& h) {
 
 // Record header of a VLR (16-bit length) or an extended VLR (64-bit length).
 template <class Length>
-void putRecordHeader(Bytes& b, std::uint16_t recordId, Length length,
+void putRecordHeader(Bytes& b, const char* user, std::uint16_t recordId, Length length,
                      const std::string& description) {
   put<std::uint16_t>(b, 0);
-  putText(b, "LASF_Spec", 16);
+  putText(b, user, 16);
   put(b, recordId);
   put(b, length);
   putText(b, description, 32);
 }
 
 inline void putVlrHeader(Bytes& b, std::uint16_t recordId, std::uint16_t length,
-                         const std::string& description) {
-  putRecordHeader(b, recordId, length, description);
+                         const std::string& description, const char* user = kSpecUser) {
+  putRecordHeader(b, user, recordId, length, description);
 }
 
 inline void putEvlrHeader(Bytes& b, std::uint16_t recordId, std::uint64_t length,
                           const std::string& description) {
-  putRecordHeader(b, recordId, length, description);
+  putRecordHeader(b, kSpecUser, recordId, length, description);
+}
+
+// The OGC coordinate system WKT record: the text with its terminating zero.
+inline constexpr std::size_t kMaxWktSize = 65534;  // a VLR holds 65535 bytes, the zero included
+inline void putWktVlr(Bytes& b, const std::string& wkt) {
+  putVlrHeader(b, kOgcWktRecordId, static_cast<std::uint16_t>(wkt.size() + 1),
+               "OGC coordinate system WKT", kProjectionUser);
+  putText(b, wkt, wkt.size() + 1);
 }
 
 struct ExtraBytesField {

@@ -1,5 +1,6 @@
 // Reads the "FWF" grid of a run result fragment by fragment and writes a LAS 1.4 file:
-// header, extra-bytes VLR, wave packet descriptors, point records, waveform packets EVLR.
+// header, extra-bytes VLR, coordinate system VLR, wave packet descriptors, point records,
+// waveform packets EVLR.
 #include "app/LasWriter.hpp"
 
 #include <cmath>
@@ -8,9 +9,13 @@
 #include <filesystem>
 #include <limits>
 #include <map>
+#include <optional>
 
+#include "app/CrsOption.hpp"
 #include "app/LasFormat.hpp"
+#include "app/LasIntensity.hpp"
 #include "app/MapPositions.hpp"
+#include "app/ScanAngles.hpp"
 
 namespace quillo::cli {
 
@@ -65,14 +70,18 @@ Vorlap::StrongPtr<Tessal::MemBase> FragmentReader::raw(
 
 namespace {
 
+bool hasFinitePosition(const point& p) {
+  return std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z);
+}
+
 constexpr double kScale = 0.001;
 
 const las::ExtraBytesField kExtraFields[] = {
     {"mta_zone", las::ExtraType::UInt8, "MTA zone (255: none)"},
     {"reflectance_db", las::ExtraType::Float, "reflectance [dB]"},
     {"range", las::ExtraType::Double, "range from the scanner [m]"},
-    {"amplitude", las::ExtraType::Float, "echo amplitude [dB]"},
-    {"pulse_width", las::ExtraType::Double, "pulse width (0: not known)"},
+    {"amplitude", las::ExtraType::Float, "amplitude [digitiser counts]"},
+    {"pulse_width", las::ExtraType::Double, "pulse width, FWHM [s] (0: none)"},
     {"damping", las::ExtraType::Float, "waveform damping (0: not known)"},
 };
 constexpr std::size_t kExtraSize = 1 + 4 + 8 + 4 + 8 + 4;
@@ -83,12 +92,12 @@ struct PointArrays {
   Vorlap::StrongPtr<Tessal::MemArray<1, double>> time, range, pulseWidth;
   Vorlap::StrongPtr<Tessal::MemArray<1, unsigned char>> mta, channel, cls, ret, nret;
   Vorlap::StrongPtr<Tessal::MemArray<1, float>> amplitude, damping, reflectance;
-  Vorlap::StrongPtr<Tessal::MemArray<1, short>> angle;
+  Vorlap::StrongPtr<Tessal::MemArray<1, vector>> delta;  // beam step per sample, scanner frame
+  const std::vector<std::int16_t>* scanAngle = nullptr;  // LAS units, from ScanAngles
   // Only for format 9.
   Vorlap::StrongPtr<Tessal::MemArray<1, int>> waveId;
   Vorlap::StrongPtr<Tessal::MemArray<1, float>> wavePosition;
   Vorlap::StrongPtr<Tessal::MemArray<1, unsigned short>> fwfLength;
-  Vorlap::StrongPtr<Tessal::MemArray<1, vector>> delta;
   Vorlap::StrongPtr<Tessal::MemArray<2, unsigned short>> waves;
 
   void read(FragmentReader& r, bool withWaves, const ResultGrid& grid) {
@@ -104,12 +113,11 @@ struct PointArrays {
     amplitude = r.get<float>("Amplitude");
     damping = r.get<float>("Damping", false);
     reflectance = r.get<float>("Reflectance");
-    angle = r.get<short>("ScanAngleRank");
+    delta = r.get<vector>("Waveforms.DirectionDelta");
     if (!withWaves) return;
     waveId = r.get<int>("WaveID");
     wavePosition = r.get<float>("WaveformPositionIndex");
     fwfLength = r.get<unsigned short>("FWFLength", false);
-    delta = r.get<vector>("Waveforms.DirectionDelta");
     waves = Vorlap::dynamicPtrCast<Tessal::MemArray<2, unsigned short>>(
         r.raw(grid.field("Waveforms"), "Waveforms"));
     if (!waves || waves->extent(1) != r.size())
@@ -117,12 +125,6 @@ struct PointArrays {
                                  "\" is not a 2-D uint16 array with one row per point");
   }
 };
-
-// Intensity carries the amplitude in hundredths of a dB, clamped to the 16-bit range.
-std::uint16_t intensity(float amplitude) {
-  if (!(amplitude > 0.0f)) return 0;
-  return static_cast<std::uint16_t>(std::min(65535.0, std::round(amplitude * 100.0)));
-}
 
 class LasFile {
  public:
@@ -133,7 +135,9 @@ class LasFile {
 
  private:
   void scanBounds();
+  void scanAmplitudes(FragmentReader& r);
   void readTimeBase();
+  void readCoordinateSystem(const std::string& crsOption);
   void readWaveformSetup();
   las::Bytes vlrs() const;
   void writePoints();
@@ -146,6 +150,10 @@ class LasFile {
   const ResultGrid& grid_;
   std::string resultName_, outPath_, tmpPath_, wavePath_;
   bool waveforms_;
+  Transform toMap_;  // rotates beam directions into the frame of the positions
+  ScanAngles scanAngles_;
+  IntensityScale intensity_;
+  std::optional<geo::CoordinateSystem> crs_;
   std::FILE* out_ = nullptr;
   std::FILE* waveData_ = nullptr;
   las::Header h_;
@@ -157,11 +165,19 @@ class LasFile {
   std::int64_t lastWave_ = -1;
   std::uint64_t lastOffset_ = 0;
   std::int32_t qMin_[3], qMax_[3];
+  std::uint64_t notFinite_ = 0;  // points left out: their position is not finite
 };
 
 LasFile::LasFile(const ResultGrid& grid, const std::string& resultName, const std::string& outPath,
                  const LasExportOptions& options)
-    : grid_(grid), resultName_(resultName), outPath_(outPath), waveforms_(options.waveforms) {
+    : grid_(grid),
+      resultName_(resultName),
+      outPath_(outPath),
+      waveforms_(options.waveforms),
+      toMap_(grid.mapPositions ? scannerToMapOf(*grid.grid, "grid \"FWF\"")
+                               : Transform{1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0}),
+      scanAngles_(toMap_) {
+  readCoordinateSystem(options.crs);
   const fs::path target(outPath);
   tmpPath_ = (target.parent_path() / ("." + target.filename().string() + ".partial")).string();
   wavePath_ = tmpPath_ + ".waves";
@@ -196,16 +212,18 @@ void LasFile::scanBounds() {
     auto p = r.positions();
     for (std::size_t k = 0; k < p->size(); ++k) {
       const point q = p->get(k);
+      if (!hasFinitePosition(q)) {
+        ++notFinite_;
+        continue;
+      }
       const double c[3] = {q.x, q.y, q.z};
       for (int a = 0; a < 3; ++a) {
-        if (!std::isfinite(c[a]))
-          throw CliError(kInput, resultName_ + ": fragment \"" + r.name() + "\" point " +
-                                     std::to_string(k) + " has a position that is not finite");
         rawMin_[a] = std::min(rawMin_[a], c[a]);
         rawMax_[a] = std::max(rawMax_[a], c[a]);
       }
+      ++h_.pointCount;
     }
-    h_.pointCount += p->size();
+    scanAmplitudes(r);
     if (waveforms_) {
       auto creator = grid_.field("Waveforms")
                          ->getCreator(grid_.field("Waveforms")
@@ -224,6 +242,34 @@ void LasFile::scanBounds() {
       throw CliError(kInput, resultName_ +
                                  ": the cloud spans more than 2147 km, which LAS "
                                  "cannot hold at millimetre resolution");
+  }
+}
+
+void LasFile::scanAmplitudes(FragmentReader& r) {
+  auto amplitude = r.get<float>("Amplitude");
+  for (std::size_t k = 0; k < amplitude->size(); ++k) intensity_.include(amplitude->get(k));
+}
+
+// --crs when given, else the result's own (the input's, carried through the run).
+void LasFile::readCoordinateSystem(const std::string& crsOption) {
+  if (!crsOption.empty()) {
+    crs_ = coordinateSystemOption(crsOption);
+    if (crs_->wkt.size() > las::kMaxWktSize)
+      throw CliError(kUsage, "--crs: the system's WKT is longer than a LAS record holds");
+    return;
+  }
+  auto wkt = grid_.grid->attributes().getAttributeAs<std::string>(geo::kCoordinateSystemAttribute);
+  if (!wkt) return;
+  if (wkt->size() != 1)
+    throw CliError(kInput, resultName_ + ": attribute \"" + geo::kCoordinateSystemAttribute +
+                               "\" must hold one text");
+  try {
+    crs_ = geo::parseCoordinateSystem((*wkt)[0]);
+    if (crs_->wkt.size() > las::kMaxWktSize)
+      throw geo::CrsError("its WKT is longer than a LAS record holds");
+  } catch (const geo::CrsError& e) {
+    throw CliError(kInput, resultName_ + ": attribute \"" + geo::kCoordinateSystemAttribute +
+                               "\": " + e.what() + " (give one with --crs)");
   }
 }
 
@@ -257,6 +303,7 @@ las::Bytes LasFile::vlrs() const {
   las::putVlrHeader(b, las::kExtraBytesRecordId,
                     static_cast<std::uint16_t>(n * las::kExtraBytesDescriptorSize), "Extra Bytes");
   for (const auto& f : kExtraFields) las::putExtraBytesDescriptor(b, f);
+  if (crs_) las::putWktVlr(b, crs_->wkt);
   for (const auto& [samples, index] : descriptorOf_) {
     las::putVlrHeader(b, static_cast<std::uint16_t>(las::kWaveDescriptorFirstId + index - 1),
                       las::kWaveDescriptorSize, "Waveform Packet Descriptor");
@@ -281,8 +328,9 @@ void LasFile::putWavePacket(const PointArrays& a, std::size_t k, las::Bytes& b) 
     waveBytes_ += packet.size();
     lastWave_ = a.waveId->get(k);
   }
+  // LAS extrapolates along the wave in the frame of X, Y and Z: the map frame when mapped.
   const double ps = spacingPs_;
-  const vector d = a.delta->get(k);
+  const vector d = rotateToMap(toMap_, a.delta->get(k));
   las::put(b, descriptorOf_.at(samples));
   las::put(b, lastOffset_);
   las::put(b, static_cast<std::uint32_t>(samples * 2));
@@ -294,6 +342,7 @@ void LasFile::putWavePacket(const PointArrays& a, std::size_t k, las::Bytes& b) 
 
 void LasFile::writePoint(const PointArrays& a, std::size_t k, las::Bytes& b) {
   const point p = a.positions->get(k);
+  if (!hasFinitePosition(p)) return;  // counted by scanBounds; LAS cannot hold them
   const double c[3] = {p.x, p.y, p.z};
   for (int i = 0; i < 3; ++i) {
     const auto q = static_cast<std::int32_t>(std::llround((c[i] - h_.offset[i]) / kScale));
@@ -301,7 +350,7 @@ void LasFile::writePoint(const PointArrays& a, std::size_t k, las::Bytes& b) {
     qMax_[i] = std::max(qMax_[i], q);
     las::put(b, q);
   }
-  las::put(b, intensity(a.amplitude->get(k)));
+  las::put(b, intensity_(a.amplitude->get(k)));
   // LAS 1.4 counts returns up to 15: larger numbers are clamped.
   const int nret = std::clamp<int>(a.nret->get(k), 1, las::kMaxReturns);
   const int ret = std::clamp<int>(a.ret->get(k), 1, nret);
@@ -311,7 +360,7 @@ void LasFile::writePoint(const PointArrays& a, std::size_t k, las::Bytes& b) {
   las::put(b, static_cast<std::uint8_t>(channel << 4));
   las::put(b, a.cls->get(k));
   las::put<std::uint8_t>(b, 0);  // user data
-  las::put(b, static_cast<std::int16_t>(std::clamp<int>(a.angle->get(k), -30000, 30000)));
+  las::put(b, (*a.scanAngle)[k]);
   las::put<std::uint16_t>(b, 0);  // point source id
   las::put(b, a.time->get(k) + timeShift_);
   if (waveforms_) putWavePacket(a, k, b);
@@ -329,6 +378,8 @@ void LasFile::writePoints() {
     FragmentReader r(grid_, f);
     PointArrays a;
     a.read(r, waveforms_, grid_);
+    a.scanAngle = &scanAngles_.fragment(
+        {r.size(), a.positions.get(), a.time.get(), a.range.get(), a.delta.get()});
     lastWave_ = -1;
     las::Bytes b;
     b.reserve(r.size() * h_.pointLength);
@@ -366,7 +417,7 @@ LasExportSummary LasFile::write() {
   h_.pointLength =
       static_cast<std::uint16_t>((waveforms_ ? las::kFormat9Size : las::kFormat6Size) + kExtraSize);
   const las::Bytes v = vlrs();
-  h_.numberOfVlrs = static_cast<std::uint32_t>(1 + descriptorOf_.size());
+  h_.numberOfVlrs = static_cast<std::uint32_t>(1 + (crs_ ? 1 : 0) + descriptorOf_.size());
   h_.offsetToPoints = static_cast<std::uint32_t>(las::kHeaderSize + v.size());
   if (waveforms_) h_.globalEncoding |= las::kWaveformInternal;
 
@@ -388,7 +439,12 @@ LasExportSummary LasFile::write() {
   std::error_code ec;
   fs::rename(tmpPath_, outPath_, ec);
   if (ec) fail("cannot move the finished file into place: " + ec.message());
-  return {h_.pointCount, h_.pointFormat, (h_.globalEncoding & las::kAdjustedGpsTime) != 0};
+  return {h_.pointCount,
+          h_.pointFormat,
+          (h_.globalEncoding & las::kAdjustedGpsTime) != 0,
+          crs_ ? crs_->label() : "",
+          intensity_.factor(),
+          notFinite_};
 }
 
 }  // namespace

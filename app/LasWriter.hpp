@@ -80,12 +80,16 @@ class FragmentReader {
 
 struct LasExportOptions {
   bool waveforms = false;  // format 9 with waveform packets (needs a "Waveforms" field)
+  std::string crs;         // --crs: overrides the result's coordinate system
 };
 
 struct LasExportSummary {
   std::uint64_t points = 0;
   int pointFormat = 6;
   bool adjustedGpsTime = false;
+  std::string crs;              // label of the coordinate system written; empty: none
+  double intensityScale = 1.0;  // intensity per count of amplitude
+  std::uint64_t leftOut = 0;    // points without a finite position (no LAS record can hold them)
 };
 
 // Writes `outPath` (through a temporary file renamed into place when complete). Throws

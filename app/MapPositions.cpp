@@ -10,25 +10,32 @@ using Gemwold::PhysicalSpace::point;
 using PointArray = Tessal::MemArray<1, point>;
 
 Transform scannerToMap(const Tessal::BundlePtr& input) {
-  Transform identity{1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0};
   double t = 0.0;
   auto slice = (*input.get())(t);
   auto shots = slice ? (*slice)("Shots") : Vorlap::StrongPtr<Tessal::Grid>();
-  if (!shots) return identity;
-  auto raw = shots->attributes().getAttribute(kScannerToMapAttribute);
-  if (!raw) return identity;
+  if (!shots) return Transform{1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0};
+  return scannerToMapOf(*shots, "Shots");
+}
+
+Transform scannerToMapOf(const Tessal::Grid& grid, const std::string& where) {
+  Transform m{1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0};
+  auto raw = grid.attributes().getAttribute(kScannerToMapAttribute);
+  if (!raw) return m;
   auto chunk = Vorlap::dynamicPtrCast<Vorlap::Chunk<double>>(raw);
+  const std::string name = where + " attribute \"" + kScannerToMapAttribute + "\"";
   if (!chunk || chunk->size() != 12)
-    throw CliError(kInput, std::string("Shots attribute \"") + kScannerToMapAttribute +
-                               "\" must hold 12 doubles (a 3 x 4 matrix)");
-  Transform m;
+    throw CliError(kInput, name + " must hold 12 doubles (a 3 x 4 matrix)");
   for (int i = 0; i < 12; ++i) {
     m[i] = (*chunk)[i];
-    if (!std::isfinite(m[i]))
-      throw CliError(kInput, std::string("Shots attribute \"") + kScannerToMapAttribute +
-                                 "\" holds a value that is not finite");
+    if (!std::isfinite(m[i])) throw CliError(kInput, name + " holds a value that is not finite");
   }
   return m;
+}
+
+Gemwold::PhysicalSpace::vector rotateToMap(const Transform& m,
+                                           const Gemwold::PhysicalSpace::vector& v) {
+  return {m[0] * v.x + m[1] * v.y + m[2] * v.z, m[4] * v.x + m[5] * v.y + m[6] * v.z,
+          m[8] * v.x + m[9] * v.y + m[10] * v.z};
 }
 
 namespace {

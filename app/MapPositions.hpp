@@ -20,6 +20,14 @@ using Transform = std::array<double, 12>;
 // when the attribute exists but is not 12 finite doubles.
 Transform scannerToMap(const Tessal::BundlePtr& input);
 
+// The same for a grid that carries the attribute (a result's "FWF" grid holds the input's
+// copy), naming `where` in the message.
+Transform scannerToMapOf(const Tessal::Grid& grid, const std::string& where);
+
+// A scanner-frame direction in the map frame (the rotation part only).
+Gemwold::PhysicalSpace::vector rotateToMap(const Transform& m,
+                                           const Gemwold::PhysicalSpace::vector& v);
+
 // Adds the map chart with one "Positions" fragment per scanner-frame fragment held in memory
 // and not mapped yet (so a run can map its fragments as they complete).
 void addMapPositions(Tessal::Grid& grid, const Transform& transform);

@@ -1,5 +1,8 @@
 #include "app/OutputStats.hpp"
 
+#include <cmath>
+
+#include "tessal/Schema.hpp"
 #include "waveform/WavePoints.hpp"
 
 namespace quillo::cli {
@@ -7,17 +10,19 @@ namespace quillo::cli {
 namespace {
 
 using ByteArray = Tessal::MemArray<1, std::uint8_t>;
+using PointArray = Tessal::MemArray<1, Gemwold::PhysicalSpace::point>;
+namespace schema = Tessal::schema;
 
-// Calls `visit` with each fragment's array of the named byte field that is still in memory
+// Calls `visit` with each fragment's array of the named field that is still in memory
 // (fragments already written by a streaming save are skipped: they were counted before).
-template <class Visit>
+template <class Array, class Visit>
 void eachFragment(const Tessal::Grid& grid, const std::string& name, Visit visit) {
-  auto field = grid(name, "ScannerCoordinateSystem");
+  auto field = grid(name, schema::kScannerChart);
   if (!field) return;
   auto ids = field->getFragmentIDCollection();
   for (std::size_t f = 0; f < ids->size(); ++f) {
     auto creator = field->getCreator(ids->at(f));
-    auto data = creator ? Vorlap::dynamicPtrCast<ByteArray>(creator->heldData()) : nullptr;
+    auto data = creator ? Vorlap::dynamicPtrCast<Array>(creator->heldData()) : nullptr;
     if (data) visit(*data);
   }
 }
@@ -25,13 +30,21 @@ void eachFragment(const Tessal::Grid& grid, const std::string& name, Visit visit
 }  // namespace
 
 void addToSummary(const Tessal::Grid& grid, OutputSummary& s) {
-  eachFragment(grid, "MTA", [&](const ByteArray& zones) {
+  eachFragment<ByteArray>(grid, schema::kMTA, [&](const ByteArray& zones) {
     s.points += zones.size();
     for (std::size_t k = 0; k < zones.size(); ++k) s.pointsPerZone[zones.get(k)] += 1;
   });
-  eachFragment(grid, "Classification", [&](const ByteArray& classes) {
+  eachFragment<ByteArray>(grid, schema::kClassification, [&](const ByteArray& classes) {
     for (std::size_t k = 0; k < classes.size(); ++k)
       if (classes.get(k) == Quorvane::DrelmClass::noise) s.noisePoints += 1;
+  });
+  // Waves whose shot points nowhere or whose echo time is not a number keep their points.
+  eachFragment<PointArray>(grid, schema::kPositions, [&](const PointArray& positions) {
+    for (std::size_t k = 0; k < positions.size(); ++k) {
+      const auto p = positions.get(k);
+      if (!(std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z)))
+        s.pointsWithoutPosition += 1;
+    }
   });
 }
 

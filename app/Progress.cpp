@@ -61,7 +61,7 @@ void ProgressBar::report(const std::string&, unsigned current, unsigned end) {
 // "12.3k waves/s, 40s left" (or fragments per second when the wave counts are unknown).
 std::string ProgressBar::rateText(unsigned done, unsigned total, double elapsed) const {
   double doneUnits = done, totalUnits = total;
-  const char* unit = "fragments";
+  std::string unit = unit_ + "s";
   if (waves_.total > 0) {
     doneUnits = double(waves_.before(done));
     totalUnits = double(waves_.total);
@@ -71,10 +71,11 @@ std::string ProgressBar::rateText(unsigned done, unsigned total, double elapsed)
   const double left = rate > 0 ? (totalUnits - doneUnits) / rate : 0.0;
   char text[96];
   if (rate >= 1000)
-    std::snprintf(text, sizeof text, "%.1fk %s/s, %s left", rate / 1000, unit,
+    std::snprintf(text, sizeof text, "%.1fk %s/s, %s left", rate / 1000, unit.c_str(),
                   formatSeconds(left).c_str());
   else
-    std::snprintf(text, sizeof text, "%.1f %s/s, %s left", rate, unit, formatSeconds(left).c_str());
+    std::snprintf(text, sizeof text, "%.1f %s/s, %s left", rate, unit.c_str(),
+                  formatSeconds(left).c_str());
   return text;
 }
 
@@ -90,8 +91,8 @@ void ProgressBar::draw(unsigned done, unsigned total) {
   char line[256];
   const int width = 30;
   const int filled = total ? int(width * double(std::min(done, total)) / total) : width;
-  std::snprintf(line, sizeof line, "%s [%.*s%*s] fragment %u/%u, %s", label_.c_str(), filled,
-                "##############################", width - filled, "", done, total,
+  std::snprintf(line, sizeof line, "%s [%.*s%*s] %s %u/%u, %s", label_.c_str(), filled,
+                "##############################", width - filled, "", unit_.c_str(), done, total,
                 rateText(done, total, elapsed).c_str());
   std::lock_guard<std::mutex> lock(screenMutex());
   if (terminal_) {

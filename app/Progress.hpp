@@ -20,6 +20,8 @@ class ProgressBar : public Vorlap::ProgressSink {
   // With the input's wave counts the bar shows waves per second and bases the time left on
   // them; without, it counts fragments.
   void setWaveCounts(WaveCounts counts) { waves_ = std::move(counts); }
+  // What the bar counts, singular ("fragment" unless set; `batch local` counts strips).
+  void setUnit(std::string unit) { unit_ = std::move(unit); }
   // Shows the bar full (all fragments done); the module reports each fragment as it starts.
   void complete();
   // Ends the bar's line once the work is done.
@@ -37,6 +39,7 @@ class ProgressBar : public Vorlap::ProgressSink {
   std::chrono::steady_clock::time_point start_, lastLine_;
   bool drawn_ = false;
   WaveCounts waves_;
+  std::string unit_ = "fragment";
   unsigned lastTotal_ = 0;
 };
 

@@ -2,13 +2,17 @@
 
 #include <atomic>
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <regex>
+#include <system_error>
 #include <thread>
 
+#include "app/CaughtError.hpp"
 #include "app/CliError.hpp"
 #include "app/FragmentProbe.hpp"
+#include "app/InputCheck.hpp"
 #include "app/Json.hpp"
 #include "app/LoadKq.hpp"
 #include "app/RunOptions.hpp"
@@ -35,6 +39,12 @@ void printSummary(const RunSummary& s) {
                 static_cast<unsigned long long>(out.points),
                 static_cast<unsigned long long>(out.noisePoints), out.path.c_str(),
                 out.verification.empty() ? "verified" : out.verification.c_str());
+    if (out.pointsWithoutPosition)
+      std::fprintf(stderr,
+                   "quillo: warning: %s: %llu point(s) have no finite position (their shot's "
+                   "direction or origin is unusable, or their echo time is not a number); "
+                   "export leaves them out\n",
+                   out.path.c_str(), static_cast<unsigned long long>(out.pointsWithoutPosition));
   }
 }
 
@@ -47,44 +57,52 @@ void printHistograms(const std::string& input, const RunSettings& settings) {
   }
 }
 
-void writeReport(const std::string& path, const std::vector<RunSummary>& runs,
-                 const RunSettings& settings) {
-  JsonWriter j;
-  j.beginObject().key("parameters").value(settings.input.speak()).key("runs").beginArray();
-  for (const auto& r : runs) {
-    j.beginObject().key("input").value(r.input).key("result").value(r.result);
-    j.key("seconds_per_stage").beginObject();
-    for (const auto& [stage, seconds] : r.secondsPerStage) j.key(stage).value(seconds);
-    j.endObject().key("outputs").beginArray();
-    for (const auto& o : r.outputs) {
-      j.beginObject().key("path").value(o.path).key("points").value(o.points);
-      j.key("noise_points").value(o.noisePoints).key("points_per_zone").beginObject();
-      for (const auto& [zone, n] : o.pointsPerZone) j.key(std::to_string(zone)).value(n);
-      j.endObject().key("verification").value(o.verification).endObject();
-    }
-    j.endArray().endObject();
-  }
-  j.endArray().endObject();
-  writeFileAtomically(path, j.text() + "\n");
+Json outputAsJson(const OutputSummary& o) {
+  Json zones = Json::object();
+  for (const auto& [zone, n] : o.pointsPerZone) zones[std::to_string(zone)] = n;
+  return {{"path", o.path},
+          {"points", o.points},
+          {"noise_points", o.noisePoints},
+          {"points_without_position", o.pointsWithoutPosition},
+          {"points_per_zone", zones},
+          {"verification", o.verification}};
 }
 
-// Runs every input, `jobs` at a time, each on one thread; stops starting new runs after a
-// failure to prepare one (a bad input is reported once, not after the others finished).
+}  // namespace
+
+std::string runReportJson(const std::vector<RunSummary>& runs, const RunSettings& settings) {
+  Json list = Json::array();
+  for (const auto& r : runs) {
+    Json outputs = Json::array();
+    for (const auto& o : r.outputs) outputs.push_back(outputAsJson(o));
+    list.push_back({{"input", r.input},
+                    {"result", r.result},
+                    {"seconds_per_stage", r.secondsPerStage},
+                    {"outputs", outputs}});
+  }
+  return jsonText({{"parameters", settings.input.speak()}, {"runs", list}});
+}
+
+namespace {
+
+// Runs every input, `jobs` at a time, each on one thread; when any failed, the first failure
+// in input order is thrown once all have ended.
 std::vector<RunSummary> runAll(const RunCommandOptions& o, const RunSettings& settings) {
   std::vector<RunSummary> summaries(o.inputs.size());
   std::vector<std::unique_ptr<CliError>> errors(o.inputs.size());
   std::atomic<std::size_t> next{0};
   auto worker = [&] {
-    for (std::size_t i; (i = next++) < o.inputs.size();) {
-      try {
-        summaries[i] = runOne(o.inputs[i], settings);
-      } catch (const CliError& e) {
-        errors[i] = std::make_unique<CliError>(e);
-      }
-    }
+    for (std::size_t i; (i = next++) < o.inputs.size();)
+      errors[i] = caughtError(o.inputs[i], [&] { summaries[i] = runOne(o.inputs[i], settings); });
   };
   std::vector<std::thread> threads;
-  for (unsigned t = 1; t < std::max(1u, o.jobs); ++t) threads.emplace_back(worker);
+  for (unsigned t = 1; t < std::max(1u, o.jobs); ++t) {
+    try {
+      threads.emplace_back(worker);
+    } catch (const std::system_error&) {
+      break;  // the threads started, and this one, share the inputs
+    }
+  }
   worker();
   for (auto& t : threads) t.join();
   for (auto& e : errors)
@@ -92,11 +110,52 @@ std::vector<RunSummary> runAll(const RunCommandOptions& o, const RunSettings& se
   return summaries;
 }
 
+void makeOutDir(const std::string& dir) {
+  if (dir.empty()) return;
+  std::error_code ec;
+  std::filesystem::create_directories(dir, ec);
+  if (!std::filesystem::is_directory(dir, ec))
+    throw CliError(kOutput, dir + ": cannot create the folder" + (ec ? ": " + ec.message() : ""));
+}
+
+// Checks every input before any run starts, so a run stops with the reasons and fixes rather
+// than with the module's short messages. The defaults standing in for missing attributes
+// and the warnings are said once per input, also with --quiet (which silences progress). The
+// samples' values are left to `quillo check`.
+void checkInputs(const RunCommandOptions& o) {
+  CheckScope scope;
+  scope.readSamples = false;
+  scope.waveforms = !o.module.skipFWF;
+  scope.online = !o.module.skipOnline;
+  std::size_t unusable = 0;
+  for (const auto& input : o.inputs) {
+    const CheckReport report = checkInput(input, scope);
+    if (!report.loadError.empty()) {
+      // The loader's own words (they name the object), then the error every command gives.
+      if (report.loadError != input + ": " + report.findings[0].what)
+        std::fprintf(stderr, "%s: %s\n", input.c_str(), report.findings[0].what.c_str());
+      throw CliError(kInput, report.loadError);
+    }
+    if (!report.runnable()) {
+      ++unusable;
+      std::fputs(findingsAsText(report, {Severity::Error}).c_str(), stderr);
+    } else {
+      std::fputs(findingsAsText(report, {Severity::Warning, Severity::Default}).c_str(), stderr);
+    }
+  }
+  if (unusable)
+    throw CliError(kInput, std::to_string(unusable) +
+                               " input(s) cannot be run for the reasons above (quillo check "
+                               "INPUT lists every finding)");
+}
+
 void execute(const RunCommandOptions& o) {
   static const std::regex datePattern("[0-9]{6}_[0-9]{6}");
   if (!o.date.empty() && !std::regex_match(o.date, datePattern))
     throw CliError(kUsage, "--date: expected YYMMDD_HHMMSS, got \"" + o.date + "\"");
   RunSettings settings = settingsFrom(o.module);
+  makeOutDir(o.outDir);
+  checkInputs(o);
   settings.outDir = o.outDir;
   settings.date = o.date;
   settings.verbose = o.verbose;
@@ -109,7 +168,7 @@ void execute(const RunCommandOptions& o) {
     for (const auto& out : r.outputs) failed = failed || !out.verification.empty();
     if (o.hist && r.result.empty()) printHistograms(r.input, settings);
   }
-  if (!o.report.empty()) writeReport(o.report, runs, settings);
+  if (!o.report.empty()) writeFileAtomically(o.report, runReportJson(runs, settings));
   if (failed) throw CliError(kFailure, "not every run succeeded");
 }
 
@@ -120,7 +179,8 @@ void addRunCommand(CLI::App& app) {
   CLI::App* c = app.add_subcommand("run", "Resolve the MTA zones of recordings into point clouds");
   c->add_option("inputs", o->inputs, "Input .kq files")->required();
   addModuleOptions(*c, o->module);
-  c->add_option("--out-dir", o->outDir, "Folder for the outputs (default: beside each input)");
+  c->add_option("--out-dir", o->outDir,
+                "Folder for the outputs, made when missing (default: beside each input)");
   c->add_option("--date", o->date, "Acquisition date YYMMDD_HHMMSS when the input name has none");
   c->add_flag("--verbose", o->verbose, "Print the run parameters");
   c->add_flag("--quiet", o->quiet, "No progress output");
@@ -129,6 +189,7 @@ void addRunCommand(CLI::App& app) {
   c->add_option("--jobs", o->jobs, "Inputs run in parallel (one thread each)")
       ->check(CLI::Range(1u, 64u));
   c->footer(
+      "Each input is checked first (as by quillo check); an unusable one stops the command.\n"
       "Examples:\n  quillo run survey_210315_093000.kq\n"
       "  quillo run a_210315_093000.kq b_210315_101500.kq --jobs 2 --out-dir results\n"
       "  quillo run survey.kq --date 210315_093000 --mta 3 --report run.json");

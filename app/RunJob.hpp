@@ -22,6 +22,7 @@ struct RunSettings {
 struct OutputSummary {
   std::string path;
   std::uint64_t points = 0, noisePoints = 0;
+  std::uint64_t pointsWithoutPosition = 0;     // not finite: unusable shot direction or echo time
   std::map<int, std::uint64_t> pointsPerZone;  // zone 255: none
   std::string verification;                    // text of the conversion check
 };

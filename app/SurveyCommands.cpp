@@ -10,12 +10,14 @@
 #include <regex>
 
 #include "app/CliError.hpp"
+#include "app/CrsOption.hpp"
 #include "app/Json.hpp"
 #include "app/Progress.hpp"
 #include "app/RunJob.hpp"
 #include "sim/HeightGrid.hpp"
 #include "sim/Scoring.hpp"
 #include "sim/SurveyBundle.hpp"
+#include "sim/TerrainCrs.hpp"
 
 namespace quillo::cli {
 
@@ -24,7 +26,7 @@ namespace fs = std::filesystem;
 namespace {
 
 struct SimulateOptions {
-  std::string preset = "tiny", out, scanner = "line-wise", date = "210315_093000", terrain;
+  std::string preset = "tiny", out, scanner = "line-wise", date = "210315_093000", terrain, crs;
   std::uint64_t seed = 1, shots = 0;
   std::uint32_t fragmentShots = 0, lines = 0;
   double prr = 0.0, altitude = 0.0, lineSpacing = 0.0;
@@ -32,7 +34,7 @@ struct SimulateOptions {
   std::optional<std::int32_t> rdbSegment;
   std::optional<double> blindWindowNs, scanGap, dust;
   bool noShotsBetweenLines = false;
-  bool quiet = false;
+  bool quiet = false, splitLines = false;
 };
 
 void applyScanner(const SimulateOptions& o, sim::SurveyConfig& c) {
@@ -65,6 +67,18 @@ void applyFlight(const SimulateOptions& o, sim::SurveyConfig& c) {
   }
 }
 
+// --crs, else the terrain's own, else the procedural scene's local system.
+std::string sceneCoordinateSystem(const SimulateOptions& o) {
+  if (!o.crs.empty()) return coordinateSystemOption(o.crs).wkt;
+  if (o.terrain.empty()) return proceduralSceneCoordinateSystem();
+  try {
+    const auto crs = sim::readLasCoordinateSystem(o.terrain);
+    return crs ? crs->wkt : "";
+  } catch (const std::runtime_error& e) {
+    throw CliError(kInput, std::string(e.what()) + "; give the system with --crs");
+  }
+}
+
 sim::SurveyConfig configFrom(const SimulateOptions& o) {
   sim::SurveyConfig c;
   if (!sim::presetConfig(o.preset, c)) throw CliError(kUsage, "--preset: tiny, demo or large");
@@ -80,12 +94,17 @@ sim::SurveyConfig configFrom(const SimulateOptions& o) {
   if (!std::regex_match(o.date, std::regex("[0-9]{6}_[0-9]{6}")))
     throw CliError(kUsage, "--date: expected YYMMDD_HHMMSS");
   c.date = o.date;
+  c.coordinateSystem = sceneCoordinateSystem(o);
   applyFlight(o, c);
   applyScanner(o, c);
   return c;
 }
 
 }  // namespace
+
+std::string proceduralSceneCoordinateSystem() {
+  return geo::localCoordinateSystem("quillo simulated scene").wkt;
+}
 
 void simulateSurvey(const sim::SurveyConfig& config, const std::string& out, bool quiet) {
   std::error_code ec;
@@ -110,6 +129,27 @@ double seconds(std::chrono::steady_clock::time_point since) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
 }
 
+// OUT's name with the line number before the extension: name_YYMMDD_HHMMSS_line2.kq.
+std::string lineFileName(const std::string& out, std::uint32_t line, std::uint32_t lines) {
+  const fs::path p(out);
+  std::string number = std::to_string(line);
+  number.insert(0, std::to_string(lines - 1).size() - number.size(), '0');
+  return (p.parent_path() / (p.stem().string() + "_line" + number + p.extension().string()))
+      .string();
+}
+
+// One file per flight line, each simulated on its own with its own seed (seed + line).
+void simulateLines(sim::SurveyConfig config, const std::string& out, bool quiet) {
+  const std::uint64_t seed = config.seed;
+  for (std::uint32_t line = 0; line < config.lines; ++line) {
+    config.onlyLine = std::int32_t(line);
+    config.seed = seed + line;
+    const std::string file = lineFileName(out, line, config.lines);
+    simulateSurvey(config, file, quiet);
+    std::printf("%s: flight line %u of %u\n", file.c_str(), line + 1, config.lines);
+  }
+}
+
 void addFlightOptions(CLI::App* c, SimulateOptions& o) {
   c->add_option("--altitude", o.altitude, "Flying height above the scene's ground level in m");
   c->add_option("--lines", o.lines, "Number of parallel flight lines (default: the preset's)")
@@ -121,6 +161,11 @@ void addFlightOptions(CLI::App* c, SimulateOptions& o) {
   c->add_option("--terrain", o.terrain, "LAS 1.0-1.4 file whose points become the scene")
       ->check(CLI::ExistingFile);
   c->add_option("--rdb-segment", o.rdbSegment, "Write the \"RDB_Segment\" attribute (0 or 1)");
+  c->add_option("--crs", o.crs,
+                std::string(kCrsOptionHelp) +
+                    " (default: the terrain's, or a local system for the built-in scene)");
+  c->add_flag("--split-lines", o.splitLines,
+              "One file per flight line: OUT's name with _line0, _line1, ... (strips for a batch)");
 }
 
 void addScannerOptions(CLI::App* c, SimulateOptions& o) {
@@ -157,7 +202,10 @@ void addSimulateCommand(CLI::App& app) {
   c->callback([o] {
     const auto start = std::chrono::steady_clock::now();
     const sim::SurveyConfig config = configFrom(*o);
-    simulateSurvey(config, o->out, o->quiet);
+    if (o->splitLines)
+      simulateLines(config, o->out, o->quiet);
+    else
+      simulateSurvey(config, o->out, o->quiet);
     if (config.rdbSegment >= 0 && !fs::path(o->out).stem().string().ends_with("_rdb"))
       std::fprintf(stderr,
                    "note: %s does not end in _rdb.kq; a run names its output like the input\n",
@@ -165,7 +213,8 @@ void addSimulateCommand(CLI::App& app) {
     if (!nameCarriesDate(o->out))
       std::fprintf(stderr, "note: %s carries no _YYMMDD_HHMMSS date; runs will need --date %s\n",
                    o->out.c_str(), o->date.c_str());
-    std::printf("%s: %llu shots in %.1f s\n", o->out.c_str(), (unsigned long long)config.shots,
+    std::printf("%s%s: %llu shots in %.1f s\n", o->out.c_str(),
+                o->splitLines ? " (one file per line)" : "", (unsigned long long)config.shots,
                 seconds(start));
   });
 }

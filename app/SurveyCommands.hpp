@@ -9,6 +9,8 @@
 namespace quillo::cli {
 
 void addSimulateCommand(CLI::App& app);
+// The OGC WKT of the built-in scene's coordinates: a local system in metres (east, north).
+std::string proceduralSceneCoordinateSystem();
 // Writes the simulated survey to `out` with a progress line (none when `quiet`); throws
 // CliError when the folder is missing or the file cannot be written.
 void simulateSurvey(const sim::SurveyConfig& config, const std::string& out, bool quiet);

@@ -5,48 +5,23 @@
 #include <cmath>
 #include <map>
 
-#include "store/FragmentLoading.hpp"
-#include "vorlap/Console.hpp"
-
 namespace FullWaveform {
 
 namespace {
 
-bool isFinite(const Gemwold::PhysicalSpace::vector& v) {
-  return std::isfinite(v.x) && std::isfinite(v.y) && std::isfinite(v.z);
-}
-
-// A beam that points nowhere (zero or not finite) or starts nowhere would put the wave's
-// points at the beam origin or at NaN: such a wave cannot be placed.
-bool hasUsableBeam(const FatBoy<unsigned short>& fb, std::uint32_t i) {
-  const auto d = fb.getDir(i);
-  const auto o = fb.getBeamCoords(i);
-  return isFinite(d) && (d.x != 0.0 || d.y != 0.0 || d.z != 0.0) && isFinite({o.x, o.y, o.z});
-}
-
+// Drops waves without a usable travel time and marks near-range ones as noise. A NaN travel
+// time is neither dropped nor marked: the wave goes on as it is.
 void dropUnusableAndMarkNearRange(FatBoy<unsigned short>& fb) {
-  std::uint32_t noBeam = 0;
   for (std::uint32_t i = 0; i < fb.nWaves; ++i) {
     auto& wave = fb.wavePoints[i];
     if (!wave) continue;
     const double length = fb.getLength(i, wave->timeOffset);
-    // Written so that a NaN length is unusable too.
-    if (fb.getMTA(i) < 0 || length == NO_LENGTH || !(length >= 0.0 && length <= fb.maxTravelTime)) {
+    if (fb.getMTA(i) < 0 || length > fb.maxTravelTime || length == NO_LENGTH || length < 0.0) {
       wave.reset();
-      continue;
-    }
-    if (!hasUsableBeam(fb, i)) {
-      wave.reset();
-      ++noBeam;
       continue;
     }
     if (length < kNearRangeLimit) wave->setClassification(Quorvane::DrelmClass::noise);
   }
-  if (noBeam)
-    Vorlap::Console() << "classifyNoise " << fragmentPlace(fb.input->inputFileName, fb.fragmentName)
-                      << ": grid \"Shots\": " << noBeam
-                      << " wave(s) dropped: their shot's \"Waveforms.DirectionDelta\" is zero or "
-                         "not finite, or its \"Positions\" not finite";
 }
 
 // The echo's own one-way travel time from its emitting shot.

@@ -6,8 +6,11 @@
 #include <regex>
 
 #include "pelkor/Chronometry.hpp"
+#include "tessal/Schema.hpp"
 
 namespace FullWaveform {
+
+namespace schema = Tessal::schema;
 
 namespace {
 
@@ -40,17 +43,17 @@ std::string pointTypeNames() {
 }
 
 void setFieldAttributes(const Tessal::Representation& rep, const ScannerDevice& scanner) {
-  if (auto waveforms = fieldNamed(rep, "Waveforms"))
+  if (auto waveforms = fieldNamed(rep, schema::kWaveformSamples))
     setAttribute<double>(waveforms->attributes(), *waveforms, "WaveformSampleInterval",
                          scanner.sampleInterval);
-  if (auto types = fieldNamed(rep, "PointType"))
+  if (auto types = fieldNamed(rep, schema::kPointType))
     setAttribute<std::string>(types->attributes(), *types, "PointTypes", pointTypeNames());
 }
 
 }  // namespace
 
 std::string addAttributes(const Vorlap::StrongPtr<Tessal::Grid>& grid, FatBoy<unsigned short>& fb) {
-  auto rep = grid->getCartesianRepresentation("ScannerCoordinateSystem");
+  auto rep = grid->getCartesianRepresentation(schema::kScannerChart);
   if (!rep) return "addAttributes: no ScannerCoordinateSystem representation available";
   setFieldAttributes(*rep, fb.scannerDevice);
   if (fb.SHOT && fb.SHOT->arrays.GPSTime && fb.SHOT->G && fb.SHOT->G != grid)
@@ -59,7 +62,7 @@ std::string addAttributes(const Vorlap::StrongPtr<Tessal::Grid>& grid, FatBoy<un
   if (fb.input->inputFileName.empty()) return "Cannot add attributes: no input file name available";
   const std::string stem = std::filesystem::path(fb.input->inputFileName).stem().string();
   std::smatch match;
-  if (!std::regex_search(stem, match, std::regex(kDatePattern)))
+  if (!std::regex_search(stem, match, std::regex(schema::kFileDatePattern)))
     return "Cannot add attributes: cannot extract date from input file name";
   const Pelkor::Chronometry date(match[3].str() + match[2].str() + match[1].str());
   setUIntAttribute(*grid, "WeekDay", date.weekDay);

@@ -1,8 +1,11 @@
 // Output fields: stores the filled point arrays, without copying them, as the current
 // fragment (named like the input fragment) of the representation's fields.
 #include "store/FatBoy.hpp"
+#include "tessal/Schema.hpp"
 
 namespace FullWaveform {
+
+namespace schema = Tessal::schema;
 
 namespace {
 
@@ -29,26 +32,26 @@ template <class T>
 void FatBoy<T>::save(Tessal::Representation& rep) {
   auto& p = pointSlots;
   const std::string& frag = fragmentName;
-  saveField(slotGPSTime, "GPSTime", rep, frag);
-  saveField(slotPositions, "Positions", rep, frag);
-  saveField(slotWaveID, "WaveID", rep, frag);
-  saveField(slotMTA, "MTA", rep, frag);
-  saveField(slotScannerChannel, "ScannerChannel", rep, frag);
-  saveField(p.Amplitude, "Amplitude", rep, frag);
-  saveField(p.Range, "Range", rep, frag);
-  saveField(p.PulseWidth, "PulseWidth", rep, frag);
-  saveField(p.Damping, "Damping", rep, frag);
-  saveField(p.Classification, "Classification", rep, frag);
-  saveField(p.PointType, "PointType", rep, frag);
-  saveField(p.DirectionDelta, "Waveforms.DirectionDelta", rep, frag);
-  saveField(p.ReturnNumber, "ReturnNumber", rep, frag);
-  saveField(p.NumberOfReturns, "NumberOfReturns", rep, frag);
-  saveField(p.Waveforms, "Waveforms", rep, frag);
-  saveField(p.WaveformPositionIndex, "WaveformPositionIndex", rep, frag);
-  saveField(p.FWFLength, "FWFLength", rep, frag);
-  saveField(p.ScanAngleRank, "ScanAngleRank", rep, frag);
-  saveField(p.Reflectance, "Reflectance", rep, frag);
-  saveField(p.PointID, "PointID", rep, frag);
+  saveField(slotGPSTime, schema::kGPSTime, rep, frag);
+  saveField(slotPositions, schema::kPositions, rep, frag);
+  saveField(slotWaveID, schema::kWaveID, rep, frag);
+  saveField(slotMTA, schema::kMTA, rep, frag);
+  saveField(slotScannerChannel, schema::kScannerChannel, rep, frag);
+  saveField(p.Amplitude, schema::kAmplitude, rep, frag);
+  saveField(p.Range, schema::kRange, rep, frag);
+  saveField(p.PulseWidth, schema::kPulseWidth, rep, frag);
+  saveField(p.Damping, schema::kDamping, rep, frag);
+  saveField(p.Classification, schema::kClassification, rep, frag);
+  saveField(p.PointType, schema::kPointType, rep, frag);
+  saveField(p.DirectionDelta, schema::kDirectionDelta, rep, frag);
+  saveField(p.ReturnNumber, schema::kReturnNumber, rep, frag);
+  saveField(p.NumberOfReturns, schema::kNumberOfReturns, rep, frag);
+  saveField(p.Waveforms, schema::kWaveformSamples, rep, frag);
+  saveField(p.WaveformPositionIndex, schema::kWaveformPositionIndex, rep, frag);
+  saveField(p.FWFLength, schema::kFWFLength, rep, frag);
+  saveField(p.ScanAngleRank, schema::kScanAngleRank, rep, frag);
+  saveField(p.Reflectance, schema::kReflectance, rep, frag);
+  saveField(p.PointID, schema::kPointID, rep, frag);
 }
 
 template void FatBoy<unsigned short>::save(Tessal::Representation&);

@@ -9,8 +9,11 @@
 #include <unordered_map>
 
 #include "output/Reflectance.hpp"
+#include "tessal/Schema.hpp"
 
 namespace FullWaveform {
+
+namespace schema = Tessal::schema;
 
 namespace {
 
@@ -155,7 +158,7 @@ std::string makePointCloud(FatBoy<unsigned short>& fb, const std::vector<std::ui
                            const Vorlap::StrongPtr<Tessal::Grid>& outputGrid,
                            std::uint32_t& pointIdCounter, const Input& input) {
   if (waves.empty()) return "";
-  auto representation = outputGrid->makeCartesianRepresentation(3, "ScannerCoordinateSystem", 0);
+  auto representation = outputGrid->makeCartesianRepresentation(3, schema::kScannerChart, 0);
   fb.iniPointCloud(waves);
   PointWriter writer(fb, input, pointIdCounter);
   for (std::uint32_t w : waves) {

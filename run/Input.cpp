@@ -2,9 +2,12 @@
 #include "run/Input.hpp"
 #include "vorlap/NumberText.hpp"
 
+#include "tessal/Schema.hpp"
 #include "vorlap/Console.hpp"
 
 namespace FullWaveform {
+
+namespace schema = Tessal::schema;
 
 namespace {
 
@@ -47,7 +50,7 @@ std::pair<std::filesystem::path, std::filesystem::path> Input::getOutFileName(
 std::string Input::setIsDataFrom_RDBX_File(Tessal::BundlePtr& bundle) {
   if (bundle.isEmpty()) return "setIsDataFrom_RDBX_File:: BP null";
   auto slice = (*bundle.create())[0.0];
-  auto shots = slice ? (*slice)("Shots") : Vorlap::StrongPtr<Tessal::Grid>();
+  auto shots = slice ? (*slice)(schema::kShotsGrid) : Vorlap::StrongPtr<Tessal::Grid>();
   if (!shots) return "setIsDataFrom_RDBX_File:: Grid null*";
   auto segment = shots->attributes().getAttributeAs<int>("RDB_Segment");
   // An empty array carries no segment: handled like a missing attribute.

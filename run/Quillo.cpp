@@ -9,12 +9,9 @@
 #include "classify/OutputSplit.hpp"
 #include "output/OutputAttributes.hpp"
 #include "output/PointCloud.hpp"
+#include "run/FragmentStages.hpp"
 #include "store/FatBoy.hpp"
-#include "store/WaveExtraction.hpp"
 #include "vorlap/Console.hpp"
-#include "zones/ResolveMTA.hpp"
-#include "zones/ZoneAssignment.hpp"
-#include "zones/ZoneInit.hpp"
 
 namespace FullWaveform {
 
@@ -31,14 +28,6 @@ FragmentRange fragmentRange(const Input& input, std::uint32_t nFragments) {
 
 void reportProgress(const Input& input, std::uint32_t frag, std::uint32_t end) {
   if (auto sink = input.progress.lock()) sink->report("Frag# ", frag, end);
-}
-
-// The stages of one loaded fragment; the empty text lets the run go on.
-std::string assignZones(FatBoy<unsigned short>& fatBoy, const Input& input) {
-  if (input.MTA >= 0) return setFixedMTA(fatBoy);
-  std::string result = resolveMTA(fatBoy);
-  if (!result.empty()) return result;
-  return repairUncertainMTA(fatBoy);
 }
 
 // What one run writes into: the output grids (either may be empty) and the point numbers.
@@ -59,16 +48,22 @@ std::string writePointClouds(FatBoy<unsigned short>& fatBoy, const Input& input,
   return "";
 }
 
+// Zones and travel times read from a shot-time index that lost scratch data are placeholders:
+// the run ends before (or right after) they could reach an output.
+std::string indexFailure(const FatBoy<unsigned short>& fatBoy) {
+  const std::string& failure = fatBoy.shotTimeIndex.failure();
+  return failure.empty() ? "" : "Quillo: " + failure;
+}
+
 std::string processFragment(FatBoy<unsigned short>& fatBoy, const Input& input, Outputs& out) {
-  std::string result = iniWavePoints(fatBoy);
-  if (!result.empty()) return result;
-  if (!fatBoy.iniMTA()) return "";
-  result = removeNearRangeWaves(fatBoy);
-  if (!result.empty()) return result;
-  result = assignZones(fatBoy, input);
-  if (!result.empty()) return result;
+  const ZoneStagesResult zones = resolveFragmentZones(fatBoy, input);
+  if (!zones.text.empty()) return zones.text;
+  if (!zones.resolved) return indexFailure(fatBoy);
   classifyNoise(fatBoy);
-  return writePointClouds(fatBoy, input, out);
+  std::string result = indexFailure(fatBoy);
+  if (!result.empty()) return result;
+  result = writePointClouds(fatBoy, input, out);
+  return result.empty() ? indexFailure(fatBoy) : result;
 }
 
 std::string runFragments(FatBoy<unsigned short>& fatBoy, const Input& input, Outputs& out) {

@@ -3,15 +3,18 @@
 #include "run/Verification.hpp"
 
 #include "tessal/Bundle.hpp"
+#include "tessal/Schema.hpp"
 
 namespace FullWaveform {
+
+namespace schema = Tessal::schema;
 
 namespace {
 
 Vorlap::StrongPtr<Tessal::Field> positionsOf(const Tessal::Grid& grid, const std::string& chart) {
   auto c = grid.findCartesianChart(chart);
   if (!c) return {};
-  return grid.getField(c, "Positions", grid.getSkeletonMap().findVertices(-1));
+  return grid.getField(c, schema::kPositions, grid.getSkeletonMap().findVertices(-1));
 }
 
 }  // namespace
@@ -30,7 +33,7 @@ std::string successfullyConverted(const std::string& fileName, const bool& compa
     return "No Success-Attribute: " + fileName;
   if (!compareFragments) return "";
   // Asked to compare, a file without scanner positions has nothing that matches.
-  auto scannerPositions = positionsOf(*grid, "ScannerCoordinateSystem");
+  auto scannerPositions = positionsOf(*grid, schema::kScannerChart);
   if (!scannerPositions ||
       scannerPositions->getNumberOfFragments() != mapPositions->getNumberOfFragments())
     return "Number of fragments are not identical for file " + fileName;

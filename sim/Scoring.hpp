@@ -100,6 +100,7 @@ class ZoneScorer {
 ZoneScoreReport scoreOutputs(const std::vector<std::string>& outputs, const std::string& truthFile);
 
 std::string reportAsText(const ZoneScoreReport& r);
+// The same figures as one JSON object (and the confusion table).
 std::string reportAsJson(const ZoneScoreReport& r);
 
 }  // namespace quillo::sim

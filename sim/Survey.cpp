@@ -72,6 +72,12 @@ Survey::Survey(const SurveyConfig& config)
     : gpsStart_(secondsOfWeek(config.date)), config_(config) {
   config_.lines = std::max<std::uint32_t>(config_.lines, 1);
   shotsPerLine_ = std::max<std::uint64_t>((config_.shots + config_.lines - 1) / config_.lines, 1);
+  if (config_.onlyLine >= 0 && std::uint32_t(config_.onlyLine) < config_.lines) {
+    firstLine_ = std::uint32_t(config_.onlyLine);
+    const std::uint64_t before = firstLine_ * shotsPerLine_;
+    config_.shots = std::clamp<std::uint64_t>(config_.shots - std::min(config_.shots, before), 1,
+                                              shotsPerLine_);
+  }
   double heading = config_.heading;
   if (const auto& grid = config_.terrain) {
     groundLevel_ = grid->groundLevel();
@@ -133,14 +139,14 @@ FlightLine Survey::line(std::uint32_t index) const {
 // Nominal spacing plus a jitter drawn per shot: the modulation that tells zones apart.
 double Survey::shotTime(std::uint64_t k) const {
   const double nominal = 1.0 / config_.pulseRate;
-  const std::uint64_t lineIndex = k / shotsPerLine_, inLine = k % shotsPerLine_;
+  const std::uint64_t lineIndex = firstLine_ + k / shotsPerLine_, inLine = k % shotsPerLine_;
   const double jitter = (uniformAt(config_.seed, k, 1) - 0.5) * 2.0 * config_.ppmSpread * nominal;
   return gpsStart_ + double(lineIndex) * (lineSeconds() + config_.turnSeconds) +
          double(slotInLine(inLine)) * nominal + jitter;
 }
 
 Shot Survey::shot(std::uint64_t k) const {
-  const FlightLine l = line(std::uint32_t(k / shotsPerLine_));
+  const FlightLine l = line(firstLine_ + std::uint32_t(k / shotsPerLine_));
   const double t = shotTime(k);
   const double elapsed = t - l.startTime;
   const double travelled = config_.speed * elapsed;

@@ -52,8 +52,10 @@ struct SurveyConfig {
   double heading = std::numeric_limits<double>::quiet_NaN();  // degrees clockwise from +y;
                                                               // NaN: along the scene's longer side
   double turnSeconds = 60.0;                                  // GPS time between two lines
+  std::int32_t onlyLine = -1;    // >= 0: the survey is that one line's shots (a file per line)
   std::int32_t rdbSegment = -1;  // the "Shots" attribute "RDB_Segment"; -1: not written
   std::shared_ptr<const HeightGrid> terrain;  // null: the procedural scene
+  std::string coordinateSystem;  // OGC WKT of the scene's coordinates; empty: none written
 };
 
 // Presets: "tiny" (tests), "demo", "large". False for an unknown name.
@@ -147,6 +149,7 @@ class Survey {
   std::uint64_t shotsPerLine_ = 1;
   std::uint64_t periodSlots_ = 1, gapSlots_ = 0;
   ScannerToMap scannerToMap_{};
+  std::uint32_t firstLine_ = 0;  // the line of shot 0
 };
 
 // Counter-based random numbers in [0, 1): the same (seed, index, purpose) always give the same.

@@ -5,6 +5,7 @@
 #include <memory>
 #include <mutex>
 
+#include "geo/CoordinateSystem.hpp"
 #include "sim/FragmentSimulation.hpp"
 #include "waveform/ScannerDevice.hpp"
 
@@ -158,6 +159,9 @@ void setScannerAttributes(Tessal::Slice& slice, const Survey& survey) {
   shots.setAttribute("SimulationSeed", Vorlap::makeChunk<unsigned>({unsigned(c.seed)}));
   if (c.rdbSegment >= 0)
     shots.setAttribute(kRdbSegmentAttribute, Vorlap::makeChunk<int>({int(c.rdbSegment)}));
+  if (!c.coordinateSystem.empty())
+    shots.setAttribute(geo::kCoordinateSystemAttribute,
+                       Vorlap::makeChunk<std::string>({c.coordinateSystem}));
   slice.makeGrid("Waveforms")
       ->attributes()
       .setAttribute(A::SampleInterval, Vorlap::makeChunk<double>({c.sampleInterval}));

@@ -5,11 +5,14 @@
 #include "store/FragmentLoading.hpp"
 
 #include "store/FatBoy.hpp"
+#include "tessal/Schema.hpp"
 
 namespace FullWaveform {
 
+namespace schema = Tessal::schema;
+
 std::string fragmentNameOf(std::uint32_t fragNr) {
-  return "Fragment_" + std::to_string(fragNr);
+  return schema::fragmentName(fragNr);
 }
 
 std::string fragmentPlace(const std::string& fileName, const std::string& fragmentName) {
@@ -71,34 +74,34 @@ std::string lengthProblem(const std::string& field, std::size_t n, const std::st
 std::string loadShots(GridContainer<SHOT_Data>& shots) {
   auto& a = shots.arrays;
   std::string problem;
-  fetchInto(shots, "Positions", a.Positions, problem);
-  fetchInto(shots, "GPSTime", a.GPSTime, problem);
-  fetchInto(shots, "Waveforms.DirectionDelta", a.DirectionDelta, problem);
+  fetchInto(shots, schema::kPositions, a.Positions, problem);
+  fetchInto(shots, schema::kGPSTime, a.GPSTime, problem);
+  fetchInto(shots, schema::kDirectionDelta, a.DirectionDelta, problem);
   if (!problem.empty()) return problem;
   // Arrays of different lengths would let a query read past the shorter one.
   const auto n = a.GPSTime->size();
-  problem = lengthProblem("Positions", a.Positions->size(), "GPSTime", n);
+  problem = lengthProblem(schema::kPositions, a.Positions->size(), schema::kGPSTime, n);
   if (problem.empty())
-    problem = lengthProblem("Waveforms.DirectionDelta", a.DirectionDelta->size(), "GPSTime", n);
+    problem = lengthProblem(schema::kDirectionDelta, a.DirectionDelta->size(), schema::kGPSTime, n);
   return problem;
 }
 
 std::string loadWaveforms(GridContainer<FWF_Data>& fwf) {
   auto& a = fwf.arrays;
   std::string problem;
-  fetchInto(fwf, "GPSTime", a.GPSTime, problem);
-  fetchInto(fwf, "FWFLength", a.FWFLength, problem);
-  fetchInto(fwf, "Waveforms", a.Waveforms, problem);
-  fetchInto(fwf, "Channel", a.Channel, problem);
-  fetchInto(fwf, "SBL_Time", a.SBL_Time, problem);
+  fetchInto(fwf, schema::kGPSTime, a.GPSTime, problem);
+  fetchInto(fwf, schema::kFWFLength, a.FWFLength, problem);
+  fetchInto(fwf, schema::kWaveformSamples, a.Waveforms, problem);
+  fetchInto(fwf, schema::kChannel, a.Channel, problem);
+  fetchInto(fwf, schema::kSBLTime, a.SBL_Time, problem);
   if (!problem.empty()) return problem;
   const auto rows = a.Waveforms->extent(1);
   if (rows > 0 && a.Waveforms->extent(0) == 0) return "field \"Waveforms\" holds rows of 0 samples";
-  for (auto [name, n] : {std::pair<const char*, std::size_t>{"GPSTime", a.GPSTime->size()},
-                         {"FWFLength", a.FWFLength->size()},
-                         {"Channel", a.Channel->size()},
-                         {"SBL_Time", a.SBL_Time->size()}}) {
-    problem = lengthProblem(name, n, "Waveforms", rows);
+  for (auto [name, n] : {std::pair<const char*, std::size_t>{schema::kGPSTime, a.GPSTime->size()},
+                         {schema::kFWFLength, a.FWFLength->size()},
+                         {schema::kChannel, a.Channel->size()},
+                         {schema::kSBLTime, a.SBL_Time->size()}}) {
+    problem = lengthProblem(name, n, schema::kWaveformSamples, rows);
     if (!problem.empty()) return problem + " rows";
   }
   return "";
@@ -108,21 +111,21 @@ std::string loadWaveforms(GridContainer<FWF_Data>& fwf) {
 std::string loadOnline(GridContainer<OPP_Data>& opp, std::string& note) {
   auto& a = opp.arrays;
   std::string problem;
-  fetchInto(opp, "GPSTime", a.GPSTime, problem);
-  fetchInto(opp, "Range", a.Range, problem);
-  fetchInto(opp, "Amplitude", a.Amplitude, problem);
-  fetchInto(opp, "Channel", a.Channel, problem);
+  fetchInto(opp, schema::kGPSTime, a.GPSTime, problem);
+  fetchInto(opp, schema::kRange, a.Range, problem);
+  fetchInto(opp, schema::kAmplitude, a.Amplitude, problem);
+  fetchInto(opp, schema::kChannel, a.Channel, problem);
   if (!problem.empty()) return problem;
-  a.Reflectance = fetchFragmentArray<MemArray<1, float>>(opp, "Reflectance");
+  a.Reflectance = fetchFragmentArray<MemArray<1, float>>(opp, schema::kReflectance);
   const auto n = a.GPSTime->size();
-  for (auto [name, size] : {std::pair<const char*, std::size_t>{"Range", a.Range->size()},
-                            {"Amplitude", a.Amplitude->size()},
-                            {"Channel", a.Channel->size()}}) {
-    problem = lengthProblem(name, size, "GPSTime", n);
+  for (auto [name, size] : {std::pair<const char*, std::size_t>{schema::kRange, a.Range->size()},
+                            {schema::kAmplitude, a.Amplitude->size()},
+                            {schema::kChannel, a.Channel->size()}}) {
+    problem = lengthProblem(name, size, schema::kGPSTime, n);
     if (!problem.empty()) return problem;
   }
   if (a.Reflectance && a.Reflectance->size() != n) {
-    note = lengthProblem("Reflectance", a.Reflectance->size(), "GPSTime", n);
+    note = lengthProblem(schema::kReflectance, a.Reflectance->size(), schema::kGPSTime, n);
     a.Reflectance.reset();
   }
   // Online data without reflectance: zeros stand in.
@@ -142,22 +145,24 @@ bool FatBoy<T>::ini(const unsigned& fragNr) {
     loadProblem = "FatBoy::ini " + place + ": grid \"" + grid + "\": " + problem;
     return false;
   };
-  auto id = findFragmentID(*SHOT, "Positions");
+  auto id = findFragmentID(*SHOT, schema::kPositions);
   // Without the identifier there is no fragment to name, and no query could be answered.
-  if (!id) return refuse("Shots", whyMissing<PointArray::element_type>(*SHOT, "Positions"));
+  if (!id)
+    return refuse(schema::kShotsGrid,
+                  whyMissing<PointArray::element_type>(*SHOT, schema::kPositions));
   fragmentName = id->getName();
   std::string problem = loadShots(*SHOT);
-  if (!problem.empty()) return refuse("Shots", problem);
+  if (!problem.empty()) return refuse(schema::kShotsGrid, problem);
   if (FWF) {
     FWF->fragNr = fragNr;
     problem = loadWaveforms(*FWF);
-    if (!problem.empty()) return refuse("Waveforms", problem);
+    if (!problem.empty()) return refuse(schema::kWaveformsGrid, problem);
   }
   if (OPP) {
     OPP->fragNr = fragNr;
     std::string note;
     problem = loadOnline(*OPP, note);
-    if (!problem.empty()) return refuse("OPP", problem);
+    if (!problem.empty()) return refuse(schema::kOnlineGrid, problem);
     if (!note.empty())
       loadProblem = "FatBoy::ini " + place + ": grid \"OPP\": " + note + "; zeros stand in";
   }

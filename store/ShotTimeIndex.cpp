@@ -2,7 +2,7 @@
 #include "store/ShotTimeIndex.hpp"
 
 #include <algorithm>
-#include <stdexcept>
+#include <limits>
 
 namespace FullWaveform {
 
@@ -40,8 +40,21 @@ double ShotTimeIndex::firstTime(std::size_t b) const {
   return blocks_[b].first;
 }
 
+// A block that cannot be read back stands in as entries later than any shot, so that every
+// search still ends; failure() tells the caller that the run cannot go on.
 PackedShotBlock ShotTimeIndex::readBack(const Block& block) const {
-  return PackedShotBlock::fromBytes(spill_->read(block.spilledAt, block.spilledBytes));
+  std::vector<std::uint8_t> bytes;
+  std::string error;
+  if (spill_->read(block.spilledAt, block.spilledBytes, bytes, error))
+    return PackedShotBlock::fromBytes(bytes);
+  if (failure_.empty())
+    failure_ = "the shot-time index could not read back its scratch data (" + error + ")";
+  const std::size_t count = std::size_t(&block - blocks_.data()) + 1 < blocks_.size()
+                                ? kBlockSize
+                                : blockSize(std::size_t(&block - blocks_.data()));
+  const std::vector<value_type> placeholders(
+      count, {std::numeric_limits<double>::infinity(), std::uint32_t(0)});
+  return PackedShotBlock(placeholders.data(), count);
 }
 
 void ShotTimeIndex::append(const value_type& e) {
@@ -64,7 +77,7 @@ void ShotTimeIndex::pack(std::size_t b) {
 void ShotTimeIndex::spill(std::size_t b) {
   Block& block = blocks_[b];
   if (block.plain || block.spilledAt >= 0 || spillFailed_) return;
-  if (!spill_) spill_ = ShotSpillFile::open();
+  if (!spill_) spill_ = Tessal::openScratchFile();
   const std::vector<std::uint8_t> bytes = block.packed.toBytes();
   const std::int64_t at = spill_ ? spill_->append(bytes) : -1;
   if (at < 0) {
@@ -73,6 +86,7 @@ void ShotTimeIndex::spill(std::size_t b) {
   }
   block.spilledAt = at;
   block.spilledBytes = std::uint32_t(bytes.size());
+  scratchBytes_ += bytes.size();
   block.packed = PackedShotBlock();
 }
 
@@ -122,6 +136,7 @@ void ShotTimeIndex::merge(std::vector<value_type> batch) {
     merged.packIfOutside(spanBegin, spanEnd);
     if ((++i & (kBlockSize - 1)) == 0) blocks_[(i >> kBlockShift) - 1] = {};  // all copied
   }
+  merged.failure_ = std::move(failure_);
   *this = std::move(merged);
 }
 
@@ -174,12 +189,6 @@ std::size_t ShotTimeIndex::memoryBytes() const {
 ShotTimeIndex::const_iterator ShotTimeIndex::find(double time) const {
   const auto it = lower_bound(time);
   return it != end() && it->first == time ? it : end();
-}
-
-std::uint32_t ShotTimeIndex::at(double time) const {
-  const auto it = find(time);
-  if (it == end()) throw std::out_of_range("ShotTimeIndex::at: no shot at that time");
-  return it->second;
 }
 
 }  // namespace FullWaveform

@@ -3,21 +3,24 @@
 // It lives as long as the run, so it is kept compact: blocks of 65536 shots that fill in time
 // order, plain (16 bytes a shot) while the fragment that inserted them is being resolved, and
 // packed to about 3 bytes a shot (PackedShotBlock) once a later fragment arrives, and moved
-// to a temporary file (ShotSpillFile) once a million newer shots are held, as only merges of
-// fragments that go back in time read them again. Memory then stays flat however long the
-// run. Reads give entries by value, so iterators work the same over every kind of block.
+// to a scratch file of the host's data model once a million newer shots are held, as only
+// merges of fragments that go back in time read them again. Memory then stays flat however
+// long the run. Reads give entries by value, so iterators work the same over every kind of
+// block. A scratch file that cannot be read back is recorded in failure() (the run must end:
+// the entries read from it are placeholders).
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
 #include <memory>
+#include <string>
 #include <utility>
 #include <vector>
 
 #include "run/Export.hpp"
 #include "store/PackedShotBlock.hpp"
-#include "store/ShotSpillFile.hpp"
+#include "tessal/Scratch.hpp"
 
 namespace FullWaveform {
 
@@ -56,12 +59,12 @@ class QUILLO_API ShotTimeIndex {
   };
   using iterator = const_iterator;
 
-  // Packed blocks beyond the newest `packedBlocksInMemory` go to the temporary file.
+  // Packed blocks beyond the newest `packedBlocksInMemory` go to the scratch file.
   explicit ShotTimeIndex(std::size_t packedBlocksInMemory = 16)
       : packedBlocksInMemory_(packedBlocksInMemory) {}
 
   // Inserts the pairs as if one after another: a time already present takes the new index.
-  // Times must be finite. Packs the blocks of earlier batches first (all but the last full
+  // Times must not be NaN. Packs the blocks of earlier batches first (all but the last full
   // one, which the new batch's first shots walk back into). Batches later than everything
   // held are appended; an earlier one merges, releasing old blocks as it goes.
   void insert(std::vector<value_type> batch);
@@ -75,10 +78,12 @@ class QUILLO_API ShotTimeIndex {
   // The first entry whose time is not less than `time` (end() when none).
   const_iterator lower_bound(double time) const;
   const_iterator find(double time) const;
-  // The shot index of `time`; throws std::out_of_range when the time is not held.
-  std::uint32_t at(double time) const;
-  // Heap bytes held (not counting the temporary file), for memory accounting.
+  // Heap bytes held (not counting the scratch file), for memory accounting.
   std::size_t memoryBytes() const;
+  // Bytes set aside in the scratch file.
+  std::size_t scratchBytes() const { return scratchBytes_; }
+  // Why scratch data could not be read back; empty while every read succeeded.
+  const std::string& failure() const { return failure_; }
 
  private:
   static constexpr std::size_t kBlockShift = 16, kBlockSize = std::size_t(1) << kBlockShift;
@@ -87,11 +92,11 @@ class QUILLO_API ShotTimeIndex {
     double first = 0.0;                   // the first entry's time, for searches without reads
     std::unique_ptr<value_type[]> plain;  // while the fragment that inserted it is resolved
     PackedShotBlock packed;               // then packed
-    std::int64_t spilledAt = -1;          // then, when old, in the temporary file
+    std::int64_t spilledAt = -1;          // then, when old, in the scratch file
     std::uint32_t spilledBytes = 0;
   };
 
-  // Calls `read` with a packed block, read back from the temporary file when it is there.
+  // Calls `read` with a packed block, read back from the scratch file when it is there.
   template <class Read>
   auto readPacked(const Block& block, Read read) const {
     return block.spilledAt < 0 ? read(block.packed) : read(readBack(block));
@@ -118,8 +123,10 @@ class QUILLO_API ShotTimeIndex {
   std::vector<Block> blocks_;
   std::size_t size_ = 0;
   std::size_t packedBlocksInMemory_;
-  std::unique_ptr<ShotSpillFile> spill_;
-  bool spillFailed_ = false;  // no temporary file could be made or filled: keep blocks here
+  std::unique_ptr<Tessal::ScratchFile> spill_;
+  bool spillFailed_ = false;  // no scratch file could be made or filled: keep blocks here
+  std::size_t scratchBytes_ = 0;
+  mutable std::string failure_;
 };
 
 }  // namespace FullWaveform

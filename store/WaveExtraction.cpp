@@ -9,11 +9,13 @@
 #include <map>
 
 #include "store/FragmentLoading.hpp"
-#include "vorlap/Console.hpp"
+#include "tessal/Schema.hpp"
 #include "waveform/OnlineEvaluation.hpp"
 #include "waveform/PeakDetection.hpp"
 
 namespace FullWaveform {
+
+namespace schema = Tessal::schema;
 
 namespace {
 
@@ -29,34 +31,10 @@ std::int32_t noiseLevelArgument(double level) {
   return static_cast<std::int32_t>(std::trunc(std::clamp(level, lo, hi)));
 }
 
-// A row whose first sample lies before its shot, nowhere, or later than an echo of the
-// farthest zone can arrive, or whose shot time is not finite, would give its echoes a false
-// zone or none: its wave is dropped.
-void dropRowsOutOfReach(FatBoy<unsigned short>& fb, WaveList& waves) {
-  const auto& sbl = *fb.FWF->arrays.SBL_Time;
-  const auto& time = *fb.FWF->arrays.GPSTime;
-  const double reach = 2.0 * 9.0 * fb.scannerDevice.getMTALengthAsTime();
-  std::size_t dropped = 0;
-  for (std::size_t r = 0; r < waves.size() && r < sbl.size(); ++r) {
-    const double t = sbl.get(r);
-    if (t >= 0.0 && t <= reach && std::isfinite(time.get(r))) continue;
-    waves[r].reset();
-    ++dropped;
-  }
-  if (dropped)
-    Vorlap::Console() << "iniWavePoints " << fragmentPlace(fb.input->inputFileName, fb.fragmentName)
-                      << ": grid \"Waveforms\": " << dropped
-                      << " row(s) skipped: \"GPSTime\" not finite, or \"SBL_Time\" negative, "
-                         "not finite or beyond the farthest zone ("
-                      << reach << " s)";
-}
-
 std::string detectPeaks(FatBoy<unsigned short>& fb, WaveList& out) {
   const auto& a = fb.FWF->arrays;
-  // An empty fragment has nothing to detect, whatever its declared row length.
-  if (a.Waveforms->extent(1) == 0) return "";
   const auto samples = static_cast<std::uint32_t>(a.Waveforms->extent(0));
-  auto id = findFragmentID(*fb.SHOT, "Positions");
+  auto id = findFragmentID(*fb.SHOT, schema::kPositions);
   const std::string fragment = id ? id->getName() : std::string();
   PeakDetectionFamily<unsigned short> detector(
       fb.input->fwfModus, fb.scannerDevice, fb.input->peakDetectionPath,
@@ -64,7 +42,6 @@ std::string detectPeaks(FatBoy<unsigned short>& fb, WaveList& out) {
   if (!detector.errorText().empty()) return detector.errorText();
   out = detector.apply(a.Waveforms, a.FWFLength, a.GPSTime, a.SBL_Time, a.Channel,
                        noiseLevelArgument(fb.input->noiseLevel), fragment);
-  dropRowsOutOfReach(fb, out);
   return "";
 }
 

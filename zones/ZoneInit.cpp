@@ -23,39 +23,29 @@ std::vector<CarriedShot> tailOf(const SHOT_Data& a, std::size_t count) {
   return tail;
 }
 
-// Zone walks count shots back from the recording shot; no zone reaches further than this.
-constexpr std::size_t kLongestWalk = 8;
-
-// Shot times that are not finite cannot be ordered or matched, and of a repeated time only
-// the later shot stays in the index: a zone walk across such a lost shot would count one shot
-// short, so the waves recorded within kLongestWalk shots after it are released. Backward
-// steps are kept (the index orders by time) but point at damaged data. All are reported.
+// Shot times that are not a number cannot be ordered and stay out of the index. Of a repeated
+// time the later shot takes the entry, so a zone walk across it counts one shot short; the
+// waves go on as they are, and the faults are reported so that the user knows where zones
+// may be off. Backward steps are kept too (the index orders by time).
 struct ShotTimeFaults {
-  std::size_t notFinite = 0, repeated = 0, backwards = 0, released = 0;
+  std::size_t notANumber = 0, infinite = 0, repeated = 0, backwards = 0;
   double previous = -std::numeric_limits<double>::infinity();
-  std::vector<bool> lost;
 
-  bool admit(std::size_t s, double t) {
-    lost.push_back(false);
-    if (!std::isfinite(t)) return ++notFinite, lost[s] = true, false;
-    if (t == previous) ++repeated, lost[s - 1] = true;
+  bool admit(double t) {
+    if (std::isnan(t)) return ++notANumber, false;
+    if (std::isinf(t)) ++infinite;
+    if (t == previous) ++repeated;
     if (t < previous) ++backwards;
     previous = t;
     return true;
   }
-  bool nearLostShot(std::uint32_t s) const {
-    if (notFinite + repeated == 0 || s >= lost.size()) return false;
-    for (std::size_t k = s - std::min<std::size_t>(s, kLongestWalk); k <= s; ++k)
-      if (lost[k]) return true;
-    return false;
-  }
   void report(const std::string& place) const {
-    if (notFinite + repeated + backwards == 0) return;
+    if (notANumber + infinite + repeated + backwards == 0) return;
     Vorlap::Console() << "FatBoy::iniMTA " << place
-                      << ": field \"GPSTime\" of grid \"Shots\": " << notFinite
-                      << " time(s) not finite (shots skipped), " << repeated << " repeated, "
-                      << backwards << " going backwards; " << released
-                      << " wave(s) recorded just after a skipped shot released";
+                      << ": field \"GPSTime\" of grid \"Shots\": " << notANumber
+                      << " time(s) not a number (shots skipped), " << infinite << " infinite, "
+                      << repeated << " repeated (the later shot kept), " << backwards
+                      << " going backwards; zones of the waves recorded just after them may be off";
   }
 };
 
@@ -72,7 +62,7 @@ bool FatBoy<T>::iniMTA() {
   batch.reserve(count);
   for (std::size_t s = 0; s < count; ++s) {
     const double t = times.get(s);
-    if (faults.admit(s, t)) batch.emplace_back(t, static_cast<std::uint32_t>(s));
+    if (faults.admit(t)) batch.emplace_back(t, static_cast<std::uint32_t>(s));
   }
   shotTimeIndex.insert(std::move(batch));
   carriedShots = std::move(pendingCarry);
@@ -88,8 +78,6 @@ bool FatBoy<T>::iniMTA() {
     auto it = shotTimeIndex.find(wavePoints[i]->waveTime);
     if (it == shotTimeIndex.end())
       ++unmatched;
-    else if (faults.nearLostShot(it->second))
-      wavePoints[i].reset(), ++faults.released;
     else
       shotIndex[i] = it->second;
   }

@@ -44,6 +44,31 @@ bool storedTypeMatches(hid_t stored, ElementType t) {
   return true;
 }
 
+std::string describeType(hid_t type) {
+  if (type < 0) return "unknown";
+  const std::string bits = std::to_string(8 * H5Tget_size(type)) + "-bit ";
+  switch (H5Tget_class(type)) {
+    case H5T_INTEGER:
+      return bits + (H5Tget_sign(type) == H5T_SGN_NONE ? "unsigned" : "signed") + " integer";
+    case H5T_FLOAT:
+      return bits + "float";
+    case H5T_STRING:
+      return H5Tis_variable_str(type) > 0 ? "variable-length string" : "fixed-length string";
+    case H5T_COMPOUND:
+      return "compound";
+    case H5T_ENUM:
+      return "enum (boolean?)";
+    case H5T_ARRAY:
+      return "array";
+    case H5T_VLEN:
+      return "variable-length sequence";
+    case H5T_REFERENCE:
+      return "reference";
+    default:
+      return "opaque";
+  }
+}
+
 std::string escapeName(const std::string& name) {
   if (name.empty()) return "%";
   if (name == ".") return "%2E";

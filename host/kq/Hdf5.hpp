@@ -50,6 +50,9 @@ hid_t nativeTypeOf(ElementType t);
 // Whether a stored dataset type can be read as `t` without changing its meaning.
 bool storedTypeMatches(hid_t storedType, ElementType t);
 
+// Words for a stored type in messages: "64-bit signed integer", "fixed-length string", ...
+std::string describeType(hid_t type);
+
 // Link names cannot hold '/' and "." is special: escape reversibly with %XX.
 std::string escapeName(const std::string& name);
 std::string unescapeName(const std::string& link);

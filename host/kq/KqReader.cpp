@@ -7,6 +7,7 @@
 
 #include "kq/GlobalHeapCheck.hpp"
 #include "kq/KqAttributes.hpp"
+#include "kq/KqConversion.hpp"
 #include "tessal/Bundle.hpp"
 #include "vorlap/Console.hpp"
 
@@ -34,8 +35,12 @@ struct KqFile {
 class FileCreator final : public CreativeArrayBase {
  public:
   FileCreator(Vorlap::StrongPtr<KqFile> file, std::string path, ElementType type,
-              std::vector<std::size_t> extents)
-      : file_(std::move(file)), path_(std::move(path)), type_(type), extents_(std::move(extents)) {}
+              std::vector<std::size_t> extents, bool convert)
+      : file_(std::move(file)),
+        path_(std::move(path)),
+        type_(type),
+        extents_(std::move(extents)),
+        convert_(convert) {}
   ElementType elementType() const override { return type_; }
   std::vector<std::size_t> extents() const override { return extents_; }
 
@@ -50,15 +55,25 @@ class FileCreator final : public CreativeArrayBase {
   std::string path_;
   ElementType type_;
   std::vector<std::size_t> extents_;
+  bool convert_;         // stored as another number type
+  std::string problem_;  // why the last read gave nothing, when known
 };
 
 template <class T>
 Vorlap::StrongPtr<MemBase> FileCreator::read(hid_t set) {
   Vorlap::StrongPtr<MemBase> result;
   auto fill = [&](auto array) {
-    if (array->size() && H5Dread(set, kq::nativeTypeOf(type_), H5S_ALL, H5S_ALL, H5P_DEFAULT,
-                                 array->contiguousData()) < 0)
+    if (convert_) {
+      const std::string problem = kq::readConverted(set, type_, array->contiguousData(),
+                                                    array->size() * componentCount(type_));
+      if (!problem.empty()) {
+        problem_ = problem + " " + elementTypeName(type_);
+        return;
+      }
+    } else if (array->size() && H5Dread(set, kq::nativeTypeOf(type_), H5S_ALL, H5S_ALL, H5P_DEFAULT,
+                                        array->contiguousData()) < 0) {
       return;
+    }
     result = array;
   };
   if (extents_.size() == 2)
@@ -118,7 +133,9 @@ Vorlap::StrongPtr<MemBase> FileCreator::produce() {
   } catch (const std::bad_alloc&) {
     data.reset();
   }
-  if (!data) Vorlap::Console() << file_->name << ": cannot read " << path_ << " (damaged data)";
+  if (!data)
+    Vorlap::Console() << file_->name << ": cannot read " << path_
+                      << (problem_.empty() ? " (damaged data)" : ": " + problem_);
   return data;
 }
 
@@ -168,20 +185,24 @@ class Reader {
     Vorlap::Attributes a;
     std::string error;
     if (!kq::readAttributes(root.get(), a, error)) return fail("/", error);
-    auto format = a.getAttributeAs<std::string>("kq_format");
-    auto version = a.getAttributeAs<int>("kq_version");
-    if (!format || format->size() != 1 || (*format)[0] != kq::kFormatName)
-      return fail("/", "not a .kq file (no format marker)");
-    if (!version || version->size() != 1 || (*version)[0] != kq::kFormatVersion)
-      return fail("/", "unsupported .kq layout version");
+    std::string format;
+    long long version = 0;
+    if (kq::singleText(a, "kq_format", format) != kq::Single::Ok || format != kq::kFormatName)
+      return fail("/", "not a .kq file (no format marker: attribute kq_format = \"kq\")");
+    if (kq::singleInteger(a, "kq_version", version) != kq::Single::Ok ||
+        version != kq::kFormatVersion)
+      return fail("/", "unsupported .kq layout version (attribute kq_version must be 1)");
     return true;
   }
 
+  // An absent attributes group reads as an empty one: writers need not create it.
   bool readAttributeGroup(const std::string& path, Vorlap::Attributes& into) {
-    Hid g(H5Gopen2(file_->id, (path + "/attributes").c_str(), H5P_DEFAULT), H5Gclose);
-    if (!g.ok()) return fail(path, "missing attributes group");
+    const std::string groupPath = path + "/attributes";
+    if (H5Lexists(file_->id, groupPath.c_str(), H5P_DEFAULT) <= 0) return true;
+    Hid g(H5Gopen2(file_->id, groupPath.c_str(), H5P_DEFAULT), H5Gclose);
+    if (!g.ok()) return fail(groupPath, "is not a group");
     std::string error;
-    return kq::readAttributes(g.get(), into, error) || fail(path + "/attributes", error);
+    return kq::readAttributes(g.get(), into, error) || fail(groupPath, error);
   }
 
   bool readSlice(const std::string& path, Bundle& into) {
@@ -189,9 +210,10 @@ class Reader {
     Vorlap::Attributes a;
     std::string error;
     if (!s.ok() || !kq::readAttributes(s.get(), a, error)) return fail(path, "unreadable slice");
-    auto time = a.getAttributeAs<double>("time");
-    if (!time || time->size() != 1) return fail(path, "slice without a time");
-    auto slice = into[(*time)[0]];
+    double time = 0.0;
+    if (kq::singleNumber(a, "time", time) != kq::Single::Ok)
+      return fail(path, "slice without a time (attribute time, one number)");
+    auto slice = into[time];
     return eachLink(path + "/grids", [&](const std::string& p, const std::string& name) {
       return readGrid(p, *slice->makeGrid(name));
     });
@@ -206,8 +228,9 @@ class Reader {
       Vorlap::Attributes ca;
       std::string error;
       if (!c.ok() || !kq::readAttributes(c.get(), ca, error)) return fail(p, "unreadable chart");
-      auto dims = ca.getAttributeAs<int>("dimensions");
-      auto rep = grid.makeCartesianRepresentation(dims && dims->size() ? (*dims)[0] : 3, name, 0);
+      long long dims = 3;
+      kq::singleInteger(ca, "dimensions", dims);
+      auto rep = grid.makeCartesianRepresentation(static_cast<int>(dims), name, 0);
       return eachLink(p + "/fields", [&](const std::string& fp, const std::string& fname) {
         return readField(fp, fname, *rep);
       });
@@ -223,10 +246,49 @@ class Reader {
   }
 
   bool readFragment(const std::string& path, const std::string& name, Field& field);
+  bool readElementType(const std::string& path, const Vorlap::Attributes& meta, ElementType& type);
+  bool readRank(const std::string& path, const Vorlap::Attributes& meta, int& rank);
 
   Vorlap::StrongPtr<KqFile> file_;
   std::string error_, where_;
 };
+
+constexpr const char* kElementTypes =
+    "int8, uint8, int16, uint16, int32, uint32, int64, uint64, float32, float64, point3, "
+    "vector3";
+
+bool Reader::readElementType(const std::string& path, const Vorlap::Attributes& meta,
+                             ElementType& type) {
+  std::string name;
+  switch (kq::singleText(meta, "element_type", name)) {
+    case kq::Single::Ok:
+      break;
+    case kq::Single::Missing:
+      return fail(path,
+                  std::string("missing attribute \"element_type\" (one of ") + kElementTypes + ")");
+    default:
+      return fail(path, "attribute \"element_type\" must be one text");
+  }
+  if (!elementTypeFromName(name, type))
+    return fail(path, "unknown element type \"" + name + "\" (one of " + kElementTypes + ")");
+  return true;
+}
+
+bool Reader::readRank(const std::string& path, const Vorlap::Attributes& meta, int& rank) {
+  long long value = 0;
+  switch (kq::singleInteger(meta, "rank", value)) {
+    case kq::Single::Ok:
+      break;
+    case kq::Single::Missing:
+      return fail(path, "missing attribute \"rank\" (1, or 2 for rows of samples)");
+    default:
+      return fail(path, "attribute \"rank\" must be one whole number, 1 or 2");
+  }
+  if (value != 1 && value != 2)
+    return fail(path, "rank must be 1 or 2, is " + std::to_string(value));
+  rank = static_cast<int>(value);
+  return true;
+}
 
 bool Reader::readFragment(const std::string& path, const std::string& name, Field& field) {
   Hid set(H5Dopen2(file_->id, path.c_str(), H5P_DEFAULT), H5Dclose);
@@ -234,16 +296,16 @@ bool Reader::readFragment(const std::string& path, const std::string& name, Fiel
   Vorlap::Attributes meta;
   std::string error;
   if (!kq::readAttributes(set.get(), meta, error)) return fail(path, error);
-  auto typeName = meta.getAttributeAs<std::string>("element_type");
-  auto rankAttr = meta.getAttributeAs<int>("rank");
   ElementType type;
-  if (!typeName || typeName->size() != 1 || !elementTypeFromName((*typeName)[0], type))
-    return fail(path, "unknown element type");
-  const int rank = rankAttr && rankAttr->size() == 1 ? (*rankAttr)[0] : 0;
-  if (rank != 1 && rank != 2) return fail(path, "rank must be 1 or 2");
+  int rank = 0;
+  if (!readElementType(path, meta, type) || !readRank(path, meta, rank)) return false;
+  // Other number types are converted when the values are read; a value that does not fit
+  // refuses the fragment then.
   Hid stored(H5Dget_type(set.get()), H5Tclose);
-  if (!stored.ok() || !kq::storedTypeMatches(stored.get(), type))
-    return fail(path, std::string("stored values are not of type ") + elementTypeName(type));
+  const bool exact = stored.ok() && kq::storedTypeMatches(stored.get(), type);
+  if (!exact && !(stored.ok() && kq::convertibleType(stored.get())))
+    return fail(path, std::string("stored values are not of type ") + elementTypeName(type) +
+                          " but " + kq::describeType(stored.get()) + " (store integers or floats)");
   Hid space(H5Dget_space(set.get()), H5Sclose);
   const bool triple = componentCount(type) == 3;
   const int expectedDims = rank + (triple ? 1 : 0);
@@ -272,7 +334,7 @@ bool Reader::readFragment(const std::string& path, const std::string& name, Fiel
   else
     extents = {std::size_t(dims[0])};
   auto id = field.makeFragmentID(name);
-  field.setCreator(id, Vorlap::makeStrong<FileCreator>(file_, path, type, extents));
+  field.setCreator(id, Vorlap::makeStrong<FileCreator>(file_, path, type, extents, !exact));
   return true;
 }
 

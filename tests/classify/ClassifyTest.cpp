@@ -40,6 +40,20 @@ TEST(NoiseClassification, TravelTimeLimits) {
   EXPECT_TRUE(w[5].isEmpty());                                             // no zone
 }
 
+// Classification decides by travel time alone: a NaN travel time is neither dropped nor
+// marked, and a shot that points nowhere does not cost its waves their place.
+TEST(NoiseClassification, KeepsNaNTravelTimesAndWavesOfUnusableBeams) {
+  const double nan = std::nan("");
+  StoreFixture s({{0.0, 1e-6, 2e-6, 3e-6}, {{0, 0, 0}, {nan, 0, -1}, {0, 0, -1}, {0, 0, -1}}});
+  ASSERT_TRUE(s.setWaves({makeWave({0.0, nan}), makeWave({1e-6, 2e-6}), makeWave({2e-6, 2e-6})}));
+  classifyNoise(s.fb());
+  auto& w = s.fb().wavePoints;
+  ASSERT_TRUE(w[0]);
+  EXPECT_NE(w[0]->echoes[0].classification, Quorvane::DrelmClass::noise);
+  EXPECT_TRUE(w[1]);  // its shot's direction is not finite
+  EXPECT_TRUE(w[2]);
+}
+
 TEST(NoiseClassification, DuplicateOnlineEchoesNeedBothSources) {
   auto bundle = makeShotsBundle({{{0.0, 1e-6, 2e-6, 3e-6}}});
   addWaveformFragment(bundle, 0, {{0.0}});

@@ -2,9 +2,11 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <memory>
 
 #include "output/OutputAttributes.hpp"
 #include "output/PointCloud.hpp"
+#include "support/Arrays.hpp"
 #include "support/InputBundles.hpp"
 #include "support/StoreFixture.hpp"
 
@@ -38,10 +40,7 @@ Vorlap::StrongPtr<Tessal::Field> fieldOf(const Vorlap::StrongPtr<Tessal::Grid>& 
 template <class T>
 Vorlap::StrongPtr<Tessal::MemArray<1, T>> fragmentData(const Vorlap::StrongPtr<Tessal::Grid>& g,
                                                        const std::string& n) {
-  auto f = fieldOf(g, n);
-  if (!f) return {};
-  auto id = f->getFragmentIDCollection()->findFragmentIDByName("Fragment_0");
-  return Vorlap::dynamicPtrCast<Tessal::MemArray<1, T>>(f->getCreator(id)->heldData());
+  return storedFragment<Tessal::MemArray<1, T>>(g, n);
 }
 
 }  // namespace
@@ -175,4 +174,151 @@ TEST(PointCloudFields, WaveformContainerAndExportDecideTheFieldSet) {
   EXPECT_EQ(count(false, FWF_PEAKS_NO_WIDTH), 16u);  // Damping comes with the waveform container
   EXPECT_EQ(count(false, FWF_FAST_PEAKS), 17u);
   EXPECT_EQ(count(true, FWF_FAST_PEAKS), 20u);
+}
+
+namespace {
+
+// A table that falls by 1 per unit of range: the prediction is the amplitude minus the range
+// handed over, so the range used can be read back from the result.
+Vorlap::StrongPtr<ReflectanceTable> fallingTable() {
+  ReflectanceTable t;
+  for (int k = 0; k < 400; ++k) t.values.push_back(-float(k));
+  return Vorlap::makeStrong<ReflectanceTable>(t);
+}
+
+}  // namespace
+
+TEST_F(CloudFixture, ReflectanceIsStoredOnlyForSegmentFreeDataWithoutWaveforms) {
+  // One echo 10 ns after its wave, emitted one shot before: range 1.5 m from the echo time,
+  // but 151.5 m from the emitting shot.
+  auto wave = waveAt(2, {1e-8});
+  wave->echoes[0].reflectance = -7.5f;
+  ASSERT_TRUE(s.setWaves({wave, waveAt(3, {1e-6}), waveAt(4, {1e-6})}));
+  s.fb().setMTA(0, 1, 0.0);
+  s.fb().scannerDevice.lightSpeed = 3e8;
+  s.fb().scannerDevice.reflectanceTable = fallingTable();
+  s.fb().scannerDevice.reflectanceTableStep = 1.0;
+  auto reflectance = [&](std::int32_t segment, bool skipFWF) {
+    s.input.RDB_SEGMENT = segment;
+    s.input.skipFWF = skipFWF;
+    EXPECT_EQ(makePointCloud(s.fb(), {0}, grid, ids, s.input), "");
+    EXPECT_NEAR(fragmentData<double>(grid, "Range")->get(0), 151.5, 1e-6);
+    return fragmentData<float>(grid, "Reflectance")->get(0);
+  };
+  EXPECT_EQ(reflectance(-1, true), -7.5f);
+  EXPECT_FLOAT_EQ(reflectance(-1, false), 100.0f - 1.5f);
+  EXPECT_FLOAT_EQ(reflectance(0, true), 100.0f - 1.5f);
+  EXPECT_FLOAT_EQ(reflectance(1, false), 100.0f - 1.5f);
+  s.fb().scannerDevice.reflectanceTable = {};  // no table: nothing to predict from
+  EXPECT_EQ(reflectance(1, false), 0.0f);
+}
+
+TEST_F(CloudFixture, DirectionDeltaIsTheRangeOfOneSampleAlongTheBeam) {
+  ASSERT_TRUE(s.setWaves({waveAt(2, {1e-6}), waveAt(3, {1e-6}), waveAt(4, {1e-6})}));
+  s.fb().scannerDevice.lightSpeed = 3e8;
+  auto delta = [&](double sampleInterval) {
+    s.fb().scannerDevice.sampleInterval = sampleInterval;
+    EXPECT_EQ(makePointCloud(s.fb(), {1}, grid, ids, s.input), "");
+    return fragmentData<Gemwold::PhysicalSpace::vector>(grid, "Waveforms.DirectionDelta")->get(0);
+  };
+  auto d = delta(1e-9);  // 1 ns at 3e8 m/s: 0.15 m one way
+  EXPECT_NEAR(d.x, 0.0, 1e-15);
+  EXPECT_NEAR(d.y, 0.15, 1e-12);
+  EXPECT_NEAR(d.z, -0.15, 1e-12);
+  d = delta(0.0);  // no sample interval: the beam direction itself
+  EXPECT_EQ(d.y, 1.0);
+  EXPECT_EQ(d.z, -1.0);
+}
+
+namespace {
+
+// A store over four shots and three waveform rows of eight samples (sample s of row r holds
+// 100 r + s + 1), whose rows declare only five valid samples.
+struct WaveformStore {
+  explicit WaveformStore(bool exportFWF) {
+    addWaveformFragment(bundle, 0, {{1.0, 1.000001, 1.000002}, 8, {5, 5, 5}});
+    input.exportFWF = exportFWF;
+    input.inputFileName = "/data/ABC210315_093000.rxp";
+    fb = std::make_unique<FatBoy<unsigned short>>(bundle, input);
+    EXPECT_TRUE(fb->ini(0));
+    auto& samples = *fb->FWF->arrays.Waveforms;
+    for (std::size_t r = 0; r < 3; ++r)
+      for (std::size_t k = 0; k < 8; ++k) samples.set(r * 8 + k, std::uint16_t(100 * r + k + 1));
+  }
+  Tessal::BundlePtr bundle = makeShotsBundle({{{1.0, 1.000001, 1.000002, 1.000003}}});
+  Input input;
+  std::unique_ptr<FatBoy<unsigned short>> fb;
+  Vorlap::StrongPtr<Tessal::Grid> grid = Vorlap::makeStrong<Tessal::Grid>("FWF");
+};
+
+WavePtr waveWithEchoesAt(double time, std::vector<double> samplePositions) {
+  auto w = makeWave(
+      {time, 1e-6, 100.f, 1, false, 100, std::vector<double>(samplePositions.size(), 1e-6)});
+  for (std::size_t k = 0; k < samplePositions.size(); ++k)
+    w->echoes[k].samplePosition = samplePositions[k];
+  return w;
+}
+
+}  // namespace
+
+TEST(PointCloudFields, EveryPointCarriesACopyOfItsWavesWaveform) {
+  WaveformStore s(true);
+  s.fb->wavePoints = {waveWithEchoesAt(1.000001, {2.25, 5.5}), waveWithEchoesAt(1.000002, {3.0}),
+                      waveWithEchoesAt(1.000003, {1.0 / 3.0})};
+  s.fb->fwfIndex = {2, -1, 0};  // rows out of wave order; the middle wave has no waveform
+  ASSERT_TRUE(s.fb->iniMTA());
+  std::uint32_t ids = 0;
+  ASSERT_EQ(makePointCloud(*s.fb, {0, 1, 2}, s.grid, ids, s.input), "");
+
+  auto samples = storedFragment<Tessal::MemArray<2, std::uint16_t>>(s.grid, "Waveforms");
+  ASSERT_TRUE(samples);
+  ASSERT_EQ(samples->extent(0), 8u);
+  ASSERT_EQ(samples->extent(1), 4u);
+  const std::pair<std::size_t, std::size_t> pointRow[] = {{0, 2}, {1, 2}, {3, 0}};
+  for (auto [p, r] : pointRow)
+    for (std::size_t k = 0; k < 8; ++k)
+      EXPECT_EQ(samples->get(k, p), 100 * r + k + 1) << "point " << p << " sample " << k;
+
+  auto position = storedFragment<Tessal::MemArray<1, float>>(s.grid, "WaveformPositionIndex");
+  EXPECT_EQ(position->get(0), 2.25f);
+  EXPECT_EQ(position->get(1), 5.5f);
+  EXPECT_EQ(position->get(3), float(1.0 / 3.0));
+  // The length is the rows' sample count, not the valid part a row declares.
+  auto length = storedFragment<Tessal::MemArray<1, std::uint16_t>>(s.grid, "FWFLength");
+  for (std::size_t p : {0, 1, 3}) EXPECT_EQ(length->get(p), 8u) << "point " << p;
+}
+
+TEST(OutputAttributes, RunMetadataOnTheGridAndItsFields) {
+  WaveformStore s(true);
+  s.fb->wavePoints = {waveWithEchoesAt(1.000001, {2.0}), waveWithEchoesAt(1.000002, {2.0}),
+                      waveWithEchoesAt(1.000003, {2.0})};
+  s.fb->fwfIndex = {0, 1, 2};
+  ASSERT_TRUE(s.fb->iniMTA());
+  std::uint32_t ids = 0;
+  ASSERT_EQ(makePointCloud(*s.fb, {0, 1}, s.grid, ids, s.input), "");
+  s.fb->scannerDevice.sampleInterval = 2.5e-10;
+  ASSERT_EQ(addAttributes(s.grid, *s.fb), "");
+
+  auto interval =
+      fieldOf(s.grid, "Waveforms")->attributes().getAttributeAs<double>("WaveformSampleInterval");
+  ASSERT_TRUE(interval);
+  EXPECT_EQ((*interval)[0], 2.5e-10);
+  auto types = fieldOf(s.grid, "PointType")->attributes().getAttributeAs<std::string>("PointTypes");
+  ASSERT_TRUE(types);
+  EXPECT_EQ((*types)[0],
+            "0: Unknown\n1: Single\n2: First\n3: Intermediate\n4: Last\n5: Saturated\n"
+            "6: Online\n7: Overlapping\n");
+
+  const auto& attributes = s.grid->attributes();
+  auto parameters = attributes.getAttributeAs<std::string>("InputParameter");
+  ASSERT_TRUE(parameters);
+  EXPECT_EQ((*parameters)[0], s.input.speak() + s.fb->scannerDevice.speak());
+  // 15 March 2021, a Monday in GPS week 2149.
+  auto uintOf = [&](const std::string& name) {
+    auto chunk = attributes.getAttributeAs<unsigned>(name);
+    return chunk ? (*chunk)[0] : 999999u;
+  };
+  EXPECT_EQ(uintOf("WeekDay"), 1u);
+  EXPECT_EQ(uintOf("WeekNumber"), 2149u);
+  EXPECT_EQ(uintOf("Year"), 2021u);
 }

@@ -7,17 +7,7 @@
 
 using namespace FullWaveform;
 
-TEST(BuiltInReflectance, ReferenceRowsAndShape) {
-  const double scale = 1.0 - 3.0 * std::ldexp(1.0, -27);
-  const std::pair<int, double> rows[] = {
-      {0, -46.07},   {8, -46.08},    {40, -46.61},   {50, -48.15},  {70, -52.99},
-      {100, -55.26}, {131, -57.09},  {150, -56.67},  {200, -55.43}, {300, -52.61},
-      {500, -48.45}, {1000, -42.43}, {1500, -38.90}, {1983, -36.48}};
-  for (auto [i, v] : rows) {
-    const double stored = rangeCorrectionTable[i];
-    EXPECT_NEAR(stored, v * scale, std::abs(stored) * 2.3e-16) << "index " << i;
-  }
-  for (int i = 0; i < 8; ++i) EXPECT_NEAR(rangeCorrectionTable[i], -46.07 * scale, 1e-12);
+TEST(BuiltInReflectance, FallsToItsMinimumThenRisesLikeTheRangeLoss) {
   for (int i = 0; i < 131; ++i) EXPECT_GE(rangeCorrectionTable[i], rangeCorrectionTable[i + 1]);
   for (int i = 131; i < 1983; ++i) EXPECT_LE(rangeCorrectionTable[i], rangeCorrectionTable[i + 1]);
   // Far range: about 6.02 more per doubling of the range.

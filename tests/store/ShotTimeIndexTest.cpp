@@ -13,6 +13,7 @@
 
 #include "store/PackedShotBlock.hpp"
 #include "store/ShotTimeIndex.hpp"
+#include "tessal/Scratch.hpp"
 
 using FullWaveform::PackedShotBlock;
 using FullWaveform::ShotTimeIndex;
@@ -105,8 +106,7 @@ TEST(ShotTimeIndex, LookupsAndWalks) {
   EXPECT_EQ(index.lower_bound(1.0), index.end());
   index.insert({{3.0, 0}, {1.0, 1}, {2.0, 2}, {1.0, 3}});  // the later 1.0 wins
   ASSERT_EQ(index.size(), 3u);
-  EXPECT_EQ(index.at(1.0), 3u);
-  EXPECT_THROW(index.at(1.5), std::out_of_range);
+  EXPECT_EQ(index.find(1.0)->second, 3u);
   EXPECT_EQ(index.find(1.5), index.end());
   EXPECT_EQ(index.lower_bound(1.5)->first, 2.0);
   EXPECT_EQ(index.lower_bound(3.5), index.end());
@@ -139,18 +139,17 @@ TEST(ShotTimeIndex, PacksTheBlocksOfEarlierFragmentsAndStillAnswersExactly) {
   }
 }
 
-TEST(ShotTimeIndex, SpillsOldBlocksToATemporaryFileOrKeepsThemWhenItCannot) {
+TEST(ShotTimeIndex, SpillsOldBlocksToScratchOrKeepsThemWhenThereIsNone) {
   for (const bool spillable : {true, false}) {
-    const char* saved = std::getenv("TMPDIR");
-    const std::string savedTmp = saved ? saved : "";
-    if (!spillable) setenv("TMPDIR", "/nonexistent/quillo", 1);
+    const auto saved = Tessal::scratchFolder();
+    if (!spillable) Tessal::setScratchFolder("/nonexistent/quillo");
     std::mt19937_64 random(13);
     ShotTimeIndex index(1);  // one packed block in memory
     std::map<double, std::uint32_t> model;
     for (int fragment = 0; fragment < 20; ++fragment)
       insertBoth(index, model, steadyShots(random, 345600.0 + fragment * 0.03, 30000));
     // The last fragments' three plain blocks (3 MB) and one packed block stay in memory; the
-    // six older packed blocks go to the file, if there is one.
+    // six older packed blocks go to the scratch file, if there is one.
     if (spillable)
       EXPECT_LT(index.memoryBytes(), 3.4e6);
     else
@@ -161,8 +160,51 @@ TEST(ShotTimeIndex, SpillsOldBlocksToATemporaryFileOrKeepsThemWhenItCannot) {
     insertBoth(index, model, steadyShots(random, 345600.6, 30000));
     EXPECT_EQ(index.size(), model.size());
     expectSameLowerBounds(index, model, probesOf(model, random, 300));
-    if (!spillable) saved ? setenv("TMPDIR", savedTmp.c_str(), 1) : unsetenv("TMPDIR");
+    EXPECT_EQ(index.failure(), "");
+    Tessal::setScratchFolder(saved);
   }
+}
+
+namespace {
+
+// Scratch space that takes every write and loses it: each read-back fails.
+class LosingScratchFile final : public Tessal::ScratchFile {
+ public:
+  std::int64_t append(const std::vector<std::uint8_t>& bytes) override {
+    const std::int64_t at = end_;
+    end_ += std::int64_t(bytes.size());
+    return at;
+  }
+  bool read(std::int64_t, std::size_t, std::vector<std::uint8_t>&,
+            std::string& error) const override {
+    error = "device gone";
+    return false;
+  }
+
+ private:
+  std::int64_t end_ = 0;
+};
+
+}  // namespace
+
+TEST(ShotTimeIndex, ALostScratchReadIsReportedAndSearchesStillEnd) {
+  Tessal::setScratchFactory([] { return std::make_unique<LosingScratchFile>(); });
+  std::mt19937_64 random(5);
+  ShotTimeIndex index(1);
+  for (int fragment = 0; fragment < 12; ++fragment)
+    index.insert(steadyShots(random, 345600.0 + fragment * 0.03, 30000));
+  EXPECT_EQ(index.failure(), "");                  // nothing read back yet
+  const auto it = index.lower_bound(345600.0005);  // in the first, spilled block
+  EXPECT_NE(index.failure().find("could not read back its scratch data (device gone)"),
+            std::string::npos);
+  EXPECT_TRUE(it == index.end() || it->first >= 345600.0005);
+  // A merge reaching back into lost blocks keeps the failure.
+  ShotTimeIndex merged(1);
+  for (int fragment = 0; fragment < 12; ++fragment)
+    merged.insert(steadyShots(random, 345600.0 + fragment * 0.03, 30000));
+  merged.insert(steadyShots(random, 345600.0000005, 1000));
+  EXPECT_NE(merged.failure(), "");
+  Tessal::setScratchFactory({});
 }
 
 TEST(PackedShotBlock, ReturnsAwkwardTimesBitForBit) {

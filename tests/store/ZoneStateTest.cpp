@@ -73,14 +73,20 @@ TEST_F(ZoneState, IniMTASetsZeroZonesRecordingShotsAndFallbacks) {
   EXPECT_NEAR(fb->getLength(0, 3.2e-6), 1.6e-6, 1e-12);
 }
 
-TEST_F(ZoneState, EqualShotTimesKeepTheLaterIndex) {
-  bundle = makeShotsBundle({{{1.0, 2.0, 2.0, 3.0}}});
+TEST_F(ZoneState, EqualShotTimesKeepTheLaterIndexAndEveryWave) {
+  bundle = makeShotsBundle({{{1.0, 2.0, 2.0, 3.0, 4.0}}});
   fb = std::make_unique<FatBoy<unsigned short>>(bundle, input);
   ASSERT_TRUE(fb->ini(0));
-  fb->wavePoints = {makeWave({2.0}), makeWave({1.0}), makeWave({3.0})};
+  fb->wavePoints = {makeWave({2.0}), makeWave({1.0}), makeWave({3.0}), makeWave({4.0})};
   ASSERT_TRUE(fb->iniMTA());
-  EXPECT_EQ(fb->shotTimeIndex.size(), 3u);
-  EXPECT_EQ(fb->shotTimeIndex.at(2.0), 2u);
+  EXPECT_EQ(fb->shotTimeIndex.size(), 4u);
+  EXPECT_EQ(fb->shotTimeIndex.find(2.0)->second, 2u);
+  EXPECT_EQ(fb->shotIndex[0], 2u);
+  // The waves recorded at and after the repeated time go on to zone resolution.
+  for (const auto& wave : fb->wavePoints) EXPECT_TRUE(wave);
+  fb->setMTA(3, 2, 0.0);
+  EXPECT_EQ(fb->mta[3], 2);
+  EXPECT_EQ(fb->shotIndex[3], 2u);  // one shot short: the repeated time holds one entry
 }
 
 TEST_F(ZoneState, SetMTAWalksBackAndTracksCertainty) {

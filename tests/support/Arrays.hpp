@@ -33,4 +33,19 @@ void storeFragment(Tessal::Representation& rep, const std::string& fieldName,
                    const std::string& fragmentName,
                    const Vorlap::StrongPtr<Tessal::MemBase>& array);
 
+// The array that fragment `fragmentName` of field `fieldName` of the grid's
+// "ScannerCoordinateSystem" holds; empty when the field, the fragment or an array of type A
+// is missing.
+template <class A>
+Vorlap::StrongPtr<A> storedFragment(const Vorlap::StrongPtr<Tessal::Grid>& grid,
+                                    const std::string& fieldName,
+                                    const std::string& fragmentName = "Fragment_0") {
+  auto field = (*grid)(fieldName, "ScannerCoordinateSystem");
+  if (!field) return {};
+  auto id = field->getFragmentIDCollection()->findFragmentIDByName(fragmentName);
+  if (!id) return {};
+  auto creator = field->getCreator(id);
+  return creator ? Vorlap::dynamicPtrCast<A>(creator->heldData()) : Vorlap::StrongPtr<A>();
+}
+
 }  // namespace quillo::test

@@ -36,8 +36,8 @@ void addFragment(Tessal::Representation& rep, const ResultRecipe& recipe, std::s
   column<float>(rep, "Damping", frag, pts, [](auto& p) { return p.damping; });
   column<unsigned char>(rep, "Classification", frag, pts, [](auto& p) { return p.classification; });
   column<unsigned char>(rep, "PointType", frag, pts, [](auto&) { return 0; });
-  column<vector>(rep, "Waveforms.DirectionDelta", frag, pts, [](auto&) {
-    return vector{0.0, 0.0, -0.15};
+  column<vector>(rep, "Waveforms.DirectionDelta", frag, pts, [](auto& p) {
+    return vector{p.step[0], p.step[1], p.step[2]};
   });
   column<unsigned char>(rep, "ReturnNumber", frag, pts, [](auto& p) { return p.returnNumber; });
   column<unsigned char>(rep, "NumberOfReturns", frag, pts,
@@ -56,6 +56,23 @@ void addFragment(Tessal::Representation& rep, const ResultRecipe& recipe, std::s
   column<unsigned short>(rep, "FWFLength", frag, pts, [&](auto&) { return recipe.waveSamples; });
 }
 
+void addMapChart(Tessal::Grid& grid, const ResultRecipe& recipe) {
+  auto map = grid.makeCartesianRepresentation(3, "StandardCartesianChart3D", 0);
+  const double d = recipe.mapShift.value_or(0.0);
+  const std::array<double, 12> m =
+      recipe.scannerToMap.value_or(std::array<double, 12>{1, 0, 0, d, 0, 1, 0, d, 0, 0, 1, d});
+  for (std::size_t f = 0; f < recipe.fragments.size(); ++f)
+    column<point>(*map, "Positions", "Fragment_" + std::to_string(f), recipe.fragments[f],
+                  [&m](auto& p) {
+                    return point{m[0] * p.x + m[1] * p.y + m[2] * p.z + m[3],
+                                 m[4] * p.x + m[5] * p.y + m[6] * p.z + m[7],
+                                 m[8] * p.x + m[9] * p.y + m[10] * p.z + m[11]};
+                  });
+  if (recipe.scannerToMap)
+    grid.attributes().setAttribute(
+        "ScannerToMap", Vorlap::makeChunk<double>(std::vector<double>(m.begin(), m.end())));
+}
+
 }  // namespace
 
 Tessal::BundlePtr makeResult(const ResultRecipe& recipe) {
@@ -70,15 +87,10 @@ Tessal::BundlePtr makeResult(const ResultRecipe& recipe) {
     rep->findFieldByName("Waveforms")
         ->attributes()
         .setAttribute("WaveformSampleInterval", Vorlap::makeChunk<double>({recipe.sampleInterval}));
-  if (recipe.mapShift) {
-    auto map = grid->makeCartesianRepresentation(3, "StandardCartesianChart3D", 0);
-    const double d = *recipe.mapShift;
-    for (std::size_t f = 0; f < recipe.fragments.size(); ++f)
-      column<point>(*map, "Positions", "Fragment_" + std::to_string(f), recipe.fragments[f],
-                    [d](auto& p) {
-                      return point{p.x + d, p.y + d, p.z + d};
-                    });
-  }
+  if (recipe.mapShift || recipe.scannerToMap) addMapChart(*grid, recipe);
+  if (!recipe.coordinateSystem.empty())
+    grid->attributes().setAttribute("CoordinateSystem",
+                                    Vorlap::makeChunk<std::string>({recipe.coordinateSystem}));
   return bundle;
 }
 

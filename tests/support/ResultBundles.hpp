@@ -1,6 +1,7 @@
 // Hand-made run results (grid "FWF" as the module writes it) for export and quick-look tests.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -19,6 +20,8 @@ struct ResultPoint {
   std::int16_t scanAngle = 0;
   std::int32_t waveId = 0;
   float wavePosition = 0.0f;
+  // "Waveforms.DirectionDelta": the beam's step per waveform sample, scanner frame.
+  double step[3] = {0.0, 0.0, -0.15};
 };
 
 struct ResultRecipe {
@@ -28,6 +31,10 @@ struct ResultRecipe {
   double sampleInterval = 1.0e-9;                   // "WaveformSampleInterval" [s]
   bool withPulseWidth = true;
   std::optional<double> mapShift;  // a map chart with positions shifted by this in x, y, z
+  // A map chart with the positions taken through this [R | t] (rows), which the grid then
+  // carries as "ScannerToMap" (as a run copies it from the input).
+  std::optional<std::array<double, 12>> scannerToMap;
+  std::string coordinateSystem;  // the grid's "CoordinateSystem" attribute; empty: none
 };
 
 // Sample s of the waveform of point k of fragment f (what makeResult stores).

@@ -37,7 +37,6 @@ TEST(BlockScoring, MeanSquaredStepOfValidEntries) {
   ZoneScore score = scoreMTAZones(firstN(4), 0, 1, s.fb(), std::vector<std::int32_t>(4, 0));
   EXPECT_EQ(score.zone, 0);
   EXPECT_NEAR(score.score, 2.5e-14, 1e-26);
-  EXPECT_NEAR(score.ratio, 2.5e-14 / 1.0e9, 1e-35);
   EXPECT_EQ(score.at(1, 0), NO_LENGTH);
 }
 
@@ -52,15 +51,13 @@ TEST(BlockScoring, TiesGoToTheLowerZoneAndEmptyRangesGiveNoZone) {
   ZoneScore score = scoreMTAZones(firstN(3), 0, 4, s.fb(), std::vector<std::int32_t>(3, 0));
   EXPECT_EQ(score.zone, 0);
   EXPECT_GT(score.score, 0.0);
-  EXPECT_EQ(score.ratio, score.score / 1.0e9);
+  EXPECT_LT(score.ratio, 0.98);  // a tie does not make the first zone uncertain
   ZoneScore later = scoreMTAZones(firstN(3), 2, 4, s.fb(), std::vector<std::int32_t>(3, 0));
   EXPECT_EQ(later.zone, 2);
   EXPECT_EQ(later.score, score.score);
 
   ZoneScore none = scoreMTAZones(firstN(3), 2, 2, s.fb(), std::vector<std::int32_t>(3, 0));
   EXPECT_EQ(none.zone, -1);
-  EXPECT_EQ(none.score, 1.0e9);
-  EXPECT_EQ(none.ratio, 0.0);
   EXPECT_EQ(scoreMTAZones({}, 0, 4, s.fb(), {}).zone, -1);
 }
 
@@ -112,4 +109,30 @@ TEST(BlockScoring, ChosenZoneMapsBackThroughTheShift) {
   EXPECT_LT(r.ratio, 0.98);
   EXPECT_EQ(r.zones[0], 2);
   EXPECT_EQ(r.zones.back(), -1);
+}
+
+TEST(BlockScoring, ABlockAcrossAZoneChangeIsScoredWithTheShift) {
+  // Jittered shots 1 us apart and ground slowly moving away: the first echoes arrive one shot
+  // after their emission, the later ones two. Scored as they are, both zones show the jump;
+  // with the later echoes moved one zone up the whole block is smooth.
+  ShotFragment shots;
+  for (int k = 0; k < 40; ++k) shots.times.push_back(k * 1.0e-6 + 0.03e-6 * std::sin(k * 1.7));
+  StoreFixture s(shots);
+  std::vector<WavePtr> waves;
+  std::vector<int> trueZones;
+  for (int e = 2; e < 29; ++e) {
+    const double arrival = shots.times[e] + 2 * (0.9e-6 + (e - 2) * 0.008e-6);
+    int r = e;
+    while (shots.times[r + 1] <= arrival) ++r;
+    waves.push_back(makeWave({shots.times[r], arrival - shots.times[r]}));
+    trueZones.push_back(r - e);
+  }
+  ASSERT_EQ(trueZones.front(), 1);
+  ASSERT_EQ(trueZones[trueZones.size() - 2], 2);
+  ASSERT_TRUE(s.setWaves(waves));
+  BlockResult r = evaluateBlockMTA(firstN(std::uint32_t(waves.size())), 0, s.fb(), 0, 5);
+  EXPECT_EQ(r.zone, 1);
+  EXPECT_LT(r.ratio, 0.98);
+  trueZones.back() = -1;  // the fragment's last wave takes no part
+  EXPECT_EQ(r.zones, trueZones);
 }

@@ -1,0 +1,12 @@
+// `quillo batch local`: every task of a plan on this machine, `jobs` at a time, each as its own
+// `quillo batch run` process (as under Slurm) with its output in the task's log file.
+#pragma once
+
+#include "app/BatchPlan.hpp"
+
+namespace quillo::cli {
+
+// Returns the number of tasks that failed.
+std::size_t runLocally(const BatchPlan& plan, unsigned jobs, bool quiet);
+
+}  // namespace quillo::cli

@@ -1,0 +1,268 @@
+// Input check, values: reads each fragment's arrays once (without keeping them) and checks
+// shot times increasing, beam origins finite, directions unit-length, every waveform row and
+// online record timed at one of its fragment's shots, valid sample counts, sample times and
+// the high-gain rows a run would drop as saturated. Problems are tallied per field, so a
+// fault repeated in every fragment is reported once, with its count and first place.
+#include <algorithm>
+#include <cmath>
+#include <map>
+#include <set>
+
+#include "app/InputCheckSteps.hpp"
+#include "vorlap/Console.hpp"
+
+namespace quillo::cli {
+
+using namespace schema;
+using Gemwold::PhysicalSpace::point;
+using Gemwold::PhysicalSpace::vector;
+
+namespace {
+
+constexpr double kUnitTolerance = 1e-3;
+// Every so many shots' spacing goes into the median that the pulse rate is compared with.
+constexpr std::size_t kStepSampling = 16;
+
+class Tally {
+ public:
+  void note(const std::string& where, const std::string& what, const std::string& fix,
+            std::uint32_t fragment, std::size_t element, Severity severity = Severity::Error) {
+    Entry& e = entries_[where + "\n" + what];
+    if (e.count++ == 0) e = {severity, where, what, fix, 1, fragment, element};
+  }
+  void report(CheckReport& report) const {
+    for (const auto& [key, e] : entries_)
+      report.add(e.severity, e.where,
+                 e.what + " (" + std::to_string(e.count) + " times; first: " +
+                     fragmentName(e.fragment) + ", element " + std::to_string(e.element) + ")",
+                 e.fix);
+  }
+
+ private:
+  struct Entry {
+    Severity severity;
+    std::string where, what, fix;
+    std::size_t count = 0;
+    std::uint32_t fragment = 0;
+    std::size_t element = 0;
+  };
+  std::map<std::string, Entry> entries_;
+};
+
+// The fragment's array without keeping it in its creator: a check must not hold the input.
+template <class A>
+Vorlap::StrongPtr<A> fetch(const Vorlap::StrongPtr<Tessal::Grid>& grid, const char* field,
+                           std::uint32_t fragment) {
+  auto creator = fragmentCreator(grid, field, fragment);
+  if (!creator) return {};
+  if (auto held = creator->heldData()) return Vorlap::dynamicPtrCast<A>(held);
+  const bool caching = creator->cachingEnabled();
+  creator->enableCaching(false);
+  auto data = creator->create();
+  creator->enableCaching(caching);
+  return Vorlap::dynamicPtrCast<A>(data);
+}
+
+using Doubles = Tessal::MemArray<1, double>;
+
+bool finitePoint(const point& p) {
+  return std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z);
+}
+
+double height(const Transform& m, const point& p) {
+  return m[8] * p.x + m[9] * p.y + m[10] * p.z + m[11];
+}
+
+class ValueCheck {
+ public:
+  ValueCheck(const InputGrids& grids, const Transform& toMap, bool readSamples, ShotFigures& fig)
+      : grids_(grids), toMap_(toMap), readSamples_(readSamples), figures_(fig) {}
+
+  void fragment(std::uint32_t f) {
+    shotTimes_.clear();
+    shots(f);
+    if (grids_.waveforms) waveforms(f);
+    if (grids_.online) online(f);
+  }
+  void report(CheckReport& r) const { tally_.report(r); }
+
+ private:
+  // The reader says why (a value that does not fit the element type, damaged data).
+  void unreadable(const char* grid, const char* field, std::uint32_t f) {
+    // A fragment that is not there at all is the structure check's finding.
+    if (!fragmentCreator(gridNamed(grid), field, f)) return;
+    std::string why = "(damaged data)";
+    if (!console_.messages().empty()) {
+      const std::string& message = console_.messages().back();
+      why = message.substr(message.rfind(": ") + 2);
+    }
+    console_.clear();
+    tally_.note(fieldPlace(grid, field), "cannot be read: " + why,
+                "store values that fit the element type, or write the file again", f, 0);
+  }
+
+  const Vorlap::StrongPtr<Tessal::Grid>& gridNamed(const char* name) const {
+    const std::string n = name;
+    return n == kShots ? grids_.shots : n == kWaveforms ? grids_.waveforms : grids_.online;
+  }
+
+  void shots(std::uint32_t f);
+  void shotGeometry(std::uint32_t f);
+  void recordTimes(const Vorlap::StrongPtr<Tessal::Grid>& grid, const char* gridName,
+                   std::uint32_t f);
+  void waveforms(std::uint32_t f);
+  void samples(std::uint32_t f, const Tessal::MemArray<1, std::uint16_t>& lengths);
+  void online(std::uint32_t f);
+
+  const InputGrids& grids_;
+  const Transform& toMap_;
+  bool readSamples_;
+  ShotFigures& figures_;
+  Tally tally_;
+  Vorlap::ConsoleCapture console_;
+  std::vector<double> shotTimes_;  // the current fragment's, increasing
+  double lastShotTime_ = -INFINITY;
+};
+
+void ValueCheck::shots(std::uint32_t f) {
+  auto times = fetch<Doubles>(grids_.shots, "GPSTime", f);
+  if (!times) return unreadable(kShots, "GPSTime", f);
+  const std::string where = fieldPlace(kShots, "GPSTime");
+  for (std::size_t i = 0; i < times->size(); ++i) {
+    const double t = times->get(i);
+    if (!std::isfinite(t)) {
+      tally_.note(where, "holds a time that is not finite", "give every shot its GPS time", f, i);
+      continue;
+    }
+    if (!(t > lastShotTime_))
+      tally_.note(where, "is not strictly increasing (within and across fragments)",
+                  "sort the shots by time; drop repeated shots", f, i);
+    else if (!shotTimes_.empty() && shotTimes_.size() % kStepSampling == 0)
+      figures_.shotSteps.push_back(t - lastShotTime_);
+    lastShotTime_ = std::max(lastShotTime_, t);
+    shotTimes_.push_back(t);
+  }
+  std::sort(shotTimes_.begin(), shotTimes_.end());
+  shotGeometry(f);
+}
+
+void ValueCheck::shotGeometry(std::uint32_t f) {
+  auto origins = fetch<Tessal::MemArray<1, point>>(grids_.shots, "Positions", f);
+  auto directions = fetch<Tessal::MemArray<1, vector>>(grids_.shots, "Waveforms.DirectionDelta", f);
+  if (!origins) return unreadable(kShots, "Positions", f);
+  if (!directions) return unreadable(kShots, "Waveforms.DirectionDelta", f);
+  for (std::size_t i = 0; i < origins->size(); ++i) {
+    const point p = origins->get(i);
+    if (!finitePoint(p)) {
+      tally_.note(fieldPlace(kShots, "Positions"), "holds a point that is not finite",
+                  "give every shot its beam origin", f, i);
+      continue;
+    }
+    const double h = height(toMap_, p);
+    figures_.lowest = figures_.any ? std::min(figures_.lowest, h) : h;
+    figures_.highest = figures_.any ? std::max(figures_.highest, h) : h;
+    figures_.any = true;
+  }
+  for (std::size_t i = 0; i < directions->size(); ++i) {
+    const vector d = directions->get(i);
+    const double length = std::sqrt(d.x * d.x + d.y * d.y + d.z * d.z);
+    if (!(std::abs(length - 1.0) <= kUnitTolerance))
+      tally_.note(fieldPlace(kShots, "Waveforms.DirectionDelta"),
+                  "holds a direction that is not of unit length",
+                  "divide each direction by its length", f, i);
+  }
+}
+
+// The module finds a record's recording shot by the exact time: any other time is no shot.
+void ValueCheck::recordTimes(const Vorlap::StrongPtr<Tessal::Grid>& grid, const char* gridName,
+                             std::uint32_t f) {
+  auto times = fetch<Doubles>(grid, "GPSTime", f);
+  if (!times) return unreadable(gridName, "GPSTime", f);
+  for (std::size_t i = 0; i < times->size(); ++i)
+    if (!std::binary_search(shotTimes_.begin(), shotTimes_.end(), times->get(i)))
+      tally_.note(fieldPlace(gridName, "GPSTime"),
+                  "holds a time that is no shot time of the same fragment",
+                  "give each record the exact GPSTime of the shot after which it was recorded, "
+                  "and keep it in that shot's fragment",
+                  f, i);
+}
+
+void ValueCheck::waveforms(std::uint32_t f) {
+  recordTimes(grids_.waveforms, kWaveforms, f);
+  auto lengths = fetch<Tessal::MemArray<1, std::uint16_t>>(grids_.waveforms, "FWFLength", f);
+  auto sampleTimes = fetch<Doubles>(grids_.waveforms, "SBL_Time", f);
+  if (!lengths) return unreadable(kWaveforms, "FWFLength", f);
+  if (!sampleTimes) return unreadable(kWaveforms, "SBL_Time", f);
+  for (std::size_t i = 0; i < sampleTimes->size(); ++i)
+    if (!(sampleTimes->get(i) >= 0.0) || !std::isfinite(sampleTimes->get(i)))
+      tally_.note(fieldPlace(kWaveforms, "SBL_Time"), "holds a time that is negative or not finite",
+                  "give the time of the row's first sample after its recording shot, in s", f, i);
+  samples(f, *lengths);
+}
+
+void ValueCheck::samples(std::uint32_t f, const Tessal::MemArray<1, std::uint16_t>& lengths) {
+  auto channels = fetch<Tessal::MemArray<1, std::uint8_t>>(grids_.waveforms, "Channel", f);
+  if (!channels) return unreadable(kWaveforms, "Channel", f);
+  const std::size_t perRow = fragmentCreator(grids_.waveforms, "Waveforms", f)->extents()[0];
+  // Reading the samples costs most; only a run with online records drops saturated rows.
+  auto rows = readSamples_
+                  ? fetch<Tessal::MemArray<2, std::uint16_t>>(grids_.waveforms, "Waveforms", f)
+                  : nullptr;
+  if (readSamples_ && !rows) return unreadable(kWaveforms, "Waveforms", f);
+  const bool saturation = readSamples_ && grids_.online;
+  // A saturated high-gain row loses nothing when a row of another channel has its echo.
+  auto rowTimes = fetch<Doubles>(grids_.waveforms, "GPSTime", f);
+  if (!rowTimes) return unreadable(kWaveforms, "GPSTime", f);
+  std::set<double> lowGainTimes;
+  for (std::size_t r = 0; saturation && r < channels->size(); ++r)
+    if (channels->get(r) != 0) lowGainTimes.insert(rowTimes->get(r));
+  for (std::size_t r = 0; r < lengths.size(); ++r) {
+    if (lengths.get(r) > perRow)
+      tally_.note(
+          fieldPlace(kWaveforms, "FWFLength"),
+          "says a row holds more samples than the rows have (" + std::to_string(perRow) + ")",
+          "give the number of valid samples at the start of the row", f, r);
+    if (!saturation || channels->get(r) != 0 || lowGainTimes.count(rowTimes->get(r))) continue;
+    std::uint16_t peak = 0;
+    for (std::size_t s = 0; s < std::min<std::size_t>(lengths.get(r), perRow); ++s)
+      peak = std::max(peak, rows->get(s, r));
+    if (peak > kHighGainSaturation)
+      tally_.note(fieldPlace(kWaveforms, "Channel"),
+                  "marks a row with samples above 1800 counts as channel 0, with no row of another "
+                  "channel at its time: the run drops it as a saturated high-gain row",
+                  "if the receiver has a single gain, write its rows as channel 1", f, r,
+                  Severity::Warning);
+  }
+}
+
+void ValueCheck::online(std::uint32_t f) {
+  recordTimes(grids_.online, kOnline, f);
+  auto ranges = fetch<Doubles>(grids_.online, "Range", f);
+  auto amplitudes = fetch<Tessal::MemArray<1, float>>(grids_.online, "Amplitude", f);
+  if (!ranges) return unreadable(kOnline, "Range", f);
+  if (!amplitudes) return unreadable(kOnline, "Amplitude", f);
+  if (!fetch<Tessal::MemArray<1, std::uint8_t>>(grids_.online, "Channel", f))
+    return unreadable(kOnline, "Channel", f);
+  if (fragmentCreator(grids_.online, "Reflectance", f) &&
+      !fetch<Tessal::MemArray<1, float>>(grids_.online, "Reflectance", f))
+    return unreadable(kOnline, "Reflectance", f);
+  for (std::size_t i = 0; i < ranges->size(); ++i)
+    if (!std::isfinite(ranges->get(i)))
+      tally_.note(fieldPlace(kOnline, "Range"), "holds a range that is not finite",
+                  "give the range in m as if the echo were of zone 0", f, i);
+  for (std::size_t i = 0; i < amplitudes->size(); ++i)
+    if (!std::isfinite(amplitudes->get(i)))
+      tally_.note(fieldPlace(kOnline, "Amplitude"), "holds an amplitude that is not finite",
+                  "give the echo's amplitude in dB", f, i);
+}
+
+}  // namespace
+
+void checkValues(const InputGrids& grids, const Transform& toMap, bool readSamples,
+                 CheckReport& report, ShotFigures& figures) {
+  ValueCheck check(grids, toMap, readSamples, figures);
+  for (std::uint32_t f = 0; f < report.fragments; ++f) check.fragment(f);
+  check.report(report);
+}
+
+}  // namespace quillo::cli
