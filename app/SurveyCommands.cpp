@@ -32,8 +32,19 @@ struct SimulateOptions {
   double prr = 0.0, altitude = 0.0, lineSpacing = 0.0;
   std::optional<double> heading;
   std::optional<std::int32_t> rdbSegment;
+  std::optional<double> blindWindowNs, scanGap, dust;
+  bool noShotsBetweenLines = false;
   bool quiet = false, splitLines = false;
 };
+
+void applyScanner(const SimulateOptions& o, sim::SurveyConfig& c) {
+  if (o.blindWindowNs) c.blindWindow = *o.blindWindowNs * 1e-9;
+  if (o.scanGap) c.scanGapShare = *o.scanGap;
+  if (o.dust) c.dustShare = *o.dust;
+  if (o.noShotsBetweenLines) c.shotsBetweenLines = false;
+  if (!c.shotsBetweenLines && c.scanGapShare <= 0.0)
+    throw CliError(kUsage, "--no-shots-between-lines: needs a --scan-gap above 0");
+}
 
 void applyFlight(const SimulateOptions& o, sim::SurveyConfig& c) {
   if (o.lines) c.lines = o.lines;
@@ -85,6 +96,7 @@ sim::SurveyConfig configFrom(const SimulateOptions& o) {
   c.date = o.date;
   c.coordinateSystem = sceneCoordinateSystem(o);
   applyFlight(o, c);
+  applyScanner(o, c);
   return c;
 }
 
@@ -156,6 +168,19 @@ void addFlightOptions(CLI::App* c, SimulateOptions& o) {
               "One file per flight line: OUT's name with _line0, _line1, ... (strips for a batch)");
 }
 
+void addScannerOptions(CLI::App* c, SimulateOptions& o) {
+  c->add_option("--blind-window", o.blindWindowNs,
+                "Receiver blind time after each emission in ns (default 10; 0: never blind)")
+      ->check(CLI::Range(0.0, 1000.0));
+  c->add_option("--scan-gap", o.scanGap,
+                "Line-wise: share of each scan line outside the field of view (default 0.2)")
+      ->check(CLI::Range(0.0, 0.9));
+  c->add_flag("--no-shots-between-lines", o.noShotsBetweenLines,
+              "Fire no shots while the beam is outside the field of view");
+  c->add_option("--dust", o.dust, "Share of shots with an isolated dust echo (default 0.001)")
+      ->check(CLI::Range(0.0, 1.0));
+}
+
 }  // namespace
 
 void addSimulateCommand(CLI::App& app) {
@@ -172,6 +197,7 @@ void addSimulateCommand(CLI::App& app) {
   c->add_option("--date", o->date, "Acquisition date and time YYMMDD_HHMMSS")
       ->capture_default_str();
   addFlightOptions(c, *o);
+  addScannerOptions(c, *o);
   c->add_flag("--quiet", o->quiet, "No progress output");
   c->callback([o] {
     const auto start = std::chrono::steady_clock::now();
@@ -193,27 +219,6 @@ void addSimulateCommand(CLI::App& app) {
   });
 }
 
-namespace {
-
-std::string scoreAsJson(const sim::ZoneScoreReport& r) {
-  return jsonText({{"points", r.points},
-                   {"correct", r.correct},
-                   {"zone_accuracy", r.zoneAccuracy()},
-                   {"no_zone", r.noZone},
-                   {"unmatched", r.unmatched},
-                   {"true_echoes", r.trueEchoes},
-                   {"wrong_zone", r.wrongZone},
-                   {"real_echoes", r.realEchoes},
-                   {"real_echoes_reached", r.realEchoesReached},
-                   {"reached_share", r.reachedShare()},
-                   {"real_marked_noise", r.realMarkedNoise},
-                   {"range_error_median", r.rangeErrorMedian},
-                   {"range_error_p95", r.rangeErrorP95},
-                   {"confusion", r.confusion}});
-}
-
-}  // namespace
-
 void addScoreCommand(CLI::App& app) {
   auto outputs = std::make_shared<std::vector<std::string>>();
   auto truth = std::make_shared<std::string>();
@@ -230,7 +235,7 @@ void addScoreCommand(CLI::App& app) {
       throw CliError(kInput, e.what());
     }
     std::fputs(sim::reportAsText(r).c_str(), stdout);
-    if (!json->empty()) writeFileAtomically(*json, scoreAsJson(r));
+    if (!json->empty()) writeFileAtomically(*json, sim::reportAsJson(r));
   });
 }
 

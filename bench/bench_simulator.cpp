@@ -43,7 +43,7 @@ ZoneFigures zoneFigures(const Survey& s) {
     for (std::size_t i = 0; i < d.rowZone.size(); ++i) {
       if (d.rowChannel[i] != 0) continue;  // one of the two channels' twin rows
       ++f.rows, ++f.rowsPerZone[d.rowZone[i]];
-      if (d.rowTarget[i] == std::uint8_t(Target::Noise)) continue;
+      if (d.rowTarget[i] == std::uint8_t(Target::Bird)) continue;
       const int z = d.rowZone[i];
       auto [it, fresh] = zoneRange.try_emplace(scanLineOf(s, d.rowEmitter[i]), z, z);
       if (!fresh) it->second = {std::min(it->second.first, z), std::max(it->second.second, z)};

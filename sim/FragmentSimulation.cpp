@@ -1,6 +1,7 @@
 // Simulates one fragment: every shot that can have echoes recorded in the fragment (back to
 // the survey's deepest zone) is traced; each echo arrives at emission + 2 x range / light
-// speed and is recorded after the latest shot fired before it. The echoes of one emitting
+// speed and is recorded after the latest shot fired before it, unless it arrives within the
+// receiver's blind window after that shot; the truth lists every echo. The echoes of one emitting
 // shot recorded after the same shot share waveform rows (one per channel, further rows when
 // they do not fit one), rendered with the detector's pulse shape, baseline and noise. Some
 // rows are not kept as waveforms and leave only online records.
@@ -31,6 +32,7 @@ constexpr std::uint64_t kNoisePurpose = 7, kOnlinePurpose = 8, kOnlineOnlyPurpos
 struct Echo {
   double arrival, range, amplitude;
   Target target;
+  std::uint64_t recorder;
 };
 
 // A waveform row before rendering: what it holds and where its echoes are.
@@ -121,9 +123,10 @@ void planRow(Work& w, std::uint64_t k, std::uint64_t recorder, std::size_t from,
     return;
   }
   const double tr = w.clock.time(recorder);
-  // Recording cannot begin before the recording shot: an echo just after it gets a shorter
-  // pre-trigger.
-  const double start = std::max(0.0, w.echoes[from].arrival - tr - kPreTrigger * c.sampleInterval);
+  // Recording cannot begin before the receiver sees again after the recording shot: an echo
+  // just after its blind window gets a shorter pre-trigger.
+  const double start = std::max(std::max(0.0, c.blindWindow),
+                                w.echoes[from].arrival - tr - kPreTrigger * c.sampleInterval);
   const double span = (w.echoes[to - 1].arrival - tr - start) / c.sampleInterval;
   const auto length =
       std::uint16_t(std::min(double(c.samplesPerRow), std::ceil(span) + kPostTrigger));
@@ -136,32 +139,48 @@ void planRow(Work& w, std::uint64_t k, std::uint64_t recorder, std::size_t from,
       addOnlineRecord(w, w.echoes[i], k, recorder, out);
 }
 
-// Splits the echoes of shot k into rows: a new row wherever the recording shot changes or
-// the echo falls outside the window that the row's first echo opened.
-void recordShot(Work& w, std::uint64_t k, const Shot& shot, FragmentData& out) {
+void addEchoTruth(const Echo& e, std::uint64_t k, bool recorded, FragmentData& out) {
+  out.echoEmitter.push_back(std::uint32_t(k));
+  out.echoZone.push_back(std::uint8_t(e.recorder - k));
+  out.echoRange.push_back(e.range);
+  out.echoTarget.push_back(std::uint8_t(e.target));
+  out.echoRecorded.push_back(recorded ? 1 : 0);
+}
+
+// The echoes of shot k recorded in the fragment, into the truth; those that arrive while the
+// receiver is blind go no further.
+void collectEchoes(Work& w, std::uint64_t k, const Shot& shot, FragmentData& out) {
   const auto& c = w.survey.config();
   w.survey.returns(k, shot, w.returns);
-  if (w.returns.empty()) return;
+  for (const Return& r : w.returns) {
+    const double arrival = shot.time + 2.0 * r.range / c.lightSpeed;
+    const std::uint64_t recorder = w.clock.recordingShot(k, arrival);
+    if (recorder < w.first || recorder >= w.last) continue;
+    const Echo e{arrival, r.range, 4.0e7 * r.reflectivity / (r.range * r.range), r.target,
+                 recorder};
+    const bool blind = arrival - w.clock.time(recorder) < c.blindWindow;
+    addEchoTruth(e, k, !blind, out);
+    if (!blind) w.echoes.push_back(e);
+  }
+}
+
+// Splits the recorded echoes of shot k into rows: a new row wherever the recording shot
+// changes or the echo falls outside the window that the row's first echo opened.
+void recordShot(Work& w, std::uint64_t k, const Shot& shot, FragmentData& out) {
+  const auto& c = w.survey.config();
   const std::size_t shotEchoes = w.echoes.size();
-  for (const Return& r : w.returns)
-    w.echoes.push_back({shot.time + 2.0 * r.range / c.lightSpeed, r.range,
-                        4.0e7 * r.reflectivity / (r.range * r.range), r.target});
+  collectEchoes(w, k, shot, out);
+  if (w.echoes.size() == shotEchoes) return;
   const double window = (c.samplesPerRow - kPreTrigger - kPostTrigger) * c.sampleInterval;
-  const std::size_t rowsBefore = w.rows.size();
   std::uint64_t rowIndex = 0;
   std::size_t from = shotEchoes;
-  std::uint64_t recorder = w.clock.recordingShot(k, w.echoes[from].arrival);
   for (std::size_t i = shotEchoes + 1; i <= w.echoes.size(); ++i) {
-    const std::uint64_t next =
-        i < w.echoes.size() ? w.clock.recordingShot(k, w.echoes[i].arrival) : recorder;
-    if (i < w.echoes.size() && next == recorder &&
+    if (i < w.echoes.size() && w.echoes[i].recorder == w.echoes[from].recorder &&
         w.echoes[i].arrival - w.echoes[from].arrival < window)
       continue;
-    if (recorder >= w.first && recorder < w.last)
-      planRow(w, k, recorder, from, i, rowIndex++, shotEchoes, out);
-    from = i, recorder = next;
+    planRow(w, k, w.echoes[from].recorder, from, i, rowIndex++, shotEchoes, out);
+    from = i;
   }
-  if (w.rows.size() == rowsBefore) w.echoes.resize(shotEchoes);  // nothing left to render
 }
 
 void renderRows(const Work& w, FragmentData& out) {
@@ -244,8 +263,8 @@ FragmentData simulateFragment(const Survey& survey, std::uint32_t fragment) {
     const Shot s = survey.shot(k);
     if (k >= first) {
       d.shotTime.push_back(s.time);
-      d.origin.push_back(s.origin);
-      d.direction.push_back(s.direction);
+      d.origin.push_back(survey.toScanner(s.origin));
+      d.direction.push_back(survey.toScanner(s.direction));
     }
     recordShot(w, k, s, d);
   }

@@ -1,6 +1,7 @@
 // One simulated fragment: the arrays of "Shots", "Waveforms", "OPP" and "Truth" for the
 // shots of the fragment (echoes belong to the fragment of their recording shot). Rows and
-// online records are in recording order; a shot may have several rows per channel.
+// online records are in recording order; a shot may have several rows per channel. Shot
+// positions and directions are in the scanner's frame (Survey::toScanner).
 #pragma once
 
 #include <cstdint>
@@ -29,6 +30,11 @@ struct FragmentData {
   std::vector<std::uint32_t> oppEmitter;
   std::vector<std::uint8_t> oppZone, oppTarget;
   std::vector<double> oppTrueRange;
+  // Every echo recorded in the fragment (recording shot in it), in emission order; recorded 0:
+  // it arrived while the receiver was blind and is in no row or record.
+  std::vector<std::uint32_t> echoEmitter;
+  std::vector<std::uint8_t> echoZone, echoTarget, echoRecorded;
+  std::vector<double> echoRange;
 };
 
 // High-gain channel 0 clips here; its wave is replaced by channel 1 in the module.

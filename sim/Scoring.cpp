@@ -1,187 +1,154 @@
+// Traces each output point to its own echo of the truth and tallies the scores; the reports
+// as text and JSON.
 #include "sim/Scoring.hpp"
 
 #include <algorithm>
 #include <cmath>
-#include <limits>
-#include <map>
-#include <set>
-#include <stdexcept>
+#include <cstdio>
+#include <nlohmann/json.hpp>
 #include <unordered_map>
-
-#include "sim/SurveyBundle.hpp"
+#include <unordered_set>
 
 namespace quillo::sim {
 
 namespace {
 
-using Vorlap::StrongPtr;
-
 constexpr std::uint8_t kNoiseClass = 7;  // the classification of points taken for noise
+constexpr std::uint8_t kNoZone = 255;    // "MTA" of a point whose wave has no zone
+// A point's range may be this far (m, one way) from its echo's and still be traced to it:
+// well beyond the detector's error, well below the gap between a canopy and its ground.
+constexpr double kTraceTolerance = 2.0;
 
-Tessal::BundlePtr loadFile(const std::string& file) {
-  auto b = Tessal::BundlePtr::make();
-  bool ok = false;
-  Tessal::Bundle::load(ok, Tessal::LoaderParameters({file}), b);
-  if (!ok) throw std::runtime_error(file + ": cannot be read as a .kq file");
-  return b;
-}
-
-StrongPtr<Tessal::Field> fieldOf(Tessal::BundlePtr& b, const std::string& grid,
-                                 const std::string& field) {
-  double t = 0.0;
-  auto slice = (*b.create())(t);
-  auto g = slice ? (*slice)(grid) : nullptr;
-  return g ? (*g)(field, "") : nullptr;
-}
-
-template <class T>
-std::vector<T> readAll(const StrongPtr<Tessal::Field>& field) {
-  std::vector<T> values;
-  if (!field) return values;
-  auto ids = field->getFragmentIDCollection();
-  for (std::size_t f = 0; f < ids->size(); ++f) {
-    auto creator = field->getCreator(ids->at(f));
-    auto a = creator ? Vorlap::dynamicPtrCast<Tessal::MemArray<1, T>>(creator->create()) : nullptr;
-    if (creator) creator->enableCaching(false);
-    if (!a) continue;
-    for (std::size_t k = 0; k < a->size(); ++k) values.push_back(a->get(k));
-  }
-  return values;
-}
-
-using EchoKey = std::pair<std::uint64_t, int>;  // (emitting shot, zone)
-
-struct TrueEcho {
-  std::vector<double> ranges;  // one per echo of that shot recorded in that zone
-  bool real = false;           // a target on the ground, not a bird or dust
-};
-
-struct Truth {
-  std::unordered_map<double, std::uint64_t> shotByTime;
-  std::vector<double> shotTimes;
-  std::map<EchoKey, TrueEcho> echoes;
-  std::map<std::uint64_t, int> zoneByRecorder;  // recording shot -> true zone
-};
-
-struct TruthNames {
-  const char *emitter, *zone, *range, *target;
-};
-
-Truth readTruth(const std::string& file) {
-  auto b = loadFile(file);
-  Truth t;
-  t.shotTimes = readAll<double>(fieldOf(b, "Shots", "GPSTime"));
-  if (t.shotTimes.empty())
-    throw std::runtime_error(file + ": no shots (is it a simulated survey?)");
-  for (std::size_t k = 0; k < t.shotTimes.size(); ++k) t.shotByTime[t.shotTimes[k]] = k;
-  for (const TruthNames& n : {TruthNames{TruthField::RowEmitter, TruthField::RowZone,
-                                         TruthField::RowRange, TruthField::RowTarget},
-                              TruthNames{TruthField::OnlineEmitter, TruthField::OnlineZone,
-                                         TruthField::OnlineRange, TruthField::OnlineTarget}}) {
-    const auto e = readAll<std::uint32_t>(fieldOf(b, "Truth", n.emitter));
-    const auto z = readAll<std::uint8_t>(fieldOf(b, "Truth", n.zone));
-    const auto range = readAll<double>(fieldOf(b, "Truth", n.range));
-    const auto target = readAll<std::uint8_t>(fieldOf(b, "Truth", n.target));
-    if (e.size() != z.size() || range.size() != e.size() || target.size() != e.size())
-      throw std::runtime_error(file + ": truth arrays differ in length");
-    for (std::size_t i = 0; i < e.size(); ++i) {
-      TrueEcho& echo = t.echoes[{e[i], z[i]}];
-      echo.ranges.push_back(range[i]);
-      echo.real = echo.real || target[i] != std::uint8_t(Target::Noise);
-      t.zoneByRecorder[e[i] + z[i]] = z[i];
-    }
-  }
-  if (t.echoes.empty()) throw std::runtime_error(file + ": holds no truth grid");
-  return t;
-}
-
-struct Tally {
-  std::set<EchoKey> reached;
-  std::vector<double> rangeErrors;
-};
-
-// The truth holds one range per row (its first echo): a later echo in the same row (ground
-// below a canopy) is far from it, so the median is the figure to read, not the mean.
-void summarizeRangeErrors(std::vector<double>& errors, ZoneScoreReport& r) {
-  if (errors.empty()) return;
-  std::sort(errors.begin(), errors.end());
-  r.rangeErrorMedian = errors[errors.size() / 2];
-  r.rangeErrorP95 = errors[std::min(errors.size() - 1, errors.size() * 95 / 100)];
-}
-
-double nearestRangeError(const TrueEcho& echo, double range) {
-  double best = std::numeric_limits<double>::infinity();
-  for (double r : echo.ranges) best = std::min(best, std::fabs(r - range));
-  return best;
-}
-
-void scoreOutput(const std::string& file, const Truth& truth, ZoneScoreReport& r, Tally& tally) {
-  auto b = loadFile(file);
-  const auto times = readAll<double>(fieldOf(b, "FWF", "GPSTime"));
-  const auto zones = readAll<std::uint8_t>(fieldOf(b, "FWF", "MTA"));
-  const auto ranges = readAll<double>(fieldOf(b, "FWF", "Range"));
-  const auto classes = readAll<std::uint8_t>(fieldOf(b, "FWF", "Classification"));
-  if (times.size() != zones.size() || ranges.size() != zones.size() ||
-      classes.size() != zones.size())
-    throw std::runtime_error(file + ": GPSTime, MTA, Range and Classification differ in length");
-  for (std::size_t p = 0; p < times.size(); ++p) {
-    ++r.points;
-    auto shot = truth.shotByTime.find(times[p]);
-    if (zones[p] == 255) ++r.noZone;
-    if (shot == truth.shotByTime.end() || zones[p] == 255) {
-      ++r.unmatched;
-      continue;
-    }
-    const int zone = zones[p];
-    auto echo = truth.echoes.find({shot->second, zone});
-    if (echo == truth.echoes.end()) {
-      ++r.wrongZone;
-    } else {
-      ++r.correct;
-      tally.reached.insert(echo->first);
-      if (echo->second.real && classes[p] == kNoiseClass) ++r.realMarkedNoise;
-      tally.rangeErrors.push_back(nearestRangeError(echo->second, ranges[p]));
-    }
-    auto recorded = truth.zoneByRecorder.find(shot->second + std::uint64_t(zone));
-    const int trueZone = recorded == truth.zoneByRecorder.end() ? 9 : std::min(recorded->second, 9);
-    r.confusion[std::size_t(trueZone)][std::size_t(std::min(zone, 9))] += 1;
-  }
+std::uint64_t emitterZoneKey(std::uint64_t emitter, int zone) {
+  return emitter << 8 | std::uint64_t(zone & 0xFF);
 }
 
 }  // namespace
 
-ZoneScoreReport scoreOutputs(const std::vector<std::string>& outputs,
-                             const std::string& truthFile) {
-  const Truth truth = readTruth(truthFile);
-  ZoneScoreReport r;
-  Tally tally;
-  r.trueEchoes = truth.echoes.size();
-  for (const auto& file : outputs) scoreOutput(file, truth, r, tally);
-  for (const auto& [key, echo] : truth.echoes) {
-    r.realEchoes += echo.real;
-    r.realEchoesReached += echo.real && tally.reached.count(key);
+struct ZoneScorer::Index {
+  struct Entry {
+    std::uint64_t recorder;
+    double offset;  // arrival after the recording shot, s
+    std::uint32_t echo;
+    bool operator<(const Entry& o) const {
+      return recorder != o.recorder ? recorder < o.recorder : offset < o.offset;
+    }
+  };
+
+  explicit Index(SurveyTruth t) : truth(std::move(t)), reached(truth.echoes.size(), false) {
+    const auto& times = truth.shotTimes;
+    shotByTime.reserve(times.size());
+    for (std::size_t k = 0; k < times.size(); ++k) shotByTime[times[k]] = k;
+    for (std::uint32_t i = 0; i < truth.echoes.size(); ++i) {
+      const TruthEcho& e = truth.echoes[i];
+      const std::uint64_t recorder = std::uint64_t(e.emitter) + e.zone;
+      if (!e.recorded || recorder >= times.size()) continue;
+      entries.push_back({recorder, arrival(e.emitter, e.range) - times[recorder], i});
+      emitterZones.insert(emitterZoneKey(e.emitter, e.zone));
+    }
+    std::sort(entries.begin(), entries.end());
   }
-  summarizeRangeErrors(tally.rangeErrors, r);
+
+  double arrival(std::uint64_t emitter, double range) const {
+    return truth.shotTimes[emitter] + 2.0 * range / truth.lightSpeed;
+  }
+
+  // The echo recorded after shot + zone that arrived nearest the point's arrival.
+  const Entry* trace(const ScoredPoint& p, std::uint64_t shot) const {
+    const std::uint64_t recorder = shot + p.zone;
+    if (recorder >= truth.shotTimes.size()) return nullptr;
+    const double offset = arrival(shot, p.range) - truth.shotTimes[recorder];
+    auto it = std::lower_bound(entries.begin(), entries.end(), Entry{recorder, offset, 0});
+    const Entry* best = nullptr;
+    double bestGap = kTraceTolerance * 2.0 / truth.lightSpeed;
+    for (auto c : {it, it == entries.begin() ? entries.end() : std::prev(it)}) {
+      if (c == entries.end() || c->recorder != recorder) continue;
+      const double gap = std::fabs(c->offset - offset);
+      if (gap <= bestGap) best = &*c, bestGap = gap;
+    }
+    return best;
+  }
+
+  SurveyTruth truth;
+  std::unordered_map<double, std::uint64_t> shotByTime;
+  std::vector<Entry> entries;
+  std::unordered_set<std::uint64_t> emitterZones;  // the lenient rule's truth
+  std::vector<bool> reached;
+  std::vector<double> rangeErrors;
+};
+
+ZoneScorer::ZoneScorer(SurveyTruth truth) : index_(std::make_unique<Index>(std::move(truth))) {}
+ZoneScorer::~ZoneScorer() = default;
+
+void ZoneScorer::add(const std::vector<ScoredPoint>& points) {
+  ZoneScoreReport& r = report_;
+  for (const ScoredPoint& p : points) {
+    ++r.points;
+    const bool noise = p.classification == kNoiseClass;
+    r.notNoise += !noise;
+    if (p.zone == kNoZone) {
+      ++r.noZone;
+      continue;
+    }
+    const auto shot = index_->shotByTime.find(p.gpsTime);
+    const auto* entry = shot == index_->shotByTime.end() ? nullptr : index_->trace(p, shot->second);
+    if (shot != index_->shotByTime.end())
+      r.lenientCorrect += index_->emitterZones.count(emitterZoneKey(shot->second, p.zone));
+    if (!entry) {
+      ++r.untraceable;
+      continue;
+    }
+    const TruthEcho& echo = index_->truth.echoes[entry->echo];
+    const auto target = std::size_t(echo.target);
+    ++r.pointsByTarget[target];
+    r.confusion[std::min<std::size_t>(echo.zone, 9)][std::min<std::size_t>(p.zone, 9)] += 1;
+    r.offSurfaceMarkedNoise += noise && isOffSurface(echo.target);
+    if (echo.zone == p.zone) {
+      ++r.correct;
+      index_->reached[entry->echo] = true;
+      r.realMarkedNoise += noise && !isOffSurface(echo.target);
+      index_->rangeErrors.push_back(std::fabs(p.range - echo.range));
+    } else {
+      ++r.wrongZone;
+      ++r.wrongByTarget[target];
+      r.notNoiseWrong += !noise;
+    }
+  }
+}
+
+ZoneScoreReport ZoneScorer::finish() {
+  ZoneScoreReport& r = report_;
+  const auto& echoes = index_->truth.echoes;
+  r.trueEchoes = echoes.size();
+  for (std::size_t i = 0; i < echoes.size(); ++i) {
+    r.blindEchoes += !echoes[i].recorded;
+    const bool real = echoes[i].recorded && !isOffSurface(echoes[i].target);
+    r.realEchoes += real;
+    r.realEchoesReached += real && index_->reached[i];
+  }
+  auto& errors = index_->rangeErrors;
+  if (!errors.empty()) {
+    std::sort(errors.begin(), errors.end());
+    r.rangeErrorMedian = errors[errors.size() / 2];
+    r.rangeErrorP95 = errors[std::min(errors.size() - 1, errors.size() * 95 / 100)];
+  }
   return r;
 }
 
-std::string reportAsText(const ZoneScoreReport& r) {
-  char line[256];
+namespace {
+
+using ull = unsigned long long;
+
+std::string targetCounts(const TargetCounts& counts) {
   std::string s;
-  std::snprintf(line, sizeof line,
-                "points %llu, true zone %llu (%.3f %%), without zone %llu, unmatched %llu\n",
-                (unsigned long long)r.points, (unsigned long long)r.correct,
-                100.0 * r.zoneAccuracy(), (unsigned long long)r.noZone,
-                (unsigned long long)r.unmatched);
-  s += line;
-  std::snprintf(line, sizeof line,
-                "wrong zone %llu; real echoes reached %.3f %% (%llu of %llu); real points marked "
-                "noise %llu; range error of correct points: median %.3f m, 95 %% %.3f m\n",
-                (unsigned long long)r.wrongZone, 100.0 * r.reachedShare(),
-                (unsigned long long)r.realEchoesReached, (unsigned long long)r.realEchoes,
-                (unsigned long long)r.realMarkedNoise, r.rangeErrorMedian, r.rangeErrorP95);
-  s += line;
-  s += "confusion (rows: true zone, columns: assigned zone 0..9)\n";
+  for (int t = 0; t < kTargetCount; ++t)
+    s += std::string(t ? ", " : "") + targetName(Target(t)) + " " +
+         std::to_string(counts[std::size_t(t)]);
+  return s;
+}
+
+std::string confusionText(const ZoneScoreReport& r) {
+  std::string s = "confusion (rows: true zone, columns: assigned zone 0..9)\n";
   for (int t = 0; t < 10; ++t) {
     std::uint64_t sum = 0;
     for (auto v : r.confusion[std::size_t(t)]) sum += v;
@@ -191,6 +158,70 @@ std::string reportAsText(const ZoneScoreReport& r) {
     s += "\n";
   }
   return s;
+}
+
+}  // namespace
+
+std::string reportAsText(const ZoneScoreReport& r) {
+  char line[512];
+  std::string s;
+  std::snprintf(line, sizeof line,
+                "points %llu: true zone %.3f %% (%llu), wrong zone %llu, without zone %llu, "
+                "untraceable %llu\n",
+                ull(r.points), 100.0 * r.zoneAccuracy(), ull(r.correct), ull(r.wrongZone),
+                ull(r.noZone), ull(r.untraceable));
+  s += line;
+  std::snprintf(line, sizeof line,
+                "lenient (any echo of the emitting shot in that zone): true zone %.3f %% (%llu)\n",
+                100.0 * r.lenientAccuracy(), ull(r.lenientCorrect));
+  s += line;
+  std::snprintf(line, sizeof line,
+                "not classified as noise: %llu points, wrong zone %.4f %% (%llu)\n",
+                ull(r.notNoise), 100.0 * r.notNoiseWrongShare(), ull(r.notNoiseWrong));
+  s += line;
+  s += "wrong zone by target: " + targetCounts(r.wrongByTarget) + "\n";
+  std::snprintf(line, sizeof line, "birds and dust: %llu points, %.2f %% classified as noise\n",
+                ull(r.offSurfacePoints()), 100.0 * r.offSurfaceMarkedShare());
+  s += line;
+  std::snprintf(line, sizeof line,
+                "real echoes reached %.3f %% (%llu of %llu recorded; %llu echoes lost in the "
+                "blind window); real points marked noise %llu; range error of correct points: "
+                "median %.3f m, 95 %% %.3f m\n",
+                100.0 * r.reachedShare(), ull(r.realEchoesReached), ull(r.realEchoes),
+                ull(r.blindEchoes), ull(r.realMarkedNoise), r.rangeErrorMedian, r.rangeErrorP95);
+  s += line;
+  return s + confusionText(r);
+}
+
+std::string reportAsJson(const ZoneScoreReport& r) {
+  nlohmann::ordered_json byTarget, wrongByTarget;
+  for (int t = 0; t < kTargetCount; ++t) {
+    byTarget[targetName(Target(t))] = r.pointsByTarget[std::size_t(t)];
+    wrongByTarget[targetName(Target(t))] = r.wrongByTarget[std::size_t(t)];
+  }
+  const nlohmann::ordered_json j = {{"points", r.points},
+                                    {"correct", r.correct},
+                                    {"zone_accuracy", r.zoneAccuracy()},
+                                    {"wrong_zone", r.wrongZone},
+                                    {"no_zone", r.noZone},
+                                    {"untraceable", r.untraceable},
+                                    {"lenient_correct", r.lenientCorrect},
+                                    {"lenient_zone_accuracy", r.lenientAccuracy()},
+                                    {"not_noise", r.notNoise},
+                                    {"not_noise_wrong_zone", r.notNoiseWrong},
+                                    {"points_by_target", byTarget},
+                                    {"wrong_zone_by_target", wrongByTarget},
+                                    {"off_surface_marked_noise", r.offSurfaceMarkedNoise},
+                                    {"true_echoes", r.trueEchoes},
+                                    {"blind_echoes", r.blindEchoes},
+                                    {"real_echoes", r.realEchoes},
+                                    {"real_echoes_reached", r.realEchoesReached},
+                                    {"reached_share", r.reachedShare()},
+                                    {"real_marked_noise", r.realMarkedNoise},
+                                    {"range_error_median", r.rangeErrorMedian},
+                                    {"range_error_p95", r.rangeErrorP95},
+                                    {"confusion", r.confusion}};
+  return j.dump() + "\n";
 }
 
 }  // namespace quillo::sim

@@ -35,7 +35,20 @@ bool inBuilding(double x, double y) {
   return x < -240.0 && x > -420.0 && bx < 30.0 && by < 40.0;
 }
 
+// Counter purposes of the random draws per shot.
+constexpr std::uint64_t kBirdPurpose = 4, kBirdRangePurpose = 5, kDustPurpose = 6,
+                        kDustRangePurpose = 10, kDustReflectivityPurpose = 11;
+constexpr double kDustNearest = 50.0;   // m from the aircraft: beyond any bird
+constexpr double kDustClearance = 5.0;  // m above the surface: apart from its echo
+
 }  // namespace
+
+const char* targetName(Target t) {
+  static constexpr const char* kNames[kTargetCount] = {"ground",     "building", "water",
+                                                       "vegetation", "bird",     "dust"};
+  const auto i = std::size_t(t);
+  return i < std::size_t(kTargetCount) ? kNames[i] : "unknown";
+}
 
 double uniformAt(std::uint64_t seed, std::uint64_t index, std::uint64_t purpose) {
   const std::uint64_t h = splitmix(splitmix(seed * 0x100000001B3ull + purpose) ^ index);
@@ -74,10 +87,37 @@ Survey::Survey(const SurveyConfig& config)
   }
   if (std::isnan(heading)) heading = 0.0;
   headingRad_ = heading * std::numbers::pi / 180.0;
+  const double sinH = std::sin(headingRad_), cosH = std::cos(headingRad_);
+  scannerToMap_ = {cosH, sinH, 0.0, centreX_, -sinH, cosH, 0.0, centreY_, 0.0, 0.0, 1.0, 0.0};
+  // The mirror turns in step with the pulse clock: a whole number of slots per scan line.
+  periodSlots_ = std::max<std::uint64_t>(1, std::llround(config_.pulseRate / config_.scanRate));
+  if (config_.pattern == Pattern::LineWise)
+    gapSlots_ = std::min<std::uint64_t>(
+        periodSlots_ - 1, std::uint64_t(std::llround(double(periodSlots_) *
+                                                     std::clamp(config_.scanGapShare, 0.0, 1.0))));
+}
+
+Gemwold::PhysicalSpace::point Survey::toScanner(const Gemwold::PhysicalSpace::point& p) const {
+  const auto& m = scannerToMap_;
+  const double dx = p.x - m[3], dy = p.y - m[7];
+  return {m[0] * dx + m[4] * dy, m[1] * dx + m[5] * dy, p.z - m[11]};
+}
+
+Gemwold::PhysicalSpace::vector Survey::toScanner(const Gemwold::PhysicalSpace::vector& v) const {
+  const auto& m = scannerToMap_;
+  return {m[0] * v.x + m[4] * v.y, m[1] * v.x + m[5] * v.y, v.z};
+}
+
+// Without shots between lines the slots in the gap are skipped: shot n of a line is fired in
+// a later slot.
+std::uint64_t Survey::slotInLine(std::uint64_t inLine) const {
+  if (config_.shotsBetweenLines || gapSlots_ == 0) return inLine;
+  const std::uint64_t fired = periodSlots_ - gapSlots_;
+  return inLine / fired * periodSlots_ + inLine % fired;
 }
 
 double Survey::lineSeconds() const {
-  return double(shotsPerLine_) / config_.pulseRate;
+  return double(slotInLine(shotsPerLine_ - 1) + 1) / config_.pulseRate;
 }
 
 // Lines are flown alternately forth and back, the first one on the left of the block.
@@ -102,7 +142,7 @@ double Survey::shotTime(std::uint64_t k) const {
   const std::uint64_t lineIndex = firstLine_ + k / shotsPerLine_, inLine = k % shotsPerLine_;
   const double jitter = (uniformAt(config_.seed, k, 1) - 0.5) * 2.0 * config_.ppmSpread * nominal;
   return gpsStart_ + double(lineIndex) * (lineSeconds() + config_.turnSeconds) +
-         double(inLine) * nominal + jitter;
+         double(slotInLine(inLine)) * nominal + jitter;
 }
 
 Shot Survey::shot(std::uint64_t k) const {
@@ -111,21 +151,30 @@ Shot Survey::shot(std::uint64_t k) const {
   const double elapsed = t - l.startTime;
   const double travelled = config_.speed * elapsed;
   Shot s{t, {l.start.x + l.along.x * travelled, l.start.y + l.along.y * travelled, l.start.z}, {}};
-  const double turns = elapsed * config_.scanRate;
-  const double phase = turns - std::floor(turns);
-  const double a =
-      config_.pattern == Pattern::LineWise ? config_.maxScanAngle : config_.coneHalfAngle;
+  aimBeam(l, elapsed, slotInLine(k % shotsPerLine_), s);
+  return s;
+}
+
+// Line-wise: the angle sweeps across track over the field of view, goes on past it in the
+// gap, then jumps back. Radial: a cone around nadir.
+void Survey::aimBeam(const FlightLine& l, double elapsed, std::uint64_t slot, Shot& s) const {
+  // Measured from the start of the shot's own scan line, so that a shot fired early by its
+  // jitter does not wrap round to the end of the previous line.
+  const auto lineStart = double(slot - slot % periodSlots_);
+  const double phase = (elapsed * config_.pulseRate - lineStart) / double(periodSlots_);
   if (config_.pattern == Pattern::LineWise) {
-    const double angle = -a + 2.0 * a * phase;  // sweeps across track, then jumps back
+    const double a = config_.maxScanAngle;
+    const double viewShare = double(periodSlots_ - gapSlots_) / double(periodSlots_);
+    const double angle = -a + 2.0 * a * phase / viewShare;
     const double across = std::sin(angle);
     s.direction = {l.across.x * across, l.across.y * across, -std::cos(angle)};
+    s.inView = slot % periodSlots_ < periodSlots_ - gapSlots_;
   } else {
-    const double turn = 2.0 * std::numbers::pi * phase;
+    const double a = config_.coneHalfAngle, turn = 2.0 * std::numbers::pi * phase;
     const double across = std::sin(a) * std::cos(turn), along = std::sin(a) * std::sin(turn);
     s.direction = {l.across.x * across + l.along.x * along, l.across.y * across + l.along.y * along,
                    -std::cos(a)};
   }
-  return s;
 }
 
 // Hills, a cliff, a block of buildings, a lake and a forest; or the gridded terrain.
@@ -196,16 +245,19 @@ std::vector<Return> Survey::returns(std::uint64_t k) const {
 
 void Survey::returns(std::uint64_t k, const Shot& s, std::vector<Return>& out) const {
   out.clear();
+  if (!s.inView) return;
   const auto& d = s.direction;
   const double range = rangeToSurface(s);
-  const double x = s.origin.x + d.x * range, y = s.origin.y + d.y * range;
+  surfaceReturns(k, s.origin.x + d.x * range, s.origin.y + d.y * range, range, out);
+  addOffSurfaceEchoes(k, range, out);
+  std::sort(out.begin(), out.end(),
+            [](const Return& a, const Return& b) { return a.range < b.range; });
+}
+
+void Survey::surfaceReturns(std::uint64_t k, double x, double y, double range,
+                            std::vector<Return>& out) const {
   const double u = uniformAt(config_.seed, k, 2);
-  if (uniformAt(config_.seed, k, 4) < 0.002)  // a bird or a dust cloud near the aircraft
-    out.push_back({40.0 + 60.0 * uniformAt(config_.seed, k, 5), 0.5, Target::Noise});
-  if (config_.terrain) {
-    terrainReturn(config_.terrain->surface(x, y), range, u, out);
-    return;
-  }
+  if (config_.terrain) return terrainReturn(config_.terrain->surface(x, y), range, u, out);
   const bool water = x > -60.0 && x < 40.0 && std::fmod(std::fabs(y), 400.0) < 150.0;
   const bool forest = x > 160.0 && x < 300.0;
   const bool building = inBuilding(x, y);
@@ -218,6 +270,18 @@ void Survey::returns(std::uint64_t k, const Shot& s, std::vector<Return>& out) c
   } else {
     out.push_back({range, building ? 0.6 : 0.35, building ? Target::Building : Target::Ground});
   }
+}
+
+// A bird near the aircraft, and dust anywhere between it and the surface.
+void Survey::addOffSurfaceEchoes(std::uint64_t k, double surfaceRange,
+                                 std::vector<Return>& out) const {
+  const std::uint64_t seed = config_.seed;
+  if (uniformAt(seed, k, kBirdPurpose) < 0.002)
+    out.push_back({40.0 + 60.0 * uniformAt(seed, k, kBirdRangePurpose), 0.5, Target::Bird});
+  const double farthest = surfaceRange - kDustClearance;
+  if (farthest > kDustNearest && uniformAt(seed, k, kDustPurpose) < config_.dustShare)
+    out.push_back({kDustNearest + (farthest - kDustNearest) * uniformAt(seed, k, kDustRangePurpose),
+                   0.05 + 0.25 * uniformAt(seed, k, kDustReflectivityPurpose), Target::Dust});
 }
 
 std::uint64_t Survey::recordingShot(std::uint64_t k, double arrival) const {

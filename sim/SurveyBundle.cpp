@@ -134,12 +134,21 @@ std::vector<FieldEntry> fieldEntries(std::uint32_t samplesPerRow) {
           {"Truth", T::OnlineEmitter, E::UInt32, vectorField(&D::oppEmitter)},
           {"Truth", T::OnlineZone, E::UInt8, vectorField(&D::oppZone)},
           {"Truth", T::OnlineRange, E::Double, vectorField(&D::oppTrueRange)},
-          {"Truth", T::OnlineTarget, E::UInt8, vectorField(&D::oppTarget)}};
+          {"Truth", T::OnlineTarget, E::UInt8, vectorField(&D::oppTarget)},
+          {"Truth", T::EchoEmitter, E::UInt32, vectorField(&D::echoEmitter)},
+          {"Truth", T::EchoZone, E::UInt8, vectorField(&D::echoZone)},
+          {"Truth", T::EchoRange, E::Double, vectorField(&D::echoRange)},
+          {"Truth", T::EchoTarget, E::UInt8, vectorField(&D::echoTarget)},
+          {"Truth", T::EchoRecorded, E::UInt8, vectorField(&D::echoRecorded)}};
 }
 
-void setScannerAttributes(Tessal::Slice& slice, const SurveyConfig& c) {
+void setScannerAttributes(Tessal::Slice& slice, const Survey& survey) {
   namespace A = FullWaveform::ScannerAttribute;
+  const SurveyConfig& c = survey.config();
   auto& shots = slice.makeGrid("Shots")->attributes();
+  const auto& toMap = survey.scannerToMap();
+  shots.setAttribute(A::ScannerToMap,
+                     Vorlap::makeChunk<double>(std::vector<double>(toMap.begin(), toMap.end())));
   shots.setAttribute(A::PulseRepetitionRate, Vorlap::makeChunk<double>({c.pulseRate}));
   shots.setAttribute(A::LightSpeed, Vorlap::makeChunk<double>({c.lightSpeed}));
   shots.setAttribute(A::BlockSize, Vorlap::makeChunk<int>({200}));
@@ -163,8 +172,8 @@ void setScannerAttributes(Tessal::Slice& slice, const SurveyConfig& c) {
 Tessal::BundlePtr surveyBundle(const SurveyConfig& config, SurveyProgress progress) {
   auto bundle = Tessal::BundlePtr::make();
   auto slice = (*bundle.create())[0.0];
-  setScannerAttributes(*slice, config);
   auto cache = std::make_shared<FragmentCache>(config, std::move(progress));
+  setScannerAttributes(*slice, cache->survey());
   const std::uint32_t fragments = cache->survey().fragmentCount();
   for (const auto& entry : fieldEntries(config.samplesPerRow)) {
     auto rep =

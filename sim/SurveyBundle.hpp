@@ -11,8 +11,8 @@
 
 namespace quillo::sim {
 
-// Names of the truth fields (grid "Truth", aligned with the rows of "Waveforms" and the
-// records of "OPP").
+// Names of the truth fields (grid "Truth": aligned with the rows of "Waveforms", with the
+// records of "OPP", and one list of every echo).
 namespace TruthField {
 inline constexpr const char* RowEmitter = "WaveformEmittingShot";
 inline constexpr const char* RowZone = "WaveformZone";
@@ -22,6 +22,12 @@ inline constexpr const char* OnlineEmitter = "OnlineEmittingShot";
 inline constexpr const char* OnlineZone = "OnlineZone";
 inline constexpr const char* OnlineRange = "OnlineRange";
 inline constexpr const char* OnlineTarget = "OnlineTarget";
+// One entry per echo recorded in the fragment, recorded or lost in the receiver's blind window.
+inline constexpr const char* EchoEmitter = "EchoEmittingShot";
+inline constexpr const char* EchoZone = "EchoZone";
+inline constexpr const char* EchoRange = "EchoRange";
+inline constexpr const char* EchoTarget = "EchoTarget";
+inline constexpr const char* EchoRecorded = "EchoRecorded";
 }  // namespace TruthField
 
 // The "Shots" attribute that tells the module which data segment the survey is.

@@ -22,6 +22,8 @@ inline constexpr const char* ScanPattern = "ScanPattern";            // text: li
 inline constexpr const char* ReflectanceTable = "ReflectanceTable";  // float array
 inline constexpr const char* ReflectanceTableStep = "ReflectanceTableStep";  // double, m
 inline constexpr const char* ModelName = "ScannerModel";                     // text
+// 12 doubles, rows of [R | t]: map = R * scanner + t. Read by the host, not by the module.
+inline constexpr const char* ScannerToMap = "ScannerToMap";
 }  // namespace ScannerAttribute
 
 struct ReflectanceTable {

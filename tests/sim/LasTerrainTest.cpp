@@ -212,7 +212,7 @@ TEST(LasTerrain, SurveyEchoesFollowTheClassedSurface) {
         ++water;
       else if (r.target == Target::Vegetation)
         ++trees;
-      else if (r.target != Target::Noise)
+      else if (!isOffSurface(r.target))
         ++other;
     }
   }

@@ -89,7 +89,7 @@ TEST(Simulation, ZonesTwoToFiveChangeWithinScanLinesOverCliffAndBuildings) {
   // Ground x of each echo by emitter, in emission order (emitters of one line are adjacent).
   std::map<std::uint64_t, std::pair<double, int>> hit;
   for (std::size_t i = 0; i < d.rowTime.size(); ++i) {
-    if (d.rowTarget[i] == std::uint8_t(Target::Noise) || d.rowChannel[i] != 0) continue;
+    if (isOffSurface(Target(d.rowTarget[i])) || d.rowChannel[i] != 0) continue;
     ++zones[d.rowZone[i]];
     const Shot shot = s.shot(d.rowEmitter[i]);
     hit[d.rowEmitter[i]] = {shot.origin.x + shot.direction.x * d.rowRange[i], d.rowZone[i]};
