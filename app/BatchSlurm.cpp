@@ -112,16 +112,16 @@ MeasuredNeeds measuredNeeds(const BatchPlan& plan) {
 }
 
 std::string arraySpec(const std::vector<std::size_t>& tasks, unsigned maxParallel) {
-  std::string spec;
+  std::string arrayRange;
   for (std::size_t i = 0; i < tasks.size();) {
     std::size_t j = i;
     while (j + 1 < tasks.size() && tasks[j + 1] == tasks[j] + 1) ++j;
-    spec += (spec.empty() ? "" : ",") + std::to_string(tasks[i]);
-    if (j > i) spec += "-" + std::to_string(tasks[j]);
+    arrayRange += (arrayRange.empty() ? "" : ",") + std::to_string(tasks[i]);
+    if (j > i) arrayRange += "-" + std::to_string(tasks[j]);
     i = j + 1;
   }
-  if (maxParallel > 0) spec += "%" + std::to_string(maxParallel);
-  return spec;
+  if (maxParallel > 0) arrayRange += "%" + std::to_string(maxParallel);
+  return arrayRange;
 }
 
 std::string scriptPathOf(const BatchPlan& plan) {

@@ -39,17 +39,8 @@ class AttributeCheck {
   bool number(const char* name, double& out) {
     auto chunk = grid_.attributes().getAttribute(name);
     if (!chunk) return false;
-    using namespace Vorlap;
     if (chunk->size() == 0) return error(name, "is empty", "give it one value");
-    if (auto d = dynamicPtrCast<Chunk<double>>(chunk))
-      out = (*d)[0];
-    else if (auto f = dynamicPtrCast<Chunk<float>>(chunk))
-      out = (*f)[0];
-    else if (auto i = dynamicPtrCast<Chunk<int>>(chunk))
-      out = (*i)[0];
-    else if (auto u = dynamicPtrCast<Chunk<unsigned>>(chunk))
-      out = (*u)[0];
-    else
+    if (!Vorlap::firstNumberOf(chunk, out))
       return error(name, "is a text, not a number", "write it as a number");
     return true;
   }

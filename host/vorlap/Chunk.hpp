@@ -69,4 +69,20 @@ StrongPtr<ChunkBase> makeChunk(std::vector<T> values) {
   return makeStrong<Chunk<T>>(std::move(values));
 }
 
+// The first value of a numeric chunk as a double; false for a text or an empty chunk.
+inline bool firstNumberOf(const StrongPtr<ChunkBase>& chunk, double& out) {
+  if (!chunk || chunk->size() == 0) return false;
+  if (auto d = dynamicPtrCast<Chunk<double>>(chunk))
+    out = (*d)[0];
+  else if (auto f = dynamicPtrCast<Chunk<float>>(chunk))
+    out = (*f)[0];
+  else if (auto i = dynamicPtrCast<Chunk<int>>(chunk))
+    out = (*i)[0];
+  else if (auto u = dynamicPtrCast<Chunk<unsigned>>(chunk))
+    out = (*u)[0];
+  else
+    return false;
+  return true;
+}
+
 }  // namespace Vorlap

@@ -25,17 +25,9 @@ class AttributeReader {
     auto chunk = grid_.attributes().getAttribute(name);
     if (!chunk) return false;
     if (chunk->size() == 0) return fail(name, "is empty");
-    using namespace Vorlap;
-    if (auto d = dynamicPtrCast<Chunk<double>>(chunk))
-      out = (*d)[0];
-    else if (auto f = dynamicPtrCast<Chunk<float>>(chunk))
-      out = (*f)[0];
-    else if (auto i = dynamicPtrCast<Chunk<int>>(chunk))
-      out = (*i)[0];
-    else if (auto u = dynamicPtrCast<Chunk<unsigned>>(chunk))
-      out = (*u)[0];
-    else
-      return fail(name, std::string("holds ") + chunkTypeName(chunk->type()) + ", not a number");
+    if (!Vorlap::firstNumberOf(chunk, out))
+      return fail(name,
+                  std::string("holds ") + Vorlap::chunkTypeName(chunk->type()) + ", not a number");
     return true;
   }
 
