@@ -12,8 +12,11 @@
 #include "app/CliError.hpp"
 #include "app/Json.hpp"
 #include "app/LoadKq.hpp"
+#include "tessal/Schema.hpp"
 
 namespace quillo::cli {
+
+namespace schema = Tessal::schema;
 
 namespace fs = std::filesystem;
 using nlohmann::json;
@@ -147,7 +150,7 @@ std::string logDir(const BatchPlan& plan) {
 }
 
 RunSettings planSettings(const BatchPlan& plan) {
-  static const std::regex datePattern("[0-9]{6}_[0-9]{6}");
+  static const std::regex datePattern(schema::kDateTimePattern);
   if (!plan.date.empty() && !std::regex_match(plan.date, datePattern))
     throw CliError(kUsage, "--date: expected YYMMDD_HHMMSS, got \"" + plan.date + "\"");
   RunSettings settings = settingsFrom(plan.module);

@@ -6,10 +6,13 @@
 
 #include "app/Json.hpp"
 #include "geo/CoordinateSystem.hpp"
+#include "tessal/Schema.hpp"
 #include "vorlap/Console.hpp"
 #include "waveform/ScannerDevice.hpp"
 
 namespace quillo::cli {
+
+namespace schema = Tessal::schema;
 
 namespace {
 
@@ -67,7 +70,7 @@ GridInfo gridInfo(const Tessal::Grid& grid) {
 }
 
 void shotSpan(const Tessal::Grid& shots, FileInfo& info) {
-  auto times = shots("GPSTime", "");
+  auto times = shots(schema::kGPSTime, "");
   if (!times) return;
   auto ids = times->getFragmentIDCollection();
   bool first = true;
@@ -84,7 +87,7 @@ void shotSpan(const Tessal::Grid& shots, FileInfo& info) {
 }
 
 void coordinateSystem(const Tessal::Slice& slice, FileInfo& info) {
-  for (const char* name : {"Shots", "FWF"}) {
+  for (const char* name : {schema::kShotsGrid, schema::kResultGrid}) {
     auto grid = slice(name);
     auto wkt = grid
                    ? grid->attributes().getAttributeAs<std::string>(geo::kCoordinateSystemAttribute)
@@ -111,11 +114,11 @@ FileInfo describe(Tessal::BundlePtr& bundle) {
   if (!slice) return info;
   for (const auto& grid : slice->grids()) info.grids.push_back(gridInfo(*grid));
   coordinateSystem(*slice, info);
-  auto shots = (*slice)("Shots");
+  auto shots = (*slice)(schema::kShotsGrid);
   if (!shots) return info;
   shotSpan(*shots, info);
   Vorlap::ConsoleCapture capture;  // the scanner's complaints become part of the report
-  FullWaveform::ScannerDevice scanner(shots, (*slice)("Waveforms"));
+  FullWaveform::ScannerDevice scanner(shots, (*slice)(schema::kWaveformsGrid));
   info.scannerUsable = scanner();
   info.scanner = info.scannerUsable ? scanner.speak() : capture.joined();
   return info;

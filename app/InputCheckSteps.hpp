@@ -24,7 +24,6 @@ struct ShotFigures {
 
 // "field \"GPSTime\" of grid \"Shots\"" and the like, for `where`.
 std::string fieldPlace(const char* grid, const char* field);
-std::string fragmentName(std::uint32_t number);
 // The fragment's creator; empty when the field or fragment is missing.
 Vorlap::StrongPtr<Tessal::CreativeArrayBase> fragmentCreator(
     const Vorlap::StrongPtr<Tessal::Grid>& grid, const char* field, std::uint32_t fragment);

@@ -3,13 +3,13 @@
 #pragma once
 
 #include "tessal/MemArray.hpp"
+#include "tessal/Schema.hpp"
 
 namespace quillo::cli::schema {
 
-inline constexpr const char* kShots = "Shots";
-inline constexpr const char* kWaveforms = "Waveforms";
-inline constexpr const char* kOnline = "OPP";
-inline constexpr const char* kFragmentPrefix = "Fragment_";
+// The data model's names, so that schema::kGPSTime and the rules below read alike.
+using namespace Tessal::schema;
+
 // The module reads the slice at exactly this time.
 inline constexpr double kSliceTime = 0.0;
 // Rows of channel 0 above this count are taken as saturated high-gain rows when online
@@ -28,19 +28,19 @@ struct FieldRule {
 
 using E = Tessal::ElementType;
 inline constexpr FieldRule kFields[] = {
-    {kShots, "GPSTime", E::Double, 1, true},
-    {kShots, "Positions", E::Point, 1, true},
-    {kShots, "Waveforms.DirectionDelta", E::Vector, 1, true},
-    {kWaveforms, "GPSTime", E::Double, 1, true},
-    {kWaveforms, "FWFLength", E::UInt16, 1, true},
-    {kWaveforms, "Waveforms", E::UInt16, 2, true},
-    {kWaveforms, "Channel", E::UInt8, 1, true},
-    {kWaveforms, "SBL_Time", E::Double, 1, true},
-    {kOnline, "GPSTime", E::Double, 1, true},
-    {kOnline, "Range", E::Double, 1, true},
-    {kOnline, "Amplitude", E::Float, 1, true},
-    {kOnline, "Channel", E::UInt8, 1, true},
-    {kOnline, "Reflectance", E::Float, 1, false},
+    {kShotsGrid, kGPSTime, E::Double, 1, true},
+    {kShotsGrid, kPositions, E::Point, 1, true},
+    {kShotsGrid, kDirectionDelta, E::Vector, 1, true},
+    {kWaveformsGrid, kGPSTime, E::Double, 1, true},
+    {kWaveformsGrid, kFWFLength, E::UInt16, 1, true},
+    {kWaveformsGrid, kWaveformSamples, E::UInt16, 2, true},
+    {kWaveformsGrid, kChannel, E::UInt8, 1, true},
+    {kWaveformsGrid, kSBLTime, E::Double, 1, true},
+    {kOnlineGrid, kGPSTime, E::Double, 1, true},
+    {kOnlineGrid, kRange, E::Double, 1, true},
+    {kOnlineGrid, kAmplitude, E::Float, 1, true},
+    {kOnlineGrid, kChannel, E::UInt8, 1, true},
+    {kOnlineGrid, kReflectance, E::Float, 1, false},
 };
 
 }  // namespace quillo::cli::schema

@@ -13,7 +13,7 @@ using namespace schema;
 namespace {
 
 const char* gridFix(const char* grid) {
-  if (std::string(grid) == kShots)
+  if (std::string(grid) == kShotsGrid)
     return "write the grid Shots with the fields GPSTime, Positions and Waveforms.DirectionDelta";
   return "";
 }
@@ -32,8 +32,8 @@ long fragmentNumber(const std::string& name) {
 }
 
 Vorlap::StrongPtr<Tessal::Grid> gridOf(const InputGrids& grids, const std::string& name) {
-  if (name == kShots) return grids.shots;
-  if (name == kWaveforms) return grids.waveforms;
+  if (name == kShotsGrid) return grids.shots;
+  if (name == kWaveformsGrid) return grids.waveforms;
   return grids.online;
 }
 
@@ -44,7 +44,7 @@ std::string typeText(Tessal::ElementType type, std::size_t rank) {
 void checkFragmentNames(const Tessal::Field& positions, CheckReport& report) {
   const auto ids = positions.getFragmentIDCollection();
   const std::size_t count = ids->size();
-  const std::string where = fieldPlace(kShots, "Positions");
+  const std::string where = fieldPlace(kShotsGrid, kPositions);
   for (std::size_t i = 0; i < count; ++i) {
     const std::string& name = ids->at(i)->getName();
     const long number = fragmentNumber(name);
@@ -123,10 +123,6 @@ std::string fieldPlace(const char* grid, const char* field) {
   return std::string("field \"") + field + "\" of grid \"" + grid + "\"";
 }
 
-std::string fragmentName(std::uint32_t number) {
-  return kFragmentPrefix + std::to_string(number);
-}
-
 Vorlap::StrongPtr<Tessal::CreativeArrayBase> fragmentCreator(
     const Vorlap::StrongPtr<Tessal::Grid>& grid, const char* field, std::uint32_t fragment) {
   auto f = grid ? (*grid)(field, "") : Vorlap::StrongPtr<Tessal::Field>();
@@ -145,10 +141,12 @@ InputGrids findGrids(const Tessal::BundlePtr& bundle, const CheckScope& scope,
                "write the grids under /slices/0 with the attribute time = 0");
     return {};
   }
-  InputGrids grids{(*at->second)(kShots), (*at->second)(kWaveforms), (*at->second)(kOnline)};
+  InputGrids grids{(*at->second)(kShotsGrid), (*at->second)(kWaveformsGrid),
+                   (*at->second)(kOnlineGrid)};
   if (!scope.waveforms) grids.waveforms.reset();
   if (!scope.online) grids.online.reset();
-  if (!grids.shots) report.add(Severity::Error, "grid \"Shots\"", "is missing", gridFix(kShots));
+  if (!grids.shots)
+    report.add(Severity::Error, "grid \"Shots\"", "is missing", gridFix(kShotsGrid));
   if (!grids.waveforms && !grids.online)
     report.add(Severity::Error, "grids \"Waveforms\" and \"OPP\"",
                "are both missing (or ignored): there is nothing to resolve",
@@ -158,13 +156,13 @@ InputGrids findGrids(const Tessal::BundlePtr& bundle, const CheckScope& scope,
 
 bool checkStructure(const InputGrids& grids, CheckReport& report) {
   if (!grids.shots) return false;
-  auto positions = (*grids.shots)("Positions", "");
+  auto positions = (*grids.shots)(kPositions, "");
   const std::size_t before = report.count(Severity::Error);
   if (positions) {
     report.fragments = static_cast<std::uint32_t>(positions->getNumberOfFragments());
     checkFragmentNames(*positions, report);
     if (report.fragments == 0)
-      report.add(Severity::Error, fieldPlace(kShots, "Positions"), "has no fragments",
+      report.add(Severity::Error, fieldPlace(kShotsGrid, kPositions), "has no fragments",
                  "write the shots as Fragment_0, Fragment_1, ...");
   }
   std::map<std::string, std::vector<long long>> lengths;
@@ -176,8 +174,8 @@ bool checkStructure(const InputGrids& grids, CheckReport& report) {
     for (long long v : lengths[grid]) n += v > 0 ? std::uint64_t(v) : 0;
     return n;
   };
-  report.shots = total(kShots), report.waveformRows = total(kWaveforms);
-  report.onlineRecords = total(kOnline);
+  report.shots = total(kShotsGrid), report.waveformRows = total(kWaveformsGrid);
+  report.onlineRecords = total(kOnlineGrid);
   return report.count(Severity::Error) == before;
 }
 

@@ -103,7 +103,7 @@ class ValueCheck {
 
   const Vorlap::StrongPtr<Tessal::Grid>& gridNamed(const char* name) const {
     const std::string n = name;
-    return n == kShots ? grids_.shots : n == kWaveforms ? grids_.waveforms : grids_.online;
+    return n == kShotsGrid ? grids_.shots : n == kWaveformsGrid ? grids_.waveforms : grids_.online;
   }
 
   void shots(std::uint32_t f);
@@ -125,9 +125,9 @@ class ValueCheck {
 };
 
 void ValueCheck::shots(std::uint32_t f) {
-  auto times = fetch<Doubles>(grids_.shots, "GPSTime", f);
-  if (!times) return unreadable(kShots, "GPSTime", f);
-  const std::string where = fieldPlace(kShots, "GPSTime");
+  auto times = fetch<Doubles>(grids_.shots, kGPSTime, f);
+  if (!times) return unreadable(kShotsGrid, kGPSTime, f);
+  const std::string where = fieldPlace(kShotsGrid, kGPSTime);
   for (std::size_t i = 0; i < times->size(); ++i) {
     const double t = times->get(i);
     if (!std::isfinite(t)) {
@@ -147,14 +147,14 @@ void ValueCheck::shots(std::uint32_t f) {
 }
 
 void ValueCheck::shotGeometry(std::uint32_t f) {
-  auto origins = fetch<Tessal::MemArray<1, point>>(grids_.shots, "Positions", f);
-  auto directions = fetch<Tessal::MemArray<1, vector>>(grids_.shots, "Waveforms.DirectionDelta", f);
-  if (!origins) return unreadable(kShots, "Positions", f);
-  if (!directions) return unreadable(kShots, "Waveforms.DirectionDelta", f);
+  auto origins = fetch<Tessal::MemArray<1, point>>(grids_.shots, kPositions, f);
+  auto directions = fetch<Tessal::MemArray<1, vector>>(grids_.shots, kDirectionDelta, f);
+  if (!origins) return unreadable(kShotsGrid, kPositions, f);
+  if (!directions) return unreadable(kShotsGrid, kDirectionDelta, f);
   for (std::size_t i = 0; i < origins->size(); ++i) {
     const point p = origins->get(i);
     if (!finitePoint(p)) {
-      tally_.note(fieldPlace(kShots, "Positions"), "holds a point that is not finite",
+      tally_.note(fieldPlace(kShotsGrid, kPositions), "holds a point that is not finite",
                   "give every shot its beam origin", f, i);
       continue;
     }
@@ -167,7 +167,7 @@ void ValueCheck::shotGeometry(std::uint32_t f) {
     const vector d = directions->get(i);
     const double length = std::sqrt(d.x * d.x + d.y * d.y + d.z * d.z);
     if (!(std::abs(length - 1.0) <= kUnitTolerance))
-      tally_.note(fieldPlace(kShots, "Waveforms.DirectionDelta"),
+      tally_.note(fieldPlace(kShotsGrid, kDirectionDelta),
                   "holds a direction that is not of unit length",
                   "divide each direction by its length", f, i);
   }
@@ -176,11 +176,11 @@ void ValueCheck::shotGeometry(std::uint32_t f) {
 // The module finds a record's recording shot by the exact time: any other time is no shot.
 void ValueCheck::recordTimes(const Vorlap::StrongPtr<Tessal::Grid>& grid, const char* gridName,
                              std::uint32_t f) {
-  auto times = fetch<Doubles>(grid, "GPSTime", f);
-  if (!times) return unreadable(gridName, "GPSTime", f);
+  auto times = fetch<Doubles>(grid, kGPSTime, f);
+  if (!times) return unreadable(gridName, kGPSTime, f);
   for (std::size_t i = 0; i < times->size(); ++i)
     if (!std::binary_search(shotTimes_.begin(), shotTimes_.end(), times->get(i)))
-      tally_.note(fieldPlace(gridName, "GPSTime"),
+      tally_.note(fieldPlace(gridName, kGPSTime),
                   "holds a time that is no shot time of the same fragment",
                   "give each record the exact GPSTime of the shot after which it was recorded, "
                   "and keep it in that shot's fragment",
@@ -188,38 +188,39 @@ void ValueCheck::recordTimes(const Vorlap::StrongPtr<Tessal::Grid>& grid, const 
 }
 
 void ValueCheck::waveforms(std::uint32_t f) {
-  recordTimes(grids_.waveforms, kWaveforms, f);
-  auto lengths = fetch<Tessal::MemArray<1, std::uint16_t>>(grids_.waveforms, "FWFLength", f);
-  auto sampleTimes = fetch<Doubles>(grids_.waveforms, "SBL_Time", f);
-  if (!lengths) return unreadable(kWaveforms, "FWFLength", f);
-  if (!sampleTimes) return unreadable(kWaveforms, "SBL_Time", f);
+  recordTimes(grids_.waveforms, kWaveformsGrid, f);
+  auto lengths = fetch<Tessal::MemArray<1, std::uint16_t>>(grids_.waveforms, kFWFLength, f);
+  auto sampleTimes = fetch<Doubles>(grids_.waveforms, kSBLTime, f);
+  if (!lengths) return unreadable(kWaveformsGrid, kFWFLength, f);
+  if (!sampleTimes) return unreadable(kWaveformsGrid, kSBLTime, f);
   for (std::size_t i = 0; i < sampleTimes->size(); ++i)
     if (!(sampleTimes->get(i) >= 0.0) || !std::isfinite(sampleTimes->get(i)))
-      tally_.note(fieldPlace(kWaveforms, "SBL_Time"), "holds a time that is negative or not finite",
+      tally_.note(fieldPlace(kWaveformsGrid, kSBLTime),
+                  "holds a time that is negative or not finite",
                   "give the time of the row's first sample after its recording shot, in s", f, i);
   samples(f, *lengths);
 }
 
 void ValueCheck::samples(std::uint32_t f, const Tessal::MemArray<1, std::uint16_t>& lengths) {
-  auto channels = fetch<Tessal::MemArray<1, std::uint8_t>>(grids_.waveforms, "Channel", f);
-  if (!channels) return unreadable(kWaveforms, "Channel", f);
-  const std::size_t perRow = fragmentCreator(grids_.waveforms, "Waveforms", f)->extents()[0];
+  auto channels = fetch<Tessal::MemArray<1, std::uint8_t>>(grids_.waveforms, kChannel, f);
+  if (!channels) return unreadable(kWaveformsGrid, kChannel, f);
+  const std::size_t perRow = fragmentCreator(grids_.waveforms, kWaveformSamples, f)->extents()[0];
   // Reading the samples costs most; only a run with online records drops saturated rows.
   auto rows = readSamples_
-                  ? fetch<Tessal::MemArray<2, std::uint16_t>>(grids_.waveforms, "Waveforms", f)
+                  ? fetch<Tessal::MemArray<2, std::uint16_t>>(grids_.waveforms, kWaveformSamples, f)
                   : nullptr;
-  if (readSamples_ && !rows) return unreadable(kWaveforms, "Waveforms", f);
+  if (readSamples_ && !rows) return unreadable(kWaveformsGrid, kWaveformSamples, f);
   const bool saturation = readSamples_ && grids_.online;
   // A saturated high-gain row loses nothing when a row of another channel has its echo.
-  auto rowTimes = fetch<Doubles>(grids_.waveforms, "GPSTime", f);
-  if (!rowTimes) return unreadable(kWaveforms, "GPSTime", f);
+  auto rowTimes = fetch<Doubles>(grids_.waveforms, kGPSTime, f);
+  if (!rowTimes) return unreadable(kWaveformsGrid, kGPSTime, f);
   std::set<double> lowGainTimes;
   for (std::size_t r = 0; saturation && r < channels->size(); ++r)
     if (channels->get(r) != 0) lowGainTimes.insert(rowTimes->get(r));
   for (std::size_t r = 0; r < lengths.size(); ++r) {
     if (lengths.get(r) > perRow)
       tally_.note(
-          fieldPlace(kWaveforms, "FWFLength"),
+          fieldPlace(kWaveformsGrid, kFWFLength),
           "says a row holds more samples than the rows have (" + std::to_string(perRow) + ")",
           "give the number of valid samples at the start of the row", f, r);
     if (!saturation || channels->get(r) != 0 || lowGainTimes.count(rowTimes->get(r))) continue;
@@ -227,7 +228,7 @@ void ValueCheck::samples(std::uint32_t f, const Tessal::MemArray<1, std::uint16_
     for (std::size_t s = 0; s < std::min<std::size_t>(lengths.get(r), perRow); ++s)
       peak = std::max(peak, rows->get(s, r));
     if (peak > kHighGainSaturation)
-      tally_.note(fieldPlace(kWaveforms, "Channel"),
+      tally_.note(fieldPlace(kWaveformsGrid, kChannel),
                   "marks a row with samples above 1800 counts as channel 0, with no row of another "
                   "channel at its time: the run drops it as a saturated high-gain row",
                   "if the receiver has a single gain, write its rows as channel 1", f, r,
@@ -236,23 +237,23 @@ void ValueCheck::samples(std::uint32_t f, const Tessal::MemArray<1, std::uint16_
 }
 
 void ValueCheck::online(std::uint32_t f) {
-  recordTimes(grids_.online, kOnline, f);
-  auto ranges = fetch<Doubles>(grids_.online, "Range", f);
-  auto amplitudes = fetch<Tessal::MemArray<1, float>>(grids_.online, "Amplitude", f);
-  if (!ranges) return unreadable(kOnline, "Range", f);
-  if (!amplitudes) return unreadable(kOnline, "Amplitude", f);
-  if (!fetch<Tessal::MemArray<1, std::uint8_t>>(grids_.online, "Channel", f))
-    return unreadable(kOnline, "Channel", f);
-  if (fragmentCreator(grids_.online, "Reflectance", f) &&
-      !fetch<Tessal::MemArray<1, float>>(grids_.online, "Reflectance", f))
-    return unreadable(kOnline, "Reflectance", f);
+  recordTimes(grids_.online, kOnlineGrid, f);
+  auto ranges = fetch<Doubles>(grids_.online, kRange, f);
+  auto amplitudes = fetch<Tessal::MemArray<1, float>>(grids_.online, kAmplitude, f);
+  if (!ranges) return unreadable(kOnlineGrid, kRange, f);
+  if (!amplitudes) return unreadable(kOnlineGrid, kAmplitude, f);
+  if (!fetch<Tessal::MemArray<1, std::uint8_t>>(grids_.online, kChannel, f))
+    return unreadable(kOnlineGrid, kChannel, f);
+  if (fragmentCreator(grids_.online, kReflectance, f) &&
+      !fetch<Tessal::MemArray<1, float>>(grids_.online, kReflectance, f))
+    return unreadable(kOnlineGrid, kReflectance, f);
   for (std::size_t i = 0; i < ranges->size(); ++i)
     if (!std::isfinite(ranges->get(i)))
-      tally_.note(fieldPlace(kOnline, "Range"), "holds a range that is not finite",
+      tally_.note(fieldPlace(kOnlineGrid, kRange), "holds a range that is not finite",
                   "give the range in m as if the echo were of zone 0", f, i);
   for (std::size_t i = 0; i < amplitudes->size(); ++i)
     if (!std::isfinite(amplitudes->get(i)))
-      tally_.note(fieldPlace(kOnline, "Amplitude"), "holds an amplitude that is not finite",
+      tally_.note(fieldPlace(kOnlineGrid, kAmplitude), "holds an amplitude that is not finite",
                   "give the echo's amplitude in dB", f, i);
 }
 

@@ -16,8 +16,11 @@
 #include "app/LasIntensity.hpp"
 #include "app/MapPositions.hpp"
 #include "app/ScanAngles.hpp"
+#include "tessal/Schema.hpp"
 
 namespace quillo::cli {
+
+namespace schema = Tessal::schema;
 
 namespace fs = std::filesystem;
 using Gemwold::PhysicalSpace::point;
@@ -31,14 +34,14 @@ ResultGrid openResultGrid(const Tessal::BundlePtr& result, const std::string& fi
   ResultGrid r;
   auto slices = result ? result->slices() : std::map<double, Vorlap::StrongPtr<Tessal::Slice>>();
   auto slice = slices.count(0.0) ? slices.at(0.0) : Vorlap::StrongPtr<Tessal::Slice>();
-  r.grid = slice ? (*slice)("FWF") : Vorlap::StrongPtr<Tessal::Grid>();
+  r.grid = slice ? (*slice)(schema::kResultGrid) : Vorlap::StrongPtr<Tessal::Grid>();
   if (!r.grid) throw CliError(kInput, fileName + ": no grid \"FWF\" (not a quillo result?)");
-  r.scanner = r.grid->getCartesianRepresentation(kScannerChart);
+  r.scanner = r.grid->getCartesianRepresentation(schema::kScannerChart);
   if (auto map = r.grid->getCartesianRepresentation(kMapChart)) {
-    r.positions = map->findFieldByName("Positions");
+    r.positions = map->findFieldByName(schema::kPositions);
     r.mapPositions = static_cast<bool>(r.positions);
   }
-  if (!r.positions && r.scanner) r.positions = r.scanner->findFieldByName("Positions");
+  if (!r.positions && r.scanner) r.positions = r.scanner->findFieldByName(schema::kPositions);
   if (!r.positions || !r.scanner)
     throw CliError(kInput, fileName + ": grid \"FWF\" has no \"Positions\" field");
   auto ids = r.positions->getFragmentIDCollection();
@@ -102,24 +105,24 @@ struct PointArrays {
 
   void read(FragmentReader& r, bool withWaves, const ResultGrid& grid) {
     positions = r.positions();
-    time = r.get<double>("GPSTime");
-    range = r.get<double>("Range");
-    pulseWidth = r.get<double>("PulseWidth", false);
-    mta = r.get<unsigned char>("MTA");
-    channel = r.get<unsigned char>("ScannerChannel");
-    cls = r.get<unsigned char>("Classification");
-    ret = r.get<unsigned char>("ReturnNumber");
-    nret = r.get<unsigned char>("NumberOfReturns");
-    amplitude = r.get<float>("Amplitude");
-    damping = r.get<float>("Damping", false);
-    reflectance = r.get<float>("Reflectance");
-    delta = r.get<vector>("Waveforms.DirectionDelta");
+    time = r.get<double>(schema::kGPSTime);
+    range = r.get<double>(schema::kRange);
+    pulseWidth = r.get<double>(schema::kPulseWidth, false);
+    mta = r.get<unsigned char>(schema::kMTA);
+    channel = r.get<unsigned char>(schema::kScannerChannel);
+    cls = r.get<unsigned char>(schema::kClassification);
+    ret = r.get<unsigned char>(schema::kReturnNumber);
+    nret = r.get<unsigned char>(schema::kNumberOfReturns);
+    amplitude = r.get<float>(schema::kAmplitude);
+    damping = r.get<float>(schema::kDamping, false);
+    reflectance = r.get<float>(schema::kReflectance);
+    delta = r.get<vector>(schema::kDirectionDelta);
     if (!withWaves) return;
-    waveId = r.get<int>("WaveID");
-    wavePosition = r.get<float>("WaveformPositionIndex");
-    fwfLength = r.get<unsigned short>("FWFLength", false);
+    waveId = r.get<int>(schema::kWaveID);
+    wavePosition = r.get<float>(schema::kWaveformPositionIndex);
+    fwfLength = r.get<unsigned short>(schema::kFWFLength, false);
     waves = Vorlap::dynamicPtrCast<Tessal::MemArray<2, unsigned short>>(
-        r.raw(grid.field("Waveforms"), "Waveforms"));
+        r.raw(grid.field(schema::kWaveformSamples), schema::kWaveformSamples));
     if (!waves || waves->extent(1) != r.size())
       throw CliError(kInput, "field \"Waveforms\", fragment \"" + r.name() +
                                  "\" is not a 2-D uint16 array with one row per point");
@@ -225,8 +228,8 @@ void LasFile::scanBounds() {
     }
     scanAmplitudes(r);
     if (waveforms_) {
-      auto creator = grid_.field("Waveforms")
-                         ->getCreator(grid_.field("Waveforms")
+      auto creator = grid_.field(schema::kWaveformSamples)
+                         ->getCreator(grid_.field(schema::kWaveformSamples)
                                           ->getFragmentIDCollection()
                                           ->findFragmentIDByName(r.name()));
       const auto e = creator ? creator->extents() : std::vector<std::size_t>();
@@ -246,7 +249,7 @@ void LasFile::scanBounds() {
 }
 
 void LasFile::scanAmplitudes(FragmentReader& r) {
-  auto amplitude = r.get<float>("Amplitude");
+  auto amplitude = r.get<float>(schema::kAmplitude);
   for (std::size_t k = 0; k < amplitude->size(); ++k) intensity_.include(amplitude->get(k));
 }
 
@@ -282,7 +285,7 @@ void LasFile::readTimeBase() {
 }
 
 void LasFile::readWaveformSetup() {
-  auto field = grid_.field("Waveforms");
+  auto field = grid_.field(schema::kWaveformSamples);
   if (!field)
     throw CliError(kInput, resultName_ +
                                ": --waveforms needs a result with exported waveforms "

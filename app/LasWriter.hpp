@@ -9,6 +9,7 @@
 
 #include "app/CliError.hpp"
 #include "tessal/Bundle.hpp"
+#include "tessal/Schema.hpp"
 
 namespace quillo::cli {
 
@@ -39,7 +40,7 @@ class FragmentReader {
   const std::string& name() const { return name_; }
   std::size_t size() const { return size_; }
   Vorlap::StrongPtr<Tessal::MemArray<1, Gemwold::PhysicalSpace::point>> positions() {
-    return array<Gemwold::PhysicalSpace::point>(result_.positions, "Positions");
+    return array<Gemwold::PhysicalSpace::point>(result_.positions, Tessal::schema::kPositions);
   }
   // The fragment of the named field; empty when the field does not exist and `required` is
   // false. Throws CliError for a missing fragment, a wrong element type or a wrong length.

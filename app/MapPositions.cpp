@@ -3,8 +3,11 @@
 #include <cmath>
 
 #include "app/CliError.hpp"
+#include "tessal/Schema.hpp"
 
 namespace quillo::cli {
+
+namespace schema = Tessal::schema;
 
 using Gemwold::PhysicalSpace::point;
 using PointArray = Tessal::MemArray<1, point>;
@@ -12,9 +15,9 @@ using PointArray = Tessal::MemArray<1, point>;
 Transform scannerToMap(const Tessal::BundlePtr& input) {
   double t = 0.0;
   auto slice = (*input.get())(t);
-  auto shots = slice ? (*slice)("Shots") : Vorlap::StrongPtr<Tessal::Grid>();
+  auto shots = slice ? (*slice)(schema::kShotsGrid) : Vorlap::StrongPtr<Tessal::Grid>();
   if (!shots) return Transform{1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0};
-  return scannerToMapOf(*shots, "Shots");
+  return scannerToMapOf(*shots, schema::kShotsGrid);
 }
 
 Transform scannerToMapOf(const Tessal::Grid& grid, const std::string& where) {
@@ -48,12 +51,13 @@ point transformPoint(const Transform& m, const point& p) {
 }  // namespace
 
 void addMapPositions(Tessal::Grid& grid, const Transform& transform) {
-  auto scanner = grid.getCartesianRepresentation(kScannerChart);
+  auto scanner = grid.getCartesianRepresentation(schema::kScannerChart);
   if (!scanner) return;
-  auto source = scanner->findFieldByName("Positions");
+  auto source = scanner->findFieldByName(schema::kPositions);
   if (!source) return;
   auto map = grid.makeCartesianRepresentation(3, kMapChart, 0);
-  Vorlap::StrongPtr<Tessal::Field> target = map->makeField(map->makeFieldID("Positions"), {}, {});
+  Vorlap::StrongPtr<Tessal::Field> target =
+      map->makeField(map->makeFieldID(schema::kPositions), {}, {});
   auto ids = source->getFragmentIDCollection();
   for (std::size_t f = 0; f < ids->size(); ++f) {
     auto creator = source->getCreator(ids->at(f));

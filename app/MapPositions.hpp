@@ -12,7 +12,6 @@ namespace quillo::cli {
 // Shots attribute: 12 doubles, the rows of a 3 x 4 matrix [R | t] (map = R * scanner + t).
 inline constexpr const char* kScannerToMapAttribute = FullWaveform::ScannerAttribute::ScannerToMap;
 inline constexpr const char* kMapChart = "StandardCartesianChart3D";
-inline constexpr const char* kScannerChart = "ScannerCoordinateSystem";
 
 using Transform = std::array<double, 12>;
 

@@ -11,6 +11,7 @@
 
 #include "app/CliError.hpp"
 #include "app/LasWriter.hpp"
+#include "tessal/Schema.hpp"
 
 #define STB_IMAGE_WRITE_STATIC
 #define STB_IMAGE_WRITE_IMPLEMENTATION
@@ -18,6 +19,8 @@
 #include <stb/stb_image_write.h>
 
 namespace quillo::cli {
+
+namespace schema = Tessal::schema;
 
 namespace fs = std::filesystem;
 
@@ -116,9 +119,10 @@ struct ValueSource {
   Vorlap::StrongPtr<Tessal::MemArray<1, unsigned char>> category;
   Vorlap::StrongPtr<Tessal::MemArray<1, float>> reflectance;
   ValueSource(FragmentReader& r, QuicklookColor c) : color(c) {
-    if (c == QuicklookColor::Zone) category = r.get<unsigned char>("MTA");
-    if (c == QuicklookColor::Classification) category = r.get<unsigned char>("Classification");
-    if (c == QuicklookColor::Reflectance) reflectance = r.get<float>("Reflectance");
+    if (c == QuicklookColor::Zone) category = r.get<unsigned char>(schema::kMTA);
+    if (c == QuicklookColor::Classification)
+      category = r.get<unsigned char>(schema::kClassification);
+    if (c == QuicklookColor::Reflectance) reflectance = r.get<float>(schema::kReflectance);
   }
   double operator()(std::size_t k, double z) const {
     if (category) return category->get(k);

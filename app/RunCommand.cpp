@@ -16,8 +16,11 @@
 #include "app/Json.hpp"
 #include "app/LoadKq.hpp"
 #include "app/RunOptions.hpp"
+#include "tessal/Schema.hpp"
 
 namespace quillo::cli {
+
+namespace schema = Tessal::schema;
 
 namespace {
 
@@ -150,7 +153,7 @@ void checkInputs(const RunCommandOptions& o) {
 }
 
 void execute(const RunCommandOptions& o) {
-  static const std::regex datePattern("[0-9]{6}_[0-9]{6}");
+  static const std::regex datePattern(schema::kDateTimePattern);
   if (!o.date.empty() && !std::regex_match(o.date, datePattern))
     throw CliError(kUsage, "--date: expected YYMMDD_HHMMSS, got \"" + o.date + "\"");
   RunSettings settings = settingsFrom(o.module);

@@ -14,9 +14,12 @@
 #include "app/WaveCounts.hpp"
 #include "run/Quillo.hpp"
 #include "run/Verification.hpp"
+#include "tessal/Schema.hpp"
 #include "vorlap/Console.hpp"
 
 namespace quillo::cli {
+
+namespace schema = Tessal::schema;
 
 namespace fs = std::filesystem;
 
@@ -54,16 +57,17 @@ std::unique_ptr<StreamedOutput> makeOutput(const fs::path& path, const std::stri
 void warnAboutFragmentGaps(const Tessal::BundlePtr& input, const std::string& inputPath) {
   double t = 0.0;
   auto slice = (*input.get())(t);
-  auto shots = slice ? (*slice)("Shots") : Vorlap::StrongPtr<Tessal::Grid>();
-  auto positions = shots ? (*shots)("Positions", "") : Vorlap::StrongPtr<Tessal::Field>();
+  auto shots = slice ? (*slice)(schema::kShotsGrid) : Vorlap::StrongPtr<Tessal::Grid>();
+  auto positions = shots ? (*shots)(schema::kPositions, "") : Vorlap::StrongPtr<Tessal::Field>();
   if (!positions) return;
   const auto ids = positions->getFragmentIDCollection();
+  const std::string prefix = schema::kFragmentPrefix;
   std::string missing, unreached;
   for (std::size_t f = 0; f < ids->size(); ++f) {
-    const std::string expected = "Fragment_" + std::to_string(f);
+    const std::string expected = schema::fragmentName(static_cast<std::uint32_t>(f));
     if (!ids->findFragmentIDByName(expected)) missing += (missing.empty() ? "" : ", ") + expected;
     const std::string& name = ids->at(f)->getName();
-    const auto number = name.rfind("Fragment_", 0) == 0 ? name.substr(9) : "";
+    const auto number = name.rfind(prefix, 0) == 0 ? name.substr(prefix.size()) : "";
     if (number.empty() || number.find_first_not_of("0123456789") != std::string::npos ||
         number.size() > 9 || std::stoul(number) >= ids->size())
       unreached += (unreached.empty() ? "" : ", ") + name;
@@ -93,7 +97,7 @@ void creditStreamingTime(const std::vector<StreamedOutput*>& outputs, const std:
 }  // namespace
 
 bool nameCarriesDate(const std::string& path) {
-  static const std::regex pattern("[a-zA-Z]*([0-9]{2})([0-9]{2})([0-9]{2})_[0-9]{6}.*");
+  static const std::regex pattern(schema::kFileDatePattern);
   const std::string stem = fs::path(path).stem().string();
   return std::regex_search(stem, pattern);
 }

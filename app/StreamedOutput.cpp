@@ -7,8 +7,11 @@
 #include "app/CliError.hpp"
 #include "app/OutputStats.hpp"
 #include "run/Verification.hpp"
+#include "tessal/Schema.hpp"
 
 namespace quillo::cli {
+
+namespace schema = Tessal::schema;
 
 namespace {
 
@@ -28,9 +31,9 @@ class Timer {
 
 StreamedOutput::StreamedOutput(const std::filesystem::path& path, const Transform& toMap)
     : path_(path), toMap_(toMap), bundle_(Tessal::BundlePtr::make()) {
-  grid_ = (*bundle_.create())[0.0]->makeGrid("FWF");
+  grid_ = (*bundle_.create())[0.0]->makeGrid(schema::kResultGrid);
   // Made up front so that an output no point reaches still takes the run's attributes.
-  grid_->makeCartesianRepresentation(3, kScannerChart, 0);
+  grid_->makeCartesianRepresentation(3, schema::kScannerChart, 0);
   save_ = std::make_unique<Tessal::StreamingSave>(bundle_, path_.string());
 }
 

@@ -18,8 +18,11 @@
 #include "sim/Scoring.hpp"
 #include "sim/SurveyBundle.hpp"
 #include "sim/TerrainCrs.hpp"
+#include "tessal/Schema.hpp"
 
 namespace quillo::cli {
+
+namespace schema = Tessal::schema;
 
 namespace fs = std::filesystem;
 
@@ -91,7 +94,7 @@ sim::SurveyConfig configFrom(const SimulateOptions& o) {
     c.pattern = sim::Pattern::Radial;
   else if (o.scanner != "line-wise")
     throw CliError(kUsage, "--scanner: line-wise or radial");
-  if (!std::regex_match(o.date, std::regex("[0-9]{6}_[0-9]{6}")))
+  if (!std::regex_match(o.date, std::regex(schema::kDateTimePattern)))
     throw CliError(kUsage, "--date: expected YYMMDD_HHMMSS");
   c.date = o.date;
   c.coordinateSystem = sceneCoordinateSystem(o);

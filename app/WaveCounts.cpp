@@ -1,11 +1,15 @@
 #include "app/WaveCounts.hpp"
 
+#include "tessal/Schema.hpp"
+
 namespace quillo::cli {
+
+namespace schema = Tessal::schema;
 
 namespace {
 
 void addFragmentSizes(const Vorlap::StrongPtr<Tessal::Grid>& grid, WaveCounts& counts) {
-  auto times = grid ? (*grid)("GPSTime", "") : Vorlap::StrongPtr<Tessal::Field>();
+  auto times = grid ? (*grid)(schema::kGPSTime, "") : Vorlap::StrongPtr<Tessal::Field>();
   if (!times) return;
   auto ids = times->getFragmentIDCollection();
   for (std::size_t f = 0; f < ids->size(); ++f) {
@@ -23,7 +27,7 @@ void addFragmentSizes(const Vorlap::StrongPtr<Tessal::Grid>& grid, WaveCounts& c
 std::uint64_t WaveCounts::before(unsigned fragment) const {
   std::uint64_t sum = 0;
   for (unsigned f = 0; f < fragment; ++f) {
-    auto it = perFragment.find("Fragment_" + std::to_string(f));
+    auto it = perFragment.find(schema::fragmentName(f));
     if (it != perFragment.end()) sum += it->second;
   }
   return sum;
@@ -34,8 +38,8 @@ WaveCounts countWaves(const Tessal::BundlePtr& input) {
   double t = 0.0;
   auto slice = (*input.get())(t);
   if (!slice) return counts;
-  addFragmentSizes((*slice)("Waveforms"), counts);
-  addFragmentSizes((*slice)("OPP"), counts);
+  addFragmentSizes((*slice)(schema::kWaveformsGrid), counts);
+  addFragmentSizes((*slice)(schema::kOnlineGrid), counts);
   return counts;
 }
 

@@ -4,9 +4,12 @@
 
 #include "sim/Scoring.hpp"
 #include "sim/SurveyBundle.hpp"
+#include "tessal/Schema.hpp"
 #include "waveform/ScannerDevice.hpp"
 
 namespace quillo::sim {
+
+namespace schema = Tessal::schema;
 
 namespace {
 
@@ -42,7 +45,7 @@ std::vector<T> readAll(const StrongPtr<Tessal::Grid>& g, const std::string& name
 }
 
 double lightSpeedOf(Tessal::BundlePtr& b) {
-  auto shots = gridOf(b, "Shots");
+  auto shots = gridOf(b, schema::kShotsGrid);
   auto raw = shots ? shots->attributes().getAttribute(FullWaveform::ScannerAttribute::LightSpeed)
                    : nullptr;
   auto chunk = Vorlap::dynamicPtrCast<Vorlap::Chunk<double>>(raw);
@@ -53,14 +56,14 @@ double lightSpeedOf(Tessal::BundlePtr& b) {
 
 SurveyTruth truthOf(Tessal::BundlePtr& b, const std::string& file) {
   SurveyTruth t;
-  t.shotTimes = readAll<double>(gridOf(b, "Shots"), "GPSTime");
+  t.shotTimes = readAll<double>(gridOf(b, schema::kShotsGrid), schema::kGPSTime);
   if (t.shotTimes.empty())
     throw std::runtime_error(file + ": no shots (is it a simulated survey?)");
   t.lightSpeed = lightSpeedOf(b);
   if (!(t.lightSpeed > 0.0))
     throw std::runtime_error(file + ": Shots attribute \"LightSpeed\" missing or not positive");
   namespace T = TruthField;
-  const auto truth = gridOf(b, "Truth");
+  const auto truth = gridOf(b, kTruthGrid);
   const auto emitter = readAll<std::uint32_t>(truth, T::EchoEmitter);
   const auto zone = readAll<std::uint8_t>(truth, T::EchoZone);
   const auto range = readAll<double>(truth, T::EchoRange);
@@ -89,10 +92,10 @@ SurveyTruth readTruth(const std::string& file) {
 
 std::vector<ScoredPoint> pointsOf(const Vorlap::StrongPtr<Tessal::Grid>& fwf,
                                   const std::string& file) {
-  const auto times = readAll<double>(fwf, "GPSTime");
-  const auto zones = readAll<std::uint8_t>(fwf, "MTA");
-  const auto ranges = readAll<double>(fwf, "Range");
-  const auto classes = readAll<std::uint8_t>(fwf, "Classification");
+  const auto times = readAll<double>(fwf, schema::kGPSTime);
+  const auto zones = readAll<std::uint8_t>(fwf, schema::kMTA);
+  const auto ranges = readAll<double>(fwf, schema::kRange);
+  const auto classes = readAll<std::uint8_t>(fwf, schema::kClassification);
   if (times.size() != zones.size() || ranges.size() != zones.size() ||
       classes.size() != zones.size())
     throw std::runtime_error(file + ": GPSTime, MTA, Range and Classification differ in length");
@@ -107,7 +110,7 @@ ZoneScoreReport scoreOutputs(const std::vector<std::string>& outputs,
   ZoneScorer scorer(readTruth(truthFile));
   for (const auto& file : outputs) {
     auto b = loadFile(file);
-    scorer.add(pointsOf(gridOf(b, "FWF"), file));
+    scorer.add(pointsOf(gridOf(b, schema::kResultGrid), file));
   }
   return scorer.finish();
 }

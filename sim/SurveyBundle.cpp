@@ -7,9 +7,12 @@
 
 #include "geo/CoordinateSystem.hpp"
 #include "sim/FragmentSimulation.hpp"
+#include "tessal/Schema.hpp"
 #include "waveform/ScannerDevice.hpp"
 
 namespace quillo::sim {
+
+namespace schema = Tessal::schema;
 
 namespace {
 
@@ -114,38 +117,39 @@ std::vector<FieldEntry> fieldEntries(std::uint32_t samplesPerRow) {
   using E = Tessal::ElementType;
   using D = FragmentData;
   namespace T = TruthField;
-  return {{"Shots", "GPSTime", E::Double, vectorField(&D::shotTime)},
-          {"Shots", "Positions", E::Point, vectorField(&D::origin)},
-          {"Shots", "Waveforms.DirectionDelta", E::Vector, vectorField(&D::direction)},
-          {"Waveforms", "GPSTime", E::Double, vectorField(&D::rowTime)},
-          {"Waveforms", "FWFLength", E::UInt16, vectorField(&D::length)},
-          {"Waveforms", "Waveforms", E::UInt16, waveformSamples(samplesPerRow)},
-          {"Waveforms", "Channel", E::UInt8, vectorField(&D::rowChannel)},
-          {"Waveforms", "SBL_Time", E::Double, vectorField(&D::sblTime)},
-          {"OPP", "GPSTime", E::Double, vectorField(&D::oppTime)},
-          {"OPP", "Range", E::Double, vectorField(&D::oppRange)},
-          {"OPP", "Amplitude", E::Float, vectorField(&D::oppAmplitude)},
-          {"OPP", "Channel", E::UInt8, vectorField(&D::oppChannel)},
-          {"OPP", "Reflectance", E::Float, vectorField(&D::oppReflectance)},
-          {"Truth", T::RowEmitter, E::UInt32, vectorField(&D::rowEmitter)},
-          {"Truth", T::RowZone, E::UInt8, vectorField(&D::rowZone)},
-          {"Truth", T::RowRange, E::Double, vectorField(&D::rowRange)},
-          {"Truth", T::RowTarget, E::UInt8, vectorField(&D::rowTarget)},
-          {"Truth", T::OnlineEmitter, E::UInt32, vectorField(&D::oppEmitter)},
-          {"Truth", T::OnlineZone, E::UInt8, vectorField(&D::oppZone)},
-          {"Truth", T::OnlineRange, E::Double, vectorField(&D::oppTrueRange)},
-          {"Truth", T::OnlineTarget, E::UInt8, vectorField(&D::oppTarget)},
-          {"Truth", T::EchoEmitter, E::UInt32, vectorField(&D::echoEmitter)},
-          {"Truth", T::EchoZone, E::UInt8, vectorField(&D::echoZone)},
-          {"Truth", T::EchoRange, E::Double, vectorField(&D::echoRange)},
-          {"Truth", T::EchoTarget, E::UInt8, vectorField(&D::echoTarget)},
-          {"Truth", T::EchoRecorded, E::UInt8, vectorField(&D::echoRecorded)}};
+  return {
+      {schema::kShotsGrid, schema::kGPSTime, E::Double, vectorField(&D::shotTime)},
+      {schema::kShotsGrid, schema::kPositions, E::Point, vectorField(&D::origin)},
+      {schema::kShotsGrid, schema::kDirectionDelta, E::Vector, vectorField(&D::direction)},
+      {schema::kWaveformsGrid, schema::kGPSTime, E::Double, vectorField(&D::rowTime)},
+      {schema::kWaveformsGrid, schema::kFWFLength, E::UInt16, vectorField(&D::length)},
+      {schema::kWaveformsGrid, schema::kWaveformSamples, E::UInt16, waveformSamples(samplesPerRow)},
+      {schema::kWaveformsGrid, schema::kChannel, E::UInt8, vectorField(&D::rowChannel)},
+      {schema::kWaveformsGrid, schema::kSBLTime, E::Double, vectorField(&D::sblTime)},
+      {schema::kOnlineGrid, schema::kGPSTime, E::Double, vectorField(&D::oppTime)},
+      {schema::kOnlineGrid, schema::kRange, E::Double, vectorField(&D::oppRange)},
+      {schema::kOnlineGrid, schema::kAmplitude, E::Float, vectorField(&D::oppAmplitude)},
+      {schema::kOnlineGrid, schema::kChannel, E::UInt8, vectorField(&D::oppChannel)},
+      {schema::kOnlineGrid, schema::kReflectance, E::Float, vectorField(&D::oppReflectance)},
+      {kTruthGrid, T::RowEmitter, E::UInt32, vectorField(&D::rowEmitter)},
+      {kTruthGrid, T::RowZone, E::UInt8, vectorField(&D::rowZone)},
+      {kTruthGrid, T::RowRange, E::Double, vectorField(&D::rowRange)},
+      {kTruthGrid, T::RowTarget, E::UInt8, vectorField(&D::rowTarget)},
+      {kTruthGrid, T::OnlineEmitter, E::UInt32, vectorField(&D::oppEmitter)},
+      {kTruthGrid, T::OnlineZone, E::UInt8, vectorField(&D::oppZone)},
+      {kTruthGrid, T::OnlineRange, E::Double, vectorField(&D::oppTrueRange)},
+      {kTruthGrid, T::OnlineTarget, E::UInt8, vectorField(&D::oppTarget)},
+      {kTruthGrid, T::EchoEmitter, E::UInt32, vectorField(&D::echoEmitter)},
+      {kTruthGrid, T::EchoZone, E::UInt8, vectorField(&D::echoZone)},
+      {kTruthGrid, T::EchoRange, E::Double, vectorField(&D::echoRange)},
+      {kTruthGrid, T::EchoTarget, E::UInt8, vectorField(&D::echoTarget)},
+      {kTruthGrid, T::EchoRecorded, E::UInt8, vectorField(&D::echoRecorded)}};
 }
 
 void setScannerAttributes(Tessal::Slice& slice, const Survey& survey) {
   namespace A = FullWaveform::ScannerAttribute;
   const SurveyConfig& c = survey.config();
-  auto& shots = slice.makeGrid("Shots")->attributes();
+  auto& shots = slice.makeGrid(schema::kShotsGrid)->attributes();
   const auto& toMap = survey.scannerToMap();
   shots.setAttribute(A::ScannerToMap,
                      Vorlap::makeChunk<double>(std::vector<double>(toMap.begin(), toMap.end())));
@@ -162,7 +166,7 @@ void setScannerAttributes(Tessal::Slice& slice, const Survey& survey) {
   if (!c.coordinateSystem.empty())
     shots.setAttribute(geo::kCoordinateSystemAttribute,
                        Vorlap::makeChunk<std::string>({c.coordinateSystem}));
-  slice.makeGrid("Waveforms")
+  slice.makeGrid(schema::kWaveformsGrid)
       ->attributes()
       .setAttribute(A::SampleInterval, Vorlap::makeChunk<double>({c.sampleInterval}));
 }
@@ -177,10 +181,10 @@ Tessal::BundlePtr surveyBundle(const SurveyConfig& config, SurveyProgress progre
   const std::uint32_t fragments = cache->survey().fragmentCount();
   for (const auto& entry : fieldEntries(config.samplesPerRow)) {
     auto rep =
-        slice->makeGrid(entry.grid)->makeCartesianRepresentation(3, "ScannerCoordinateSystem", 0);
+        slice->makeGrid(entry.grid)->makeCartesianRepresentation(3, schema::kScannerChart, 0);
     StrongPtr<Tessal::Field> field = rep->makeField(rep->makeFieldID(entry.field), {}, {});
     for (std::uint32_t f = 0; f < fragments; ++f) {
-      auto id = field->makeFragmentID("Fragment_" + std::to_string(f));
+      auto id = field->makeFragmentID(schema::fragmentName(f));
       auto creator = Vorlap::makeStrong<SimulatedCreator>(cache, f, entry.type, entry.extract);
       creator->enableCaching(false);
       field->setCreator(id, creator);

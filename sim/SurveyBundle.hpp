@@ -11,6 +11,9 @@
 
 namespace quillo::sim {
 
+// The grid of the simulator's truth, next to the module's input grids.
+inline constexpr const char* kTruthGrid = "Truth";
+
 // Names of the truth fields (grid "Truth": aligned with the rows of "Waveforms", with the
 // records of "OPP", and one list of every echo).
 namespace TruthField {

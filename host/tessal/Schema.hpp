@@ -12,6 +12,8 @@ namespace Tessal::schema {
 inline constexpr const char* kShotsGrid = "Shots";
 inline constexpr const char* kWaveformsGrid = "Waveforms";
 inline constexpr const char* kOnlineGrid = "OPP";
+// The grid of a run's result: its points.
+inline constexpr const char* kResultGrid = "FWF";
 
 // The representation (chart) every output field and the shots' positions live in.
 inline constexpr const char* kScannerChart = "ScannerCoordinateSystem";
