@@ -13,6 +13,7 @@
 #include "output/PointCloud.hpp"
 #include "sim/SurveyBundle.hpp"
 #include "store/WaveExtraction.hpp"
+#include "tessal/Schema.hpp"
 #include "zones/ResolveMTA.hpp"
 #include "zones/ZoneAssignment.hpp"
 #include "zones/ZoneInit.hpp"
@@ -87,7 +88,7 @@ int main(int argc, char** argv) {
     stages.lap("5 classify+split");
     // Fresh grids per fragment: memory shows what the module needs, not the outputs' size.
     for (auto* list : {&lists.first, &lists.second}) {
-      auto grid = Vorlap::makeStrong<Tessal::Grid>("FWF");
+      auto grid = Vorlap::makeStrong<Tessal::Grid>(Tessal::schema::kResultGrid);
       makePointCloud(fb, *list, grid, ids, in);
     }
     stages.lap("6 makePointCloud");

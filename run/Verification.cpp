@@ -25,7 +25,7 @@ std::string successfullyConverted(const std::string& fileName, const bool& compa
   Tessal::Bundle::load(loaded, Tessal::LoaderParameters({fileName}), bundle);
   if (!loaded) return "Not loadable: " + fileName;
   auto slice = (*bundle.create())[0.0];
-  auto grid = (*slice)("FWF");
+  auto grid = (*slice)(schema::kResultGrid);
   if (!grid) return "No FWF-Grid: " + fileName;
   auto mapPositions = positionsOf(*grid, "StandardCartesianChart3D");
   if (!mapPositions) return "No StandarCartesian-Positions: " + fileName;
