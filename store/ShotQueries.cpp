@@ -28,6 +28,18 @@ bool FatBoy<T>::resolveShot(std::uint32_t s, CarriedShot& out) const {
   return true;
 }
 
+// A wave whose time changed since iniMTA is searched for again.
+template <class T>
+ShotTimeIndex::const_iterator FatBoy<T>::recordingShotOf(const unsigned& i) const {
+  const double time = wavePoints[i]->waveTime;
+  if (i < recordingShot.size()) {
+    const auto it = recordingShot[i];
+    if (it != shotEnd && it->first == time) return it;
+  }
+  const auto it = shotTimeIndex.lower_bound(time);
+  return it != shotEnd && it->first == time ? it : shotEnd;
+}
+
 template <class T>
 double FatBoy<T>::getShotTime(const unsigned& i) const {
   CarriedShot shot;
@@ -64,8 +76,8 @@ void FatBoy<T>::getLengthAccordingMTA(const unsigned& i, const int& dir, const u
                                       const double& threshold) const {
   if (i >= wavePoints.size() || !wavePoints[i] || shotTimeIndex.empty()) return;
   const auto& wave = *wavePoints[i];
-  auto it = shotTimeIndex.lower_bound(wave.waveTime);
-  if (it == shotEnd || it->first != wave.waveTime) return;
+  auto it = recordingShotOf(i);
+  if (it == shotEnd) return;
   if (dir < 0) {
     if (it == firstShot) return;
     --it;
@@ -91,6 +103,8 @@ template double FatBoy<unsigned short>::getLength(const unsigned&, const double&
 template void FatBoy<unsigned short>::getLengthAccordingMTA(const unsigned&, const int&,
                                                             const unsigned&, const double&, double*,
                                                             const double&) const;
+template ShotTimeIndex::const_iterator FatBoy<unsigned short>::recordingShotOf(
+    const unsigned&) const;
 template bool FatBoy<unsigned short>::resolveShot(std::uint32_t, CarriedShot&) const;
 
 }  // namespace FullWaveform

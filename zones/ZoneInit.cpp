@@ -54,6 +54,7 @@ struct ShotTimeFaults {
 template <class T>
 bool FatBoy<T>::iniMTA() {
   nWaves = static_cast<std::uint32_t>(wavePoints.size());
+  recordingShot.clear();
   if (nWaves <= 2) return false;
   const auto& times = *SHOT->arrays.GPSTime;
   const std::size_t count = times.size();
@@ -73,9 +74,11 @@ bool FatBoy<T>::iniMTA() {
   shotIndex.resize(nWaves);
   for (std::uint32_t i = 0; i < nWaves; ++i) shotIndex[i] = i;
   std::uint32_t unmatched = 0;
+  recordingShot.assign(nWaves, shotTimeIndex.end());
   for (std::uint32_t i = 0; i < nWaves; ++i) {
     if (!wavePoints[i]) continue;
     auto it = shotTimeIndex.find(wavePoints[i]->waveTime);
+    recordingShot[i] = it;
     if (it == shotTimeIndex.end())
       ++unmatched;
     else
@@ -97,13 +100,12 @@ bool FatBoy<T>::iniMTA() {
 
 template <class T>
 void FatBoy<T>::setMTA(const unsigned& i, const int& zone, const double& ratio) {
-  const double t = wavePoints[i] ? wavePoints[i]->waveTime : 0.0;
   if (zone < 0) {
     mta[i] = zone;
     return;
   }
-  auto it = shotTimeIndex.lower_bound(t);
-  const bool found = it != shotEnd && it->first == t;
+  auto it = wavePoints[i] ? recordingShotOf(i) : shotTimeIndex.find(0.0);
+  const bool found = it != shotEnd;
   if (!(ratio < 0.98)) certainMTA[i] = false;
   if (!found) {
     mta[i] = -1;
