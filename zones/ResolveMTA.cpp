@@ -28,9 +28,10 @@ ZoneRange dominantZoneRange(FatBoy<unsigned short>& fb, std::uint32_t bs, std::i
   std::array<std::uint32_t, kAllZones> histogram{};
   const std::int64_t step = std::int64_t(std::ceil(double(nBlocks) * 0.01));
   std::vector<std::uint32_t> buffer(bs);
+  BlockWorkspace workspace;
   for (std::int64_t b = 0; b < nBlocks; b += step) {
     for (std::uint32_t k = 0; k < bs; ++k) buffer[k] = std::uint32_t(b) * bs + k;
-    const BlockResult r = evaluateBlockMTA(buffer, std::int32_t(b), fb, 0, kAllZones);
+    const BlockResult& r = evaluateBlock(buffer, fb, 0, kAllZones, workspace);
     if (r.ratio < 0.98 && r.zone >= 0 && r.zone <= 7) histogram[r.zone] += 1;
   }
   return zoneRangeAround(histogram);
@@ -72,6 +73,7 @@ std::size_t fillBuffer(const FatBoy<unsigned short>& fb, std::uint32_t start, st
 
 void blockPass(FatBoy<unsigned short>& fb, std::uint32_t bs, std::int64_t nBlocks, ZoneRange zr) {
   std::vector<std::uint32_t> buffer(4 * std::size_t(bs));
+  BlockWorkspace workspace;
   std::int64_t pending = -1;
   for (std::int64_t b = 0; b < nBlocks; ++b) {
     std::uint32_t start = std::uint32_t(b) * bs, end = start + bs;
@@ -85,7 +87,7 @@ void blockPass(FatBoy<unsigned short>& fb, std::uint32_t bs, std::int64_t nBlock
       }
     }
     const std::size_t own = fillBuffer(fb, start, end, buffer);
-    const BlockResult r = evaluateBlockMTA(buffer, std::int32_t(b), fb, zr.minZone, zr.maxZone);
+    const BlockResult& r = evaluateBlock(buffer, fb, zr.minZone, zr.maxZone, workspace);
     for (std::size_t k = 0; k < own; ++k)
       if (r.zones[k] >= 0) fb.setMTA(buffer[k], r.zones[k], r.ratio);
   }

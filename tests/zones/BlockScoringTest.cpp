@@ -37,7 +37,9 @@ TEST(BlockScoring, MeanSquaredStepOfValidEntries) {
   ZoneScore score = scoreMTAZones(firstN(4), 0, 1, s.fb(), std::vector<std::int32_t>(4, 0));
   EXPECT_EQ(score.zone, 0);
   EXPECT_NEAR(score.score, 2.5e-14, 1e-26);
-  EXPECT_EQ(score.at(1, 0), NO_LENGTH);
+  CandidateRows rows;
+  fillCandidateRows(firstN(4), 1, s.fb(), rows);
+  EXPECT_EQ(rows.at(1, 0, 0), NO_LENGTH);
 }
 
 TEST(BlockScoring, TiesGoToTheLowerZoneAndEmptyRangesGiveNoZone) {
