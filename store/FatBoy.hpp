@@ -128,7 +128,9 @@ class QUILLO_API FatBoy {
   std::vector<CarriedShot> pendingCarry;
 
  private:
-  bool resolveShot(std::uint32_t s, CarriedShot& out) const;
+  // One attribute of shot s: from this fragment's Shots arrays or from a carried shot.
+  template <class V>
+  bool readShot(std::uint32_t s, Array1<V> SHOT_Data::*array, V CarriedShot::*member, V& out) const;
   // The index entry whose time is the wave's time, else shotEnd.
   ShotTimeIndex::const_iterator recordingShotOf(const unsigned& i) const;
 };

@@ -55,6 +55,41 @@ void fillCandidateRows(const std::vector<std::uint32_t>& buffer, std::uint32_t m
   }
 }
 
+void fillWaveRows(const FatBoy<unsigned short>& fb, std::uint32_t columns,
+                  CandidateRows& waveRows) {
+  waveRows.columns = columns;
+  waveRows.values.assign(std::size_t(fb.nWaves) * columns, NO_LENGTH);
+  const double minAmplitude = fb.scannerDevice.minAmplitude;
+  for (std::uint32_t w = 0; w < fb.nWaves; ++w) {
+    if (!contributes(fb, w)) continue;
+    fb.getLengthAccordingMTA(w, 0, columns, fb.maxTravelTime,
+                             &waveRows.values[std::size_t(w) * columns], minAmplitude);
+  }
+}
+
+namespace {
+
+// The first maxZone + 1 columns of each buffer wave's row: the same values a walk of that
+// length gives.
+void copyCandidateRows(const std::vector<std::uint32_t>& buffer, std::uint32_t maxZone,
+                       const CandidateRows& waveRows, CandidateRows& rows) {
+  rows.columns = maxZone + 1;
+  rows.values.resize(buffer.size() * rows.columns);
+  const std::size_t nWaves = waveRows.values.size() / waveRows.columns;
+  double* out = rows.values.data();
+  for (std::uint32_t w : buffer) {
+    if (w < nWaves) {
+      const double* row = &waveRows.values[std::size_t(w) * waveRows.columns];
+      std::copy(row, row + rows.columns, out);
+    } else {
+      std::fill(out, out + rows.columns, NO_LENGTH);
+    }
+    out += rows.columns;
+  }
+}
+
+}  // namespace
+
 ZoneScore scoreZones(const CandidateRows& rows, std::size_t count, std::uint32_t minZone,
                      std::uint32_t maxZone, std::span<const std::int32_t> shift) {
   ZoneScore s;
@@ -94,7 +129,10 @@ const BlockResult& evaluateBlock(const std::vector<std::uint32_t>& buffer,
                                  FatBoy<unsigned short>& fb, std::uint32_t minZone,
                                  std::uint32_t maxZone, BlockWorkspace& ws) {
   const std::size_t n = buffer.size();
-  fillCandidateRows(buffer, maxZone, fb, ws.rows);
+  if (ws.waveRows.columns > maxZone)
+    copyCandidateRows(buffer, maxZone, ws.waveRows, ws.rows);
+  else
+    fillCandidateRows(buffer, maxZone, fb, ws.rows);
   const ZoneScore first = scoreZones(ws.rows, n, minZone, maxZone, {});
   transitionShift(ws.rows, n, 0.2 * fb.scannerDevice.getMTALengthAsTime(), ws.sortedLengths,
                   ws.shift);

@@ -48,8 +48,11 @@ struct TransitionTest {
 };
 
 // What scoring a block needs besides the store, kept from block to block so that the block
-// pass allocates nothing once the first block has sized it.
+// pass allocates nothing once the first block has sized it. `waveRows` holds the candidates
+// of every wave of the fragment (row = wave index), walked once: a wave takes part in the
+// blocks of up to four scan lines.
 struct BlockWorkspace {
+  CandidateRows waveRows;
   CandidateRows rows;
   std::vector<double> sortedLengths;
   std::vector<std::int32_t> shift;
@@ -59,6 +62,10 @@ struct BlockWorkspace {
 // Rows of maxZone + 1 candidates for the buffer's waves.
 void fillCandidateRows(const std::vector<std::uint32_t>& buffer, std::uint32_t maxZone,
                        const FatBoy<unsigned short>& fatBoy, CandidateRows& rows);
+
+// Rows of `columns` candidates for every wave of the fragment, for evaluateBlock.
+void fillWaveRows(const FatBoy<unsigned short>& fatBoy, std::uint32_t columns,
+                  CandidateRows& waveRows);
 
 // Scores zones minZone to maxZone - 1 over the first `count` rows; `shift` holds 0 or -1
 // per row (empty: all 0).
@@ -71,7 +78,8 @@ void transitionShift(const CandidateRows& rows, std::size_t count, double thresh
                      std::vector<double>& sortedLengths, std::vector<std::int32_t>& shift);
 
 // Scores the block with and without the transition shift and gives the zones of the better
-// one; the result lives in the workspace until its next use.
+// one; the result lives in the workspace until its next use. Reads the workspace's wave rows
+// when they have more than maxZone columns, else walks the buffer's waves.
 const BlockResult& evaluateBlock(const std::vector<std::uint32_t>& buffer,
                                  FatBoy<unsigned short>& fatBoy, std::uint32_t minZone,
                                  std::uint32_t maxZone, BlockWorkspace& workspace);

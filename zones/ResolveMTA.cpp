@@ -24,11 +24,11 @@ std::int64_t blockCount(std::uint32_t nWaves, std::uint32_t blockSize) {
   return std::int64_t(std::ceil(double(nWaves) / double(blockSize)));
 }
 
-ZoneRange dominantZoneRange(FatBoy<unsigned short>& fb, std::uint32_t bs, std::int64_t nBlocks) {
+ZoneRange dominantZoneRange(FatBoy<unsigned short>& fb, std::uint32_t bs, std::int64_t nBlocks,
+                            BlockWorkspace& workspace) {
   std::array<std::uint32_t, kAllZones> histogram{};
   const std::int64_t step = std::int64_t(std::ceil(double(nBlocks) * 0.01));
   std::vector<std::uint32_t> buffer(bs);
-  BlockWorkspace workspace;
   for (std::int64_t b = 0; b < nBlocks; b += step) {
     for (std::uint32_t k = 0; k < bs; ++k) buffer[k] = std::uint32_t(b) * bs + k;
     const BlockResult& r = evaluateBlock(buffer, fb, 0, kAllZones, workspace);
@@ -71,9 +71,9 @@ std::size_t fillBuffer(const FatBoy<unsigned short>& fb, std::uint32_t start, st
   return own;
 }
 
-void blockPass(FatBoy<unsigned short>& fb, std::uint32_t bs, std::int64_t nBlocks, ZoneRange zr) {
+void blockPass(FatBoy<unsigned short>& fb, std::uint32_t bs, std::int64_t nBlocks, ZoneRange zr,
+               BlockWorkspace& workspace) {
   std::vector<std::uint32_t> buffer(4 * std::size_t(bs));
-  BlockWorkspace workspace;
   std::int64_t pending = -1;
   for (std::int64_t b = 0; b < nBlocks; ++b) {
     std::uint32_t start = std::uint32_t(b) * bs, end = start + bs;
@@ -106,8 +106,12 @@ std::string resolveMTA(FatBoy<unsigned short>& fb) {
   buildTransitionTables(fb);
   const std::uint32_t bs = blockSizeOf(fb);
   const std::int64_t nBlocks = blockCount(fb.nWaves, bs);
-  const ZoneRange zr = nBlocks > 0 ? dominantZoneRange(fb, bs, nBlocks) : ZoneRange{0, 3};
-  blockPass(fb, bs, nBlocks, zr);
+  BlockWorkspace workspace;
+  // The sampling pass scores every zone: one column more serves the shifted rows.
+  if (nBlocks > 0) fillWaveRows(fb, kAllZones + 1, workspace.waveRows);
+  const ZoneRange zr =
+      nBlocks > 0 ? dominantZoneRange(fb, bs, nBlocks, workspace) : ZoneRange{0, 3};
+  blockPass(fb, bs, nBlocks, zr, workspace);
   return "";
 }
 
