@@ -112,13 +112,22 @@ ZoneScore scoreZones(const CandidateRows& rows, std::size_t count, std::uint32_t
 void transitionShift(const CandidateRows& rows, std::size_t count, double threshold,
                      std::vector<double>& sortedLengths, std::vector<std::int32_t>& shift) {
   sortedLengths.clear();
-  for (std::size_t k = 0; k < count; ++k)
-    if (isValidLength(rows.at(k, 0, 0))) sortedLengths.push_back(rows.at(k, 0, 0));
+  double low = 0.0, high = 0.0;
+  for (std::size_t k = 0; k < count; ++k) {
+    const double v = rows.at(k, 0, 0);
+    if (!isValidLength(v)) continue;
+    low = sortedLengths.empty() ? v : std::min(low, v);
+    high = sortedLengths.empty() ? v : std::max(high, v);
+    sortedLengths.push_back(v);
+  }
+  shift.assign(count, 0);
+  // No step between sorted neighbours exceeds the whole span (rounding is monotonic): most
+  // blocks lie within one zone and need no sort.
+  if (high - low <= threshold) return;
   std::sort(sortedLengths.begin(), sortedLengths.end());
   TransitionTest test{threshold};
   for (std::size_t p = 1; p < sortedLengths.size(); ++p)
     test(sortedLengths[p - 1], sortedLengths[p], std::int32_t(p));
-  shift.assign(count, 0);
   if (test.transition < 0) return;
   const double cut = sortedLengths[std::size_t(test.transition)];
   for (std::size_t k = 0; k < count; ++k)
