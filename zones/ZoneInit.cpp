@@ -75,14 +75,18 @@ bool FatBoy<T>::iniMTA() {
   for (std::uint32_t i = 0; i < nWaves; ++i) shotIndex[i] = i;
   std::uint32_t unmatched = 0;
   recordingShot.assign(nWaves, shotTimeIndex.end());
+  // Waves come in time order: each search starts from the previous wave's shot.
+  auto from = shotTimeIndex.begin();
   for (std::uint32_t i = 0; i < nWaves; ++i) {
     if (!wavePoints[i]) continue;
-    auto it = shotTimeIndex.find(wavePoints[i]->waveTime);
-    recordingShot[i] = it;
-    if (it == shotTimeIndex.end())
+    const double time = wavePoints[i]->waveTime;
+    auto it = shotTimeIndex.lowerBoundFrom(from, time);
+    if (it == shotTimeIndex.end() || it->first != time) {
       ++unmatched;
-    else
-      shotIndex[i] = it->second;
+      continue;
+    }
+    recordingShot[i] = from = it;
+    shotIndex[i] = it->second;
   }
   faults.report(fragmentPlace(input->inputFileName, fragmentName));
   // Such waves get no zone later on and are dropped; the count tells why points are missing.
