@@ -1,7 +1,7 @@
 // Zone state of a fragment: iniMTA extends the run-long shot-time index and gives every
 // wave zone 0, its recording shot and certainty; setMTA is the one writer of zones. Reads
-// the waves and the Shots arrays; writes nWaves, shotTimeIndex, mta, shotIndex, certainMTA,
-// maxTravelTime and the carried shots.
+// the waves and the Shots arrays; writes nWaves, shotTimeIndex, recordingShot, mta, shotIndex,
+// certainMTA, maxTravelTime and the carried shots.
 #include <algorithm>
 #include <cmath>
 #include <limits>
