@@ -3,7 +3,8 @@
 #include "classify/NoiseClassification.hpp"
 
 #include <cmath>
-#include <map>
+
+#include "store/KeyedOrder.hpp"
 
 namespace FullWaveform {
 
@@ -43,21 +44,32 @@ void removeDuplicates(FatBoy<unsigned short>& fb, std::uint32_t o, std::uint32_t
   }
 }
 
-void removeDuplicateOnlineEchoes(FatBoy<unsigned short>& fb) {
-  std::map<double, std::vector<std::uint32_t>> byShot;
+// The waveform waves by the time of their shot, in wave order within a shot.
+std::vector<Keyed<std::uint32_t>> waveformWavesByShot(const FatBoy<unsigned short>& fb) {
+  std::vector<Keyed<std::uint32_t>> byShot;
+  byShot.reserve(fb.nWaves);
   for (std::uint32_t f = 0; f < fb.nWaves; ++f) {
     const auto& w = fb.wavePoints[f];
-    if (w && !w->amplitudeExempt) byShot[fb.getShotTime(f)].push_back(f);
+    if (!w || w->amplitudeExempt) continue;
+    const double shot = fb.getShotTime(f);
+    // A shot time that is not a number matches no other wave's shot.
+    if (!std::isnan(shot)) byShot.push_back({shot, f});
   }
+  stableOrderByKey(byShot);
+  return byShot;
+}
+
+void removeDuplicateOnlineEchoes(FatBoy<unsigned short>& fb) {
+  const auto byShot = waveformWavesByShot(fb);
   for (std::uint32_t o = 0; o < fb.nWaves; ++o) {
     auto& w = fb.wavePoints[o];
     if (!w || !w->amplitudeExempt) continue;
-    auto group = byShot.find(fb.getShotTime(o));
-    if (group == byShot.end()) continue;
+    const auto group = entriesWithKey(byShot, fb.getShotTime(o));
+    if (group.empty()) continue;
     const double lo = fb.getLength(o, w->timeOffset);
-    for (std::uint32_t f : group->second) {
+    for (const auto& f : group) {
       if (w->echoes.empty()) break;
-      removeDuplicates(fb, o, f, lo);
+      removeDuplicates(fb, o, f.value, lo);
     }
     if (w->echoes.empty()) w.reset();
   }

@@ -3,10 +3,9 @@
 // the returns of each shot and saves the arrays into the output grid.
 #include "output/PointCloud.hpp"
 
+#include <algorithm>
 #include <cmath>
-#include <map>
 #include <numbers>
-#include <unordered_map>
 
 #include "output/Reflectance.hpp"
 #include "tessal/Schema.hpp"
@@ -19,7 +18,13 @@ namespace {
 
 using Gemwold::PhysicalSpace::point;
 using Gemwold::PhysicalSpace::vector;
-using ShotReturns = std::unordered_map<double, std::map<double, std::uint32_t>>;
+
+// A point that takes part in the numbering of its shot's returns.
+struct ShotReturn {
+  double time, range;
+  std::uint32_t point;
+};
+using ShotReturns = std::vector<ShotReturn>;
 
 // What one wave contributes to all of its points.
 struct WaveContext {
@@ -52,12 +57,11 @@ class PointWriter {
 
   void writeWave(const WaveContext& w) {
     const auto& wave = *fb_.wavePoints[w.index];
-    auto& shot = shots_[std::isnan(w.time) ? 0.0 : w.time];
     for (const EchoPoint& e : wave.echoes) {
       writeEcho(w, wave, e);
       // A NaN time or range cannot be ordered: such a point keeps return 1 of 1.
       const double range = fb_.pointSlots.Range.data->get(p_);
-      if (!std::isnan(w.time) && !std::isnan(range)) shot[range] = p_;
+      if (!std::isnan(w.time) && !std::isnan(range)) shots_.push_back({w.time, range, p_});
       ++p_;
       ++ids_;
     }
@@ -124,16 +128,37 @@ void PointWriter::writeWaveform(const WaveContext& w, const EchoPoint& e) {
   p.FWFLength.data->set(p_, static_cast<std::uint16_t>(nSamples));
 }
 
-// Ranks the points of each shot by range; false when a shot has more than 255 of them.
-bool numberReturns(FatBoy<unsigned short>& fb, const ShotReturns& shots) {
+bool earlierReturn(const ShotReturn& a, const ShotReturn& b) {
+  return a.time < b.time || (a.time == b.time && a.range < b.range);
+}
+
+// Numbers one shot's returns [begin, end), ordered by range, nearest first. Of points at
+// the same range only the last one written counts; the others keep return 1 of 1.
+bool numberShot(FatBoy<unsigned short>& fb, const ShotReturn* begin, const ShotReturn* end) {
+  std::size_t distinct = 0;
+  for (const ShotReturn* r = begin; r != end; ++r)
+    if (r + 1 == end || r[1].range != r->range) ++distinct;
+  if (distinct > 255) return false;
   auto& p = fb.pointSlots;
-  for (const auto& [time, byRange] : shots) {
-    std::uint32_t k = 1;
-    for (const auto& [range, point] : byRange) {
-      p.ReturnNumber.data->set(point, std::uint8_t(k++));
-      p.NumberOfReturns.data->set(point, std::uint8_t(byRange.size()));
-    }
-    if (byRange.size() > 255) return false;
+  std::uint32_t k = 1;
+  for (const ShotReturn* r = begin; r != end; ++r) {
+    if (r + 1 != end && r[1].range == r->range) continue;
+    p.ReturnNumber.data->set(r->point, std::uint8_t(k++));
+    p.NumberOfReturns.data->set(r->point, std::uint8_t(distinct));
+  }
+  return true;
+}
+
+// Ranks the points of each shot by range; false when a shot has more than 255 of them.
+bool numberReturns(FatBoy<unsigned short>& fb, ShotReturns& returns) {
+  // Stable: points of one shot at one range stay in writing order.
+  if (!std::is_sorted(returns.begin(), returns.end(), earlierReturn))
+    std::stable_sort(returns.begin(), returns.end(), earlierReturn);
+  const ShotReturn* all = returns.data();
+  for (std::size_t first = 0, next = 0; first < returns.size(); first = next) {
+    next = first + 1;
+    while (next < returns.size() && returns[next].time == returns[first].time) ++next;
+    if (!numberShot(fb, all + first, all + next)) return false;
   }
   return true;
 }

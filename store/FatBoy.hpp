@@ -87,6 +87,9 @@ class QUILLO_API FatBoy {
   ShotTimeIndex::const_iterator firstShot;
   ShotTimeIndex::const_iterator lastShot;
   ShotTimeIndex::const_iterator shotEnd;
+  // The index entry of each wave's own recording shot as iniMTA found it (shotEnd when
+  // none), so that the zone walks need not search the index again.
+  std::vector<ShotTimeIndex::const_iterator> recordingShot;
   std::uint32_t nShots = 0;
   std::vector<std::int32_t> mta;
   std::vector<std::uint32_t> shotIndex;
@@ -125,7 +128,11 @@ class QUILLO_API FatBoy {
   std::vector<CarriedShot> pendingCarry;
 
  private:
-  bool resolveShot(std::uint32_t s, CarriedShot& out) const;
+  // One attribute of shot s: from this fragment's Shots arrays or from a carried shot.
+  template <class V>
+  bool readShot(std::uint32_t s, Array1<V> SHOT_Data::*array, V CarriedShot::*member, V& out) const;
+  // The index entry whose time is the wave's time, else shotEnd.
+  ShotTimeIndex::const_iterator recordingShotOf(const unsigned& i) const;
 };
 
 }  // namespace FullWaveform

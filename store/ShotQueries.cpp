@@ -11,51 +11,70 @@ namespace FullWaveform {
 using Gemwold::PhysicalSpace::point;
 using Gemwold::PhysicalSpace::vector;
 
+// Reads the one array a query needs: a wave's shot is looked up for every wave of every stage.
 template <class T>
-bool FatBoy<T>::resolveShot(std::uint32_t s, CarriedShot& out) const {
+template <class V>
+bool FatBoy<T>::readShot(std::uint32_t s, Array1<V> SHOT_Data::*array, V CarriedShot::*member,
+                         V& out) const {
   if (s < nShots) {
     const auto& a = SHOT->arrays;
     if (!a.GPSTime || !a.Positions || !a.DirectionDelta) return false;
-    out.time = a.GPSTime->get(s);
-    out.position = a.Positions->get(s);
-    out.direction = a.DirectionDelta->get(s);
+    out = (a.*array)->get(s);
     return true;
   }
   if ((s & kCarriedShotBit) == 0) return false;
   const std::uint32_t j = s & ~kCarriedShotBit;
   if (j >= carriedShots.size()) return false;
-  out = carriedShots[j];
+  out = carriedShots[j].*member;
   return true;
+}
+
+// A wave whose time changed since iniMTA is searched for again.
+template <class T>
+ShotTimeIndex::const_iterator FatBoy<T>::recordingShotOf(const unsigned& i) const {
+  const double time = wavePoints[i]->waveTime;
+  if (i < recordingShot.size()) {
+    const auto it = recordingShot[i];
+    if (it != shotEnd && it->first == time) return it;
+  }
+  const auto it = shotTimeIndex.lower_bound(time);
+  return it != shotEnd && it->first == time ? it : shotEnd;
 }
 
 template <class T>
 double FatBoy<T>::getShotTime(const unsigned& i) const {
-  CarriedShot shot;
-  if (i >= shotIndex.size() || !resolveShot(shotIndex[i], shot)) return 0.0;
-  return shot.time;
+  double time = 0.0;
+  if (i >= shotIndex.size() ||
+      !readShot(shotIndex[i], &SHOT_Data::GPSTime, &CarriedShot::time, time))
+    return 0.0;
+  return time;
 }
 
 template <class T>
 point FatBoy<T>::getBeamCoords(const unsigned& i) const {
-  CarriedShot shot;
-  if (i >= shotIndex.size() || !resolveShot(shotIndex[i], shot)) return point{};
-  return shot.position;
+  point position;
+  if (i >= shotIndex.size() ||
+      !readShot(shotIndex[i], &SHOT_Data::Positions, &CarriedShot::position, position))
+    return point{};
+  return position;
 }
 
 template <class T>
 vector FatBoy<T>::getDir(const unsigned& i) const {
-  CarriedShot shot;
-  if (i >= shotIndex.size() || !resolveShot(shotIndex[i], shot)) return vector{};
-  return shot.direction;
+  vector direction;
+  if (i >= shotIndex.size() ||
+      !readShot(shotIndex[i], &SHOT_Data::DirectionDelta, &CarriedShot::direction, direction))
+    return vector{};
+  return direction;
 }
 
 template <class T>
 double FatBoy<T>::getLength(const unsigned& i, const double& t) const {
   if (i >= wavePoints.size() || !wavePoints[i]) return NO_LENGTH;
   if (i >= mta.size() || mta[i] < 0) return NO_LENGTH;
-  CarriedShot shot;
-  if (!resolveShot(shotIndex[i], shot)) return NO_LENGTH;
-  return (wavePoints[i]->waveTime + t - shot.time) * 0.5;
+  double time = 0.0;
+  if (!readShot(shotIndex[i], &SHOT_Data::GPSTime, &CarriedShot::time, time)) return NO_LENGTH;
+  return (wavePoints[i]->waveTime + t - time) * 0.5;
 }
 
 template <class T>
@@ -64,8 +83,8 @@ void FatBoy<T>::getLengthAccordingMTA(const unsigned& i, const int& dir, const u
                                       const double& threshold) const {
   if (i >= wavePoints.size() || !wavePoints[i] || shotTimeIndex.empty()) return;
   const auto& wave = *wavePoints[i];
-  auto it = shotTimeIndex.lower_bound(wave.waveTime);
-  if (it == shotEnd || it->first != wave.waveTime) return;
+  auto it = recordingShotOf(i);
+  if (it == shotEnd) return;
   if (dir < 0) {
     if (it == firstShot) return;
     --it;
@@ -91,6 +110,7 @@ template double FatBoy<unsigned short>::getLength(const unsigned&, const double&
 template void FatBoy<unsigned short>::getLengthAccordingMTA(const unsigned&, const int&,
                                                             const unsigned&, const double&, double*,
                                                             const double&) const;
-template bool FatBoy<unsigned short>::resolveShot(std::uint32_t, CarriedShot&) const;
+template ShotTimeIndex::const_iterator FatBoy<unsigned short>::recordingShotOf(
+    const unsigned&) const;
 
 }  // namespace FullWaveform

@@ -178,6 +178,28 @@ ShotTimeIndex::const_iterator ShotTimeIndex::lower_bound(double time) const {
   return {this, ((lo - 1) << kBlockShift) + lowerBoundIn(lo - 1, time)};
 }
 
+// Times are strictly increasing: every entry before `from` is less than `time`. Gallops
+// forward, then halves the last step.
+ShotTimeIndex::const_iterator ShotTimeIndex::lowerBoundFrom(const_iterator from,
+                                                            double time) const {
+  std::size_t lo = from.at_;
+  if (from.index_ != this || lo >= size_ || !(entry(lo).first <= time)) return lower_bound(time);
+  if (!(entry(lo).first < time)) return {this, lo};
+  std::size_t step = 1, hi = lo + 1;  // entry(lo) < time; the answer lies in (lo, hi]
+  while (hi < size_ && entry(hi).first < time) {
+    lo = hi;
+    hi = std::min(size_, lo + (step *= 2));
+  }
+  while (hi - lo > 1) {
+    const std::size_t mid = lo + (hi - lo) / 2;
+    if (entry(mid).first < time)
+      lo = mid;
+    else
+      hi = mid;
+  }
+  return {this, hi};
+}
+
 std::size_t ShotTimeIndex::memoryBytes() const {
   std::size_t bytes = blocks_.capacity() * sizeof(Block);
   for (const Block& block : blocks_)

@@ -78,6 +78,9 @@ class QUILLO_API ShotTimeIndex {
   // The first entry whose time is not less than `time` (end() when none).
   const_iterator lower_bound(double time) const;
   const_iterator find(double time) const;
+  // lower_bound(time), searched forward from `from` when its time is not after `time` (else
+  // from the start): times that come in order cost a step or two each.
+  const_iterator lowerBoundFrom(const_iterator from, double time) const;
   // Heap bytes held (not counting the scratch file), for memory accounting.
   std::size_t memoryBytes() const;
   // Bytes set aside in the scratch file.

@@ -6,9 +6,9 @@
 #include <cmath>
 #include <filesystem>
 #include <limits>
-#include <map>
 
 #include "store/FragmentLoading.hpp"
+#include "store/KeyedOrder.hpp"
 #include "tessal/Schema.hpp"
 #include "waveform/OnlineEvaluation.hpp"
 #include "waveform/PeakDetection.hpp"
@@ -75,17 +75,19 @@ std::string iniWavePoints(FatBoy<unsigned short>& fb) {
 
 void mergeWavePoints(FatBoy<unsigned short>& fb, const WaveList& online,
                      const WaveList& fromWaveforms) {
-  struct Entry {
-    std::uint32_t source;
+  struct Source {
+    std::uint32_t index;
     bool fromWaveforms;
   };
-  std::map<double, std::vector<Entry>> byTime;
+  std::vector<Keyed<Source>> byTime;
+  byTime.reserve(fromWaveforms.size() + online.size());
   // A NaN time cannot be ordered (nor match a shot): such waves go last, in input order.
-  std::vector<Entry> unordered;
-  std::size_t count = 0;
-  auto add = [&](double time, Entry e) {
-    (std::isnan(time) ? unordered : byTime[time]).push_back(e);
-    ++count;
+  std::vector<Source> unordered;
+  auto add = [&](double time, Source s) {
+    if (std::isnan(time))
+      unordered.push_back(s);
+    else
+      byTime.push_back({time, s});
   };
   for (std::uint32_t j = 0; j < fromWaveforms.size(); ++j) {
     const auto& w = fromWaveforms[j];
@@ -93,22 +95,23 @@ void mergeWavePoints(FatBoy<unsigned short>& fb, const WaveList& online,
     if (w->channel == 0 && w->getMaxAmplitude() > kHighGainSaturation) continue;
     add(w->waveTime, {j, true});
   }
+  const std::size_t waveformCount = byTime.size();
   for (std::uint32_t j = 0; j < online.size(); ++j) {
     if (!online[j]) continue;
     add(online[j]->waveTime, {j, false});
   }
+  stableMergeByKey(byTime, waveformCount);
+  const std::size_t count = byTime.size() + unordered.size();
   fb.wavePoints.resize(count);
   fb.fwfIndex.assign(count, -1);
   std::size_t k = 0;
-  auto place = [&](const Entry& e) {
-    fb.wavePoints[k] = e.fromWaveforms ? fromWaveforms[e.source] : online[e.source];
-    if (e.fromWaveforms) fb.fwfIndex[k] = std::int32_t(e.source);
+  auto place = [&](const Source& s) {
+    fb.wavePoints[k] = s.fromWaveforms ? fromWaveforms[s.index] : online[s.index];
+    if (s.fromWaveforms) fb.fwfIndex[k] = std::int32_t(s.index);
     ++k;
   };
-  for (const auto& [time, entries] : byTime) {
-    for (const auto& e : entries) place(e);
-  }
-  for (const auto& e : unordered) place(e);
+  for (const auto& entry : byTime) place(entry.value);
+  for (const auto& s : unordered) place(s);
 }
 
 }  // namespace FullWaveform

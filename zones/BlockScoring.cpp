@@ -1,10 +1,10 @@
-// Block zone scoring. Reads candidate travel times through getLengthAccordingMTA; changes
-// nothing in the store.
+// Block zone scoring. Reads candidate travel times through getLengthAccordingMTA, one walk
+// per buffer entry serving both the plain and the shifted scoring; changes nothing in the
+// store.
 #include "zones/BlockScoring.hpp"
 
 #include <algorithm>
 #include <cmath>
-#include <numeric>
 
 namespace FullWaveform {
 
@@ -18,43 +18,85 @@ bool isValidLength(double v) {
   return v != NO_LENGTH && !std::isnan(v);
 }
 
-// Mean squared difference of successive valid entries of one column.
-double roughness(const ZoneScore& s, std::size_t rows, std::uint32_t column) {
+std::int32_t shiftOf(std::span<const std::int32_t> shift, std::size_t row) {
+  return shift.empty() ? 0 : shift[row];
+}
+
+// Mean squared difference of successive valid entries of one zone.
+double roughness(const CandidateRows& rows, std::size_t count, std::span<const std::int32_t> shift,
+                 std::uint32_t zone) {
   double sum = 0.0, previous = 0.0;
-  std::size_t count = 0;
+  std::size_t n = 0;
   bool havePrevious = false;
-  for (std::size_t k = 0; k < rows; ++k) {
-    const double v = s.at(k, column);
+  for (std::size_t k = 0; k < count; ++k) {
+    const double v = rows.at(k, shiftOf(shift, k), zone);
     if (!isValidLength(v)) continue;
     if (havePrevious) {
       sum += (v - previous) * (v - previous);
-      ++count;
+      ++n;
     }
     previous = v;
     havePrevious = true;
   }
-  return count ? sum / double(count) : 0.0;
+  return n ? sum / double(n) : 0.0;
 }
 
 }  // namespace
 
-ZoneScore scoreMTAZones(const std::vector<std::uint32_t>& buffer, const std::uint32_t& minZone,
-                        const std::uint32_t& maxZone, FatBoy<unsigned short>& fb,
-                        const std::vector<std::int32_t>& shift) {
-  ZoneScore s;
-  const std::size_t n = buffer.size();
-  s.columns = maxZone;
-  s.table.assign(n * maxZone, NO_LENGTH);
+void fillCandidateRows(const std::vector<std::uint32_t>& buffer, std::uint32_t maxZone,
+                       const FatBoy<unsigned short>& fb, CandidateRows& rows) {
+  rows.columns = maxZone + 1;
+  rows.values.assign(buffer.size() * rows.columns, NO_LENGTH);
   const double minAmplitude = fb.scannerDevice.minAmplitude;
-  for (std::size_t k = 0; k < n; ++k) {
-    if (!contributes(fb, buffer[k]) || maxZone == 0) continue;
-    fb.getLengthAccordingMTA(buffer[k], shift[k], maxZone, fb.maxTravelTime, &s.table[k * maxZone],
-                             minAmplitude);
+  for (std::size_t k = 0; k < buffer.size(); ++k) {
+    if (!contributes(fb, buffer[k])) continue;
+    fb.getLengthAccordingMTA(buffer[k], 0, rows.columns, fb.maxTravelTime,
+                             &rows.values[k * rows.columns], minAmplitude);
   }
+}
+
+void fillWaveRows(const FatBoy<unsigned short>& fb, std::uint32_t columns,
+                  CandidateRows& waveRows) {
+  waveRows.columns = columns;
+  waveRows.values.assign(std::size_t(fb.nWaves) * columns, NO_LENGTH);
+  const double minAmplitude = fb.scannerDevice.minAmplitude;
+  for (std::uint32_t w = 0; w < fb.nWaves; ++w) {
+    if (!contributes(fb, w)) continue;
+    fb.getLengthAccordingMTA(w, 0, columns, fb.maxTravelTime,
+                             &waveRows.values[std::size_t(w) * columns], minAmplitude);
+  }
+}
+
+namespace {
+
+// The first maxZone + 1 columns of each buffer wave's row: the same values a walk of that
+// length gives.
+void copyCandidateRows(const std::vector<std::uint32_t>& buffer, std::uint32_t maxZone,
+                       const CandidateRows& waveRows, CandidateRows& rows) {
+  rows.columns = maxZone + 1;
+  rows.values.resize(buffer.size() * rows.columns);
+  const std::size_t nWaves = waveRows.values.size() / waveRows.columns;
+  double* out = rows.values.data();
+  for (std::uint32_t w : buffer) {
+    if (w < nWaves) {
+      const double* row = &waveRows.values[std::size_t(w) * waveRows.columns];
+      std::copy(row, row + rows.columns, out);
+    } else {
+      std::fill(out, out + rows.columns, NO_LENGTH);
+    }
+    out += rows.columns;
+  }
+}
+
+}  // namespace
+
+ZoneScore scoreZones(const CandidateRows& rows, std::size_t count, std::uint32_t minZone,
+                     std::uint32_t maxZone, std::span<const std::int32_t> shift) {
+  ZoneScore s;
   double best = 1.0e9;
   // An empty block has nothing to score: no zone, whatever the range.
-  for (std::uint32_t z = minZone; n > 0 && z < maxZone; ++z) {
-    const double score = roughness(s, n, z);
+  for (std::uint32_t z = minZone; count > 0 && z < maxZone; ++z) {
+    const double score = roughness(rows, count, shift, z);
     if (best > score) {
       s.zone = std::int32_t(z);
       s.ratio = score / best;
@@ -65,56 +107,84 @@ ZoneScore scoreMTAZones(const std::vector<std::uint32_t>& buffer, const std::uin
   return s;
 }
 
-std::vector<std::int32_t> mtaTransition(const std::vector<std::uint32_t>& buffer,
-                                        const std::int32_t&, FatBoy<unsigned short>& fb,
-                                        const std::uint32_t&, const std::uint32_t&) {
-  const std::size_t n = buffer.size();
-  std::vector<double> lengths(n, NO_LENGTH);
-  for (std::size_t k = 0; k < n; ++k) {
-    if (!contributes(fb, buffer[k])) continue;
-    fb.getLengthAccordingMTA(buffer[k], 0, 1, fb.maxTravelTime, &lengths[k],
-                             fb.scannerDevice.minAmplitude);
-  }
-  std::vector<std::size_t> order(n);
-  std::iota(order.begin(), order.end(), 0);
-  // NaN sorts after everything (it has no place in an ordinary ascending order).
-  std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
-    if (std::isnan(lengths[a])) return false;
-    return std::isnan(lengths[b]) || lengths[a] < lengths[b];
-  });
-  TransitionTest test{0.2 * fb.scannerDevice.getMTALengthAsTime()};
-  bool havePredecessor = false;
-  double predecessor = 0.0;
-  for (std::size_t p = 0; p < n; ++p) {
-    const double v = lengths[order[p]];
+// Only the value at the last jump matters: the rows sorted below it are exactly those whose
+// travel time is less than it (NaN sorts after everything and is never less).
+void transitionShift(const CandidateRows& rows, std::size_t count, double threshold,
+                     std::vector<double>& sortedLengths, std::vector<std::int32_t>& shift) {
+  sortedLengths.clear();
+  double low = 0.0, high = 0.0;
+  for (std::size_t k = 0; k < count; ++k) {
+    const double v = rows.at(k, 0, 0);
     if (!isValidLength(v)) continue;
-    if (havePredecessor) test(predecessor, v, std::int32_t(p));
-    predecessor = v;
-    havePredecessor = true;
+    low = sortedLengths.empty() ? v : std::min(low, v);
+    high = sortedLengths.empty() ? v : std::max(high, v);
+    sortedLengths.push_back(v);
   }
-  std::vector<std::int32_t> shift(n, 0);
-  for (std::int32_t p = 0; test.transition > 0 && p < test.transition; ++p) shift[order[p]] = -1;
-  return shift;
+  shift.assign(count, 0);
+  // No step between sorted neighbours exceeds the whole span (rounding is monotonic): most
+  // blocks lie within one zone and need no sort.
+  if (high - low <= threshold) return;
+  std::sort(sortedLengths.begin(), sortedLengths.end());
+  TransitionTest test{threshold};
+  for (std::size_t p = 1; p < sortedLengths.size(); ++p)
+    test(sortedLengths[p - 1], sortedLengths[p], std::int32_t(p));
+  if (test.transition < 0) return;
+  const double cut = sortedLengths[std::size_t(test.transition)];
+  for (std::size_t k = 0; k < count; ++k)
+    if (rows.at(k, 0, 0) < cut) shift[k] = -1;
 }
 
-BlockResult evaluateBlockMTA(const std::vector<std::uint32_t>& buffer, const std::int32_t& block,
-                             FatBoy<unsigned short>& fb, const std::uint32_t& minZone,
-                             const std::uint32_t& maxZone) {
+const BlockResult& evaluateBlock(const std::vector<std::uint32_t>& buffer,
+                                 FatBoy<unsigned short>& fb, std::uint32_t minZone,
+                                 std::uint32_t maxZone, BlockWorkspace& ws) {
   const std::size_t n = buffer.size();
-  const std::vector<std::int32_t> zeros(n, 0);
-  ZoneScore first = scoreMTAZones(buffer, minZone, maxZone, fb, zeros);
-  std::vector<std::int32_t> shift = mtaTransition(buffer, block, fb, minZone, maxZone);
-  ZoneScore second = scoreMTAZones(buffer, minZone, maxZone, fb, shift);
+  if (ws.waveRows.columns > maxZone)
+    copyCandidateRows(buffer, maxZone, ws.waveRows, ws.rows);
+  else
+    fillCandidateRows(buffer, maxZone, fb, ws.rows);
+  const ZoneScore first = scoreZones(ws.rows, n, minZone, maxZone, {});
+  transitionShift(ws.rows, n, 0.2 * fb.scannerDevice.getMTALengthAsTime(), ws.sortedLengths,
+                  ws.shift);
+  const ZoneScore second = scoreZones(ws.rows, n, minZone, maxZone, ws.shift);
   const bool useSecond = first.score > second.score;
   const ZoneScore& chosen = useSecond ? second : first;
-  const std::vector<std::int32_t>& usedShift = useSecond ? shift : zeros;
-  BlockResult r{chosen.ratio, chosen.zone, std::vector<std::int32_t>(n, -1)};
+  BlockResult& r = ws.result;
+  r.ratio = chosen.ratio;
+  r.zone = chosen.zone;
+  r.zones.assign(n, -1);
   for (std::size_t k = 0; k < n; ++k) {
-    const std::int32_t z = chosen.zone - usedShift[k];
-    if (z >= 0 && std::uint32_t(z) < maxZone && chosen.at(k, std::uint32_t(z)) != NO_LENGTH)
+    const std::int32_t s = useSecond ? ws.shift[k] : 0;
+    const std::int32_t z = chosen.zone - s;
+    if (z >= 0 && std::uint32_t(z) < maxZone && ws.rows.at(k, s, std::uint32_t(z)) != NO_LENGTH)
       r.zones[k] = z;
   }
   return r;
+}
+
+ZoneScore scoreMTAZones(const std::vector<std::uint32_t>& buffer, const std::uint32_t& minZone,
+                        const std::uint32_t& maxZone, FatBoy<unsigned short>& fb,
+                        const std::vector<std::int32_t>& shift) {
+  CandidateRows rows;
+  fillCandidateRows(buffer, maxZone, fb, rows);
+  return scoreZones(rows, buffer.size(), minZone, maxZone, shift);
+}
+
+std::vector<std::int32_t> mtaTransition(const std::vector<std::uint32_t>& buffer,
+                                        const std::int32_t&, FatBoy<unsigned short>& fb,
+                                        const std::uint32_t&, const std::uint32_t&) {
+  CandidateRows rows;
+  fillCandidateRows(buffer, 0, fb, rows);
+  std::vector<double> sorted;
+  std::vector<std::int32_t> shift;
+  transitionShift(rows, buffer.size(), 0.2 * fb.scannerDevice.getMTALengthAsTime(), sorted, shift);
+  return shift;
+}
+
+BlockResult evaluateBlockMTA(const std::vector<std::uint32_t>& buffer, const std::int32_t&,
+                             FatBoy<unsigned short>& fb, const std::uint32_t& minZone,
+                             const std::uint32_t& maxZone) {
+  BlockWorkspace workspace;
+  return evaluateBlock(buffer, fb, minZone, maxZone, workspace);
 }
 
 }  // namespace FullWaveform

@@ -24,13 +24,14 @@ std::int64_t blockCount(std::uint32_t nWaves, std::uint32_t blockSize) {
   return std::int64_t(std::ceil(double(nWaves) / double(blockSize)));
 }
 
-ZoneRange dominantZoneRange(FatBoy<unsigned short>& fb, std::uint32_t bs, std::int64_t nBlocks) {
+ZoneRange dominantZoneRange(FatBoy<unsigned short>& fb, std::uint32_t bs, std::int64_t nBlocks,
+                            BlockWorkspace& workspace) {
   std::array<std::uint32_t, kAllZones> histogram{};
   const std::int64_t step = std::int64_t(std::ceil(double(nBlocks) * 0.01));
   std::vector<std::uint32_t> buffer(bs);
   for (std::int64_t b = 0; b < nBlocks; b += step) {
     for (std::uint32_t k = 0; k < bs; ++k) buffer[k] = std::uint32_t(b) * bs + k;
-    const BlockResult r = evaluateBlockMTA(buffer, std::int32_t(b), fb, 0, kAllZones);
+    const BlockResult& r = evaluateBlock(buffer, fb, 0, kAllZones, workspace);
     if (r.ratio < 0.98 && r.zone >= 0 && r.zone <= 7) histogram[r.zone] += 1;
   }
   return zoneRangeAround(histogram);
@@ -70,7 +71,8 @@ std::size_t fillBuffer(const FatBoy<unsigned short>& fb, std::uint32_t start, st
   return own;
 }
 
-void blockPass(FatBoy<unsigned short>& fb, std::uint32_t bs, std::int64_t nBlocks, ZoneRange zr) {
+void blockPass(FatBoy<unsigned short>& fb, std::uint32_t bs, std::int64_t nBlocks, ZoneRange zr,
+               BlockWorkspace& workspace) {
   std::vector<std::uint32_t> buffer(4 * std::size_t(bs));
   std::int64_t pending = -1;
   for (std::int64_t b = 0; b < nBlocks; ++b) {
@@ -85,7 +87,7 @@ void blockPass(FatBoy<unsigned short>& fb, std::uint32_t bs, std::int64_t nBlock
       }
     }
     const std::size_t own = fillBuffer(fb, start, end, buffer);
-    const BlockResult r = evaluateBlockMTA(buffer, std::int32_t(b), fb, zr.minZone, zr.maxZone);
+    const BlockResult& r = evaluateBlock(buffer, fb, zr.minZone, zr.maxZone, workspace);
     for (std::size_t k = 0; k < own; ++k)
       if (r.zones[k] >= 0) fb.setMTA(buffer[k], r.zones[k], r.ratio);
   }
@@ -104,8 +106,12 @@ std::string resolveMTA(FatBoy<unsigned short>& fb) {
   buildTransitionTables(fb);
   const std::uint32_t bs = blockSizeOf(fb);
   const std::int64_t nBlocks = blockCount(fb.nWaves, bs);
-  const ZoneRange zr = nBlocks > 0 ? dominantZoneRange(fb, bs, nBlocks) : ZoneRange{0, 3};
-  blockPass(fb, bs, nBlocks, zr);
+  BlockWorkspace workspace;
+  // The sampling pass scores every zone: one column more serves the shifted rows.
+  if (nBlocks > 0) fillWaveRows(fb, kAllZones + 1, workspace.waveRows);
+  const ZoneRange zr =
+      nBlocks > 0 ? dominantZoneRange(fb, bs, nBlocks, workspace) : ZoneRange{0, 3};
+  blockPass(fb, bs, nBlocks, zr, workspace);
   return "";
 }
 

@@ -1,7 +1,7 @@
 // Zone state of a fragment: iniMTA extends the run-long shot-time index and gives every
 // wave zone 0, its recording shot and certainty; setMTA is the one writer of zones. Reads
-// the waves and the Shots arrays; writes nWaves, shotTimeIndex, mta, shotIndex, certainMTA,
-// maxTravelTime and the carried shots.
+// the waves and the Shots arrays; writes nWaves, shotTimeIndex, recordingShot, mta, shotIndex,
+// certainMTA, maxTravelTime and the carried shots.
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -54,6 +54,7 @@ struct ShotTimeFaults {
 template <class T>
 bool FatBoy<T>::iniMTA() {
   nWaves = static_cast<std::uint32_t>(wavePoints.size());
+  recordingShot.clear();
   if (nWaves <= 2) return false;
   const auto& times = *SHOT->arrays.GPSTime;
   const std::size_t count = times.size();
@@ -73,13 +74,19 @@ bool FatBoy<T>::iniMTA() {
   shotIndex.resize(nWaves);
   for (std::uint32_t i = 0; i < nWaves; ++i) shotIndex[i] = i;
   std::uint32_t unmatched = 0;
+  recordingShot.assign(nWaves, shotTimeIndex.end());
+  // Waves come in time order: each search starts from the previous wave's shot.
+  auto from = shotTimeIndex.begin();
   for (std::uint32_t i = 0; i < nWaves; ++i) {
     if (!wavePoints[i]) continue;
-    auto it = shotTimeIndex.find(wavePoints[i]->waveTime);
-    if (it == shotTimeIndex.end())
+    const double time = wavePoints[i]->waveTime;
+    auto it = shotTimeIndex.lowerBoundFrom(from, time);
+    if (it == shotTimeIndex.end() || it->first != time) {
       ++unmatched;
-    else
-      shotIndex[i] = it->second;
+      continue;
+    }
+    recordingShot[i] = from = it;
+    shotIndex[i] = it->second;
   }
   faults.report(fragmentPlace(input->inputFileName, fragmentName));
   // Such waves get no zone later on and are dropped; the count tells why points are missing.
@@ -97,13 +104,12 @@ bool FatBoy<T>::iniMTA() {
 
 template <class T>
 void FatBoy<T>::setMTA(const unsigned& i, const int& zone, const double& ratio) {
-  const double t = wavePoints[i] ? wavePoints[i]->waveTime : 0.0;
   if (zone < 0) {
     mta[i] = zone;
     return;
   }
-  auto it = shotTimeIndex.lower_bound(t);
-  const bool found = it != shotEnd && it->first == t;
+  auto it = wavePoints[i] ? recordingShotOf(i) : shotTimeIndex.find(0.0);
+  const bool found = it != shotEnd;
   if (!(ratio < 0.98)) certainMTA[i] = false;
   if (!found) {
     mta[i] = -1;

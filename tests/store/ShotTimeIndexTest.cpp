@@ -39,6 +39,7 @@ void expectSame(const ShotTimeIndex& index, const std::map<double, std::uint32_t
 
 void expectSameLowerBounds(const ShotTimeIndex& index, const std::map<double, std::uint32_t>& model,
                            const std::vector<double>& probes) {
+  auto previous = index.begin();
   for (double t : probes) {
     const auto expected = model.lower_bound(t);
     const auto got = index.lower_bound(t);
@@ -46,6 +47,10 @@ void expectSameLowerBounds(const ShotTimeIndex& index, const std::map<double, st
     if (got != index.end()) {
       ASSERT_EQ(*got, ShotTimeIndex::value_type(*expected)) << t;
     }
+    // From the start, and from the last answer, which may lie before or after t.
+    ASSERT_EQ(index.lowerBoundFrom(index.begin(), t), got) << t;
+    ASSERT_EQ(index.lowerBoundFrom(previous, t), got) << t;
+    previous = got;
   }
 }
 
@@ -126,8 +131,13 @@ TEST(ShotTimeIndex, PacksTheBlocksOfEarlierFragmentsAndStillAnswersExactly) {
   expectSame(index, model);
   // All but the last two blocks are packed, which leaves under half of 16 bytes a shot.
   EXPECT_LT(index.memoryBytes(), model.size() * 8);
-  const std::vector<double> probes = probesOf(model, random, 3000);
+  std::vector<double> probes = probesOf(model, random, 3000);
   expectSameLowerBounds(index, model, probes);
+  // In time order, as iniMTA searches, the forward search walks across blocks.
+  std::vector<double> ordered = probes;
+  std::sort(ordered.begin(), ordered.end());
+  ordered.push_back(std::nan(""));
+  expectSameLowerBounds(index, model, ordered);
   // A late fragment merges into packed blocks; walking back from a shot crosses into them.
   insertBoth(index, model, steadyShots(random, 345600.1000005, 40000));
   expectSame(index, model);

@@ -37,7 +37,9 @@ TEST(BlockScoring, MeanSquaredStepOfValidEntries) {
   ZoneScore score = scoreMTAZones(firstN(4), 0, 1, s.fb(), std::vector<std::int32_t>(4, 0));
   EXPECT_EQ(score.zone, 0);
   EXPECT_NEAR(score.score, 2.5e-14, 1e-26);
-  EXPECT_EQ(score.at(1, 0), NO_LENGTH);
+  CandidateRows rows;
+  fillCandidateRows(firstN(4), 1, s.fb(), rows);
+  EXPECT_EQ(rows.at(1, 0, 0), NO_LENGTH);
 }
 
 TEST(BlockScoring, TiesGoToTheLowerZoneAndEmptyRangesGiveNoZone) {
@@ -135,4 +137,17 @@ TEST(BlockScoring, ABlockAcrossAZoneChangeIsScoredWithTheShift) {
   EXPECT_LT(r.ratio, 0.98);
   trueZones.back() = -1;  // the fragment's last wave takes no part
   EXPECT_EQ(r.zones, trueZones);
+
+  // The zone stage reads rows walked once per fragment, wider than this block needs, in a
+  // workspace that scored another block before: the same result, unknown entries included.
+  BlockWorkspace workspace;
+  fillWaveRows(s.fb(), 9, workspace.waveRows);
+  std::vector<std::uint32_t> buffer = firstN(std::uint32_t(waves.size()));
+  evaluateBlock({3, 2, 1}, s.fb(), 0, 8, workspace);
+  const BlockResult& fromRows = evaluateBlock(buffer, s.fb(), 0, 5, workspace);
+  EXPECT_EQ(fromRows.zone, r.zone);
+  EXPECT_EQ(fromRows.ratio, r.ratio);
+  EXPECT_EQ(fromRows.zones, r.zones);
+  buffer.push_back(0xFFFFFFFFu);
+  EXPECT_EQ(evaluateBlock(buffer, s.fb(), 0, 5, workspace).zones.back(), -1);
 }
