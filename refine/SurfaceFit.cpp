@@ -38,7 +38,8 @@ struct ShotCells {
     std::int32_t lo = 0, hi = 0;
     for (std::size_t s = 0; s < t.time.size(); ++s) {
       const auto& d = t.direction[s];
-      double a = std::atan2(t.radial ? d.y : d.x, d.z);
+      // A radial scanner's turn is the azimuth around the cone's axis (the frame's z).
+      double a = t.radial ? std::atan2(d.y, d.x) : std::atan2(d.x, d.z);
       if (!std::isfinite(a)) a = previous;
       if (a <= 0.0) a += 2 * std::numbers::pi;
       if (s > 0 && std::abs(a - previous) > kLineJump) ++current;
@@ -102,12 +103,14 @@ class Refiner {
   bool lineFits(std::uint32_t line, std::int32_t bin, std::size_t self, std::uint32_t emitter,
                 const point& p, bool& hasEchoes) const;
   struct Verdict {
-    int zone = -1;  // the zone to move to; -1: stay
-    bool unfit = false;
+    int zone = -1;       // the zone to move to; -1: stay
+    bool off = false;    // the current zone fits too few lines
+    bool unfit = false;  // no candidate fits any line
     std::uint32_t emitter = 0;
     double oneWay = 0.0;
   };
   Verdict judge(std::size_t i) const;
+  bool nearChange(std::size_t i, const std::vector<bool>& changedCell) const;
 
   const ShotTable& shots_;
   const std::vector<RefineEcho>& echoes_;
@@ -200,6 +203,7 @@ Refiner::Verdict Refiner::judge(std::size_t i) const {
   const int enough = (2 * settings_.neighbourLines) / 3 + 1;
   const Fit now = fitOf(i, e, placed_.position[i], enough);
   if (now.lines < kMinLinesToJudge || 3 * now.fitting > now.lines) return v;
+  v.off = true;
   int bestFitting = -1;
   bool anyFits = now.fitting > 0;
   for (int candidate = 0; candidate <= maxZone_; ++candidate) {
@@ -220,41 +224,49 @@ Refiner::Verdict Refiner::judge(std::size_t i) const {
   return v;
 }
 
+// Whether a cell within reach of the echo's own (same bin and its neighbours, the searched
+// lines) gained or lost an echo.
+bool Refiner::nearChange(std::size_t i, const std::vector<bool>& changedCell) const {
+  const std::uint32_t e = emitter_[i];
+  const std::int64_t line = cells_.line[e], reach = settings_.neighbourLines;
+  const std::int64_t lines = std::int64_t(cells_.lineOrigin.size());
+  const std::int32_t bin = cells_.bin[e] - cells_.firstBin;
+  for (std::int64_t l = std::max<std::int64_t>(0, line - reach);
+       l <= std::min(line + reach, lines - 1); ++l)
+    for (std::int32_t b = std::max(bin - 1, 0); b <= std::min(bin + 1, cells_.binCount - 1); ++b)
+      if (changedCell[std::size_t(l) * std::size_t(cells_.binCount) + std::size_t(b)]) return true;
+  return false;
+}
+
 RefineResult Refiner::run() {
   const std::size_t n = echoes_.size();
-  std::vector<bool> unfit(n, false), judgeNow(n, true);
+  std::vector<bool> off(n, false), judgeNow(n, true);
   for (int iteration = 0; iteration < settings_.iterations; ++iteration) {
     place();
     std::vector<Verdict> verdicts(n);
-    std::vector<bool> touchedLine(cells_.lineOrigin.size(), false);
-    bool moved = false;
     for (std::size_t i = 0; i < n; ++i) {
       if (!judgeNow[i] || !active(i)) continue;
       result_.judged += iteration == 0;
       verdicts[i] = judge(i);
-      unfit[i] = verdicts[i].unfit;
+      off[i] = verdicts[i].off;
     }
+    std::vector<bool> changedCell(cells_.cellCount(), false);
+    bool moved = false;
     for (std::size_t i = 0; i < n; ++i) {
       const Verdict& v = verdicts[i];
       if (v.zone < 0) continue;
-      touchedLine[cells_.line[emitter_[i]]] = touchedLine[cells_.line[v.emitter]] = true;
+      changedCell[cells_.cellOf(emitter_[i])] = changedCell[cells_.cellOf(v.emitter)] = true;
       result_.zone[i] = std::uint8_t(v.zone), emitter_[i] = v.emitter, oneWay_[i] = v.oneWay;
-      result_.flag[i] = kMovedZone;
       moved = true;
     }
     if (!moved) break;
     // Only echoes near a move see a changed neighbourhood.
-    const auto reach = std::int64_t(settings_.neighbourLines);
-    for (std::size_t i = 0; i < n; ++i) {
-      const std::int64_t line = cells_.line[emitter_[i]];
-      bool near = false;
-      for (std::int64_t l = std::max<std::int64_t>(0, line - reach);
-           !near && l <= std::min<std::int64_t>(line + reach, std::int64_t(touchedLine.size()) - 1);
-           ++l)
-        near = touchedLine[std::size_t(l)];
-      judgeNow[i] = near;
-    }
+    for (std::size_t i = 0; i < n; ++i) judgeNow[i] = active(i) && nearChange(i, changedCell);
   }
+  // Noise is told against the final neighbourhood, where the ghosts have moved away.
+  place();
+  std::vector<bool> unfit(n, false);
+  for (std::size_t i = 0; i < n; ++i) unfit[i] = off[i] && active(i) && judge(i).unfit;
   for (std::size_t i = 0; i < n; ++i) {
     const bool moved = result_.zone[i] != echoes_[i].zone;
     result_.flag[i] =

@@ -20,7 +20,7 @@ struct ShotTable {
   std::vector<Gemwold::PhysicalSpace::point> origin;
   std::vector<Gemwold::PhysicalSpace::vector> direction;
   double lightSpeed = 0.0;
-  bool radial = false;  // scan angle around the cone (y) instead of across the track (x)
+  bool radial = false;  // scan angle: the azimuth around the cone instead of across the track
 };
 
 struct RefineEcho {
@@ -33,8 +33,8 @@ struct RefineEcho {
 struct RefineSettings {
   int iterations = 4;
   int neighbourLines = 4;         // lines on each side searched for the surface
-  double fitTolerance = 1.5;      // m, plus ...
-  double fitPerMetre = 1.5;       // ... this much per metre between the two shots' origins
+  double fitTolerance = 0.85;     // m, plus ...
+  double fitPerMetre = 0.85;      // ... this much per metre between the two footprints
   double binDegrees = 0.1;        // scan-angle bin width
   double farLineDistance = 30.0;  // m between origins: a line of another flight line
 };

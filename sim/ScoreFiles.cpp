@@ -105,7 +105,8 @@ std::vector<ScoredPoint> pointsOf(const Vorlap::StrongPtr<Tessal::Grid>& fwf,
     throw std::runtime_error(file + ": Refined and GPSTime differ in length");
   std::vector<ScoredPoint> points(times.size());
   for (std::size_t p = 0; p < times.size(); ++p)
-    points[p] = {times[p], ranges[p], zones[p], classes[p], refined.empty() ? 0 : refined[p]};
+    points[p] = {times[p], ranges[p], zones[p], classes[p],
+                 refined.empty() ? std::uint8_t(0) : refined[p]};
   return points;
 }
 
