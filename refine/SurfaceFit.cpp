@@ -8,6 +8,7 @@
 #include <cmath>
 #include <numbers>
 
+#include "classify/NoiseClassification.hpp"
 #include "output/PointGeometry.hpp"
 
 namespace FullWaveform {
@@ -17,7 +18,9 @@ namespace {
 using Gemwold::PhysicalSpace::point;
 
 constexpr double kLineJump = std::numbers::pi / 4;
+constexpr double kFlightJump = 5.0;  // m between two shots' origins
 constexpr int kMinLinesToJudge = 3;  // fewer lines with echoes nearby: too little to judge
+constexpr int kZoneReach = 2;        // candidates: the current zone and this many either side
 
 template <class A>
 double squared(const A& a, const A& b) {
@@ -42,7 +45,10 @@ struct ShotCells {
       double a = t.radial ? std::atan2(d.y, d.x) : std::atan2(d.x, d.z);
       if (!std::isfinite(a)) a = previous;
       if (a <= 0.0) a += 2 * std::numbers::pi;
-      if (s > 0 && std::abs(a - previous) > kLineJump) ++current;
+      // A new line where the angle jumps back, or where the aircraft jumps (another flight line).
+      if (s > 0 && (std::abs(a - previous) > kLineJump ||
+                    squared(t.origin[s], t.origin[s - 1]) > kFlightJump * kFlightJump))
+        ++current;
       if (current == lineOrigin.size()) lineOrigin.push_back(t.origin[s]);
       previous = a;
       line[s] = current;
@@ -92,10 +98,11 @@ class Refiner {
   // echoes go wrong together, line after line, into a ghost strip that fits itself: they are
   // judged, but are no neighbours.
   bool straddlesLines(std::size_t i) const {
-    const std::int64_t recorder = std::int64_t(emitter_[i]) + result_.zone[i];
-    const std::int64_t last = std::int64_t(shots_.time.size()) - 1;
-    const std::int64_t earliest = std::max<std::int64_t>(0, recorder - maxZone_);
-    return cells_.line[std::size_t(std::min(recorder, last))] != cells_.line[std::size_t(earliest)];
+    const std::int64_t e = emitter_[i], last = std::int64_t(shots_.time.size()) - 1;
+    const auto shot = [&](std::int64_t k) {
+      return std::size_t(std::clamp<std::int64_t>(k, 0, last));
+    };
+    return cells_.line[shot(e - kZoneReach)] != cells_.line[shot(e + kZoneReach)];
   }
   bool isNeighbour(std::size_t i) const { return active(i) && !straddles_[i]; }
   void place();
@@ -206,12 +213,13 @@ Refiner::Verdict Refiner::judge(std::size_t i) const {
   v.off = true;
   int bestFitting = -1;
   bool anyFits = now.fitting > 0;
-  for (int candidate = 0; candidate <= maxZone_; ++candidate) {
+  for (int candidate = std::max(0, z - kZoneReach); candidate <= std::min(maxZone_, z + kZoneReach);
+       ++candidate) {
     const std::int64_t other = std::int64_t(e) + z - candidate;
     if (candidate == z || other < 0 || other >= std::int64_t(shots_.time.size())) continue;
     const auto o = std::uint32_t(other);
     const double d = oneWayTimeFrom(oneWay_[i], shots_.time[e], shots_.time[o]);
-    if (!(d > 0.0)) continue;
+    if (!(d > kNearRangeLimit)) continue;  // the run takes echoes this near for noise
     const point p = placeEcho(d, shots_.direction[o], shots_.origin[o], shots_.lightSpeed).position;
     const Fit f = fitOf(i, o, p, 2 * settings_.neighbourLines + 1);
     anyFits = anyFits || f.fitting > 0;
