@@ -94,9 +94,9 @@ class Refiner {
 
  private:
   bool active(std::size_t i) const { return !echoes_[i].noise; }
-  // An echo recorded just after a scan line starts may belong to the line before, and such
-  // echoes go wrong together, line after line, into a ghost strip that fits itself: they are
-  // judged, but are no neighbours.
+  // An echo placed within two shots of a line change (as first placed) may belong to the
+  // other line, and such echoes go wrong together, line after line, into a ghost strip that
+  // fits itself: they are judged, but are no neighbours.
   bool straddlesLines(std::size_t i) const {
     const std::int64_t e = emitter_[i], last = std::int64_t(shots_.time.size()) - 1;
     const auto shot = [&](std::int64_t k) {
