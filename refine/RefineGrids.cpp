@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cmath>
 #include <set>
-#include <unordered_map>
 
 #include "output/PointGeometry.hpp"
 #include "refine/ZoneRefinement.hpp"
@@ -139,20 +138,29 @@ struct PointRef {
   std::uint32_t part, index;
 };
 
+// The shot of that GPS time, searched from `hint` on (a fragment's points come in shot
+// order), else in the whole table; false when there is none.
+bool findShot(const std::vector<double>& times, double t, std::uint32_t& hint) {
+  for (std::uint32_t k = hint; k < times.size() && k < hint + 16; ++k)
+    if (times[k] == t) return hint = k, true;
+  const auto it = std::lower_bound(times.begin(), times.end(), t);
+  if (it == times.end() || *it != t) return false;
+  hint = std::uint32_t(it - times.begin());
+  return true;
+}
+
 // The echoes the refinement can place: a zone and an emitting shot found in the table.
 void collectEchoes(const ShotTable& table, const std::vector<OutputPart>& parts,
                    std::vector<RefineEcho>& echoes, std::vector<PointRef>& refs) {
-  std::unordered_map<double, std::uint32_t> shotOfTime;
-  shotOfTime.reserve(table.time.size());
-  for (std::uint32_t s = 0; s < table.time.size(); ++s) shotOfTime.emplace(table.time[s], s);
+  std::uint32_t shot = 0;
   for (std::uint32_t k = 0; k < parts.size(); ++k) {
     const OutputPart& p = parts[k];
     for (std::uint32_t i = 0; i < p.time->size(); ++i) {
       const std::uint8_t zone = p.zone->get(i);
-      const auto shot = shotOfTime.find(p.time->get(i));
       const double oneWay = p.range->get(i) / table.lightSpeed;
-      if (zone == kNoZone || shot == shotOfTime.end() || !std::isfinite(oneWay)) continue;
-      echoes.push_back({shot->second, oneWay, zone, p.classification->get(i) == kNoiseClass});
+      if (zone == kNoZone || !std::isfinite(oneWay) || !findShot(table.time, p.time->get(i), shot))
+        continue;
+      echoes.push_back({shot, oneWay, zone, p.classification->get(i) == kNoiseClass});
       refs.push_back({k, i});
     }
   }

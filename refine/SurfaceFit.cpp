@@ -249,10 +249,11 @@ bool Refiner::nearChange(std::size_t i, const std::vector<bool>& changedCell) co
 RefineResult Refiner::run() {
   const std::size_t n = echoes_.size();
   std::vector<bool> off(n, false), judgeNow(n, true);
+  std::vector<Verdict> verdicts(n);
   for (int iteration = 0; iteration < settings_.iterations; ++iteration) {
     place();
-    std::vector<Verdict> verdicts(n);
     for (std::size_t i = 0; i < n; ++i) {
+      verdicts[i] = Verdict();
       if (!judgeNow[i] || !active(i)) continue;
       result_.judged += iteration == 0;
       verdicts[i] = judge(i);
