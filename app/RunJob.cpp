@@ -12,6 +12,7 @@
 #include "app/Progress.hpp"
 #include "app/StreamedOutput.hpp"
 #include "app/WaveCounts.hpp"
+#include "refine/ZoneRefinement.hpp"
 #include "run/Quillo.hpp"
 #include "run/Verification.hpp"
 #include "tessal/Schema.hpp"
@@ -94,6 +95,17 @@ void creditStreamingTime(const std::vector<StreamedOutput*>& outputs, const std:
   }
 }
 
+void refineOutputs(Tessal::BundlePtr& input, const std::vector<StreamedOutput*>& outputs,
+                   RunSummary& summary) {
+  std::vector<Vorlap::StrongPtr<Tessal::Grid>> grids;
+  for (StreamedOutput* o : outputs) grids.push_back(o->grid());
+  const FullWaveform::RefinementSummary r = FullWaveform::refineZones(input, grids);
+  summary.result = r.error;
+  summary.refined = r.error.empty();
+  summary.refineMoved = r.moved;
+  summary.refineMarkedNoise = r.markedNoise;
+}
+
 }  // namespace
 
 bool nameCarriesDate(const std::string& path) {
@@ -136,7 +148,9 @@ RunSummary runOne(const std::string& inputPath, const RunSettings& settings) {
   WaveCounts waves = countWaves(bundle);
   summary.waves = waves.total;
   bar->setWaveCounts(std::move(waves));
-  auto sink = Vorlap::makeStrong<StreamingProgress>(bar, outputs);
+  // The refinement needs every fragment at once: the outputs are then written after it.
+  auto sink = Vorlap::makeStrong<StreamingProgress>(
+      bar, settings.refine ? std::vector<StreamedOutput*>() : outputs);
   input.progress = Vorlap::WeakPtr<Vorlap::ProgressSink>(sink);
   if (settings.verbose) Vorlap::Console() << input.speak();
   summary.result = FullWaveform::Quillo<unsigned short>(
@@ -147,6 +161,11 @@ RunSummary runOne(const std::string& inputPath, const RunSettings& settings) {
   clock.lap("run");
   if (!summary.result.empty()) return summary;  // the outputs' temporary files go with them
   creditStreamingTime(outputs, "run", summary);
+  if (settings.refine) {
+    refineOutputs(bundle, outputs, summary);
+    clock.lap("refine");
+  }
+  if (!summary.result.empty()) return summary;
   for (StreamedOutput* o : outputs) summary.outputs.push_back(o->finish());
   clock.lap("verify");
   creditStreamingTime(outputs, "verify", summary);

@@ -17,6 +17,7 @@ struct RunSettings {
   std::string outDir;  // empty: beside the input
   std::string date;    // YYMMDD_HHMMSS when the input name carries none
   bool verbose = false, quiet = false, hist = false;
+  bool refine = false;  // the zone refinement after the run (holds the outputs in memory)
 };
 
 struct OutputSummary {
@@ -34,6 +35,8 @@ struct RunSummary {
   std::map<std::string, double> secondsPerStage;  // load, run, map, save, verify
   std::uint32_t fragments = 0;
   std::uint64_t waves = 0;  // waveform rows and online records of the input
+  bool refined = false;
+  std::uint64_t refineMoved = 0, refineMarkedNoise = 0;  // points changed by the refinement
 };
 
 // Runs one input; throws CliError for problems the user must fix before a run can start.

@@ -1,8 +1,9 @@
 // Zone resolution on every scene of sim/Scenes (full size by default), scored echo by echo:
 // per scene the strict share of points with the true zone, the lenient figure beside it, the
 // wrong share among points not classified as noise, the wrong points by target, birds and dust
-// classified as noise, real echoes reached, untraceable points, and the run's time.
-//   bench_zones [--small] [--shots N] [NAME-PART]
+// classified as noise, real echoes reached, untraceable points, and the run's time; then the
+// same after the zone refinement, with the points it moved, broke and fixed and its time.
+//   bench_zones [--small] [--shots N] [--no-refine] [NAME-PART]
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -21,6 +22,7 @@ struct Options {
   SceneSize size = SceneSize::Full;
   std::uint64_t shots = 0;  // 0: the scene's own
   std::string only;         // run the scenes whose name holds this
+  bool refine = true;
 };
 
 Options parse(int argc, char** argv) {
@@ -28,6 +30,8 @@ Options parse(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     if (!std::strcmp(argv[i], "--small"))
       o.size = SceneSize::Small;
+    else if (!std::strcmp(argv[i], "--no-refine"))
+      o.refine = false;
     else if (!std::strcmp(argv[i], "--shots") && i + 1 < argc)
       o.shots = std::strtoull(argv[++i], nullptr, 10);
     else
@@ -36,18 +40,43 @@ Options parse(int argc, char** argv) {
   return o;
 }
 
-void printScene(const Scene& scene, const quillo::test::SceneResult& result) {
-  const ZoneScoreReport& r = result.score;
-  std::printf("%-38s %9llu  %8.3f %%  %8.3f %%  %8.4f %%  %6.1f %%  %8.3f %%  %7llu  %6.1f s\n",
-              scene.name.c_str(), (unsigned long long)r.points, 100.0 * r.zoneAccuracy(),
+void printScores(const char* label, const ZoneScoreReport& r, std::uint64_t untraceable,
+                 double seconds) {
+  std::printf("%-38s %9llu  %8.3f %%  %8.3f %%  %8.4f %%  %6.1f %%  %8.3f %%  %7llu  %6.2f s\n",
+              label, (unsigned long long)r.points, 100.0 * r.zoneAccuracy(),
               100.0 * r.lenientAccuracy(), 100.0 * r.notNoiseWrongShare(),
               100.0 * r.offSurfaceMarkedShare(), 100.0 * r.reachedShare(),
-              (unsigned long long)r.untraceable, result.runSeconds);
+              (unsigned long long)untraceable, seconds);
+}
+
+void printTargets(const ZoneScoreReport& r) {
   std::printf("%-38s wrong by target:", "");
   for (int t = 0; t < kTargetCount; ++t)
     std::printf(" %s %llu", targetName(Target(t)),
                 (unsigned long long)r.wrongByTarget[std::size_t(t)]);
-  std::printf("%s\n", result.runError.empty() ? "" : ("; run: " + result.runError).c_str());
+  std::printf("\n");
+}
+
+void printScene(const Scene& scene, const quillo::test::SceneResult& result) {
+  printScores(scene.name.c_str(), result.score, result.score.untraceable, result.runSeconds);
+  printTargets(result.score);
+  if (!result.runError.empty()) std::printf("%-38s run: %s\n", "", result.runError.c_str());
+  if (result.refined) {
+    const ZoneScoreReport& r = result.refinedScore;
+    printScores("  refined", r, r.untraceable, result.refineSeconds);
+    printTargets(r);
+    const auto correct = result.score.correct;
+    std::printf(
+        "%-38s moved %llu, fixed %llu, broken %llu (%.2f per 100,000 correct), "
+        "classified noise %llu (birds/dust %llu); time %.1f %% of the run%s%s\n",
+        "", (unsigned long long)result.refinement.moved, (unsigned long long)result.fixed,
+        (unsigned long long)result.broken,
+        correct ? 1e5 * double(result.broken) / double(correct) : 0.0,
+        (unsigned long long)result.refinement.markedNoise,
+        (unsigned long long)r.refinedNoiseOffSurface,
+        100.0 * result.refineSeconds / result.runSeconds,
+        result.refinement.error.empty() ? "" : "; ", result.refinement.error.c_str());
+  }
   std::fflush(stdout);
 }
 
@@ -61,11 +90,12 @@ int main(int argc, char** argv) {
   for (Scene& scene : zoneScenes(o.size)) {
     if (!o.only.empty() && scene.name.find(o.only) == std::string::npos) continue;
     if (o.shots) scene.config.shots = o.shots;
-    printScene(scene, quillo::test::runScene(scene.config, dir.path().string()));
+    printScene(scene, quillo::test::runScene(scene.config, dir.path().string(), o.refine));
   }
   std::printf(
       "strict: points with their own echo's zone; lenient: with any echo of the emitting shot "
-      "in that zone;\nwrong/!7: wrong zone among points not classified as noise; off-srf 7: "
+      "in that zone;\nrefined: the same after the zone refinement (its own time in the last "
+      "column);\nwrong/!7: wrong zone among points not classified as noise; off-srf 7: "
       "bird and dust points classified as noise;\nreached: recorded real echoes with a correct "
       "point; run: the module's entry function, one core\n");
   return 0;

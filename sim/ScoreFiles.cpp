@@ -1,5 +1,6 @@
 // Reads what scoring needs from .kq files: the simulated survey's shot times, light speed and
-// per-echo truth, and each run output's points ("FWF": GPSTime, MTA, Range, Classification).
+// per-echo truth, and each run output's points ("FWF": GPSTime, MTA, Range, Classification,
+// and "Refined" when the zone refinement ran).
 #include <stdexcept>
 
 #include "sim/Scoring.hpp"
@@ -99,9 +100,13 @@ std::vector<ScoredPoint> pointsOf(const Vorlap::StrongPtr<Tessal::Grid>& fwf,
   if (times.size() != zones.size() || ranges.size() != zones.size() ||
       classes.size() != zones.size())
     throw std::runtime_error(file + ": GPSTime, MTA, Range and Classification differ in length");
+  const auto refined = readAll<std::uint8_t>(fwf, schema::kRefined);
+  if (!refined.empty() && refined.size() != times.size())
+    throw std::runtime_error(file + ": Refined and GPSTime differ in length");
   std::vector<ScoredPoint> points(times.size());
   for (std::size_t p = 0; p < times.size(); ++p)
-    points[p] = {times[p], ranges[p], zones[p], classes[p]};
+    points[p] = {times[p], ranges[p], zones[p], classes[p],
+                 refined.empty() ? std::uint8_t(0) : refined[p]};
   return points;
 }
 

@@ -9,12 +9,16 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include "tessal/Schema.hpp"
+
 namespace quillo::sim {
 
 namespace {
 
 constexpr std::uint8_t kNoiseClass = 7;  // the classification of points taken for noise
 constexpr std::uint8_t kNoZone = 255;    // "MTA" of a point whose wave has no zone
+using Tessal::schema::kRefinedMoved;
+using Tessal::schema::kRefinedNoise;
 // A point's range may be this far (m, one way) from its echo's and still be traced to it:
 // well beyond the detector's error, well below the gap between a canopy and its ground.
 constexpr double kTraceTolerance = 2.0;
@@ -80,12 +84,21 @@ struct ZoneScorer::Index {
 ZoneScorer::ZoneScorer(SurveyTruth truth) : index_(std::make_unique<Index>(std::move(truth))) {}
 ZoneScorer::~ZoneScorer() = default;
 
+bool ZoneScorer::isCorrect(const ScoredPoint& p) const {
+  if (p.zone == kNoZone) return false;
+  const auto shot = index_->shotByTime.find(p.gpsTime);
+  const auto* entry = shot == index_->shotByTime.end() ? nullptr : index_->trace(p, shot->second);
+  return entry && index_->truth.echoes[entry->echo].zone == p.zone;
+}
+
 void ZoneScorer::add(const std::vector<ScoredPoint>& points) {
   ZoneScoreReport& r = report_;
   for (const ScoredPoint& p : points) {
     ++r.points;
     const bool noise = p.classification == kNoiseClass;
     r.notNoise += !noise;
+    r.refinedMoved += (p.refined & kRefinedMoved) != 0;
+    r.refinedNoise += (p.refined & kRefinedNoise) != 0;
     if (p.zone == kNoZone) {
       ++r.noZone;
       continue;
@@ -99,6 +112,8 @@ void ZoneScorer::add(const std::vector<ScoredPoint>& points) {
       continue;
     }
     const TruthEcho& echo = index_->truth.echoes[entry->echo];
+    r.refinedMovedCorrect += (p.refined & kRefinedMoved) && echo.zone == p.zone;
+    r.refinedNoiseOffSurface += (p.refined & kRefinedNoise) && isOffSurface(echo.target);
     const auto target = std::size_t(echo.target);
     ++r.pointsByTarget[target];
     r.confusion[std::min<std::size_t>(echo.zone, 9)][std::min<std::size_t>(p.zone, 9)] += 1;
@@ -190,6 +205,14 @@ std::string reportAsText(const ZoneScoreReport& r) {
                 100.0 * r.reachedShare(), ull(r.realEchoesReached), ull(r.realEchoes),
                 ull(r.blindEchoes), ull(r.realMarkedNoise), r.rangeErrorMedian, r.rangeErrorP95);
   s += line;
+  if (r.refinedMoved || r.refinedNoise) {
+    std::snprintf(line, sizeof line,
+                  "refined: %llu points moved to another zone (%llu of them now true), %llu "
+                  "classified as noise (%llu of them birds or dust)\n",
+                  ull(r.refinedMoved), ull(r.refinedMovedCorrect), ull(r.refinedNoise),
+                  ull(r.refinedNoiseOffSurface));
+    s += line;
+  }
   return s + confusionText(r);
 }
 
@@ -218,6 +241,10 @@ std::string reportAsJson(const ZoneScoreReport& r) {
                                     {"real_echoes_reached", r.realEchoesReached},
                                     {"reached_share", r.reachedShare()},
                                     {"real_marked_noise", r.realMarkedNoise},
+                                    {"refined_moved", r.refinedMoved},
+                                    {"refined_moved_correct", r.refinedMovedCorrect},
+                                    {"refined_noise", r.refinedNoise},
+                                    {"refined_noise_off_surface", r.refinedNoiseOffSurface},
                                     {"range_error_median", r.rangeErrorMedian},
                                     {"range_error_p95", r.rangeErrorP95},
                                     {"confusion", r.confusion}};

@@ -32,6 +32,10 @@ struct ZoneScoreReport {
   std::uint64_t realEchoes = 0;         // recorded echoes of real targets (not birds or dust)
   std::uint64_t realEchoesReached = 0;  // of those, echoes a correct point traces to
   std::uint64_t realMarkedNoise = 0;    // correct points of real targets classified as noise
+  // Points the zone refinement changed ("Refined" field): moved (of them now with the true
+  // zone), and classified as noise (of them birds or dust).
+  std::uint64_t refinedMoved = 0, refinedMovedCorrect = 0;
+  std::uint64_t refinedNoise = 0, refinedNoiseOffSurface = 0;
   // Range error of correctly zoned points against their own echo (m).
   double rangeErrorMedian = 0.0, rangeErrorP95 = 0.0;
   // confusion[true zone][assigned zone] of traced points, zones 0 to 9 (9: 9 or more)
@@ -54,6 +58,7 @@ struct ZoneScoreReport {
 struct ScoredPoint {
   double gpsTime, range;
   std::uint8_t zone, classification;
+  std::uint8_t refined = 0;  // the "Refined" bits (0 when the output has no such field)
 };
 
 // One echo of the truth: emitting shot, true zone, range, target, recorded or blind.
@@ -88,6 +93,8 @@ class ZoneScorer {
   ~ZoneScorer();
   void add(const std::vector<ScoredPoint>& points);
   ZoneScoreReport finish();
+  // Whether the point carries its own echo's zone (false when it cannot be traced).
+  bool isCorrect(const ScoredPoint& point) const;
 
  private:
   struct Index;

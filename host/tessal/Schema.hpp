@@ -41,6 +41,10 @@ inline constexpr const char* kNumberOfReturns = "NumberOfReturns";
 inline constexpr const char* kWaveformPositionIndex = "WaveformPositionIndex";
 inline constexpr const char* kScanAngleRank = "ScanAngleRank";
 inline constexpr const char* kPointID = "PointID";
+// Written by the optional zone refinement after a run: bit 1 the zone was moved, bit 2 the
+// point was classified as noise for fitting no surface (0: left as the run made it).
+inline constexpr const char* kRefined = "Refined";
+inline constexpr std::uint8_t kRefinedMoved = 1, kRefinedNoise = 2;
 
 // Fragments are named "Fragment_" and their number in decimal without padding.
 inline constexpr const char* kFragmentPrefix = "Fragment_";

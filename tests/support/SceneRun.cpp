@@ -15,9 +15,30 @@ double since(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
+void refineAndScore(Tessal::BundlePtr& bundle,
+                    const std::vector<Vorlap::StrongPtr<Tessal::Grid>>& grids,
+                    const std::vector<std::vector<quillo::sim::ScoredPoint>>& before,
+                    quillo::sim::ZoneScorer& scorer, SceneResult& result) {
+  const auto start = std::chrono::steady_clock::now();
+  result.refinement = FullWaveform::refineZones(bundle, grids);
+  result.refineSeconds = since(start);
+  result.refined = true;
+  for (std::size_t i = 0; i < grids.size(); ++i) {
+    const auto after = quillo::sim::pointsOf(grids[i], "refined output");
+    for (std::size_t p = 0; p < after.size(); ++p) {
+      const bool wasRight = scorer.isCorrect(before[i][p]), isRight = scorer.isCorrect(after[p]);
+      result.broken += wasRight && !isRight;
+      result.fixed += !wasRight && isRight;
+    }
+    scorer.add(after);
+  }
+  result.refinedScore = scorer.finish();
+}
+
 }  // namespace
 
-SceneResult runScene(const quillo::sim::SurveyConfig& config, const std::string& folder) {
+SceneResult runScene(const quillo::sim::SurveyConfig& config, const std::string& folder,
+                     bool refine) {
   SceneResult result;
   const std::string input = (std::filesystem::path(folder) / "scene_210315_093000.kq").string();
   auto start = std::chrono::steady_clock::now();
@@ -36,13 +57,19 @@ SceneResult runScene(const quillo::sim::SurveyConfig& config, const std::string&
   start = std::chrono::steady_clock::now();
   result.runError = FullWaveform::Quillo<unsigned short>(bundle, grids[0], grids[1], in);
   result.runSeconds = since(start);
-  quillo::sim::ZoneScorer scorer(quillo::sim::truthOf(bundle, input));
+  const quillo::sim::SurveyTruth truth = quillo::sim::truthOf(bundle, input);
+  quillo::sim::ZoneScorer scorer(truth);
+  std::vector<std::vector<quillo::sim::ScoredPoint>> points;
   for (std::size_t i = 0; i < grids.size(); ++i) {
-    const auto points = quillo::sim::pointsOf(grids[i], input);
-    result.pointsPerOutput[i] = points.size();
-    scorer.add(points);
+    points.push_back(quillo::sim::pointsOf(grids[i], input));
+    result.pointsPerOutput[i] = points.back().size();
+    scorer.add(points.back());
   }
   result.score = scorer.finish();
+  if (refine) {
+    quillo::sim::ZoneScorer again(truth);
+    refineAndScore(bundle, grids, points, again, result);
+  }
   return result;
 }
 

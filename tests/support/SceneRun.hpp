@@ -1,9 +1,11 @@
 // One scene end to end: simulated into a .kq file, run through the module's entry function
-// with outputs kept in memory, and scored echo by echo against its truth.
+// with outputs kept in memory, and scored echo by echo against its truth; optionally refined
+// afterwards and scored again.
 #pragma once
 
 #include <string>
 
+#include "refine/ZoneRefinement.hpp"
 #include "sim/Scoring.hpp"
 
 namespace quillo::test {
@@ -13,9 +15,17 @@ struct SceneResult {
   std::string runError;  // the module's result text
   std::size_t pointsPerOutput[2] = {0, 0};
   double simulateSeconds = 0.0, runSeconds = 0.0;
+  // With the refinement: the score after it, the points it made wrong that were right
+  // (broken) and the reverse (fixed), its own summary and time.
+  bool refined = false;
+  quillo::sim::ZoneScoreReport refinedScore;
+  std::uint64_t broken = 0, fixed = 0;
+  FullWaveform::RefinementSummary refinement;
+  double refineSeconds = 0.0;
 };
 
 // Writes the survey into `folder` (replacing an earlier scene's file there).
-SceneResult runScene(const quillo::sim::SurveyConfig& config, const std::string& folder);
+SceneResult runScene(const quillo::sim::SurveyConfig& config, const std::string& folder,
+                     bool refine = false);
 
 }  // namespace quillo::test

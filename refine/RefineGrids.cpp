@@ -1,0 +1,244 @@
+// Zone refinement on a run's outputs. Reads the input's "Shots" grid (all fragments) and the
+// point fields of each output fragment held in memory; rewrites the moved points' GPS time,
+// position, range, zone, direction step, scan-angle rank and return numbers as the point
+// assembly computes them, sets classification 7 on points fitting no surface, and adds the
+// "Refined" field.
+#include <algorithm>
+#include <cmath>
+#include <set>
+
+#include "output/PointGeometry.hpp"
+#include "refine/ZoneRefinement.hpp"
+#include "tessal/Schema.hpp"
+#include "waveform/ScannerDevice.hpp"
+
+namespace FullWaveform {
+
+namespace {
+
+namespace schema = Tessal::schema;
+using Gemwold::PhysicalSpace::point;
+using Gemwold::PhysicalSpace::vector;
+template <class E>
+using ArrayPtr = Vorlap::StrongPtr<Tessal::MemArray<1, E>>;
+
+constexpr std::uint8_t kNoiseClass = 7;
+constexpr std::uint8_t kNoZone = 255;
+
+Vorlap::StrongPtr<Tessal::Grid> inputGrid(Tessal::BundlePtr& input, const std::string& name) {
+  double t = 0.0;
+  auto slice = input ? (*input.get())(t) : Vorlap::StrongPtr<Tessal::Slice>();
+  return slice ? (*slice)(name) : Vorlap::StrongPtr<Tessal::Grid>();
+}
+
+template <class E>
+ArrayPtr<E> fragmentArray(const Vorlap::StrongPtr<Tessal::Field>& field, const std::string& name) {
+  if (!field) return {};
+  auto id = field->getFragmentIDCollection()->findFragmentIDByName(name);
+  auto creator = id ? field->getCreator(id) : Vorlap::StrongPtr<Tessal::CreativeArrayBase>();
+  return creator ? Vorlap::dynamicPtrCast<Tessal::MemArray<1, E>>(creator->create())
+                 : ArrayPtr<E>();
+}
+
+// Every shot of the input in time order, with the scanner's light speed and pattern.
+std::string readShotTable(Tessal::BundlePtr& input, ShotTable& table, double& sampleStep) {
+  const auto shots = inputGrid(input, schema::kShotsGrid);
+  if (!shots) return "refinement: the input has no \"Shots\" grid";
+  const auto times = (*shots)(schema::kGPSTime, ""), origins = (*shots)(schema::kPositions, "");
+  const auto directions = (*shots)(schema::kDirectionDelta, "");
+  if (!times || !origins || !directions)
+    return "refinement: \"Shots\" lacks GPSTime, Positions or Waveforms.DirectionDelta";
+  struct Shot {
+    double time;
+    point origin;
+    vector direction;
+  };
+  std::vector<Shot> all;
+  const auto ids = times->getFragmentIDCollection();
+  for (std::size_t f = 0; f < ids->size(); ++f) {
+    const std::string& name = ids->at(f)->getName();
+    const auto t = fragmentArray<double>(times, name);
+    const auto o = fragmentArray<point>(origins, name);
+    const auto d = fragmentArray<vector>(directions, name);
+    if (!t || !o || !d || o->size() != t->size() || d->size() != t->size()) continue;
+    for (std::size_t s = 0; s < t->size(); ++s) all.push_back({t->get(s), o->get(s), d->get(s)});
+  }
+  std::stable_sort(all.begin(), all.end(),
+                   [](const Shot& a, const Shot& b) { return a.time < b.time; });
+  for (const Shot& s : all) {
+    table.time.push_back(s.time);
+    table.origin.push_back(s.origin);
+    table.direction.push_back(s.direction);
+  }
+  const ScannerDevice scanner(shots, inputGrid(input, schema::kWaveformsGrid));
+  table.lightSpeed = scanner.lightSpeed;
+  table.radial = scanner.isRadial();
+  sampleStep = sampleRangeStep(scanner.sampleInterval, scanner.lightSpeed);
+  return table.lightSpeed > 0.0 ? "" : "refinement: the scanner's light speed is not positive";
+}
+
+// The point fields of one output fragment that a moved point changes.
+struct OutputPart {
+  Vorlap::StrongPtr<Tessal::Representation> rep;
+  std::string fragment;
+  ArrayPtr<double> time, range;
+  ArrayPtr<point> position;
+  ArrayPtr<vector> directionStep;
+  ArrayPtr<std::uint8_t> zone, classification, returnNumber, numberOfReturns;
+  ArrayPtr<std::int16_t> scanAngleRank;
+  std::vector<std::uint8_t> flags;
+
+  bool complete() const {
+    const std::size_t n = time ? time->size() : 0;
+    for (std::size_t size :
+         {range ? range->size() : 0, position ? position->size() : 0,
+          directionStep ? directionStep->size() : 0, zone ? zone->size() : 0,
+          classification ? classification->size() : 0, returnNumber ? returnNumber->size() : 0,
+          numberOfReturns ? numberOfReturns->size() : 0, scanAngleRank ? scanAngleRank->size() : 0})
+      if (size != n) return false;
+    return true;
+  }
+};
+
+OutputPart partOf(const Vorlap::StrongPtr<Tessal::Representation>& rep, const std::string& frag) {
+  const auto field = [&](const char* name) { return rep->findFieldByName(name); };
+  OutputPart p;
+  p.rep = rep;
+  p.fragment = frag;
+  p.time = fragmentArray<double>(field(schema::kGPSTime), frag);
+  p.range = fragmentArray<double>(field(schema::kRange), frag);
+  p.position = fragmentArray<point>(field(schema::kPositions), frag);
+  p.directionStep = fragmentArray<vector>(field(schema::kDirectionDelta), frag);
+  p.zone = fragmentArray<std::uint8_t>(field(schema::kMTA), frag);
+  p.classification = fragmentArray<std::uint8_t>(field(schema::kClassification), frag);
+  p.returnNumber = fragmentArray<std::uint8_t>(field(schema::kReturnNumber), frag);
+  p.numberOfReturns = fragmentArray<std::uint8_t>(field(schema::kNumberOfReturns), frag);
+  p.scanAngleRank = fragmentArray<std::int16_t>(field(schema::kScanAngleRank), frag);
+  p.flags.assign(p.time ? p.time->size() : 0, kUntouched);
+  return p;
+}
+
+std::string collectParts(const std::vector<Vorlap::StrongPtr<Tessal::Grid>>& outputs,
+                         std::vector<OutputPart>& parts) {
+  for (const auto& grid : outputs) {
+    auto rep = grid ? grid->getCartesianRepresentation(schema::kScannerChart)
+                    : Vorlap::StrongPtr<Tessal::Representation>();
+    auto times = rep ? rep->findFieldByName(schema::kGPSTime) : Vorlap::StrongPtr<Tessal::Field>();
+    if (!times) continue;
+    const auto ids = times->getFragmentIDCollection();
+    for (std::size_t f = 0; f < ids->size(); ++f) {
+      parts.push_back(partOf(rep, ids->at(f)->getName()));
+      if (!parts.back().complete())
+        return "refinement: output fragment " + parts.back().fragment +
+               " lacks a point field or holds fields of different lengths";
+    }
+  }
+  return "";
+}
+
+struct PointRef {
+  std::uint32_t part, index;
+};
+
+// The shot of that GPS time, searched from `hint` on (a fragment's points come in shot
+// order), else in the whole table; false when there is none.
+bool findShot(const std::vector<double>& times, double t, std::uint32_t& hint) {
+  for (std::uint32_t k = hint; k < times.size() && k < hint + 16; ++k)
+    if (times[k] == t) return hint = k, true;
+  const auto it = std::lower_bound(times.begin(), times.end(), t);
+  if (it == times.end() || *it != t) return false;
+  hint = std::uint32_t(it - times.begin());
+  return true;
+}
+
+// The echoes the refinement can place: a zone and an emitting shot found in the table.
+void collectEchoes(const ShotTable& table, const std::vector<OutputPart>& parts,
+                   std::vector<RefineEcho>& echoes, std::vector<PointRef>& refs) {
+  std::uint32_t shot = 0;
+  for (std::uint32_t k = 0; k < parts.size(); ++k) {
+    const OutputPart& p = parts[k];
+    for (std::uint32_t i = 0; i < p.time->size(); ++i) {
+      const std::uint8_t zone = p.zone->get(i);
+      const double oneWay = p.range->get(i) / table.lightSpeed;
+      if (zone == kNoZone || !std::isfinite(oneWay) || !findShot(table.time, p.time->get(i), shot))
+        continue;
+      echoes.push_back({shot, oneWay, zone, p.classification->get(i) == kNoiseClass});
+      refs.push_back({k, i});
+    }
+  }
+}
+
+// Places a moved point at its new emitting shot, as the point assembly does.
+void movePoint(const ShotTable& table, double sampleStep, const RefineEcho& echo, std::uint8_t zone,
+               OutputPart& p, std::uint32_t i) {
+  const auto to = std::uint32_t(std::int64_t(echo.emitter) + echo.zone - zone);
+  const double d = oneWayTimeFrom(echo.oneWayTime, table.time[echo.emitter], table.time[to]);
+  const EchoPlacement placed =
+      placeEcho(d, table.direction[to], table.origin[to], table.lightSpeed);
+  p.time->set(i, table.time[to]);
+  p.position->set(i, placed.position);
+  p.range->set(i, placed.range);
+  p.zone->set(i, zone);
+  p.directionStep->set(i, directionDeltaOf(table.direction[to], sampleStep));
+  p.scanAngleRank->set(i, scanAngleRankOf(table.direction[to]));
+}
+
+// Numbers again the returns of the shots that lost or gained a point.
+bool renumberReturns(OutputPart& p, const std::set<double>& shotTimes) {
+  if (shotTimes.empty()) return true;
+  ShotReturns shots;
+  for (std::uint32_t i = 0; i < p.time->size(); ++i) {
+    const double t = p.time->get(i), r = p.range->get(i);
+    if (shotTimes.count(t) && !std::isnan(t) && !std::isnan(r)) shots.push_back({t, r, i});
+  }
+  return numberReturns(shots, *p.returnNumber, *p.numberOfReturns);
+}
+
+void addFlagField(OutputPart& p) {
+  auto field = static_cast<Vorlap::StrongPtr<Tessal::Field>>(p.rep->makeField(
+      p.rep->makeFieldID(schema::kRefined), Vorlap::StrongPtr<Tessal::FragmentIDCollection>(),
+      Vorlap::StrongPtr<Tessal::MemBase>()));
+  auto data = Vorlap::makeStrong<Tessal::MemArray<1, std::uint8_t>>(p.flags.size());
+  for (std::size_t i = 0; i < p.flags.size(); ++i) data->set(i, p.flags[i]);
+  field->setPersistentData(Vorlap::StrongPtr<Tessal::MemBase>(data),
+                           field->makeFragmentID(p.fragment), Vorlap::Cache::MemCache(), "");
+}
+
+}  // namespace
+
+RefinementSummary refineZones(Tessal::BundlePtr& input,
+                              const std::vector<Vorlap::StrongPtr<Tessal::Grid>>& outputs,
+                              const RefineSettings& settings) {
+  RefinementSummary summary;
+  ShotTable table;
+  double sampleStep = 1.0;
+  std::vector<OutputPart> parts;
+  if (!(summary.error = readShotTable(input, table, sampleStep)).empty()) return summary;
+  if (!(summary.error = collectParts(outputs, parts)).empty()) return summary;
+  std::vector<RefineEcho> echoes;
+  std::vector<PointRef> refs;
+  collectEchoes(table, parts, echoes, refs);
+  const RefineResult result = refineEchoZones(table, echoes, settings);
+  std::vector<std::set<double>> touchedShots(parts.size());
+  for (std::size_t k = 0; k < echoes.size(); ++k) {
+    OutputPart& p = parts[refs[k].part];
+    const std::uint32_t i = refs[k].index;
+    p.flags[i] = result.flag[k];
+    if (result.flag[k] & kMarkedNoise) p.classification->set(i, kNoiseClass);
+    if (!(result.flag[k] & kMovedZone)) continue;
+    touchedShots[refs[k].part].insert(p.time->get(i));
+    movePoint(table, sampleStep, echoes[k], result.zone[k], p, i);
+    touchedShots[refs[k].part].insert(p.time->get(i));
+  }
+  for (std::size_t k = 0; k < parts.size(); ++k) {
+    if (!renumberReturns(parts[k], touchedShots[k]))
+      summary.error = "refinement: a shot of " + parts[k].fragment + " has over 255 returns";
+    addFlagField(parts[k]);
+    summary.points += parts[k].flags.size();
+  }
+  summary.judged = result.judged, summary.moved = result.moved;
+  summary.markedNoise = result.markedNoise;
+  return summary;
+}
+
+}  // namespace FullWaveform

@@ -1,0 +1,59 @@
+// Surface-continuity refinement of echo zones, on plain arrays: the shot table and every
+// echo's emitting shot, one-way time and zone. Reads nothing else; returns new zones and flags.
+// Each echo's candidate zones are placed at their own emitting shots and tested against the
+// echoes of the same scan-angle bin in the neighbouring scan lines (both sides, placed with
+// their current zones). An echo moves only when its current zone fits clearly fewer lines
+// than another candidate; an echo that fits no line under any candidate is noise.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "gemwold/PhysicalSpace.hpp"
+#include "run/Export.hpp"
+#include "tessal/Schema.hpp"
+
+namespace FullWaveform {
+
+struct ShotTable {
+  std::vector<double> time;
+  std::vector<Gemwold::PhysicalSpace::point> origin;
+  std::vector<Gemwold::PhysicalSpace::vector> direction;
+  double lightSpeed = 0.0;
+  bool radial = false;  // scan angle: the azimuth around the cone instead of across the track
+};
+
+struct RefineEcho {
+  std::uint32_t emitter;  // index into the shot table
+  double oneWayTime;      // s, from that emitter
+  std::uint8_t zone;
+  bool noise;  // already classified as noise: neither judged nor a neighbour
+};
+
+struct RefineSettings {
+  int iterations = 4;
+  int neighbourLines = 4;         // lines on each side searched for the surface
+  double fitTolerance = 0.85;     // m, plus ...
+  double fitPerMetre = 0.85;      // ... this much per metre between the two footprints
+  double binDegrees = 0.1;        // scan-angle bin width
+  double farLineDistance = 30.0;  // m between origins: a line of another flight line
+};
+
+// Bits of a point's "Refined" value.
+enum RefineFlag : std::uint8_t {
+  kUntouched = 0,
+  kMovedZone = Tessal::schema::kRefinedMoved,
+  kMarkedNoise = Tessal::schema::kRefinedNoise
+};
+
+struct RefineResult {
+  std::vector<std::uint8_t> zone;  // per echo
+  std::vector<std::uint8_t> flag;  // RefineFlag bits per echo
+  std::uint64_t moved = 0, markedNoise = 0, judged = 0;
+};
+
+QUILLO_API RefineResult refineEchoZones(const ShotTable& shots,
+                                        const std::vector<RefineEcho>& echoes,
+                                        const RefineSettings& settings = {});
+
+}  // namespace FullWaveform

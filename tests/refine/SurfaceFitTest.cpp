@@ -1,0 +1,155 @@
+// The zone refinement on hand-made scans: a line-wise scanner 500 m above a surface, echoes
+// placed with their true zones, then some given wrong zones the way the block method goes
+// wrong (whole blocks in a few consecutive lines), and off-surface echoes added.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <functional>
+
+#include "output/PointGeometry.hpp"
+#include "refine/SurfaceFit.hpp"
+
+namespace FullWaveform {
+namespace {
+
+constexpr double kLight = 299792458.0;
+constexpr double kInterval = 1.0e-6;  // s between shots: a zone is about 150 m of range
+constexpr double kAltitude = 500.0;
+constexpr double kZoneRange = kLight * kInterval * 0.5;
+
+using Surface = std::function<double(double x, double y)>;
+
+// A scan of `lines` lines of `perLine` shots each, sweeping +-0.4 rad across the track while
+// flying 0.5 m per line, over `surface`; one echo per shot with its true zone.
+struct Scan {
+  ShotTable shots;
+  std::vector<RefineEcho> echoes;
+  std::vector<std::uint8_t> trueZone;
+  int perLine;
+
+  Scan(const Surface& surface, int lines, int perLine) : perLine(perLine) {
+    shots.lightSpeed = kLight;
+    for (int l = 0; l < lines; ++l)
+      for (int s = 0; s < perLine; ++s) {
+        const double angle = -0.4 + 0.8 * s / (perLine - 1);
+        const double y = 0.5 * (l + double(s) / perLine);
+        shots.time.push_back(kInterval * double(shots.time.size()));
+        shots.origin.push_back({0.0, y, kAltitude});
+        shots.direction.push_back({std::sin(angle), 0.0, -std::cos(angle)});
+        addEcho(std::uint32_t(shots.time.size() - 1), rangeTo(surface, angle, y));
+      }
+  }
+
+  static double rangeTo(const Surface& surface, double angle, double y) {
+    double t = 0.0;
+    while (kAltitude - t * std::cos(angle) > surface(t * std::sin(angle), y)) t += 0.05;
+    return t;
+  }
+
+  // An echo at `range` from shot `shot`, recorded after a later shot: its zone is the count.
+  std::size_t addEcho(std::uint32_t shot, double range) {
+    const auto zone = std::uint8_t(std::floor(2.0 * range / kLight / kInterval));
+    echoes.push_back({shot, range / kLight, zone, false});
+    trueZone.push_back(zone);
+    return echoes.size() - 1;
+  }
+
+  // Gives echo i the zone `zone`, as the block method would: same arrival, other emitter.
+  void assignZone(std::size_t i, int zone) {
+    RefineEcho& e = echoes[i];
+    const auto to = std::uint32_t(std::int64_t(e.emitter) + e.zone - zone);
+    e.oneWayTime = oneWayTimeFrom(e.oneWayTime, shots.time[e.emitter], shots.time[to]);
+    e.emitter = to;
+    e.zone = std::uint8_t(zone);
+  }
+
+  // Gives a block of `width` shots in lines [first, first + count) the zone one too high.
+  void spoilBlock(int first, int count, int fromShot, int width) {
+    for (int l = first; l < first + count; ++l)
+      for (int s = fromShot; s < fromShot + width; ++s) {
+        const std::size_t i = std::size_t(l * perLine + s);
+        assignZone(i, trueZone[i] + 1);
+      }
+  }
+
+  std::size_t wrong(const RefineResult& r) const {
+    std::size_t n = 0;
+    for (std::size_t i = 0; i < trueZone.size(); ++i) n += r.zone[i] != trueZone[i];
+    return n;
+  }
+};
+
+const Surface kFlat = [](double, double) { return 0.0; };
+
+TEST(SurfaceFit, CorrectScansStayAsTheyAre) {
+  // Flat ground, a 60 m cliff along the track, and a plateau exactly one zone of range high
+  // starting at line 6: there a naive smoothness rule would pull the first plateau line down
+  // to the ground of the lines before it, one zone further along the beam.
+  const Surface cliff = [](double x, double) { return x > 30.0 ? 60.0 : 0.0; };
+  const Surface plateau = [](double, double y) { return y >= 3.0 ? kZoneRange : 0.0; };
+  for (const Surface& surface : {kFlat, cliff, plateau}) {
+    Scan scan(surface, 14, 300);
+    const RefineResult r = refineEchoZones(scan.shots, scan.echoes);
+    EXPECT_EQ(r.moved, 0u);
+    EXPECT_EQ(r.markedNoise, 0u);
+    EXPECT_EQ(scan.wrong(r), 0u);
+  }
+}
+
+TEST(SurfaceFit, WrongBlocksMoveToTheSurface) {
+  // Three consecutive lines with the same block wrong, as at a fragment's start, on flat
+  // ground and across a cliff face.
+  const Surface cliff = [](double x, double) { return x > 30.0 ? 60.0 : 0.0; };
+  for (const Surface& surface : {kFlat, cliff}) {
+    Scan scan(surface, 14, 300);
+    scan.spoilBlock(5, 3, 180, 60);
+    ASSERT_EQ(scan.wrong({std::vector<std::uint8_t>(scan.trueZone.size(), 0)}), scan.echoes.size());
+    const RefineResult r = refineEchoZones(scan.shots, scan.echoes);
+    EXPECT_EQ(scan.wrong(r), 0u);
+    EXPECT_EQ(r.moved, 180u);
+    EXPECT_EQ(r.markedNoise, 0u);
+    EXPECT_EQ(r.flag[5 * 300 + 200], kMovedZone);
+  }
+}
+
+TEST(SurfaceFit, LastEchoesOfALineGoBackToTheirOwnLine) {
+  // Echoes of a line's last shots are recorded after the next line's first shots; given to
+  // the next line's first shot they land at the far side of the swath, line after line.
+  Scan scan(kFlat, 12, 300);
+  int spoiled = 0;
+  for (int l = 0; l < 11; ++l)
+    for (int s = 290; s < 300; ++s) {
+      const auto i = std::size_t(l * 300 + s);
+      const int recorder = l * 300 + s + scan.trueZone[i], nextLine = (l + 1) * 300;
+      if (recorder - nextLine > 0) scan.assignZone(i, recorder - nextLine), ++spoiled;
+    }
+  ASSERT_GT(spoiled, 11);
+  const RefineResult r = refineEchoZones(scan.shots, scan.echoes);
+  EXPECT_EQ(scan.wrong(r), 0u);
+  EXPECT_EQ(r.moved, std::size_t(spoiled));
+}
+
+TEST(SurfaceFit, BirdsAreNoiseAndKeepTheirZone) {
+  Scan scan(kFlat, 10, 300);
+  const std::size_t bird = scan.addEcho(5 * 300 + 150, 60.0);
+  const std::size_t dust = scan.addEcho(6 * 300 + 40, 250.0);
+  const RefineResult r = refineEchoZones(scan.shots, scan.echoes);
+  EXPECT_EQ(r.flag[bird], kMarkedNoise);
+  EXPECT_EQ(r.flag[dust], kMarkedNoise);
+  EXPECT_EQ(r.zone[bird], 0);
+  EXPECT_EQ(r.markedNoise, 2u);
+  EXPECT_EQ(r.moved, 0u);
+}
+
+TEST(SurfaceFit, EchoesAlreadyNoiseOrWithTooFewNeighboursAreLeftAlone) {
+  Scan scan(kFlat, 2, 300);  // two lines: too few to judge any echo
+  scan.spoilBlock(0, 1, 100, 20);
+  scan.echoes[0].noise = true;
+  const RefineResult r = refineEchoZones(scan.shots, scan.echoes);
+  EXPECT_EQ(r.moved, 0u);
+  EXPECT_EQ(r.markedNoise, 0u);
+  EXPECT_EQ(refineEchoZones(ShotTable{}, {}).zone.size(), 0u);
+}
+
+}  // namespace
+}  // namespace FullWaveform
