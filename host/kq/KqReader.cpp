@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <functional>
 
+#include "kq/DirectChunkRead.hpp"
 #include "kq/GlobalHeapCheck.hpp"
 #include "kq/KqAttributes.hpp"
 #include "kq/KqConversion.hpp"
@@ -70,8 +71,11 @@ Vorlap::StrongPtr<MemBase> FileCreator::read(hid_t set) {
         problem_ = problem + " " + elementTypeName(type_);
         return;
       }
-    } else if (array->size() && H5Dread(set, kq::nativeTypeOf(type_), H5S_ALL, H5S_ALL, H5P_DEFAULT,
-                                        array->contiguousData()) < 0) {
+    } else if (array->size() &&
+               !kq::readChunksDirectly(set, kq::nativeTypeOf(type_), array->contiguousData(),
+                                       array->size() * elementBytes(type_)) &&
+               H5Dread(set, kq::nativeTypeOf(type_), H5S_ALL, H5S_ALL, H5P_DEFAULT,
+                       array->contiguousData()) < 0) {
       return;
     }
     result = array;
