@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cstdio>
 #include <filesystem>
+#include <map>
 #include <set>
 
 #include "kq/ChunkCodec.hpp"
@@ -189,6 +190,14 @@ class Writer {
 
   bool writeFragment(const FieldJob& job, const Vorlap::StrongPtr<FragmentID>& id);
 
+  // The field's "fragments" group, opened once: a walk from the root per dataset written
+  // cost more than the dataset itself in files of thousands of fragments.
+  hid_t fragmentGroup(const std::string& path) {
+    Hid& g = fragmentGroups_[path];
+    if (!g.ok()) g = Hid(H5Gopen2(file_, path.c_str(), H5P_DEFAULT), H5Gclose);
+    return g.get();
+  }
+
   static std::string datasetPath(const FieldJob& job, const Vorlap::StrongPtr<FragmentID>& id) {
     return job.path + "/" + kq::escapeName(id->getName());
   }
@@ -197,6 +206,7 @@ class Writer {
   std::vector<FieldJob> jobs_;
   std::set<std::string> written_;  // datasets a streaming pass wrote
   FragmentChangeCursor changes_;   // how far the streaming passes have looked
+  std::map<std::string, Hid> fragmentGroups_;
   bool groupsOnly_ = false;
   std::string error_;
 };
@@ -291,9 +301,9 @@ bool Writer::writeFragment(const FieldJob& job, const Vorlap::StrongPtr<Fragment
     creator->enableCaching(false);
   }
   if (!data) return fail(where + " could not be produced");
-  Hid parent(H5Gopen2(file_, job.path.c_str(), H5P_DEFAULT), H5Gclose);
   const EncodedDataset encoded = encodeDataset(*data);
-  if (!parent.ok() || !writeEncodedDataset(parent.get(), kq::escapeName(id->getName()), encoded))
+  const hid_t parent = fragmentGroup(job.path);
+  if (parent < 0 || !writeEncodedDataset(parent, kq::escapeName(id->getName()), encoded))
     return fail("cannot write " + where);
   return true;
 }
