@@ -69,7 +69,10 @@ bool readChunksDirectly(hid_t set, hid_t memoryType, void* out, std::size_t byte
     offset[0] = row;
     hsize_t storedBytes = 0;
     uint32_t skipped = 0;
-    if (H5Dget_chunk_storage_size(set, offset, &storedBytes) < 0 || storedBytes == 0) return false;
+    // A size deflate cannot reach (a damaged file) is left to HDF5 rather than allocated.
+    if (H5Dget_chunk_storage_size(set, offset, &storedBytes) < 0 || storedBytes == 0 ||
+        storedBytes > chunkBytes + chunkBytes / 16 + 1024)
+      return false;
     packed.resize(storedBytes);
     if (H5Dread_chunk(set, H5P_DEFAULT, offset, &skipped, packed.data()) < 0 || skipped != 0)
       return false;
