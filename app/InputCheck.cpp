@@ -56,7 +56,9 @@ CheckReport checkInput(const std::string& path, const CheckScope& scope) {
     report.add(Severity::Error, "", loadMessage, "see docs/kq-format.md for the layout");
     return report;
   }
-  return checkBundle(bundle, path, scope);
+  CheckReport report = checkBundle(bundle, path, scope);
+  report.bundle = bundle;
+  return report;
 }
 
 CheckReport checkBundle(const Tessal::BundlePtr& bundle, const std::string& path,

@@ -29,7 +29,8 @@ struct CheckReport {
   std::vector<Finding> findings;
   std::uint32_t fragments = 0;
   std::uint64_t shots = 0, waveformRows = 0, onlineRecords = 0;
-  std::string loadError;  // why the file could not be loaded; empty when it was
+  std::string loadError;     // why the file could not be loaded; empty when it was
+  Tessal::BundlePtr bundle;  // the loaded file (its structure), for a run to reuse
 
   void add(Severity s, std::string where, std::string what, std::string fix = {});
   std::size_t count(Severity s) const;

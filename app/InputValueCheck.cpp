@@ -211,9 +211,10 @@ void ValueCheck::samples(std::uint32_t f, const Tessal::MemArray<1, std::uint16_
                   : nullptr;
   if (readSamples_ && !rows) return unreadable(kWaveformsGrid, kWaveformSamples, f);
   const bool saturation = readSamples_ && grids_.online;
-  // A saturated high-gain row loses nothing when a row of another channel has its echo.
-  auto rowTimes = fetch<Doubles>(grids_.waveforms, kGPSTime, f);
-  if (!rowTimes) return unreadable(kWaveformsGrid, kGPSTime, f);
+  // A saturated high-gain row loses nothing when a row of another channel has its echo. The
+  // row times were read by recordTimes already; read again only when they are needed.
+  auto rowTimes = saturation ? fetch<Doubles>(grids_.waveforms, kGPSTime, f) : nullptr;
+  if (saturation && !rowTimes) return unreadable(kWaveformsGrid, kGPSTime, f);
   std::set<double> lowGainTimes;
   for (std::size_t r = 0; saturation && r < channels->size(); ++r)
     if (channels->get(r) != 0) lowGainTimes.insert(rowTimes->get(r));

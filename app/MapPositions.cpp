@@ -50,7 +50,8 @@ point transformPoint(const Transform& m, const point& p) {
 
 }  // namespace
 
-void addMapPositions(Tessal::Grid& grid, const Transform& transform) {
+void addMapPositions(Tessal::Grid& grid, const Transform& transform,
+                     Tessal::FragmentChangeCursor& seen) {
   auto scanner = grid.getCartesianRepresentation(schema::kScannerChart);
   if (!scanner) return;
   auto source = scanner->findFieldByName(schema::kPositions);
@@ -59,7 +60,7 @@ void addMapPositions(Tessal::Grid& grid, const Transform& transform) {
   Vorlap::StrongPtr<Tessal::Field> target =
       map->makeField(map->makeFieldID(schema::kPositions), {}, {});
   auto ids = source->getFragmentIDCollection();
-  for (std::size_t f = 0; f < ids->size(); ++f) {
+  for (std::size_t f : seen.newlyChanged(*source)) {
     auto creator = source->getCreator(ids->at(f));
     auto data = creator ? Vorlap::dynamicPtrCast<PointArray>(creator->heldData()) : nullptr;
     if (!data || target->getFragmentIDCollection()->findFragmentIDByName(ids->at(f)->getName()))

@@ -28,7 +28,9 @@ Gemwold::PhysicalSpace::vector rotateToMap(const Transform& m,
                                            const Gemwold::PhysicalSpace::vector& v);
 
 // Adds the map chart with one "Positions" fragment per scanner-frame fragment held in memory
-// and not mapped yet (so a run can map its fragments as they complete).
-void addMapPositions(Tessal::Grid& grid, const Transform& transform);
+// and not mapped yet (so a run can map its fragments as they complete). Only fragments given
+// data since `seen` last looked are visited.
+void addMapPositions(Tessal::Grid& grid, const Transform& transform,
+                     Tessal::FragmentChangeCursor& seen);
 
 }  // namespace quillo::cli

@@ -6,7 +6,9 @@
 
 namespace quillo::cli {
 
-// Adds the fragments whose data is held in memory to `summary`.
-void addToSummary(const Tessal::Grid& grid, OutputSummary& summary);
+// Adds the fragments whose data is held in memory and that were given it since `seen` last
+// looked to `summary`.
+void addToSummary(const Tessal::Grid& grid, OutputSummary& summary,
+                  Tessal::FragmentChangeCursor& seen);
 
 }  // namespace quillo::cli

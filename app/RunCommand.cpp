@@ -8,6 +8,7 @@
 #include <regex>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 #include "app/CaughtError.hpp"
 #include "app/CliError.hpp"
@@ -102,13 +103,16 @@ namespace {
 
 // Runs every input, `jobs` at a time, each on one thread; when any failed, the first failure
 // in input order is thrown once all have ended.
-std::vector<RunSummary> runAll(const RunCommandOptions& o, const RunSettings& settings) {
+std::vector<RunSummary> runAll(const RunCommandOptions& o, const RunSettings& settings,
+                               std::vector<Tessal::BundlePtr>& loaded) {
   std::vector<RunSummary> summaries(o.inputs.size());
   std::vector<std::unique_ptr<CliError>> errors(o.inputs.size());
   std::atomic<std::size_t> next{0};
   auto worker = [&] {
     for (std::size_t i; (i = next++) < o.inputs.size();)
-      errors[i] = caughtError(o.inputs[i], [&] { summaries[i] = runOne(o.inputs[i], settings); });
+      errors[i] = caughtError(o.inputs[i], [&] {
+        summaries[i] = runOne(o.inputs[i], settings, std::exchange(loaded[i], {}));
+      });
   };
   std::vector<std::thread> threads;
   for (unsigned t = 1; t < std::max(1u, o.jobs); ++t) {
@@ -136,15 +140,20 @@ void makeOutDir(const std::string& dir) {
 // Checks every input before any run starts, so a run stops with the reasons and fixes rather
 // than with the module's short messages. The defaults standing in for missing attributes
 // and the warnings are said once per input, also with --quiet (which silences progress). The
-// samples' values are left to `quillo check`.
-void checkInputs(const RunCommandOptions& o) {
+// samples' values are left to `quillo check`. Returns the inputs as loaded for the check, for
+// the first runs to start (each further input is loaded again when its run starts, so that a
+// long list of inputs does not hold every file open).
+std::vector<Tessal::BundlePtr> checkInputs(const RunCommandOptions& o) {
   CheckScope scope;
   scope.readSamples = false;
   scope.waveforms = !o.module.skipFWF;
   scope.online = !o.module.skipOnline;
   std::size_t unusable = 0;
-  for (const auto& input : o.inputs) {
-    const CheckReport report = checkInput(input, scope);
+  std::vector<Tessal::BundlePtr> loaded(o.inputs.size());
+  for (std::size_t i = 0; i < o.inputs.size(); ++i) {
+    const std::string& input = o.inputs[i];
+    CheckReport report = checkInput(input, scope);
+    if (i < std::max(1u, o.jobs)) loaded[i] = std::move(report.bundle);
     if (!report.loadError.empty()) {
       // The loader's own words (they name the object), then the error every command gives.
       if (report.loadError != input + ": " + report.findings[0].what)
@@ -162,6 +171,7 @@ void checkInputs(const RunCommandOptions& o) {
     throw CliError(kInput, std::to_string(unusable) +
                                " input(s) cannot be run for the reasons above (quillo check "
                                "INPUT lists every finding)");
+  return loaded;
 }
 
 void execute(const RunCommandOptions& o) {
@@ -170,13 +180,13 @@ void execute(const RunCommandOptions& o) {
     throw CliError(kUsage, "--date: expected YYMMDD_HHMMSS, got \"" + o.date + "\"");
   RunSettings settings = settingsFrom(o.module);
   makeOutDir(o.outDir);
-  checkInputs(o);
+  std::vector<Tessal::BundlePtr> loaded = checkInputs(o);
   settings.outDir = o.outDir;
   settings.date = o.date;
   settings.verbose = o.verbose;
   settings.refine = o.refine;
   settings.quiet = o.quiet || o.jobs > 1;
-  std::vector<RunSummary> runs = runAll(o, settings);
+  std::vector<RunSummary> runs = runAll(o, settings, loaded);
   bool failed = false;
   for (const auto& r : runs) {
     printSummary(r);

@@ -120,7 +120,8 @@ std::string moduleFileName(const std::string& inputPath, const std::string& date
   return (p.parent_path() / (p.stem().string() + "_" + date + p.extension().string())).string();
 }
 
-RunSummary runOne(const std::string& inputPath, const RunSettings& settings) {
+RunSummary runOne(const std::string& inputPath, const RunSettings& settings,
+                  Tessal::BundlePtr loaded) {
   RunSummary summary;
   summary.input = inputPath;
   if (!nameCarriesDate(inputPath) && settings.date.empty())
@@ -129,7 +130,7 @@ RunSummary runOne(const std::string& inputPath, const RunSettings& settings) {
                                "give it with --date YYMMDD_HHMMSS");
   checkOutDir(settings.outDir);
   StageClock clock(summary);
-  Tessal::BundlePtr bundle = loadKqFile(inputPath);
+  Tessal::BundlePtr bundle = loaded.isEmpty() ? loadKqFile(inputPath) : std::move(loaded);
   clock.lap("load");
   warnAboutFragmentGaps(bundle, inputPath);
   FullWaveform::Input input = settings.input;

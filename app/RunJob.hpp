@@ -40,7 +40,9 @@ struct RunSummary {
 };
 
 // Runs one input; throws CliError for problems the user must fix before a run can start.
-RunSummary runOne(const std::string& inputPath, const RunSettings& settings);
+// `loaded`: the input as the check loaded it (empty: loaded here).
+RunSummary runOne(const std::string& inputPath, const RunSettings& settings,
+                  Tessal::BundlePtr loaded = {});
 
 // The name the module sees: the input's own when it carries a date, else one with `date`.
 std::string moduleFileName(const std::string& inputPath, const std::string& date);

@@ -41,8 +41,8 @@ void StreamedOutput::writeFinished() {
   if (!error_.empty()) return;
   {
     Timer timer(mapSeconds);
-    addMapPositions(*grid_, toMap_);
-    addToSummary(*grid_, summary_);
+    addMapPositions(*grid_, toMap_, mapped_);
+    addToSummary(*grid_, summary_, counted_);
   }
   Timer timer(saveSeconds);
   error_ = save_->write();

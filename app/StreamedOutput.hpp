@@ -34,6 +34,7 @@ class StreamedOutput {
   Tessal::BundlePtr bundle_;
   Vorlap::StrongPtr<Tessal::Grid> grid_;
   std::unique_ptr<Tessal::StreamingSave> save_;
+  Tessal::FragmentChangeCursor mapped_, counted_;  // fragments already mapped, counted
   OutputSummary summary_;
   std::string error_;  // the first write error; reported when the run ends
 };

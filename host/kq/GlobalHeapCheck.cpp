@@ -3,10 +3,16 @@
 // size), then the data padded to 8 bytes; index 0 marks free space of the given total size.
 #include "kq/GlobalHeapCheck.hpp"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <ctime>
 #include <fstream>
+#include <mutex>
+#include <set>
+#include <tuple>
 #include <vector>
 
 namespace Tessal::kq {
@@ -17,6 +23,7 @@ constexpr char kSignature[8] = {'G', 'C', 'O', 'L', 1, 0, 0, 0};
 constexpr std::size_t kHeaderSize = 16;  // signature, version, reserved, 8-byte size
 constexpr std::size_t kObjectHeaderSize = 16;
 constexpr std::size_t kBlockSize = std::size_t(1) << 22;
+constexpr std::time_t kSettledSeconds = 2;
 
 std::uint64_t readLittleEndian(const unsigned char* p, int bytes) {
   std::uint64_t v = 0;
@@ -57,9 +64,63 @@ std::string checkCollectionAt(std::ifstream& in, std::uint64_t at, std::uint64_t
   return "damaged global heap collection at byte " + std::to_string(at) + ": " + problem;
 }
 
+// A file as it is now: any write since changes its size or modification time.
+using FileState = std::tuple<dev_t, ino_t, off_t, std::int64_t, long>;
+
+bool stateOf(const std::string& fileName, FileState& state, bool& settled) {
+  struct stat s {};
+  if (stat(fileName.c_str(), &s) != 0) return false;
+  state = {s.st_dev, s.st_ino, s.st_size, std::int64_t(s.st_mtim.tv_sec), s.st_mtim.tv_nsec};
+  // Modification times tick coarsely: a file changed within the last seconds could change
+  // again (or be replaced, reusing its inode) and keep its time. Fuzzers do just that.
+  settled = s.st_mtim.tv_sec + kSettledSeconds < std::time(nullptr);
+  return true;
+}
+
+struct SoundFiles {
+  std::mutex mutex;
+  std::set<FileState> files;
+};
+
+SoundFiles& soundFiles() {
+  static SoundFiles known;
+  return known;
+}
+
+bool knownSound(const std::string& fileName) {
+  FileState state;
+  bool settled = false;
+  if (!stateOf(fileName, state, settled)) return false;
+  std::lock_guard<std::mutex> lock(soundFiles().mutex);
+  return soundFiles().files.count(state) > 0;
+}
+
+std::string scanGlobalHeap(const std::string& fileName);
+
+void remember(const std::string& fileName, bool evenIfRecent) {
+  FileState state;
+  bool settled = false;
+  if (!stateOf(fileName, state, settled) || !(settled || evenIfRecent)) return;
+  std::lock_guard<std::mutex> lock(soundFiles().mutex);
+  soundFiles().files.insert(state);
+}
+
 }  // namespace
 
+void markGlobalHeapSound(const std::string& fileName) {
+  remember(fileName, true);
+}
+
 std::string damagedGlobalHeap(const std::string& fileName) {
+  if (knownSound(fileName)) return "";
+  const std::string problem = scanGlobalHeap(fileName);
+  if (problem.empty()) remember(fileName, false);
+  return problem;
+}
+
+namespace {
+
+std::string scanGlobalHeap(const std::string& fileName) {
   std::ifstream in(fileName, std::ios::binary);
   in.seekg(0, std::ios::end);
   const auto fileSize = std::uint64_t(std::max<std::streamoff>(0, in.tellg()));
@@ -82,5 +143,7 @@ std::string damagedGlobalHeap(const std::string& fileName) {
   }
   return "";
 }
+
+}  // namespace
 
 }  // namespace Tessal::kq

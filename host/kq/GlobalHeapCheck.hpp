@@ -8,7 +8,12 @@
 namespace Tessal::kq {
 
 // The empty text when every collection in `fileName` is sound (or the file holds none),
-// else which collection is damaged and how.
+// else which collection is damaged and how. A file found sound (or written by this process)
+// and unchanged since is not read again: a run loads its input for the check and again for
+// the run, and verifies each output it has just written.
 std::string damagedGlobalHeap(const std::string& fileName);
+
+// Records `fileName`, as it is now, as sound (a file this process has just written).
+void markGlobalHeapSound(const std::string& fileName);
 
 }  // namespace Tessal::kq

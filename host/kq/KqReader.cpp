@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <functional>
 
+#include "kq/DirectChunkRead.hpp"
 #include "kq/GlobalHeapCheck.hpp"
 #include "kq/KqAttributes.hpp"
 #include "kq/KqConversion.hpp"
@@ -32,11 +33,54 @@ struct KqFile {
   }
 };
 
+// A field's "fragments" group, open while any of its fragments may be read: opening a
+// dataset by its name in the group costs one link look-up instead of a walk from the root
+// (which dominated loads and reads of files with thousands of fragments).
+struct FragmentGroup {
+  Vorlap::StrongPtr<KqFile> file;
+  hid_t id = -1;
+  ~FragmentGroup() {
+    std::lock_guard<std::recursive_mutex> lock(kq::hdf5Mutex());
+    if (id >= 0) H5Gclose(id);
+  }
+};
+
+// A link of a fragments group: its name and, for a hard link, the object's address, by
+// which the dataset opens without a name look-up.
+struct LinkedObject {
+  std::string name;
+  haddr_t address = HADDR_UNDEF;
+};
+
+herr_t collectLink(hid_t, const char* name, const H5L_info_t* info, void* into) {
+  auto& links = *static_cast<std::vector<LinkedObject>*>(into);
+  links.push_back({name, info->type == H5L_TYPE_HARD ? info->u.address : HADDR_UNDEF});
+  return 0;
+}
+
+// Every link of the group in creation order (by name where no such order is kept).
+bool listLinks(hid_t group, std::vector<LinkedObject>& links) {
+  hsize_t at = 0;
+  if (H5Literate(group, H5_INDEX_CRT_ORDER, H5_ITER_INC, &at, collectLink, &links) >= 0)
+    return true;
+  links.clear();
+  at = 0;
+  return H5Literate(group, H5_INDEX_NAME, H5_ITER_INC, &at, collectLink, &links) >= 0;
+}
+
+Hid openDataset(const FragmentGroup& group, const LinkedObject& link) {
+  if (link.address == HADDR_UNDEF)
+    return Hid(H5Dopen2(group.id, link.name.c_str(), H5P_DEFAULT), H5Dclose);
+  Hid object(H5Oopen_by_addr(group.file->id, link.address), H5Oclose);
+  return object.ok() && H5Iget_type(object.get()) == H5I_DATASET ? std::move(object) : Hid();
+}
+
 class FileCreator final : public CreativeArrayBase {
  public:
-  FileCreator(Vorlap::StrongPtr<KqFile> file, std::string path, ElementType type,
-              std::vector<std::size_t> extents, bool convert)
-      : file_(std::move(file)),
+  FileCreator(Vorlap::StrongPtr<FragmentGroup> group, LinkedObject link, std::string path,
+              ElementType type, std::vector<std::size_t> extents, bool convert)
+      : group_(std::move(group)),
+        link_(std::move(link)),
         path_(std::move(path)),
         type_(type),
         extents_(std::move(extents)),
@@ -51,8 +95,9 @@ class FileCreator final : public CreativeArrayBase {
   template <class T>
   Vorlap::StrongPtr<MemBase> read(hid_t set);
 
-  Vorlap::StrongPtr<KqFile> file_;
-  std::string path_;
+  Vorlap::StrongPtr<FragmentGroup> group_;
+  LinkedObject link_;
+  std::string path_;  // for messages
   ElementType type_;
   std::vector<std::size_t> extents_;
   bool convert_;         // stored as another number type
@@ -70,8 +115,11 @@ Vorlap::StrongPtr<MemBase> FileCreator::read(hid_t set) {
         problem_ = problem + " " + elementTypeName(type_);
         return;
       }
-    } else if (array->size() && H5Dread(set, kq::nativeTypeOf(type_), H5S_ALL, H5S_ALL, H5P_DEFAULT,
-                                        array->contiguousData()) < 0) {
+    } else if (array->size() &&
+               !kq::readChunksDirectly(set, kq::nativeTypeOf(type_), array->contiguousData(),
+                                       array->size() * elementBytes(type_)) &&
+               H5Dread(set, kq::nativeTypeOf(type_), H5S_ALL, H5S_ALL, H5P_DEFAULT,
+                       array->contiguousData()) < 0) {
       return;
     }
     result = array;
@@ -86,7 +134,7 @@ Vorlap::StrongPtr<MemBase> FileCreator::read(hid_t set) {
 
 Vorlap::StrongPtr<MemBase> FileCreator::produce() {
   std::lock_guard<std::recursive_mutex> lock(kq::hdf5Mutex());
-  Hid set(H5Dopen2(file_->id, path_.c_str(), H5P_DEFAULT), H5Dclose);
+  Hid set = openDataset(*group_, link_);
   Vorlap::StrongPtr<MemBase> data;
   try {
     if (set.ok()) {
@@ -134,7 +182,7 @@ Vorlap::StrongPtr<MemBase> FileCreator::produce() {
     data.reset();
   }
   if (!data)
-    Vorlap::Console() << file_->name << ": cannot read " << path_
+    Vorlap::Console() << group_->file->name << ": cannot read " << path_
                       << (problem_.empty() ? " (damaged data)" : ": " + problem_);
   return data;
 }
@@ -165,17 +213,25 @@ class Reader {
                 const std::function<bool(const std::string&, const std::string&)>& visit) {
     Hid g(H5Gopen2(file_->id, path.c_str(), H5P_DEFAULT), H5Gclose);
     if (!g.ok()) return fail(path, "missing group");
+    return eachLinkOf(g.get(), path, [&](const std::string& link, const std::string& name) {
+      return visit(path + "/" + link, name);
+    });
+  }
+
+  // The same for an open group: `visit` gets the link and its unescaped name.
+  bool eachLinkOf(hid_t g, const std::string& path,
+                  const std::function<bool(const std::string&, const std::string&)>& visit) {
     H5G_info_t info;
-    if (H5Gget_info(g.get(), &info) < 0) return fail(path, "unreadable group");
+    if (H5Gget_info(g, &info) < 0) return fail(path, "unreadable group");
     for (hsize_t i = 0; i < info.nlinks; ++i) {
       char name[1024];
-      ssize_t len = H5Lget_name_by_idx(g.get(), ".", H5_INDEX_CRT_ORDER, H5_ITER_INC, i, name,
+      ssize_t len = H5Lget_name_by_idx(g, ".", H5_INDEX_CRT_ORDER, H5_ITER_INC, i, name,
                                        sizeof name, H5P_DEFAULT);
       if (len < 0)
-        len = H5Lget_name_by_idx(g.get(), ".", H5_INDEX_NAME, H5_ITER_INC, i, name, sizeof name,
+        len = H5Lget_name_by_idx(g, ".", H5_INDEX_NAME, H5_ITER_INC, i, name, sizeof name,
                                  H5P_DEFAULT);
       if (len < 0 || len >= ssize_t(sizeof name)) return fail(path, "unreadable link name");
-      if (!visit(path + "/" + name, kq::unescapeName(name))) return false;
+      if (!visit(name, kq::unescapeName(name))) return false;
     }
     return true;
   }
@@ -240,12 +296,21 @@ class Reader {
   bool readField(const std::string& path, const std::string& name, Representation& rep) {
     Vorlap::StrongPtr<Field> field = rep.makeField(rep.makeFieldID(name), {}, {});
     if (!readAttributeGroup(path, field->attributes())) return false;
-    return eachLink(path + "/fragments", [&](const std::string& p, const std::string& frag) {
-      return readFragment(p, frag, *field);
-    });
+    const std::string groupPath = path + "/fragments";
+    auto group = Vorlap::makeStrong<FragmentGroup>();
+    group->file = file_;
+    group->id = H5Gopen2(file_->id, groupPath.c_str(), H5P_DEFAULT);
+    if (group->id < 0) return fail(groupPath, "missing group");
+    std::vector<LinkedObject> links;
+    if (!listLinks(group->id, links)) return fail(groupPath, "unreadable group");
+    for (const auto& l : links)
+      if (!readFragment(group, l, groupPath + "/" + l.name, kq::unescapeName(l.name), *field))
+        return false;
+    return true;
   }
 
-  bool readFragment(const std::string& path, const std::string& name, Field& field);
+  bool readFragment(const Vorlap::StrongPtr<FragmentGroup>& group, const LinkedObject& link,
+                    const std::string& path, const std::string& name, Field& field);
   bool readElementType(const std::string& path, const Vorlap::Attributes& meta, ElementType& type);
   bool readRank(const std::string& path, const Vorlap::Attributes& meta, int& rank);
 
@@ -290,8 +355,9 @@ bool Reader::readRank(const std::string& path, const Vorlap::Attributes& meta, i
   return true;
 }
 
-bool Reader::readFragment(const std::string& path, const std::string& name, Field& field) {
-  Hid set(H5Dopen2(file_->id, path.c_str(), H5P_DEFAULT), H5Dclose);
+bool Reader::readFragment(const Vorlap::StrongPtr<FragmentGroup>& group, const LinkedObject& link,
+                          const std::string& path, const std::string& name, Field& field) {
+  Hid set = openDataset(*group, link);
   if (!set.ok()) return fail(path, "missing dataset");
   Vorlap::Attributes meta;
   std::string error;
@@ -334,7 +400,7 @@ bool Reader::readFragment(const std::string& path, const std::string& name, Fiel
   else
     extents = {std::size_t(dims[0])};
   auto id = field.makeFragmentID(name);
-  field.setCreator(id, Vorlap::makeStrong<FileCreator>(file_, path, type, extents, !exact));
+  field.setCreator(id, Vorlap::makeStrong<FileCreator>(group, link, path, type, extents, !exact));
   return true;
 }
 

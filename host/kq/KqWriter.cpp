@@ -5,11 +5,15 @@
 // and renamed into place when complete.
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <filesystem>
+#include <map>
 #include <set>
 
+#include "kq/ChunkCodec.hpp"
+#include "kq/GlobalHeapCheck.hpp"
 #include "kq/KqAttributes.hpp"
 #include "tessal/Bundle.hpp"
 
@@ -75,10 +79,12 @@ class Writer {
   }
 
   // Writes every fragment whose data is held and that is not written yet, then lets it go.
+  // Only fragments given data since the last pass are looked at: a pass after each of
+  // thousands of fragments must not walk them all.
   bool heldFragments() {
     for (const auto& job : jobs_) {
       auto ids = job.field->getFragmentIDCollection();
-      for (std::size_t i = 0; i < ids->size(); ++i) {
+      for (std::size_t i : changes_.newlyChanged(*job.field)) {
         auto creator = job.field->getCreator(ids->at(i));
         auto data = creator ? creator->heldData() : Vorlap::StrongPtr<MemBase>();
         if (!data || written_.count(datasetPath(job, ids->at(i)))) continue;
@@ -184,6 +190,14 @@ class Writer {
 
   bool writeFragment(const FieldJob& job, const Vorlap::StrongPtr<FragmentID>& id);
 
+  // The field's "fragments" group, opened once: a walk from the root per dataset written
+  // cost more than the dataset itself in files of thousands of fragments.
+  hid_t fragmentGroup(const std::string& path) {
+    Hid& g = fragmentGroups_[path];
+    if (!g.ok()) g = Hid(H5Gopen2(file_, path.c_str(), H5P_DEFAULT), H5Gclose);
+    return g.get();
+  }
+
   static std::string datasetPath(const FieldJob& job, const Vorlap::StrongPtr<FragmentID>& id) {
     return job.path + "/" + kq::escapeName(id->getName());
   }
@@ -191,6 +205,8 @@ class Writer {
   hid_t file_;
   std::vector<FieldJob> jobs_;
   std::set<std::string> written_;  // datasets a streaming pass wrote
+  FragmentChangeCursor changes_;   // how far the streaming passes have looked
+  std::map<std::string, Hid> fragmentGroups_;
   bool groupsOnly_ = false;
   std::string error_;
 };
@@ -207,35 +223,69 @@ std::vector<hsize_t> storedShape(const MemBase& data) {
   return dims;
 }
 
-bool writeDataset(hid_t parent, const std::string& name, const MemBase& data) {
-  const std::vector<hsize_t> dims = storedShape(data);
-  Hid space(H5Screate_simple(int(dims.size()), dims.data(), nullptr), H5Sclose);
+// A fragment's array cut into chunks of whole rows of about a million numbers, each shuffled
+// and deflated. Made without any HDF5 call, so it may be made on any thread.
+struct EncodedDataset {
+  ElementType type;
+  unsigned rank;
+  std::vector<hsize_t> dims, chunk;  // chunk: rows per chunk, then the full other extents
+  std::vector<std::vector<unsigned char>> chunks;
+};
+
+EncodedDataset encodeDataset(const MemBase& data) {
+  EncodedDataset e{data.elementType(), data.rank(), storedShape(data), {}, {}};
+  std::size_t total = 1;
+  for (auto d : e.dims) total *= d;
+  if (total == 0) return e;
+  const std::size_t perRow = total / e.dims[0];
+  e.chunk = e.dims;
+  e.chunk[0] = std::min<hsize_t>(e.dims[0], std::max<hsize_t>(1, (1u << 20) / perRow));
+  const std::size_t component = elementBytes(e.type) / componentCount(e.type);
+  std::vector<unsigned char> raw(total * component);
+  data.copyOut(raw.data());
+  const std::size_t rowBytes = perRow * component, chunkBytes = e.chunk[0] * rowBytes;
+  std::vector<unsigned char> edge;
+  for (std::size_t row = 0; row < e.dims[0]; row += e.chunk[0]) {
+    const unsigned char* start = raw.data() + row * rowBytes;
+    if (row + e.chunk[0] > e.dims[0]) {
+      // The last chunk is stored whole; its rows past the end hold the fill value, zero.
+      edge.assign(chunkBytes, 0);
+      std::copy(start, static_cast<const unsigned char*>(raw.data() + raw.size()), edge.begin());
+      start = edge.data();
+    }
+    kq::encodeChunk(start, chunkBytes, component, e.chunks.emplace_back());
+  }
+  return e;
+}
+
+// Creates the dataset with the filters its chunks went through, so readers undo them, and
+// stores the chunks as they are.
+bool writeEncodedDataset(hid_t parent, const std::string& name, const EncodedDataset& e) {
+  Hid space(H5Screate_simple(int(e.dims.size()), e.dims.data(), nullptr), H5Sclose);
   Hid props(H5Pcreate(H5P_DATASET_CREATE), H5Pclose);
   H5Pset_obj_track_times(props.get(), 0);  // same content, same bytes
-  std::size_t total = 1;
-  for (auto d : dims) total *= d;
-  if (total > 0) {
-    std::vector<hsize_t> chunk = dims;
-    chunk[0] = std::min<hsize_t>(dims[0], std::max<hsize_t>(1, (1u << 20) / (total / dims[0])));
-    H5Pset_chunk(props.get(), int(chunk.size()), chunk.data());
+  if (!e.chunks.empty()) {
+    H5Pset_chunk(props.get(), int(e.chunk.size()), e.chunk.data());
     H5Pset_shuffle(props.get());
-    H5Pset_deflate(props.get(), 1);
+    H5Pset_deflate(props.get(), kq::kDeflateLevel);
   }
-  const hid_t type = kq::nativeTypeOf(data.elementType());
+  const hid_t type = kq::nativeTypeOf(e.type);
   Hid set(
       H5Dcreate2(parent, name.c_str(), type, space.get(), H5P_DEFAULT, props.get(), H5P_DEFAULT),
       H5Dclose);
   if (!set.ok()) return false;
   Vorlap::Attributes meta;
-  meta.setAttribute("element_type",
-                    Vorlap::makeChunk<std::string>({elementTypeName(data.elementType())}));
-  meta.setAttribute("rank", Vorlap::makeChunk<int>({int(data.rank())}));
+  meta.setAttribute("element_type", Vorlap::makeChunk<std::string>({elementTypeName(e.type)}));
+  meta.setAttribute("rank", Vorlap::makeChunk<int>({int(e.rank)}));
   std::string ignored;
   if (!kq::writeAttributes(set.get(), meta, ignored)) return false;
-  if (total == 0) return true;
-  std::vector<unsigned char> buffer(data.nElements() * elementBytes(data.elementType()));
-  data.copyOut(buffer.data());
-  return H5Dwrite(set.get(), type, H5S_ALL, H5S_ALL, H5P_DEFAULT, buffer.data()) >= 0;
+  std::vector<hsize_t> offset(e.dims.size(), 0);
+  for (const auto& bytes : e.chunks) {
+    if (H5Dwrite_chunk(set.get(), H5P_DEFAULT, 0, offset.data(), bytes.size(), bytes.data()) < 0)
+      return false;
+    offset[0] += e.chunk[0];
+  }
+  return true;
 }
 
 bool Writer::writeFragment(const FieldJob& job, const Vorlap::StrongPtr<FragmentID>& id) {
@@ -251,8 +301,9 @@ bool Writer::writeFragment(const FieldJob& job, const Vorlap::StrongPtr<Fragment
     creator->enableCaching(false);
   }
   if (!data) return fail(where + " could not be produced");
-  Hid parent(H5Gopen2(file_, job.path.c_str(), H5P_DEFAULT), H5Gclose);
-  if (!parent.ok() || !writeDataset(parent.get(), kq::escapeName(id->getName()), *data))
+  const EncodedDataset encoded = encodeDataset(*data);
+  const hid_t parent = fragmentGroup(job.path);
+  if (parent < 0 || !writeEncodedDataset(parent, kq::escapeName(id->getName()), encoded))
     return fail("cannot write " + where);
   return true;
 }
@@ -282,6 +333,7 @@ std::string Bundle::save(const BundlePtr& bundle, const std::string& fileName) {
   std::error_code ec;
   if (error.empty()) std::filesystem::rename(temporary, fileName, ec);
   if (error.empty() && ec) error = "cannot rename into place: " + ec.message();
+  if (error.empty()) kq::markGlobalHeapSound(fileName);
   if (error.empty()) return "";
   std::filesystem::remove(temporary, ec);
   return "cannot save " + fileName + ": " + error;
@@ -343,6 +395,7 @@ std::string StreamingSave::finish() {
   std::error_code ec;
   if (s.error.empty()) std::filesystem::rename(s.temporary, s.fileName, ec);
   if (s.error.empty() && ec) s.error = "cannot rename into place: " + ec.message();
+  if (s.error.empty()) kq::markGlobalHeapSound(s.fileName);
   s.finished = s.error.empty();
   return s.error.empty() ? "" : s.failure();
 }

@@ -8,23 +8,21 @@ namespace Tessal {
 using Vorlap::StrongPtr;
 
 StrongPtr<FragmentID> FragmentIDCollection::findFragmentIDByName(const std::string& name) const {
-  for (const auto& id : ids_) {
-    if (id->getName() == name) return id;
-  }
-  return {};
+  const auto found = byName_.find(name);
+  return found == byName_.end() ? StrongPtr<FragmentID>() : ids_[found->second];
 }
 
 StrongPtr<FragmentID> FragmentIDCollection::makeFragmentID(const std::string& name) {
   if (auto found = findFragmentIDByName(name)) return found;
   ids_.push_back(Vorlap::makeStrong<FragmentID>(name));
+  byName_.emplace(name, ids_.size() - 1);
+  byId_.emplace(ids_.back().get(), ids_.size() - 1);
   return ids_.back();
 }
 
 std::size_t FragmentIDCollection::indexOf(const FragmentID* id) const {
-  for (std::size_t i = 0; i < ids_.size(); ++i) {
-    if (ids_[i].get() == id) return i;
-  }
-  return ids_.size();
+  const auto found = byId_.find(id);
+  return found == byId_.end() ? ids_.size() : found->second;
 }
 
 StrongPtr<MemBase> CreativeArrayBase::create() {
@@ -71,7 +69,23 @@ void Field::setCreator(const StrongPtr<FragmentID>& fragment,
   }
   creators_.resize(fragments_->size());
   creators_[i] = creator;
+  changeLog_.push_back(i);
   touch();
+}
+
+std::vector<std::size_t> Field::fragmentsChangedSince(std::size_t mark) const {
+  std::vector<std::size_t> changed(
+      changeLog_.begin() + std::ptrdiff_t(std::min(mark, changeLog_.size())), changeLog_.end());
+  std::sort(changed.begin(), changed.end());
+  changed.erase(std::unique(changed.begin(), changed.end()), changed.end());
+  return changed;
+}
+
+std::vector<std::size_t> FragmentChangeCursor::newlyChanged(const Field& field) {
+  std::size_t& mark = marks_[&field];
+  auto changed = field.fragmentsChangedSince(mark);
+  mark = field.creatorChanges();
+  return changed;
 }
 
 StrongPtr<CreativeArrayBase> Field::getCreator(const StrongPtr<FragmentID>& fragment) const {

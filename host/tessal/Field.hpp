@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "tessal/MemArray.hpp"
@@ -31,7 +32,8 @@ class FragmentID {
   std::string name_;
 };
 
-// The fragment identifiers of a field, in creation order.
+// The fragment identifiers of a field, in creation order. Look-ups by name and by identifier
+// are hashed: a strip may hold tens of thousands of fragments.
 class FragmentIDCollection {
  public:
   Vorlap::StrongPtr<FragmentID> findFragmentIDByName(const std::string& name) const;
@@ -44,6 +46,8 @@ class FragmentIDCollection {
 
  private:
   std::vector<Vorlap::StrongPtr<FragmentID>> ids_;
+  std::unordered_map<std::string, std::size_t> byName_;
+  std::unordered_map<const FragmentID*, std::size_t> byId_;
 };
 
 // Per component minimum and maximum of a fragment's values.
@@ -107,6 +111,12 @@ class Field : public Vorlap::Ageable {
   Vorlap::StrongPtr<CreativeArrayBase> getCreator(
       const Vorlap::StrongPtr<FragmentID>& fragment) const;
 
+  // Every setCreator is logged by fragment position, so that a consumer that comes back after
+  // each fragment (a streaming save, output statistics) visits only what changed.
+  std::size_t creatorChanges() const { return changeLog_.size(); }
+  // Positions whose creator was set since the log held `mark` entries, ascending, each once.
+  std::vector<std::size_t> fragmentsChangedSince(std::size_t mark) const;
+
   Vorlap::Attributes& attributes() { return attributes_; }
   const Vorlap::Attributes& attributes() const { return attributes_; }
 
@@ -117,7 +127,19 @@ class Field : public Vorlap::Ageable {
   std::string name_;
   Vorlap::StrongPtr<FragmentIDCollection> fragments_;
   std::vector<Vorlap::StrongPtr<CreativeArrayBase>> creators_;  // parallel to fragments_
+  std::vector<std::size_t> changeLog_;                          // positions, in setCreator order
   Vorlap::Attributes attributes_;
+};
+
+// Where a consumer stands in the change logs of the fields it visits again and again.
+class FragmentChangeCursor {
+ public:
+  // Positions of `field` whose creator was set since this cursor last asked about it
+  // (all of them on the first call), ascending.
+  std::vector<std::size_t> newlyChanged(const Field& field);
+
+ private:
+  std::unordered_map<const Field*, std::size_t> marks_;
 };
 
 // Value range of a fragment: the creator's known range, else computed from `data` or from

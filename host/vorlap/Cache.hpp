@@ -54,6 +54,7 @@ class Cache {
   void prune();
   std::mutex mutex_;
   std::vector<WeakPtr<Cacheable>> items_;
+  std::size_t liveAfterPrune_ = 0;
 };
 
 }  // namespace Vorlap

@@ -1,3 +1,6 @@
+// The fit evaluates each Gaussian once per sample and trial: the values of the accepted trial
+// serve the next iteration's Jacobian and residuals. The arithmetic (order of sums and
+// products) is that of a direct evaluation, so results do not depend on the caching.
 #include "waveform/GaussianFit.hpp"
 
 #include <algorithm>
@@ -7,21 +10,33 @@ namespace FullWaveform {
 
 namespace {
 
-double modelAt(double t, double background, const std::vector<GaussianComponent>& c) {
-  double v = background;
-  for (const auto& g : c) {
-    const double u = (t - g.centre) / g.sigma;
-    v += g.amplitude * std::exp(-0.5 * u * u);
-  }
-  return v;
-}
+struct Window {
+  const std::vector<double>& y;
+  const std::vector<double>& w;
+  std::size_t lo, hi;
+  double background;
+  std::size_t size() const { return hi - lo; }
+};
 
-double residualSum(const std::vector<double>& y, const std::vector<double>& w, std::size_t lo,
-                   std::size_t hi, double background, const std::vector<GaussianComponent>& c) {
+// Fills `values` with every component's Gaussian at every sample of the window and returns
+// the weighted sum of squared residuals.
+double evaluate(const Window& win, const std::vector<GaussianComponent>& c,
+                std::vector<double>& values) {
+  const std::size_t len = win.size();
+  values.resize(c.size() * len);
+  for (std::size_t k = 0; k < c.size(); ++k) {
+    double* out = values.data() + k * len;
+    for (std::size_t i = 0; i < len; ++i) {
+      const double u = (double(win.lo + i) - c[k].centre) / c[k].sigma;
+      out[i] = std::exp(-0.5 * u * u);
+    }
+  }
   double sum = 0.0;
-  for (std::size_t i = lo; i < hi; ++i) {
-    const double r = y[i] - modelAt(double(i), background, c);
-    sum += w[i] * r * r;
+  for (std::size_t i = 0; i < len; ++i) {
+    double model = win.background;
+    for (std::size_t k = 0; k < c.size(); ++k) model += c[k].amplitude * values[k * len + i];
+    const double r = win.y[win.lo + i] - model;
+    sum += win.w[win.lo + i] * r * r;
   }
   return sum;
 }
@@ -51,27 +66,30 @@ bool solve(std::vector<double>& a, std::vector<double>& b, std::size_t n) {
   return true;
 }
 
-// Normal equations J^T W J and J^T W r of the current parameters.
-void normalEquations(const std::vector<double>& y, const std::vector<double>& w, std::size_t lo,
-                     std::size_t hi, double background, const std::vector<GaussianComponent>& c,
-                     std::vector<double>& jtj, std::vector<double>& jtr) {
-  const std::size_t n = 3 * c.size();
-  jtj.assign(n * n, 0.0);
-  jtr.assign(n, 0.0);
-  std::vector<double> j(n);
-  for (std::size_t i = lo; i < hi; ++i) {
-    if (w[i] == 0.0) continue;
-    const double t = double(i);
+// Normal equations J^T W J and J^T W r of the current parameters, from the Gaussians'
+// values at those parameters (analytic Jacobian: no further exponentials).
+void normalEquations(const Window& win, const std::vector<GaussianComponent>& c, FitWorkspace& ws) {
+  const std::size_t n = 3 * c.size(), len = win.size();
+  ws.jtj.assign(n * n, 0.0);
+  ws.jtr.assign(n, 0.0);
+  ws.jacobianRow.resize(n);
+  double* j = ws.jacobianRow.data();
+  for (std::size_t i = 0; i < len; ++i) {
+    const double wi = win.w[win.lo + i];
+    if (wi == 0.0) continue;
+    const double t = double(win.lo + i);
+    double model = win.background;
     for (std::size_t k = 0; k < c.size(); ++k) {
-      const double u = (t - c[k].centre) / c[k].sigma, e = std::exp(-0.5 * u * u);
+      const double u = (t - c[k].centre) / c[k].sigma, e = ws.current[k * len + i];
       j[3 * k] = e;
       j[3 * k + 1] = c[k].amplitude * e * u / c[k].sigma;
       j[3 * k + 2] = c[k].amplitude * e * u * u / c[k].sigma;
+      model += c[k].amplitude * e;
     }
-    const double r = y[i] - modelAt(t, background, c);
+    const double r = win.y[win.lo + i] - model;
     for (std::size_t a = 0; a < n; ++a) {
-      jtr[a] += w[i] * j[a] * r;
-      for (std::size_t b = 0; b < n; ++b) jtj[a * n + b] += w[i] * j[a] * j[b];
+      ws.jtr[a] += wi * j[a] * r;
+      for (std::size_t b = 0; b < n; ++b) ws.jtj[a * n + b] += wi * j[a] * j[b];
     }
   }
 }
@@ -85,36 +103,46 @@ void applyStep(std::vector<GaussianComponent>& c, const std::vector<double>& ste
   }
 }
 
+// One damped step from the current parameters; true with `c`, `cost` and the cached values
+// moved to the trial when it lowered the cost.
+bool tryStep(const Window& win, std::vector<GaussianComponent>& c, double& cost, double lambda,
+             const FitLimits& limits, FitWorkspace& ws) {
+  const std::size_t n = 3 * c.size();
+  ws.system = ws.jtj;
+  ws.step = ws.jtr;
+  for (std::size_t d = 0; d < n; ++d) ws.system[d * n + d] *= 1.0 + lambda;
+  if (!solve(ws.system, ws.step, n)) return false;
+  ws.trialComponents = c;
+  applyStep(ws.trialComponents, ws.step, win.lo, win.hi, limits);
+  const double trialCost = evaluate(win, ws.trialComponents, ws.trial);
+  if (!(trialCost < cost)) return false;
+  c.swap(ws.trialComponents);
+  ws.current.swap(ws.trial);
+  cost = trialCost;
+  return true;
+}
+
 }  // namespace
 
 double fitGaussians(const std::vector<double>& y, const std::vector<double>& w, std::size_t lo,
                     std::size_t hi, double background, std::vector<GaussianComponent>& c,
-                    const FitLimits& limits) {
-  double cost = residualSum(y, w, lo, hi, background, c);
+                    const FitLimits& limits, FitWorkspace& ws) {
+  const Window win{y, w, lo, hi, background};
+  double cost = evaluate(win, c, ws.current);
   double lambda = 1e-3;
-  std::vector<double> jtj, jtr;
   const std::size_t n = 3 * c.size();
   for (int it = 0; it < limits.maxIterations && n > 0; ++it) {
-    normalEquations(y, w, lo, hi, background, c, jtj, jtr);
+    normalEquations(win, c, ws);
     bool improved = false;
     for (int attempt = 0; attempt < 8 && !improved; ++attempt) {
-      std::vector<double> a = jtj, step = jtr;
-      for (std::size_t d = 0; d < n; ++d) a[d * n + d] *= 1.0 + lambda;
-      if (!solve(a, step, n)) {
+      const double before = cost;
+      improved = tryStep(win, c, cost, lambda, limits, ws);
+      if (!improved) {
         lambda *= 10;
         continue;
       }
-      std::vector<GaussianComponent> trial = c;
-      applyStep(trial, step, lo, hi, limits);
-      const double trialCost = residualSum(y, w, lo, hi, background, trial);
-      if (trialCost < cost) {
-        improved = true;
-        const double gain = cost - trialCost;
-        c = trial, cost = trialCost, lambda = std::max(lambda * 0.3, 1e-9);
-        if (gain < 1e-9 * cost) return cost;
-      } else {
-        lambda *= 10;
-      }
+      lambda = std::max(lambda * 0.3, 1e-9);
+      if (before - cost < 1e-9 * cost) return cost;
     }
     if (!improved) break;
   }

@@ -3,6 +3,7 @@
 // not take part, so a saturated pulse is fitted to its flanks.
 #pragma once
 
+#include <cstddef>
 #include <vector>
 
 namespace FullWaveform {
@@ -16,9 +17,18 @@ struct FitLimits {
   int maxIterations;
 };
 
+// Buffers a fit reuses from one call to the next (one per thread): the Gaussians' values at
+// every sample for the current and the trial parameters, so each is evaluated once per
+// iteration, and the normal equations.
+struct FitWorkspace {
+  std::vector<double> current, trial;  // component-major: [k * window + sample]
+  std::vector<double> jtj, jtr, system, step, jacobianRow;
+  std::vector<GaussianComponent> trialComponents;
+};
+
 // Refines `components` in place; returns the weighted sum of squared residuals.
 double fitGaussians(const std::vector<double>& y, const std::vector<double>& weight, std::size_t lo,
                     std::size_t hi, double background, std::vector<GaussianComponent>& components,
-                    const FitLimits& limits);
+                    const FitLimits& limits, FitWorkspace& workspace);
 
 }  // namespace FullWaveform

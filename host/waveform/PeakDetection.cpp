@@ -37,6 +37,10 @@ struct PeakDetectionFamily<T>::Impl {
   std::vector<std::int32_t> smooth;  // four times the 1-2-1 smoothed row (exact in integers)
   std::vector<double> fitY, weight;  // the row and its fit weights (decomposition only)
   std::vector<Candidate> candidates;
+  // Reused from row to row: a row allocates nothing once the first rows have run.
+  std::vector<Candidate> decomposed, clusterBuffer;
+  std::vector<GaussianComponent> components;
+  FitWorkspace fitWorkspace;
 
   void loadRow(const Tessal::MemArray<2, T>& samples, std::size_t row, std::size_t n);
   void findCandidates(std::size_t n, const RowStats& s, std::vector<Candidate>& out);
@@ -167,10 +171,11 @@ void PeakDetectionFamily<T>::Impl::fitCluster(std::size_t n, const RowStats& s,
   const double margin = 3.0 * std::max(refSigma, cluster.front().sigma);
   const std::size_t lo = std::size_t(std::max(0.0, cluster.front().position - margin));
   const std::size_t hi = std::min(n, std::size_t(cluster.back().position + margin) + 2);
-  std::vector<GaussianComponent> comps;
+  std::vector<GaussianComponent>& comps = components;
+  comps.clear();
   for (const auto& c : cluster)
     comps.push_back({c.height, c.position, std::clamp(c.sigma, limits.minSigma, limits.maxSigma)});
-  fitGaussians(fitY, weight, lo, hi, s.background, comps, limits);
+  fitGaussians(fitY, weight, lo, hi, s.background, comps, limits, fitWorkspace);
   // An echo the candidates missed (a shoulder) still shows in the residual.
   if (comps.size() < std::size_t(settings.maxEchoes)) {
     double worst = 0.0;
@@ -183,7 +188,7 @@ void PeakDetectionFamily<T>::Impl::fitCluster(std::size_t n, const RowStats& s,
     }
     if (worst > s.threshold) {
       comps.push_back({worst, double(at), refSigma});
-      fitGaussians(fitY, weight, lo, hi, s.background, comps, limits);
+      fitGaussians(fitY, weight, lo, hi, s.background, comps, limits, fitWorkspace);
     }
   }
   const bool saturated =
@@ -205,7 +210,10 @@ void PeakDetectionFamily<T>::Impl::decompose(std::size_t n, const RowStats& s,
     fitY[i] = double(y[i]);
     weight[i] = s.clipped && fitY[i] >= s.clipLevel ? 0.0 : 1.0;
   }
-  std::vector<Candidate> result, cluster;
+  std::vector<Candidate>& result = decomposed;
+  result.clear();
+  std::vector<Candidate>& cluster = clusterBuffer;
+  cluster.clear();
   for (std::size_t k = 0; k < cands.size(); ++k) {
     cluster.push_back(cands[k]);
     const bool last = k + 1 == cands.size();
@@ -220,7 +228,7 @@ void PeakDetectionFamily<T>::Impl::decompose(std::size_t n, const RowStats& s,
             [](const Candidate& a, const Candidate& b) { return a.position < b.position; });
   if (result.size() > std::size_t(settings.maxEchoes))
     result.resize(std::size_t(settings.maxEchoes));
-  cands = std::move(result);
+  cands.swap(result);
 }
 
 template <class T>
@@ -304,6 +312,10 @@ PeakDetectionFamily<T>::PeakDetectionFamily(FWFModus mode, const ScannerDevice& 
                    scanner.sampleInterval,
                    samplesPerWaveform,
                    RowStatistics(samplesPerWaveform),
+                   {},
+                   {},
+                   {},
+                   {},
                    {},
                    {},
                    {},

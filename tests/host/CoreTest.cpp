@@ -152,7 +152,8 @@ TEST(Grid, RepresentationsFieldsAndFragments) {
 
   auto rep = grid->makeCartesianRepresentation(3, "ScannerCoordinateSystem", 0);
   EXPECT_EQ(grid->makeCartesianRepresentation(3, "ScannerCoordinateSystem", 0), rep);
-  quillo::test::storeFragment(*rep, "GPSTime", "Fragment_0", quillo::test::makeArray<double>({1, 2}));
+  quillo::test::storeFragment(*rep, "GPSTime", "Fragment_0",
+                              quillo::test::makeArray<double>({1, 2}));
   quillo::test::storeFragment(*rep, "GPSTime", "Fragment_10", quillo::test::makeArray<double>({3}));
 
   auto field = (*grid)("GPSTime", "");
@@ -180,6 +181,45 @@ TEST(Grid, RepresentationsFieldsAndFragments) {
   ASSERT_TRUE(box);
   EXPECT_EQ(box->min[0], 1.0);
   EXPECT_EQ(box->max[0], 3.0);
+}
+
+TEST(Field, LookUpsAndChangesStayExactOverThousandsOfFragments) {
+  Field field("GPSTime");
+  constexpr std::size_t kFragments = 3000;
+  for (std::size_t f = 0; f < kFragments; ++f)
+    field.setPersistentData(quillo::test::makeArray<double>({double(f)}),
+                            field.makeFragmentID("Fragment_" + std::to_string(f)), {}, "");
+  auto ids = field.getFragmentIDCollection();
+  ASSERT_EQ(ids->size(), kFragments);
+  EXPECT_EQ(field.makeFragmentID("Fragment_7"), ids->at(7)) << "a name is made once";
+  for (std::size_t f : {std::size_t(0), std::size_t(1234), kFragments - 1}) {
+    auto id = ids->findFragmentIDByName("Fragment_" + std::to_string(f));
+    ASSERT_TRUE(id);
+    EXPECT_EQ(ids->indexOf(id.get()), f);
+    auto data = dynamicPtrCast<MemArray<1, double>>(field.getCreator(id)->heldData());
+    EXPECT_EQ(data->get(0), double(f));
+  }
+  // Another field's identifier of the same name finds the fragment by its name.
+  Field other("Positions");
+  auto foreign = other.makeFragmentID("Fragment_2999");
+  EXPECT_EQ(ids->indexOf(foreign.get()), kFragments);
+  ASSERT_TRUE(field.getCreator(foreign));
+  EXPECT_FALSE(field.getCreator(other.makeFragmentID("Fragment_3000")));
+
+  FragmentChangeCursor cursor;
+  EXPECT_EQ(cursor.newlyChanged(field).size(), kFragments) << "the first look sees every one";
+  EXPECT_TRUE(cursor.newlyChanged(field).empty());
+  field.setCreator(ids->at(20), field.getCreator(ids->at(20)));
+  field.setCreator(foreign, field.getCreator(ids->at(5)));  // adopted by name: Fragment_2999
+  field.setCreator(ids->at(20), field.getCreator(ids->at(20)));
+  field.setPersistentData(quillo::test::makeArray<double>({-1.0}), field.makeFragmentID("New"), {},
+                          "");
+  EXPECT_EQ(cursor.newlyChanged(field), (std::vector<std::size_t>{20, kFragments - 1, kFragments}))
+      << "ascending, each once";
+  EXPECT_EQ(cursor.newlyChanged(other).size(), 0u) << "each field has its own place";
+  other.setPersistentData(quillo::test::makeArray<double>({1.0}), foreign, {}, "");
+  EXPECT_EQ(cursor.newlyChanged(other), (std::vector<std::size_t>{0}));
+  EXPECT_TRUE(cursor.newlyChanged(field).empty());
 }
 
 TEST(Bundle, SliceLookupTakesNearestTime) {

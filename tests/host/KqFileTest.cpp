@@ -195,6 +195,25 @@ TEST(KqFile, SaveNeverLeavesPartialFiles) {
   EXPECT_EQ(files, 1u);  // no temporary file stays behind
 }
 
+TEST(KqFile, AFileReplacedSinceItWasFoundSoundIsCheckedAgain) {
+  TempDir dir;
+  const std::string file = dir.file("replaced.kq");
+  ASSERT_EQ(Bundle::save(sampleBundle(), file), "");  // written here: known sound
+  bool ok = false;
+  load(file, ok);
+  ASSERT_TRUE(ok);
+  // The same name now holds a file whose global heap would hang HDF5.
+  std::filesystem::copy_file(
+      std::string(QUILLO_SOURCE_DIR) +
+          "/tests/regressions/kq_run/hdf5-global-heap-empty-free-object-a.kq",
+      file, std::filesystem::copy_options::overwrite_existing);
+  Vorlap::ConsoleCapture capture;
+  load(file, ok);
+  EXPECT_FALSE(ok);
+  EXPECT_NE(capture.joined().find("damaged global heap collection"), std::string::npos)
+      << capture.joined();
+}
+
 TEST(KqFile, StreamingSaveWritesFragmentsAsTheyComeAndLetsThemGo) {
   TempDir dir;
   const std::string file = dir.file("s.kq");

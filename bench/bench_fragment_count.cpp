@@ -1,0 +1,107 @@
+// Cost per fragment: the same simulated survey cut into few and into many fragments, each run
+// end to end by `quillo run` (one input, fast mode unless told otherwise); prints the waves per
+// second of each and their ratio. A run whose bookkeeping walks every fragment per fragment
+// falls far behind with many fragments.
+//   bench_fragment_count [SHOTS] [FEW] [MANY] [MODE]   (default: 1000000 20 5000 fast)
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include <unistd.h>
+
+#include "sim/SurveyBundle.hpp"
+#include "tessal/Bundle.hpp"
+#include "tessal/Schema.hpp"
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+struct RunFigures {
+  double seconds = 0.0;
+  std::uint64_t waves = 0, points = 0;
+};
+
+// Waveform rows and online records of the input, from the file's structure alone.
+std::uint64_t wavesIn(const std::string& file) {
+  auto bundle = Tessal::BundlePtr::make();
+  bool ok = false;
+  Tessal::Bundle::load(ok, Tessal::LoaderParameters({file}), bundle);
+  double t = 0.0;
+  auto slice = ok ? (*bundle.get())(t) : nullptr;
+  std::uint64_t waves = 0;
+  for (const char* gridName : {Tessal::schema::kWaveformsGrid, Tessal::schema::kOnlineGrid}) {
+    auto grid = slice ? (*slice)(gridName) : nullptr;
+    auto field = grid ? (*grid)(Tessal::schema::kGPSTime, "") : nullptr;
+    if (!field) continue;
+    auto ids = field->getFragmentIDCollection();
+    for (std::size_t f = 0; f < ids->size(); ++f)
+      waves += field->getCreator(ids->at(f))->extents()[0];
+  }
+  return waves;
+}
+
+std::uint64_t pointsInReport(const fs::path& report) {
+  std::ifstream in(report);
+  const auto json = nlohmann::json::parse(in, nullptr, false);
+  std::uint64_t points = 0;
+  if (json.is_discarded()) return 0;
+  for (const auto& run : json["runs"])
+    for (const auto& output : run["outputs"]) points += output["points"].get<std::uint64_t>();
+  return points;
+}
+
+bool runOnce(const fs::path& dir, std::uint32_t fragments, std::uint64_t shots,
+             const std::string& mode, RunFigures& figures) {
+  const fs::path input = dir / ("cut" + std::to_string(fragments) + "_210315_093000.kq");
+  quillo::sim::SurveyConfig config;
+  quillo::sim::presetConfig("demo", config);
+  config.shots = shots;
+  config.fragmentShots = std::uint32_t((shots + fragments - 1) / fragments);
+  if (const auto error = quillo::sim::writeSurvey(config, input.string()); !error.empty())
+    return std::fprintf(stderr, "%s\n", error.c_str()), false;
+  figures.waves = wavesIn(input.string());
+  const fs::path out = dir / ("out" + std::to_string(fragments)), report = out / "run.json";
+  const std::string command = std::string(QUILLO_CLI) + " run --quiet --mode " + mode +
+                              " --out-dir " + out.string() + " --report " + report.string() + " " +
+                              input.string() + " >/dev/null";
+  const auto start = Clock::now();
+  if (std::system(command.c_str()) != 0)
+    return std::fprintf(stderr, "failed: %s\n", command.c_str()), false;
+  figures.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  figures.points = pointsInReport(report);
+  fs::remove(input);
+  fs::remove_all(out);
+  return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::uint64_t shots = argc > 1 ? std::strtoull(argv[1], nullptr, 10) : 1000000;
+  const std::uint32_t few = argc > 2 ? std::uint32_t(std::atoi(argv[2])) : 20;
+  const std::uint32_t many = argc > 3 ? std::uint32_t(std::atoi(argv[3])) : 5000;
+  const std::string mode = argc > 4 ? argv[4] : "fast";
+  const fs::path dir =
+      fs::temp_directory_path() / ("bench_fragment_count_" + std::to_string(getpid()));
+  fs::create_directories(dir);
+  RunFigures figures[2];
+  const std::uint32_t counts[2] = {few, many};
+  for (int i = 0; i < 2; ++i) {
+    if (!runOnce(dir, counts[i], shots, mode, figures[i])) return fs::remove_all(dir), 1;
+    std::printf("%6u fragments: %.2f s, %llu waves, %llu points, %.0f k waves/s\n", counts[i],
+                figures[i].seconds, (unsigned long long)figures[i].waves,
+                (unsigned long long)figures[i].points, figures[i].waves / figures[i].seconds / 1e3);
+  }
+  fs::remove_all(dir);
+  const double ratio =
+      (figures[1].waves / figures[1].seconds) / (figures[0].waves / figures[0].seconds);
+  std::printf("%u fragments run at %.0f %% of the speed of %u (%s mode, %llu shots)\n", many,
+              100.0 * ratio, few, mode.c_str(), (unsigned long long)shots);
+  return 0;
+}

@@ -1,0 +1,18 @@
+// Reading a dataset's chunks without HDF5's filter pipeline: the stored bytes are fetched as
+// they are and unpacked by ChunkCodec (libdeflate), which inflates several times faster than
+// HDF5's zlib filter. Only for the layouts the .kq writer makes: chunks of whole rows,
+// shuffle and deflate (or deflate alone), values stored in the native type.
+#pragma once
+
+#include <hdf5.h>
+
+#include <cstddef>
+
+namespace Tessal::kq {
+
+// Fills `out` (`bytes` bytes, the whole dataset as `memoryType`); false, with `out` in any
+// state, when the dataset is of another layout or a chunk does not unpack: then HDF5 reads it
+// (and reports what is wrong).
+bool readChunksDirectly(hid_t set, hid_t memoryType, void* out, std::size_t bytes);
+
+}  // namespace Tessal::kq
