@@ -9,6 +9,7 @@
 #include "app/CliError.hpp"
 #include "app/LoadKq.hpp"
 #include "app/MapPositions.hpp"
+#include "app/ParallelRun.hpp"
 #include "app/Progress.hpp"
 #include "app/StreamedOutput.hpp"
 #include "app/WaveCounts.hpp"
@@ -139,9 +140,8 @@ RunSummary runOne(const std::string& inputPath, const RunSettings& settings) {
   auto sink = Vorlap::makeStrong<StreamingProgress>(bar, outputs);
   input.progress = Vorlap::WeakPtr<Vorlap::ProgressSink>(sink);
   if (settings.verbose) Vorlap::Console() << input.speak();
-  summary.result = FullWaveform::Quillo<unsigned short>(
-      bundle, first ? first->grid() : Vorlap::StrongPtr<Tessal::Grid>(),
-      second ? second->grid() : Vorlap::StrongPtr<Tessal::Grid>(), input);
+  summary.result =
+      runModule({inputPath, bundle, {first.get(), second.get()}, input, settings.threads});
   if (summary.result.empty()) bar->complete();
   bar->finish();
   clock.lap("run");
