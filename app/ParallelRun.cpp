@@ -122,11 +122,11 @@ class WorkerOutputs : public Vorlap::ProgressSink {
   WorkerOutputs(HandoverQueue& queue, Range range, std::uint32_t start,
                 const std::array<StreamedOutput*, 2>& real)
       : queue_(queue), range_(range), current_(start) {
-    auto bundle = Tessal::BundlePtr::make();
-    auto slice = (*bundle.create())[0.0];
     for (int k = 0; k < 2; ++k) {
       if (!real[k]) continue;
-      grids_[k] = slice->makeGrid(schema::kResultGrid);
+      // A bundle each, as the saved outputs have: one slice holds one grid of a name.
+      auto bundle = Tessal::BundlePtr::make();
+      grids_[k] = (*bundle.create())[0.0]->makeGrid(schema::kResultGrid);
       grids_[k]->makeCartesianRepresentation(3, schema::kScannerChart, 0);
     }
     if (start < range.begin) quietWarmUp_.emplace();

@@ -197,7 +197,7 @@ void addRunCommand(CLI::App& app) {
   c->add_flag("--quiet", o->quiet, "No progress output");
   c->add_flag("--hist", o->hist, "Print the zone histogram of every fragment");
   c->add_option("--report", o->report, "Write a JSON summary of the runs");
-  c->add_option("--jobs", o->jobs, "Inputs run in parallel (one thread each)")
+  c->add_option("--jobs", o->jobs, "Inputs run in parallel (they share --threads)")
       ->check(CLI::Range(1u, 64u));
   c->add_option("--threads", o->threads,
                 "Threads in all (default: the machine's cores); with --jobs J each input gets "
