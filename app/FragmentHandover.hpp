@@ -14,10 +14,16 @@
 
 namespace quillo::cli {
 
+// One fragment's array of one field; its data may wait in a scratch file (see FragmentSpill).
 struct FieldArray {
   std::string representation, field, fragment;
-  Vorlap::StrongPtr<Tessal::MemBase> data;
+  Vorlap::StrongPtr<Tessal::MemBase> data;  // empty while set aside
   Vorlap::StrongPtr<Tessal::ValueRange> range;
+  struct SetAside {
+    std::int64_t offset = -1;  // -1: in memory
+    Tessal::ElementType type = Tessal::ElementType::UInt8;
+    std::vector<std::size_t> extents;
+  } setAside;
 };
 
 // What one fragment added to one output grid.

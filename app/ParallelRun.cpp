@@ -1,6 +1,7 @@
 #include "app/ParallelRun.hpp"
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <map>
 #include <memory>
@@ -11,6 +12,7 @@
 
 #include "app/CaughtError.hpp"
 #include "app/FragmentHandover.hpp"
+#include "app/FragmentSpill.hpp"
 #include "app/LoadKq.hpp"
 #include "app/WaveCounts.hpp"
 #include "run/Quillo.hpp"
@@ -68,9 +70,17 @@ std::vector<Range> splitFragments(Range all, unsigned threads, const WaveCounts&
 class HandoverQueue {
  public:
   explicit HandoverQueue(std::vector<Range> ranges)
-      : ranges_(std::move(ranges)), results_(ranges_.size()), done_(ranges_.size(), false) {}
+      : ranges_(std::move(ranges)),
+        results_(ranges_.size()),
+        done_(ranges_.size(), false),
+        spills_(ranges_.size()),
+        nextToWrite_(ranges_.front().begin) {}
 
-  void put(std::uint32_t fragment, FragmentOutput output) {
+  // Sets the output aside when the writer is still short of its range: it would wait in
+  // memory for the ranges before to be written. Called by the range's own worker only.
+  void put(std::size_t range, std::uint32_t fragment, FragmentOutput output) {
+    if (nextToWrite_.load() < ranges_[range].begin)
+      for (OutputPart& part : output.parts) spills_[range].setAside(part);
     std::lock_guard lock(mutex_);
     ready_.emplace(fragment, std::move(output));
     changed_.notify_all();
@@ -90,6 +100,9 @@ class HandoverQueue {
     if (it == ready_.end()) return std::nullopt;
     FragmentOutput output = std::move(it->second);
     ready_.erase(it);
+    nextToWrite_ = fragment + 1;
+    lock.unlock();
+    for (OutputPart& part : output.parts) spills_[owner].bringBack(part);
     return output;
   }
   // The first failure in fragment order, as one run would have met it.
@@ -109,6 +122,8 @@ class HandoverQueue {
   std::vector<Range> ranges_;
   std::vector<std::string> results_;
   std::vector<bool> done_;
+  std::vector<FragmentSpill> spills_;  // one per range, written by its worker alone
+  std::atomic<std::uint32_t> nextToWrite_;
   std::map<std::uint32_t, FragmentOutput> ready_;
   mutable std::mutex mutex_;
   std::condition_variable changed_;
@@ -119,9 +134,9 @@ class HandoverQueue {
 // the range before and are dropped here.
 class WorkerOutputs : public Vorlap::ProgressSink {
  public:
-  WorkerOutputs(HandoverQueue& queue, Range range, std::uint32_t start,
+  WorkerOutputs(HandoverQueue& queue, std::size_t index, Range range, std::uint32_t start,
                 const std::array<StreamedOutput*, 2>& real)
-      : queue_(queue), range_(range), current_(start) {
+      : queue_(queue), index_(index), range_(range), current_(start) {
     for (int k = 0; k < 2; ++k) {
       if (!real[k]) continue;
       // A bundle each, as the saved outputs have: one slice holds one grid of a name.
@@ -148,10 +163,11 @@ class WorkerOutputs : public Vorlap::ProgressSink {
       if (grids_[k]) output.parts[k] = takeHeldArrays(*grids_[k]);
     output.firstPointId = nextPointId_;
     nextPointId_ += output.points();
-    if (current_ >= range_.begin) queue_.put(current_, std::move(output));
+    if (current_ >= range_.begin) queue_.put(index_, current_, std::move(output));
   }
 
   HandoverQueue& queue_;
+  std::size_t index_;
   Range range_;
   std::uint32_t current_;
   std::uint32_t nextPointId_ = 0;
@@ -168,7 +184,7 @@ void runRange(const ParallelRun& run, Range range, std::size_t index, HandoverQu
     Vorlap::ConsoleCapture alreadySaid;  // the first load told the user about this file
     bundle = loadKqFile(run.inputPath);
   }
-  auto outputs = Vorlap::makeStrong<WorkerOutputs>(queue, range, start, run.outputs);
+  auto outputs = Vorlap::makeStrong<WorkerOutputs>(queue, index, range, start, run.outputs);
   FullWaveform::Input input = run.input;
   input.fragBegin = std::int32_t(start);
   input.fragEnd = range.end;
