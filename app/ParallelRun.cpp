@@ -47,22 +47,27 @@ std::vector<std::uint64_t> wavesBefore(const WaveCounts& waves, std::uint32_t en
   return sums;
 }
 
+// A fragment that a range may start after: the module keeps no state from a fragment of
+// fewer than three waves, so the range's first fragment would miss what one run carries.
+bool cutAfter(const std::vector<std::uint64_t>& before, std::uint32_t fragment) {
+  return before[fragment + 1] - before[fragment] >= 3;
+}
+
 // Contiguous ranges of about equal wave counts, at most one per fragment.
 std::vector<Range> splitFragments(Range all, unsigned threads, const WaveCounts& waves) {
-  threads = std::min<unsigned>(threads, all.end - all.begin);
   const std::vector<std::uint64_t> before = wavesBefore(waves, all.end);
   const std::uint64_t base = before[all.begin], total = before[all.end] - base;
   std::vector<Range> ranges;
   std::uint32_t start = all.begin;
-  for (unsigned r = 1; r <= threads; ++r) {
-    std::uint32_t stop = all.end;
-    if (r < threads) {
-      stop = start + 1;
-      while (stop < all.end - (threads - r) && (before[stop] - base) * threads < total * r) ++stop;
-    }
+  for (unsigned r = 1; r < threads; ++r) {
+    std::uint32_t stop = start + 1;
+    while (stop < all.end && (before[stop] - base) * threads < total * r) ++stop;
+    while (stop < all.end && !cutAfter(before, stop - 1)) ++stop;
+    if (stop >= all.end) break;
     ranges.push_back({start, stop});
     start = stop;
   }
+  ranges.push_back({start, all.end});
   return ranges;
 }
 
