@@ -1,8 +1,10 @@
 #include "app/ParallelRun.hpp"
 
+#include <time.h>
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <cstdio>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -180,6 +182,29 @@ class WorkerOutputs : public Vorlap::ProgressSink {
   std::optional<Vorlap::ConsoleCapture> quietWarmUp_;
 };
 
+double threadCpuSeconds() {
+  timespec t{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+  return double(t.tv_sec) + double(t.tv_nsec) * 1e-9;
+}
+
+std::string tenths(double seconds) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.1f", seconds);
+  return text;
+}
+
+// How the work was shared: each range's fragments and CPU time, and the writer's.
+void describeSharing(const ParallelRun& run, const std::vector<Range>& ranges,
+                     const std::vector<double>& cpu, double writerCpu) {
+  Vorlap::Console say;
+  say << run.inputPath << ": " << ranges.size() << " threads:";
+  for (std::size_t r = 0; r < ranges.size(); ++r)
+    say << " fragments " << ranges[r].begin << "-" << ranges[r].end - 1 << " " << tenths(cpu[r])
+        << " s CPU;";
+  say << " writing " << tenths(writerCpu) << " s CPU";
+}
+
 // Runs the module on one range; keeps the grids of the last range for the run's attributes.
 void runRange(const ParallelRun& run, Range range, std::size_t index, HandoverQueue& queue,
               Vorlap::StrongPtr<Tessal::Grid>* attributeSource) {
@@ -223,12 +248,14 @@ std::string runRanges(const ParallelRun& run, Range all, const std::vector<Range
   std::vector<std::unique_ptr<CliError>> errors(ranges.size());
   Vorlap::StrongPtr<Tessal::Grid> attributeSource[2];
   std::vector<std::thread> threads;
+  std::vector<double> cpu(ranges.size(), 0.0);
   for (std::size_t r = 0; r < ranges.size(); ++r) {
     auto work = [&, r] {
       errors[r] = caughtError("", [&] {
         runRange(run, ranges[r], r, queue, r + 1 == ranges.size() ? attributeSource : nullptr);
       });
       if (errors[r]) queue.finish(r, errors[r]->what());
+      cpu[r] = threadCpuSeconds();
     };
     try {
       threads.emplace_back(work);
@@ -239,8 +266,11 @@ std::string runRanges(const ParallelRun& run, Range all, const std::vector<Range
     }
   }
   bool written = false;
+  const double writerStart = threadCpuSeconds();
   auto writeError = caughtError("", [&] { written = writeInOrder(run, all, queue); });
+  const double writerCpu = threadCpuSeconds() - writerStart;
   for (auto& t : threads) t.join();
+  if (run.verbose) describeSharing(run, ranges, cpu, writerCpu);
   if (writeError) throw *writeError;
   for (auto& e : errors)
     if (e) throw *e;

@@ -21,6 +21,7 @@ struct ParallelRun {
   std::array<StreamedOutput*, 2> outputs{};  // either may be null
   FullWaveform::Input input;                 // its progress sink writes the outputs
   unsigned threads = 1;
+  bool verbose = false;  // say how the fragments were shared and each thread's CPU time
 };
 
 // The module's result text (empty on success); throws CliError when an input cannot be read

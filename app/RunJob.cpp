@@ -140,8 +140,8 @@ RunSummary runOne(const std::string& inputPath, const RunSettings& settings) {
   auto sink = Vorlap::makeStrong<StreamingProgress>(bar, outputs);
   input.progress = Vorlap::WeakPtr<Vorlap::ProgressSink>(sink);
   if (settings.verbose) Vorlap::Console() << input.speak();
-  summary.result =
-      runModule({inputPath, bundle, {first.get(), second.get()}, input, settings.threads});
+  summary.result = runModule(
+      {inputPath, bundle, {first.get(), second.get()}, input, settings.threads, settings.verbose});
   if (summary.result.empty()) bar->complete();
   bar->finish();
   clock.lap("run");

@@ -22,7 +22,7 @@ run() {  # run MODE THREADS: prints "wall-s cpu-s peak-MiB"; outputs go to $tmp/
   mkdir -p "$out"
   start=$(date +%s.%N)
   /usr/bin/time -f "%M %U %S" -o "$out.time" "$quillo" run "$input" --mode "$1" --threads "$2" \
-    --quiet --out-dir "$out" >/dev/null 2>"$out.err" || { cat "$out.err" >&2; exit 1; }
+    --quiet --verbose --out-dir "$out" >/dev/null 2>"$out.err" || { cat "$out.err" >&2; exit 1; }
   end=$(date +%s.%N)
   read -r kib user sys <"$out.time"
   awk -v s="$start" -v e="$end" -v k="$kib" -v u="$user" -v y="$sys" \
@@ -49,3 +49,6 @@ for mode in gaussian fast; do
     "$one_mem" "$many_mem" "$(same_outputs "$mode")"
 done
 echo "(wall and cpu in seconds, cpu = user + system of all threads; MiB = peak resident memory)"
+for mode in gaussian fast; do  # how the N-thread runs shared the work
+  printf '%s: %s\n' "$mode" "$(grep -o '[0-9]* threads:.*' "$tmp/$mode-$threads.err" || true)"
+done
