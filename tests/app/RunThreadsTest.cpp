@@ -1,6 +1,7 @@
 // `quillo run --threads`: the fragments of one input across threads write the same bytes as
-// one thread (both peak-detection modes, a fragment range, together with --jobs), and a run
-// that fails in a later thread, or while writing, ends cleanly and leaves no output file.
+// one thread (both peak-detection modes, a fragment range, without scratch space, together
+// with --jobs), and a run that fails in a later thread, or while writing, ends cleanly and
+// leaves no output file.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -71,6 +72,16 @@ TEST_F(RunThreads, AFragmentRangeAcrossThreadsNumbersItsPointsAsOneThreadDoes) {
   const std::string args = inputs[1] + " --mode fast --fragments 1:7";
   const std::string one = runInto("range-1", args + " --threads 1");
   EXPECT_EQ(expectSameFiles(one, runInto("range-3", args + " --threads 3")), 2);
+}
+
+TEST_F(RunThreads, WithoutScratchSpaceWaitingFragmentsStayInMemory) {
+  const std::string args = inputs[1] + " --mode fast --threads 3";
+  const std::string one = runInto("scratch-1", inputs[1] + " --mode fast --threads 1");
+  fs::create_directory(dir->file("no-scratch"));
+  const auto r = runQuillo("run " + args + " --quiet --out-dir " + dir->file("no-scratch"),
+                           "TMPDIR=" + dir->file("missing") + "; export TMPDIR;");
+  ASSERT_EQ(r.exitCode, 0) << r.output;
+  EXPECT_EQ(expectSameFiles(one, dir->file("no-scratch")), 2);
 }
 
 TEST_F(RunThreads, ThreadsAndJobsTogether) {
