@@ -1,10 +1,10 @@
 #include "app/ParallelRun.hpp"
 
-#include <time.h>
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <cstdio>
+#include <ctime>
 #include <map>
 #include <memory>
 #include <mutex>

@@ -1,10 +1,12 @@
 // One input's run on several threads. The fragments are cut into contiguous ranges, one per
-// thread, of about equal wave counts; each thread runs the module on its range into grids of
+// thread, of about equal work (by wave counts; the first range is shorter, as its thread
+// shares a core with the writer); each thread runs the module on its range into grids of
 // its own, starting one fragment early so that the zone walks at the range's start see the
 // same earlier shots as in one run (that fragment's output is dropped). The calling thread
 // replays the one-run sequence on the real outputs: for each fragment in order, the progress
 // report (which writes what is finished) and then the fragment's arrays. The saved files are
-// byte for byte those of one run. Fragments of later ranges wait in memory until their turn.
+// byte for byte those of one run. Fragments of later ranges wait in a scratch file until
+// their turn (FragmentSpill).
 #pragma once
 
 #include <array>
