@@ -13,7 +13,6 @@
 #include "app/Progress.hpp"
 #include "app/StreamedOutput.hpp"
 #include "app/WaveCounts.hpp"
-#include "run/Quillo.hpp"
 #include "run/Verification.hpp"
 #include "tessal/Schema.hpp"
 #include "vorlap/Console.hpp"
