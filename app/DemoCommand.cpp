@@ -1,9 +1,11 @@
 #include "app/DemoCommand.hpp"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -59,6 +61,7 @@ std::vector<std::string> runInto(const std::string& dir, const std::string& inpu
                                  DemoReport& report) {
   RunSettings settings;
   settings.outDir = dir;
+  settings.threads = std::max(1u, std::thread::hardware_concurrency());  // as `quillo run`
   const RunSummary run = runOne(input, settings);
   if (!run.result.empty()) throw CliError(kFailure, "the run failed: " + run.result);
   for (const char* stage : {"load", "run", "map", "save", "verify"}) {

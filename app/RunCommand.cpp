@@ -1,5 +1,6 @@
 #include "app/RunCommand.hpp"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <filesystem>
@@ -29,6 +30,10 @@ namespace {
 // (figures: bench_zones, docs/how-zones-are-resolved.md).
 constexpr bool kRefineByDefault = false;
 
+unsigned defaultThreads() {
+  return std::max(1u, std::thread::hardware_concurrency());
+}
+
 struct RunCommandOptions {
   std::vector<std::string> inputs;
   ModuleOptions module;
@@ -36,6 +41,7 @@ struct RunCommandOptions {
   bool verbose = false, quiet = false, hist = false;
   bool refine = kRefineByDefault;
   unsigned jobs = 1;
+  unsigned threads = defaultThreads();
 };
 
 void printSummary(const RunSummary& s) {
@@ -186,6 +192,8 @@ void execute(const RunCommandOptions& o) {
   settings.verbose = o.verbose;
   settings.refine = o.refine;
   settings.quiet = o.quiet || o.jobs > 1;
+  // The cores are shared among the inputs run at once rather than multiplied by them.
+  settings.threads = std::max(1u, o.threads / std::max(1u, o.jobs));
   std::vector<RunSummary> runs = runAll(o, settings, loaded);
   bool failed = false;
   for (const auto& r : runs) {
@@ -217,13 +225,19 @@ void addRunCommand(CLI::App& app) {
                           "holds the outputs in memory (default: ") +
                   (kRefineByDefault ? "on" : "off") + ")");
   c->add_option("--report", o->report, "Write a JSON summary of the runs");
-  c->add_option("--jobs", o->jobs, "Inputs run in parallel (one thread each)")
+  c->add_option("--jobs", o->jobs, "Inputs run in parallel (they share --threads)")
       ->check(CLI::Range(1u, 64u));
+  c->add_option("--threads", o->threads,
+                "Threads in all (default: the machine's cores); with --jobs J each input gets "
+                "threads / J of them (at least one), so J x that never exceeds the larger of "
+                "the two")
+      ->check(CLI::Range(1u, 256u));
   c->footer(
       "Each input is checked first (as by quillo check); an unusable one stops the command.\n"
       "Examples:\n  quillo run survey_210315_093000.kq\n"
       "  quillo run a_210315_093000.kq b_210315_101500.kq --jobs 2 --out-dir results\n"
-      "  quillo run survey.kq --date 210315_093000 --mta 3 --report run.json");
+      "  quillo run survey.kq --date 210315_093000 --mta 3 --report run.json\n"
+      "  quillo run survey_210315_093000.kq --threads 1   (one core: same output, slower)");
   c->callback([o] { execute(*o); });
 }
 

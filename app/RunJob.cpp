@@ -9,11 +9,11 @@
 #include "app/CliError.hpp"
 #include "app/LoadKq.hpp"
 #include "app/MapPositions.hpp"
+#include "app/ParallelRun.hpp"
 #include "app/Progress.hpp"
 #include "app/StreamedOutput.hpp"
 #include "app/WaveCounts.hpp"
 #include "refine/ZoneRefinement.hpp"
-#include "run/Quillo.hpp"
 #include "run/Verification.hpp"
 #include "tessal/Schema.hpp"
 #include "vorlap/Console.hpp"
@@ -154,9 +154,8 @@ RunSummary runOne(const std::string& inputPath, const RunSettings& settings,
       bar, settings.refine ? std::vector<StreamedOutput*>() : outputs);
   input.progress = Vorlap::WeakPtr<Vorlap::ProgressSink>(sink);
   if (settings.verbose) Vorlap::Console() << input.speak();
-  summary.result = FullWaveform::Quillo<unsigned short>(
-      bundle, first ? first->grid() : Vorlap::StrongPtr<Tessal::Grid>(),
-      second ? second->grid() : Vorlap::StrongPtr<Tessal::Grid>(), input);
+  summary.result = runModule(
+      {inputPath, bundle, {first.get(), second.get()}, input, settings.threads, settings.verbose});
   if (summary.result.empty()) bar->complete();
   bar->finish();
   clock.lap("run");

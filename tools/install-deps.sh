@@ -4,7 +4,8 @@
 set -euo pipefail
 packages=(cmake g++ make libhdf5-dev hdf5-tools libgtest-dev libgmock-dev libbenchmark-dev
   libcli11-dev libdeflate-dev libstb-dev libproj-dev proj-data nlohmann-json3-dev python3-h5py clang-format ccache
-  slurm-wlm munge)  # Slurm and munge: the `cluster` test starts their daemons
+  slurm-wlm munge  # Slurm and munge: the `cluster` test starts their daemons
+  time)  # GNU time: peak memory in bench/threads-throughput.sh
 # libclang_rt.fuzzer comes with libclang-rt-dev, which clang only recommends.
 [ "${1:-}" = "--fuzz" ] && packages+=(clang libclang-rt-dev)
 missing=()

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The sanitizer part of `make test`: the unit tests built with AddressSanitizer and
-# UndefinedBehaviorSanitizer, then two runs of `quillo run --jobs 2` under ThreadSanitizer.
+# UndefinedBehaviorSanitizer, then `quillo run --jobs 2` on two inputs and `--threads 3` on
+# one (its fragments across threads) under ThreadSanitizer.
 # Any report fails (the builds abort on the first report instead of carrying on).
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -31,6 +32,9 @@ for seed in 1 2; do
   build-tsan/app/quillo simulate --preset tiny --shots 20000 --fragment-shots 5000 \
     --seed "$seed" "$work/s${seed}_210315_093000.kq" >/dev/null
 done
-TSAN_OPTIONS=halt_on_error=1:exitcode=66 build-tsan/app/quillo run --jobs 2 --quiet \
-  --out-dir "$work" "$work/s1_210315_093000.kq" "$work/s2_210315_093000.kq"
+TSAN_OPTIONS=halt_on_error=1:exitcode=66 build-tsan/app/quillo run --jobs 2 --threads 2 \
+  --quiet --out-dir "$work" "$work/s1_210315_093000.kq" "$work/s2_210315_093000.kq"
+mkdir "$work/threads"
+TSAN_OPTIONS=halt_on_error=1:exitcode=66 build-tsan/app/quillo run --threads 3 --quiet \
+  --out-dir "$work/threads" "$work/s1_210315_093000.kq"
 echo "== sanitizers: no reports" >&2

@@ -1,0 +1,92 @@
+#include "app/FragmentHandover.hpp"
+
+#include "tessal/Schema.hpp"
+
+namespace quillo::cli {
+
+namespace schema = Tessal::schema;
+
+namespace {
+
+// Stands for an array handed to the writer: its type and extents stay known.
+class HandedOverCreator final : public Tessal::CreativeArrayBase {
+ public:
+  explicit HandedOverCreator(const Tessal::MemBase& data) : type_(data.elementType()) {
+    for (unsigned d = 0; d < data.rank(); ++d) extents_.push_back(data.extent(d));
+  }
+  Tessal::ElementType elementType() const override { return type_; }
+  std::vector<std::size_t> extents() const override { return extents_; }
+
+ protected:
+  Vorlap::StrongPtr<Tessal::MemBase> produce() override { return {}; }
+
+ private:
+  Tessal::ElementType type_;
+  std::vector<std::size_t> extents_;
+};
+
+using PointIds = Tessal::MemArray<1, std::uint32_t>;
+
+void takeFromField(Tessal::Field& field, const std::string& representation, OutputPart& part) {
+  auto ids = field.getFragmentIDCollection();
+  for (std::size_t f = 0; f < ids->size(); ++f) {
+    auto creator = field.getCreator(ids->at(f));
+    auto data = creator ? creator->heldData() : Vorlap::StrongPtr<Tessal::MemBase>();
+    if (!data) continue;
+    part.arrays.push_back(
+        {representation, field.getName(), ids->at(f)->getName(), data, creator->range()});
+    if (field.getName() == schema::kPointID) part.points += std::uint32_t(data->nElements());
+    field.setCreator(ids->at(f), Vorlap::makeStrong<HandedOverCreator>(*data));
+  }
+}
+
+void shiftPointIds(const FieldArray& a, std::uint32_t shift) {
+  auto ids = Vorlap::dynamicPtrCast<PointIds>(a.data);
+  if (!ids || shift == 0) return;
+  for (std::size_t k = 0; k < ids->size(); ++k) ids->set(k, ids->get(k) + shift);
+  if (!a.range) return;
+  for (auto* bound : {&a.range->min, &a.range->max})
+    for (double& v : *bound) v = double(std::uint32_t(std::uint32_t(v) + shift));
+}
+
+Vorlap::StrongPtr<Tessal::Representation> representationOf(Tessal::Grid& grid,
+                                                           const std::string& name) {
+  auto rep = grid.getCartesianRepresentation(name);
+  return rep ? rep : grid.makeCartesianRepresentation(3, name, 0);
+}
+
+}  // namespace
+
+OutputPart takeHeldArrays(Tessal::Grid& grid) {
+  OutputPart part;
+  for (const auto& rep : grid.representations())
+    for (const auto& entry : rep->fields())
+      if (entry.field) takeFromField(*entry.field, rep->getName(), part);
+  return part;
+}
+
+void putArrays(Tessal::Grid& grid, const OutputPart& part, std::uint32_t idShift) {
+  for (const FieldArray& a : part.arrays) {
+    if (a.field == schema::kPointID) shiftPointIds(a, idShift);
+    auto rep = representationOf(grid, a.representation);
+    Vorlap::StrongPtr<Tessal::Field> field = rep->makeField(rep->makeFieldID(a.field), {}, {});
+    auto fragment = field->makeFragmentID(a.fragment);
+    // The worker registered the array with the memory cache already.
+    field->setPersistentData(a.data, fragment, {}, "");
+    if (auto creator = field->getCreator(fragment)) creator->setRange(a.range);
+  }
+}
+
+void copyRunAttributes(const Tessal::Grid& from, Tessal::Grid& to) {
+  to.replaceAttributes(from.attributes());
+  for (const auto& rep : from.representations()) {
+    auto target = to.getCartesianRepresentation(rep->getName());
+    for (const auto& entry : rep->fields()) {
+      auto field = target && entry.field ? target->findFieldByName(entry.field->getName())
+                                         : Vorlap::StrongPtr<Tessal::Field>();
+      if (field) field->attributes() = entry.field->attributes();
+    }
+  }
+}
+
+}  // namespace quillo::cli

@@ -1,0 +1,313 @@
+#include "app/ParallelRun.hpp"
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <cstdio>
+#include <ctime>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <system_error>
+#include <thread>
+
+#include "app/CaughtError.hpp"
+#include "app/FragmentHandover.hpp"
+#include "app/FragmentSpill.hpp"
+#include "app/LoadKq.hpp"
+#include "app/WaveCounts.hpp"
+#include "run/Quillo.hpp"
+#include "tessal/Schema.hpp"
+#include "vorlap/Console.hpp"
+
+namespace quillo::cli {
+
+namespace schema = Tessal::schema;
+
+namespace {
+
+struct Range {
+  std::uint32_t begin, end;
+};
+
+std::uint32_t fragmentCount(const Tessal::BundlePtr& input) {
+  double t = 0.0;
+  auto slice = (*input.get())(t);
+  auto shots = slice ? (*slice)(schema::kShotsGrid) : Vorlap::StrongPtr<Tessal::Grid>();
+  auto positions = shots ? (*shots)(schema::kPositions, "") : Vorlap::StrongPtr<Tessal::Field>();
+  return positions ? std::uint32_t(positions->getNumberOfFragments()) : 0u;
+}
+
+// Waves in the fragments below each fragment number up to `end` (index end: all of them).
+std::vector<std::uint64_t> wavesBefore(const WaveCounts& waves, std::uint32_t end) {
+  std::vector<std::uint64_t> sums(end + 1, 0);
+  for (std::uint32_t f = 0; f < end; ++f) {
+    auto it = waves.perFragment.find(schema::fragmentName(f));
+    sums[f + 1] = sums[f] + (it == waves.perFragment.end() ? 0 : it->second);
+  }
+  return sums;
+}
+
+// A fragment that a range may start after: the module keeps no state from a fragment of
+// fewer than three waves, so the range's first fragment would miss what one run carries.
+bool cutAfter(const std::vector<std::uint64_t>& before, std::uint32_t fragment) {
+  return before[fragment + 1] - before[fragment] >= 3;
+}
+
+// The main thread writes while the workers run: about a third of the CPU time the module
+// takes (compressing and saving; measured on the demo survey in both modes). The first
+// range is made that much shorter, so that its worker and the writer finish with the others
+// instead of the writer going on alone through the later ranges' fragments.
+constexpr double kWriterShare = 0.3;
+
+// The share of the waves before cut r (1 to threads - 1).
+double shareBeforeCut(unsigned r, unsigned threads) {
+  const double first = std::max(0.5 / threads, (1.0 + kWriterShare) / threads - kWriterShare);
+  return first + (1.0 - first) * double(r - 1) / double(threads - 1);
+}
+
+// Contiguous ranges of about equal work, at most one per fragment.
+std::vector<Range> splitFragments(Range all, unsigned threads, const WaveCounts& waves) {
+  const std::vector<std::uint64_t> before = wavesBefore(waves, all.end);
+  const std::uint64_t base = before[all.begin], total = before[all.end] - base;
+  std::vector<Range> ranges;
+  std::uint32_t start = all.begin;
+  for (unsigned r = 1; r < threads; ++r) {
+    std::uint32_t stop = start + 1;
+    const double target = double(total) * shareBeforeCut(r, threads);
+    while (stop < all.end && double(before[stop] - base) < target) ++stop;
+    while (stop < all.end && !cutAfter(before, stop - 1)) ++stop;
+    if (stop >= all.end) break;
+    ranges.push_back({start, stop});
+    start = stop;
+  }
+  ranges.push_back({start, all.end});
+  return ranges;
+}
+
+// Finished fragments on their way from the workers to the writer.
+class HandoverQueue {
+ public:
+  explicit HandoverQueue(std::vector<Range> ranges)
+      : ranges_(std::move(ranges)),
+        results_(ranges_.size()),
+        done_(ranges_.size(), false),
+        spills_(ranges_.size()),
+        nextToWrite_(ranges_.front().begin) {}
+
+  // Sets the output aside when the writer is still short of its range: it would wait in
+  // memory for the ranges before to be written. Called by the range's own worker only.
+  void put(std::size_t range, std::uint32_t fragment, FragmentOutput output) {
+    if (nextToWrite_.load() < ranges_[range].begin)
+      for (OutputPart& part : output.parts) spills_[range].setAside(part);
+    std::lock_guard lock(mutex_);
+    ready_.emplace(fragment, std::move(output));
+    changed_.notify_all();
+  }
+  void finish(std::size_t range, std::string result) {
+    std::lock_guard lock(mutex_);
+    results_[range] = std::move(result);
+    done_[range] = true;
+    changed_.notify_all();
+  }
+  // The fragment's output; empty when its range ended before it (the run failed).
+  std::optional<FragmentOutput> take(std::uint32_t fragment) {
+    std::unique_lock lock(mutex_);
+    const std::size_t owner = ownerOf(fragment);
+    changed_.wait(lock, [&] { return ready_.count(fragment) || done_[owner]; });
+    auto it = ready_.find(fragment);
+    if (it == ready_.end()) return std::nullopt;
+    FragmentOutput output = std::move(it->second);
+    ready_.erase(it);
+    nextToWrite_ = fragment + 1;
+    lock.unlock();
+    for (OutputPart& part : output.parts) spills_[owner].bringBack(part);
+    return output;
+  }
+  // The first failure in fragment order, as one run would have met it.
+  std::string result() const {
+    std::lock_guard lock(mutex_);
+    for (const auto& r : results_)
+      if (!r.empty()) return r;
+    return "";
+  }
+
+ private:
+  std::size_t ownerOf(std::uint32_t fragment) const {
+    std::size_t r = 0;
+    while (r + 1 < ranges_.size() && fragment >= ranges_[r].end) ++r;
+    return r;
+  }
+  std::vector<Range> ranges_;
+  std::vector<std::string> results_;
+  std::vector<bool> done_;
+  std::vector<FragmentSpill> spills_;  // one per range, written by its worker alone
+  std::atomic<std::uint32_t> nextToWrite_;
+  std::map<std::uint32_t, FragmentOutput> ready_;
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;
+};
+
+// A worker's output grids and progress receiver: hands each finished fragment over. The
+// fragment before the range only prepares the state; its output and its messages are those of
+// the range before and are dropped here.
+class WorkerOutputs : public Vorlap::ProgressSink {
+ public:
+  WorkerOutputs(HandoverQueue& queue, std::size_t index, Range range, std::uint32_t start,
+                const std::array<StreamedOutput*, 2>& real)
+      : queue_(queue), index_(index), range_(range), current_(start) {
+    for (int k = 0; k < 2; ++k) {
+      if (!real[k]) continue;
+      // A bundle each, as the saved outputs have: one slice holds one grid of a name.
+      auto bundle = Tessal::BundlePtr::make();
+      grids_[k] = (*bundle.create())[0.0]->makeGrid(schema::kResultGrid);
+      grids_[k]->makeCartesianRepresentation(3, schema::kScannerChart, 0);
+    }
+    if (start < range.begin) quietWarmUp_.emplace();
+  }
+  const Vorlap::StrongPtr<Tessal::Grid>& grid(int k) const { return grids_[k]; }
+
+  void report(const std::string&, unsigned current, unsigned) override {
+    if (current > current_) handOver();
+    current_ = current;
+    if (current_ >= range_.begin) quietWarmUp_.reset();
+  }
+  // Hands over the range's last fragment once the module has ended well.
+  void finish() { handOver(); }
+
+ private:
+  void handOver() {
+    FragmentOutput output;
+    for (int k = 0; k < 2; ++k)
+      if (grids_[k]) output.parts[k] = takeHeldArrays(*grids_[k]);
+    output.firstPointId = nextPointId_;
+    nextPointId_ += output.points();
+    if (current_ >= range_.begin) queue_.put(index_, current_, std::move(output));
+  }
+
+  HandoverQueue& queue_;
+  std::size_t index_;
+  Range range_;
+  std::uint32_t current_;
+  std::uint32_t nextPointId_ = 0;
+  std::array<Vorlap::StrongPtr<Tessal::Grid>, 2> grids_;
+  std::optional<Vorlap::ConsoleCapture> quietWarmUp_;
+};
+
+double threadCpuSeconds() {
+  timespec t{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+  return double(t.tv_sec) + double(t.tv_nsec) * 1e-9;
+}
+
+std::string tenths(double seconds) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.1f", seconds);
+  return text;
+}
+
+// How the work was shared: each range's fragments and CPU time, and the writer's.
+void describeSharing(const ParallelRun& run, const std::vector<Range>& ranges,
+                     const std::vector<double>& cpu, double writerCpu) {
+  Vorlap::Console say;
+  say << run.inputPath << ": " << ranges.size() << " threads:";
+  for (std::size_t r = 0; r < ranges.size(); ++r)
+    say << " fragments " << ranges[r].begin << "-" << ranges[r].end - 1 << " " << tenths(cpu[r])
+        << " s CPU;";
+  say << " writing " << tenths(writerCpu) << " s CPU";
+}
+
+// Runs the module on one range; keeps the grids of the last range for the run's attributes.
+void runRange(const ParallelRun& run, Range range, std::size_t index, HandoverQueue& queue,
+              Vorlap::StrongPtr<Tessal::Grid>* attributeSource) {
+  const std::uint32_t start = index == 0 ? range.begin : range.begin - 1;
+  Tessal::BundlePtr bundle = run.bundle;
+  if (index > 0) {
+    Vorlap::ConsoleCapture alreadySaid;  // the first load told the user about this file
+    bundle = loadKqFile(run.inputPath);
+  }
+  auto outputs = Vorlap::makeStrong<WorkerOutputs>(queue, index, range, start, run.outputs);
+  FullWaveform::Input input = run.input;
+  input.fragBegin = std::int32_t(start);
+  input.fragEnd = range.end;
+  input.progress = Vorlap::WeakPtr<Vorlap::ProgressSink>(outputs);
+  std::string result =
+      FullWaveform::Quillo<unsigned short>(bundle, outputs->grid(0), outputs->grid(1), input);
+  if (result.empty()) outputs->finish();
+  if (attributeSource)
+    for (int k = 0; k < 2; ++k) attributeSource[k] = outputs->grid(k);
+  queue.finish(index, std::move(result));
+}
+
+// The one-run sequence on the real outputs, fragment by fragment; false when a range failed.
+bool writeInOrder(const ParallelRun& run, Range all, HandoverQueue& queue) {
+  auto sink = run.input.progress.lock();
+  std::uint32_t nextPointId = 0;
+  for (std::uint32_t f = all.begin; f < all.end; ++f) {
+    if (sink) sink->report("Frag# ", f, all.end);
+    std::optional<FragmentOutput> output = queue.take(f);
+    if (!output) return false;
+    const std::uint32_t shift = nextPointId - output->firstPointId;
+    for (int k = 0; k < 2; ++k)
+      if (run.outputs[k]) putArrays(*run.outputs[k]->grid(), output->parts[k], shift);
+    nextPointId += output->points();
+  }
+  return true;
+}
+
+std::string runRanges(const ParallelRun& run, Range all, const std::vector<Range>& ranges) {
+  HandoverQueue queue(ranges);
+  std::vector<std::unique_ptr<CliError>> errors(ranges.size());
+  Vorlap::StrongPtr<Tessal::Grid> attributeSource[2];
+  std::vector<std::thread> threads;
+  std::vector<double> cpu(ranges.size(), 0.0);
+  for (std::size_t r = 0; r < ranges.size(); ++r) {
+    auto work = [&, r] {
+      errors[r] = caughtError("", [&] {
+        runRange(run, ranges[r], r, queue, r + 1 == ranges.size() ? attributeSource : nullptr);
+      });
+      if (errors[r]) queue.finish(r, errors[r]->what());
+      cpu[r] = threadCpuSeconds();
+    };
+    try {
+      threads.emplace_back(work);
+    } catch (const std::system_error& e) {
+      errors[r] =
+          std::make_unique<CliError>(kFailure, std::string("cannot start a thread: ") + e.what());
+      queue.finish(r, errors[r]->what());
+    }
+  }
+  bool written = false;
+  const double writerStart = threadCpuSeconds();
+  auto writeError = caughtError("", [&] { written = writeInOrder(run, all, queue); });
+  const double writerCpu = threadCpuSeconds() - writerStart;
+  for (auto& t : threads) t.join();
+  if (run.verbose) describeSharing(run, ranges, cpu, writerCpu);
+  if (writeError) throw *writeError;
+  for (auto& e : errors)
+    if (e) throw *e;
+  std::string result = queue.result();
+  if (!written && result.empty()) result = "Quillo: a worker ended before its last fragment";
+  if (!result.empty()) return result;
+  for (int k = 0; k < 2; ++k)
+    if (run.outputs[k]) copyRunAttributes(*attributeSource[k], *run.outputs[k]->grid());
+  return "";
+}
+
+}  // namespace
+
+std::string runModule(const ParallelRun& run) {
+  auto grid = [&](int k) {
+    return run.outputs[k] ? run.outputs[k]->grid() : Vorlap::StrongPtr<Tessal::Grid>();
+  };
+  Tessal::BundlePtr bundle = run.bundle;
+  const std::uint32_t count = fragmentCount(bundle);
+  const Range all{std::uint32_t(std::max(run.input.fragBegin, 0)),
+                  std::min(run.input.fragEnd, count)};
+  if (run.threads < 2 || all.end < all.begin + 2)
+    return FullWaveform::Quillo<unsigned short>(bundle, grid(0), grid(1), run.input);
+  return runRanges(run, all, splitFragments(all, run.threads, countWaves(bundle)));
+}
+
+}  // namespace quillo::cli
