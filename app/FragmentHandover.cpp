@@ -34,7 +34,7 @@ void takeFromField(Tessal::Field& field, const std::string& representation, Outp
     auto data = creator ? creator->heldData() : Vorlap::StrongPtr<Tessal::MemBase>();
     if (!data) continue;
     part.arrays.push_back(
-        {representation, field.getName(), ids->at(f)->getName(), data, creator->range()});
+        {representation, field.getName(), ids->at(f)->getName(), data, creator->range(), {}});
     if (field.getName() == schema::kPointID) part.points += std::uint32_t(data->nElements());
     field.setCreator(ids->at(f), Vorlap::makeStrong<HandedOverCreator>(*data));
   }

@@ -17,7 +17,7 @@ struct RunSettings {
   std::string outDir;  // empty: beside the input
   std::string date;    // YYMMDD_HHMMSS when the input name carries none
   bool verbose = false, quiet = false, hist = false;
-  bool refine = false;  // the zone refinement after the run (holds the outputs in memory)
+  bool refine = false;   // the zone refinement after the run (holds the outputs in memory)
   unsigned threads = 1;  // for the fragments of this input
 };
 
