@@ -27,7 +27,9 @@ new="$here/build/app/quillo"
 old=$("$here/bench/reference-build.sh" "$ref" "$work/ref-$ref")
 input="$work/${preset}_210315_093000.kq"
 [ -f "$input" ] || "$new" simulate --preset "$preset" ${shots:+--shots "$shots"} --quiet "$input"
-waves=$("$new" info "$input" | awk '/^grid "Waveforms"/ { w = 1 } w && /GPSTime/ { print $(NF - 1); exit }')
+# Waves: waveform rows and the scanner's own echo records ("OPP"), as the run counts them.
+waves=$("$new" info "$input" |
+  awk '/^grid/ { w = ($2 == "\"Waveforms\"" || $2 == "\"OPP\"") } w && /GPSTime/ { n += $(NF - 1) } END { print n }')
 
 # run LABEL QUILLO MODE [ARGS...]: one run into its own folder; appends "label mode wall peak-MB
 # load run save" to $work/times.
