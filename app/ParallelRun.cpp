@@ -55,27 +55,32 @@ bool cutAfter(const std::vector<std::uint64_t>& before, std::uint32_t fragment) 
   return before[fragment + 1] - before[fragment] >= 3;
 }
 
-// The main thread writes while the workers run: about a third of the CPU time the module
-// takes (compressing and saving; measured on the demo survey in both modes). The first
-// range is made that much shorter, so that its worker and the writer finish with the others
-// instead of the writer going on alone through the later ranges' fragments.
-constexpr double kWriterShare = 0.3;
+// The main thread writes while the workers run: what it takes (mapping, counting, compressing
+// and saving), as a share of the CPU time the module takes, measured on the demo survey with
+// `--verbose`: 0.30 in gaussian mode, 0.44 in the faster peak detections (same writing, less
+// module work). The first range is made that much shorter, so that its worker and the writer
+// finish with the others instead of the writer going on alone through the later ranges'
+// fragments.
+double writerShare(FullWaveform::FWFModus mode) {
+  return mode == FullWaveform::FWF_GAUSSIAN_DECOMPOSITION ? 0.30 : 0.44;
+}
 
 // The share of the waves before cut r (1 to threads - 1).
-double shareBeforeCut(unsigned r, unsigned threads) {
-  const double first = std::max(0.5 / threads, (1.0 + kWriterShare) / threads - kWriterShare);
+double shareBeforeCut(unsigned r, unsigned threads, double writer) {
+  const double first = std::max(0.5 / threads, (1.0 + writer) / threads - writer);
   return first + (1.0 - first) * double(r - 1) / double(threads - 1);
 }
 
 // Contiguous ranges of about equal work, at most one per fragment.
-std::vector<Range> splitFragments(Range all, unsigned threads, const WaveCounts& waves) {
+std::vector<Range> splitFragments(Range all, unsigned threads, const WaveCounts& waves,
+                                  double writer) {
   const std::vector<std::uint64_t> before = wavesBefore(waves, all.end);
   const std::uint64_t base = before[all.begin], total = before[all.end] - base;
   std::vector<Range> ranges;
   std::uint32_t start = all.begin;
   for (unsigned r = 1; r < threads; ++r) {
     std::uint32_t stop = start + 1;
-    const double target = double(total) * shareBeforeCut(r, threads);
+    const double target = double(total) * shareBeforeCut(r, threads, writer);
     while (stop < all.end && double(before[stop] - base) < target) ++stop;
     while (stop < all.end && !cutAfter(before, stop - 1)) ++stop;
     if (stop >= all.end) break;
@@ -307,7 +312,9 @@ std::string runModule(const ParallelRun& run) {
                   std::min(run.input.fragEnd, count)};
   if (run.threads < 2 || all.end < all.begin + 2)
     return FullWaveform::Quillo<unsigned short>(bundle, grid(0), grid(1), run.input);
-  return runRanges(run, all, splitFragments(all, run.threads, countWaves(bundle)));
+  return runRanges(
+      run, all,
+      splitFragments(all, run.threads, countWaves(bundle), writerShare(run.input.fwfModus)));
 }
 
 }  // namespace quillo::cli

@@ -1,7 +1,7 @@
 // `quillo run --threads`: the fragments of one input across threads write the same bytes as
-// one thread (both peak-detection modes, a fragment range, without scratch space, together
-// with --jobs), and a run that fails in a later thread, or while writing, ends cleanly and
-// leaves no output file.
+// one thread (both peak-detection modes, a fragment range, the refinement, without scratch
+// space, together with --jobs), and a run that fails in a later thread, or while writing,
+// ends cleanly and leaves no output file.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -72,6 +72,13 @@ TEST_F(RunThreads, AFragmentRangeAcrossThreadsNumbersItsPointsAsOneThreadDoes) {
   const std::string args = inputs[1] + " --mode fast --fragments 1:7";
   const std::string one = runInto("range-1", args + " --threads 1");
   EXPECT_EQ(expectSameFiles(one, runInto("range-3", args + " --threads 3")), 2);
+}
+
+// The refinement holds every fragment until the run ends: threads must hand it the same ones.
+TEST_F(RunThreads, RefinedOutputsOfThreadsAreThoseOfOneThread) {
+  const std::string args = inputs[0] + " --mode fast --refine";
+  const std::string one = runInto("refine-1", args + " --threads 1");
+  EXPECT_EQ(expectSameFiles(one, runInto("refine-3", args + " --threads 3")), 2);
 }
 
 TEST_F(RunThreads, WithoutScratchSpaceWaitingFragmentsStayInMemory) {
