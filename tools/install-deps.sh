@@ -3,7 +3,7 @@
 # With --fuzz, also clang and libFuzzer's runtime (for `make fuzz`).
 set -euo pipefail
 packages=(cmake g++ make libhdf5-dev hdf5-tools libgtest-dev libgmock-dev libbenchmark-dev
-  libcli11-dev libdeflate-dev libstb-dev libproj-dev proj-data nlohmann-json3-dev python3-h5py clang-format ccache
+  libcli11-dev libdeflate-dev libgoogle-perftools-dev libstb-dev libproj-dev proj-data nlohmann-json3-dev python3-h5py clang-format ccache
   slurm-wlm munge  # Slurm and munge: the `cluster` test starts their daemons
   time)  # GNU time: peak memory in bench/threads-throughput.sh
 # libclang_rt.fuzzer comes with libclang-rt-dev, which clang only recommends.
