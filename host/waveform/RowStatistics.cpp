@@ -58,8 +58,10 @@ double clippedSigma(std::uint64_t absSum, std::size_t n, SumsWithin sumsWithin) 
 std::int32_t RowStatistics::median(const std::int32_t* y, std::size_t n, std::int32_t lowest) {
   const std::size_t rank = n / 2;
   counts_.fill(0);
+  heightSum_ = 0;
   for (std::size_t i = 0; i < n; ++i) {
     const auto above = std::uint32_t(y[i] - lowest);
+    heightSum_ += above;
     if (above < counts_.size()) ++counts_[above];
   }
   std::size_t seen = 0;
@@ -75,22 +77,30 @@ std::int32_t RowStatistics::median(const std::int32_t* y, std::size_t n, std::in
   return *mid;
 }
 
+// Sum of |y - background| of the last median()'s n samples without another pass over the row:
+// sum(h - m) over all heights h above the minimum, plus twice the shortfall of those below the
+// background height m (all of them counted, since m lies within the counts).
+std::uint64_t RowStatistics::absoluteDeviationFromCounts(std::size_t n, std::int64_t m) const {
+  std::int64_t below = 0;
+  for (std::int64_t b = 0; b < m; ++b) below += std::int64_t(counts_[std::size_t(b)]) * (m - b);
+  return std::uint64_t(std::int64_t(heightSum_) - std::int64_t(n) * m + 2 * below);
+}
+
 // The clipped sums come from the few bins near the background instead of passes over the row.
-double RowStatistics::noiseSigmaFromCounts(const std::int32_t* y, std::size_t n,
-                                           std::int32_t background, std::int32_t lowest) const {
+double RowStatistics::noiseSigmaFromCounts(std::size_t n, std::int32_t background,
+                                           std::int32_t lowest) const {
   if (!counted_) return -1.0;
   const std::int64_t m = background - lowest;
-  return clippedSigma(absoluteDeviationSum(y, n, background), n,
-                      [&](std::int64_t limit) -> std::optional<NearSums> {
-                        if (m + limit >= std::int64_t(counts_.size())) return std::nullopt;
-                        NearSums sums;
-                        for (std::int64_t b = std::max<std::int64_t>(0, m - limit); b <= m + limit;
-                             ++b) {
-                          sums.squares += counts_[std::size_t(b)] * (b - m) * (b - m);
-                          sums.count += counts_[std::size_t(b)];
-                        }
-                        return sums;
-                      });
+  return clippedSigma(
+      absoluteDeviationFromCounts(n, m), n, [&](std::int64_t limit) -> std::optional<NearSums> {
+        if (m + limit >= std::int64_t(counts_.size())) return std::nullopt;
+        NearSums sums;
+        for (std::int64_t b = std::max<std::int64_t>(0, m - limit); b <= m + limit; ++b) {
+          sums.squares += counts_[std::size_t(b)] * (b - m) * (b - m);
+          sums.count += counts_[std::size_t(b)];
+        }
+        return sums;
+      });
 }
 
 double noiseSigmaAround(const std::int32_t* y, std::size_t n, std::int32_t background) {
@@ -112,7 +122,7 @@ RowStats RowStatistics::compute(const std::int32_t* y, std::size_t n, std::int32
                                 const PeakSettings& settings) {
   RowStats s;
   s.background = median(y, n, lowest);
-  s.noiseSigma = noiseSigmaFromCounts(y, n, s.background, lowest);
+  s.noiseSigma = noiseSigmaFromCounts(n, s.background, lowest);
   if (s.noiseSigma < 0) s.noiseSigma = noiseSigmaAround(y, n, s.background);
   s.threshold = noiseLevel > 0
                     ? double(noiseLevel)

@@ -34,11 +34,12 @@ class RowStatistics {
  private:
   // noiseSigmaAround from the counts of the last median(); negative when they do not cover
   // the samples near the background.
-  double noiseSigmaFromCounts(const std::int32_t* y, std::size_t n, std::int32_t background,
-                              std::int32_t lowest) const;
+  double noiseSigmaFromCounts(std::size_t n, std::int32_t background, std::int32_t lowest) const;
 
+  std::uint64_t absoluteDeviationFromCounts(std::size_t n, std::int64_t m) const;
   std::vector<std::int32_t> scratch_;        // exact selection when the counts do not reach
   std::array<std::uint16_t, 256> counts_{};  // samples by their height above the minimum
+  std::uint64_t heightSum_ = 0;              // of the samples' heights above the minimum
   bool counted_ = false;                     // the last median came from the counts
 };
 
