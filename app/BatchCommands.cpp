@@ -26,6 +26,7 @@ void addPlanCommand(CLI::App& batch) {
   c->add_flag("--wave-counts", r->waveCounts,
               "Also count uncertain and repaired waves per strip (a second pass, slower)");
   addModuleOptions(*c, r->module);
+  addRefineOption(*c, r->module);
   c->callback([r] {
     const BatchPlan plan = makePlan(*r);
     savePlan(plan);

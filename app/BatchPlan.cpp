@@ -99,6 +99,7 @@ json optionsJson(const BatchPlan& p) {
           {"segment", m.segment},
           {"fragments", m.fragments},
           {"peak_settings", m.peakSettings},
+          {"refine", m.refine},
           {"date", p.date},
           {"wave_counts", p.waveCounts}};
 }
@@ -114,6 +115,7 @@ void readOptions(const json& o, BatchPlan& p) {
   m.segment = o.at("segment").get<int>();
   m.fragments = o.at("fragments").get<std::string>();
   m.peakSettings = o.at("peak_settings").get<std::string>();
+  m.refine = o.value("refine", false);  // plans of earlier versions ran without it
   p.date = o.at("date").get<std::string>();
   p.waveCounts = o.at("wave_counts").get<bool>();
 }

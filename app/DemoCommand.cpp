@@ -14,6 +14,7 @@
 #include "app/LoadKq.hpp"
 #include "app/Quicklook.hpp"
 #include "app/RunJob.hpp"
+#include "app/RunOptions.hpp"
 #include "app/SurveyCommands.hpp"
 #include "sim/Scoring.hpp"
 #include "sim/SurveyBundle.hpp"
@@ -26,7 +27,9 @@ namespace {
 
 struct DemoReport {
   std::uint64_t shots = 0, waves = 0, points = 0;
-  double zoneAccuracy = 0.0;
+  double zoneAccuracy = 0.0, notNoiseWrong = 0.0;
+  bool refined = false;
+  std::uint64_t refineMoved = 0, refineMarkedNoise = 0;
   std::vector<std::pair<std::string, double>> seconds;     // stage, in the order they ran
   std::vector<std::pair<std::string, std::string>> files;  // what, path
 };
@@ -57,14 +60,18 @@ std::string simulateInto(const std::string& dir, const std::string& preset, Demo
   return input;
 }
 
-std::vector<std::string> runInto(const std::string& dir, const std::string& input,
+std::vector<std::string> runInto(const std::string& dir, const std::string& input, bool refine,
                                  DemoReport& report) {
   RunSettings settings;
   settings.outDir = dir;
+  settings.refine = refine;
   settings.threads = std::max(1u, std::thread::hardware_concurrency());  // as `quillo run`
   const RunSummary run = runOne(input, settings);
   if (!run.result.empty()) throw CliError(kFailure, "the run failed: " + run.result);
-  for (const char* stage : {"load", "run", "map", "save", "verify"}) {
+  report.refined = run.refined;
+  report.refineMoved = run.refineMoved;
+  report.refineMarkedNoise = run.refineMarkedNoise;
+  for (const char* stage : {"load", "run", "refine", "map", "save", "verify"}) {
     auto it = run.secondsPerStage.find(stage);
     if (it != run.secondsPerStage.end()) report.seconds.emplace_back(stage, it->second);
   }
@@ -102,6 +109,11 @@ void printReport(const std::string& preset, const DemoReport& r) {
   std::printf("  waves          %llu\n", (unsigned long long)r.waves);
   std::printf("  points         %llu\n", (unsigned long long)r.points);
   std::printf("  zone accuracy  %.3f %%\n", 100.0 * r.zoneAccuracy);
+  std::printf("  wrong zone     %.3f %% of the points not classified as noise\n",
+              100.0 * r.notNoiseWrong);
+  if (r.refined)
+    std::printf("  refinement     %llu points moved, %llu classified as noise\n",
+                (unsigned long long)r.refineMoved, (unsigned long long)r.refineMarkedNoise);
   std::printf("  time (s)      ");
   for (const auto& [stage, s] : r.seconds) std::printf(" %s %.1f", stage.c_str(), s);
   std::printf("\n  wrote\n");
@@ -118,15 +130,19 @@ void addDemoCommand(CLI::App& app) {
       "demo", "Simulate a survey, resolve its zones, score them, export LAS and draw quick-looks");
   c->add_option("--dir", *dir, "Work folder")->capture_default_str();
   c->add_option("--preset", *preset, "Survey preset: tiny, demo or large")->capture_default_str();
-  c->callback([dir, preset] {
+  auto module = std::make_shared<ModuleOptions>();
+  addRefineOption(*c, *module);
+  c->callback([dir, preset, module] {
     std::error_code ec;
     fs::create_directories(*dir, ec);
     if (ec) throw CliError(kOutput, *dir + ": cannot create the folder");
     DemoReport report;
     const std::string input = simulateInto(*dir, *preset, report);
-    const std::vector<std::string> outputs = runInto(*dir, input, report);
+    const std::vector<std::string> outputs = runInto(*dir, input, module->refine, report);
     Stopwatch clock;
-    report.zoneAccuracy = sim::scoreOutputs(outputs, input).zoneAccuracy();
+    const sim::ZoneScoreReport score = sim::scoreOutputs(outputs, input);
+    report.zoneAccuracy = score.zoneAccuracy();
+    report.notNoiseWrong = score.notNoiseWrongShare();
     report.seconds.emplace_back("score", clock.lap());
     exportAndDraw(outputs, report);
     printReport(*preset, report);

@@ -26,10 +26,6 @@ namespace schema = Tessal::schema;
 
 namespace {
 
-// Off: on some scenes the refinement still moves more than 1 in 100,000 correct points
-// (figures: bench_zones, docs/how-zones-are-resolved.md).
-constexpr bool kRefineByDefault = false;
-
 unsigned defaultThreads() {
   return std::max(1u, std::thread::hardware_concurrency());
 }
@@ -39,7 +35,6 @@ struct RunCommandOptions {
   ModuleOptions module;
   std::string outDir, date, report;
   bool verbose = false, quiet = false, hist = false;
-  bool refine = kRefineByDefault;
   unsigned jobs = 1;
   unsigned threads = defaultThreads();
 };
@@ -190,7 +185,6 @@ void execute(const RunCommandOptions& o) {
   settings.outDir = o.outDir;
   settings.date = o.date;
   settings.verbose = o.verbose;
-  settings.refine = o.refine;
   settings.quiet = o.quiet || o.jobs > 1;
   // The cores are shared among the inputs run at once rather than multiplied by them.
   settings.threads = std::max(1u, o.threads / std::max(1u, o.jobs));
@@ -219,11 +213,7 @@ void addRunCommand(CLI::App& app) {
   c->add_flag("--verbose", o->verbose, "Print the run parameters");
   c->add_flag("--quiet", o->quiet, "No progress output");
   c->add_flag("--hist", o->hist, "Print the zone histogram of every fragment");
-  c->add_flag("--refine,!--no-refine", o->refine,
-              std::string("Refine zones by surface continuity after the run: moves echoes off "
-                          "their neighbours' surface, classifies echoes fitting none as noise; "
-                          "holds the outputs in memory (default: ") +
-                  (kRefineByDefault ? "on" : "off") + ")");
+  addRefineOption(*c, o->module);
   c->add_option("--report", o->report, "Write a JSON summary of the runs");
   c->add_option("--jobs", o->jobs, "Inputs run in parallel (they share --threads)")
       ->check(CLI::Range(1u, 64u));

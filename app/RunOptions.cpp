@@ -22,6 +22,19 @@ void addModuleOptions(CLI::App& c, ModuleOptions& o) {
       ->check(CLI::ExistingFile);
 }
 
+// Off: on some scenes the refinement still moves more than 1 in 100,000 correct points
+// (figures: bench_zones, docs/how-zones-are-resolved.md).
+constexpr bool kRefineByDefault = false;
+
+void addRefineOption(CLI::App& c, ModuleOptions& o) {
+  o.refine = kRefineByDefault;
+  c.add_flag("--refine,!--no-refine", o.refine,
+             std::string("Refine zones by surface continuity after the run: moves echoes off "
+                         "their neighbours' surface, classifies echoes fitting none as noise; "
+                         "holds the outputs in memory (default: ") +
+                 (kRefineByDefault ? "on" : "off") + ")");
+}
+
 namespace {
 
 long parseCount(const std::string& text, const std::string& what) {
@@ -56,6 +69,7 @@ RunSettings settingsFrom(const ModuleOptions& o) {
   in.skipFWF = o.skipFWF;
   in.skipOnline = o.skipOnline;
   in.peakDetectionPath = o.peakSettings;
+  s.refine = o.refine;
   applyFragments(o.fragments, in);
   if (o.segment != -2) {
     if (o.segment < -1 || o.segment > 1) throw CliError(kUsage, "--segment: use -1, 0 or 1");

@@ -1,4 +1,4 @@
-// Command-line options shared by the commands that run the module (run, hist, demo).
+// Command-line options shared by the commands that run the module (run, hist, demo, batch).
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -16,9 +16,13 @@ struct ModuleOptions {
   int segment = -2;  // -2: from the input's "RDB_Segment" attribute
   std::string fragments;
   std::string peakSettings;
+  bool refine = false;  // the zone refinement after the run (see addRefineOption)
 };
 
 void addModuleOptions(CLI::App& command, ModuleOptions& options);
+// --refine / --no-refine, for the commands that write point clouds (run, demo, batch plan);
+// sets the option to its default first.
+void addRefineOption(CLI::App& command, ModuleOptions& options);
 // Fills the run parameters from the options; throws CliError naming a bad value.
 RunSettings settingsFrom(const ModuleOptions& options);
 

@@ -142,6 +142,30 @@ TEST_F(Batch, LocalWritesWhatRunWritesAndReportSumsTheStrips) {
   EXPECT_TRUE(summary["failures"].empty());
 }
 
+TEST_F(Batch, RefineIsPlannedForEveryTaskAndOlderPlansRunWithout) {
+  fs::create_directory(dir->file("refined"));
+  auto r = runQuillo("batch plan " + strip(1) + " --refine --out-dir " + dir->file("refined"));
+  ASSERT_EQ(r.exitCode, 0) << r.output;
+  const std::string p = dir->file("refined/plan.json");
+  json planned = readJson(p);
+  EXPECT_TRUE(planned["run_options"]["refine"].get<bool>()) << planned.dump();
+  r = runQuillo("batch run " + p + " --task 0");
+  ASSERT_EQ(r.exitCode, 0) << r.output;
+  fs::create_directory(dir->file("refined-run"));
+  r = runQuillo("run " + strip(1) + " --refine --quiet --out-dir " + dir->file("refined-run"));
+  ASSERT_EQ(r.exitCode, 0) << r.output;
+  for (const char* part : {"_1.kq", "_0.kq"}) {
+    const std::string name = std::string("s_210315_093000_line1") + part;
+    EXPECT_EQ(fileBytes(dir->file("refined/" + name)), fileBytes(dir->file("refined-run/" + name)))
+        << name;
+  }
+  // A plan written before the option existed has no "refine" and still loads.
+  planned["run_options"].erase("refine");
+  std::ofstream(p) << planned.dump(2);
+  r = runQuillo("batch status " + p);
+  EXPECT_EQ(r.exitCode, 0) << r.output;
+}
+
 TEST_F(Batch, AFailedTaskReachesStatusAndReportWithItsMessage) {
   fs::create_directories(dir->file("broken"));
   const std::string bad = dir->file("broken/b_210315_093000.kq");

@@ -74,7 +74,8 @@ TEST(Demo, WritesEverythingItLists) {
   TempDir dir;
   const auto r = runQuillo("demo --preset tiny --dir " + dir.file("work"));
   ASSERT_EQ(r.exitCode, 0) << r.output;
-  for (const char* row : {"shots          60000", "waves", "points", "zone accuracy", "export"})
+  for (const char* row :
+       {"shots          60000", "waves", "points", "zone accuracy", "wrong zone", "export"})
     EXPECT_NE(r.output.find(row), std::string::npos) << row << "\n" << r.output;
   int listed = 0;
   for (const auto& entry : fs::directory_iterator(dir.file("work"))) {
