@@ -34,7 +34,7 @@ void takeFromField(Tessal::Field& field, const std::string& representation, Outp
     auto data = creator ? creator->heldData() : Vorlap::StrongPtr<Tessal::MemBase>();
     if (!data) continue;
     part.arrays.push_back(
-        {representation, field.getName(), ids->at(f)->getName(), data, creator->range(), {}});
+        {representation, field.getName(), ids->at(f)->getName(), data, creator->range(), {}, {}});
     if (field.getName() == schema::kPointID) part.points += std::uint32_t(data->nElements());
     field.setCreator(ids->at(f), Vorlap::makeStrong<HandedOverCreator>(*data));
   }
@@ -65,14 +65,25 @@ OutputPart takeHeldArrays(Tessal::Grid& grid) {
   return part;
 }
 
-void putArrays(Tessal::Grid& grid, const OutputPart& part, std::uint32_t idShift) {
+void renumberPoints(OutputPart& part, std::uint32_t idShift, bool encode) {
+  for (FieldArray& a : part.arrays) {
+    if (a.field != schema::kPointID || !a.data) continue;
+    shiftPointIds(a, idShift);
+    if (!encode) continue;
+    a.encoded = std::make_shared<Tessal::EncodedArray>(Tessal::encodeArray(*a.data));
+    a.data.reset();
+  }
+}
+
+void putArrays(Tessal::Grid& grid, const OutputPart& part) {
   for (const FieldArray& a : part.arrays) {
-    if (a.field == schema::kPointID) shiftPointIds(a, idShift);
     auto rep = representationOf(grid, a.representation);
     Vorlap::StrongPtr<Tessal::Field> field = rep->makeField(rep->makeFieldID(a.field), {}, {});
     auto fragment = field->makeFragmentID(a.fragment);
-    // The worker registered the array with the memory cache already.
-    field->setPersistentData(a.data, fragment, {}, "");
+    if (a.encoded)
+      field->setCreator(fragment, Vorlap::makeStrong<Tessal::EncodedCreator>(a.encoded));
+    else  // the worker registered the array with the memory cache already
+      field->setPersistentData(a.data, fragment, {}, "");
     if (auto creator = field->getCreator(fragment)) creator->setRange(a.range);
   }
 }

@@ -63,6 +63,63 @@ std::size_t byteCount(const MemBase& data) {
 
 }  // namespace
 
+namespace {
+
+// The bytes to set aside: the encoded chunks one after the other, or the raw elements.
+bool bytesToSetAside(const FieldArray& a, std::vector<std::uint8_t>& bytes) {
+  if (a.encoded) {
+    bytes.clear();
+    for (const auto& chunk : a.encoded->chunks)
+      bytes.insert(bytes.end(), chunk.begin(), chunk.end());
+    return true;
+  }
+  if (!a.data || a.data->rank() > 2) return false;
+  bytes.resize(byteCount(*a.data));
+  a.data->copyOut(bytes.data());
+  return true;
+}
+
+void letGo(FieldArray& a, std::int64_t offset) {
+  a.setAside.offset = offset;
+  if (a.encoded) {
+    a.setAside.chunkBytes.clear();
+    for (const auto& chunk : a.encoded->chunks) a.setAside.chunkBytes.push_back(chunk.size());
+    a.encoded->chunks = {};
+    return;
+  }
+  a.setAside.type = a.data->elementType();
+  a.setAside.extents.clear();
+  for (unsigned d = 0; d < a.data->rank(); ++d) a.setAside.extents.push_back(a.data->extent(d));
+  a.data.reset();
+}
+
+std::size_t setAsideBytes(const FieldArray& a) {
+  std::size_t count = 0;
+  if (a.encoded) {
+    for (std::size_t n : a.setAside.chunkBytes) count += n;
+    return count;
+  }
+  count = Tessal::elementBytes(a.setAside.type);
+  for (std::size_t e : a.setAside.extents) count *= e;
+  return count;
+}
+
+// Gives the array back what was read from the scratch file; false when it does not fit.
+bool takeBack(FieldArray& a, const std::vector<std::uint8_t>& bytes) {
+  if (!a.encoded) {
+    a.data = arrayFrom(a.setAside.type, a.setAside.extents, bytes);
+    return bool(a.data);
+  }
+  auto at = bytes.begin();
+  for (std::size_t n : a.setAside.chunkBytes) {
+    a.encoded->chunks.emplace_back(at, at + std::ptrdiff_t(n));
+    at += std::ptrdiff_t(n);
+  }
+  return true;
+}
+
+}  // namespace
+
 void FragmentSpill::setAside(OutputPart& part) {
   if (!file_ && !unavailable_) {
     file_ = Tessal::openScratchFile();
@@ -71,16 +128,9 @@ void FragmentSpill::setAside(OutputPart& part) {
   if (!file_) return;
   std::vector<std::uint8_t> bytes;
   for (FieldArray& a : part.arrays) {
-    if (!a.data || a.data->rank() > 2) continue;
-    bytes.resize(byteCount(*a.data));
-    a.data->copyOut(bytes.data());
+    if (!bytesToSetAside(a, bytes)) continue;
     const std::int64_t offset = file_->append(bytes);
-    if (offset < 0) continue;  // a full disk: this one waits in memory
-    a.setAside.offset = offset;
-    a.setAside.type = a.data->elementType();
-    a.setAside.extents.clear();
-    for (unsigned d = 0; d < a.data->rank(); ++d) a.setAside.extents.push_back(a.data->extent(d));
-    a.data.reset();
+    if (offset >= 0) letGo(a, offset);  // else a full disk: this one waits in memory
   }
 }
 
@@ -88,14 +138,12 @@ void FragmentSpill::bringBack(OutputPart& part) const {
   std::vector<std::uint8_t> bytes;
   for (FieldArray& a : part.arrays) {
     if (a.setAside.offset < 0) continue;
-    std::size_t count = Tessal::elementBytes(a.setAside.type);
-    for (std::size_t e : a.setAside.extents) count *= e;
     std::string error;
-    if (!file_->read(a.setAside.offset, count, bytes, error))
+    if (!file_->read(a.setAside.offset, setAsideBytes(a), bytes, error))
       throw CliError(kFailure,
                      "cannot read back a fragment set aside in the scratch folder: " + error);
-    a.data = arrayFrom(a.setAside.type, a.setAside.extents, bytes);
-    if (!a.data) throw CliError(kFailure, "a fragment set aside came back with another size");
+    if (!takeBack(a, bytes))
+      throw CliError(kFailure, "a fragment set aside came back with another size");
     a.setAside.offset = -1;
   }
 }

@@ -1,8 +1,9 @@
 // Fragments that wait for the writer in a scratch file rather than in memory. A worker whose
 // range comes after others finishes fragments long before the writer reaches them; their
-// arrays go to the worker's own unlinked scratch file (raw element bytes) and are read back
-// when their turn comes, so a run holds about one fragment of output per thread whatever
-// the file's size. Without scratch space, or when a write fails, they stay in memory.
+// arrays go to the worker's own unlinked scratch file (their encoded chunks, or raw element
+// bytes when the outputs are not streamed) and are read back when their turn comes, so a run
+// holds about one fragment of output per thread whatever the file's size. Without scratch space, or
+// when a write fails, they stay in memory.
 #pragma once
 
 #include <memory>

@@ -50,6 +50,16 @@ point transformPoint(const Transform& m, const point& p) {
 
 }  // namespace
 
+Vorlap::StrongPtr<Tessal::MemBase> mapPositions(const Tessal::MemBase& positions,
+                                                const Transform& transform) {
+  const auto* data = dynamic_cast<const PointArray*>(&positions);
+  if (!data) return {};
+  auto mapped = Vorlap::makeStrong<PointArray>(data->size());
+  for (std::size_t k = 0; k < data->size(); ++k)
+    mapped->set(k, transformPoint(transform, data->get(k)));
+  return mapped;
+}
+
 void addMapPositions(Tessal::Grid& grid, const Transform& transform,
                      Tessal::FragmentChangeCursor& seen) {
   auto scanner = grid.getCartesianRepresentation(schema::kScannerChart);
@@ -62,12 +72,11 @@ void addMapPositions(Tessal::Grid& grid, const Transform& transform,
   auto ids = source->getFragmentIDCollection();
   for (std::size_t f : seen.newlyChanged(*source)) {
     auto creator = source->getCreator(ids->at(f));
-    auto data = creator ? Vorlap::dynamicPtrCast<PointArray>(creator->heldData()) : nullptr;
+    auto data = creator ? creator->heldData() : nullptr;
     if (!data || target->getFragmentIDCollection()->findFragmentIDByName(ids->at(f)->getName()))
       continue;
-    auto mapped = Vorlap::makeStrong<PointArray>(data->size());
-    for (std::size_t k = 0; k < data->size(); ++k)
-      mapped->set(k, transformPoint(transform, data->get(k)));
+    auto mapped = mapPositions(*data, transform);
+    if (!mapped) continue;
     target->setPersistentData(mapped, target->makeFragmentID(ids->at(f)->getName()),
                               Vorlap::Cache::MemCache(), "");
   }

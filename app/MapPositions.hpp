@@ -27,6 +27,11 @@ Transform scannerToMapOf(const Tessal::Grid& grid, const std::string& where);
 Gemwold::PhysicalSpace::vector rotateToMap(const Transform& m,
                                            const Gemwold::PhysicalSpace::vector& v);
 
+// The map positions of one fragment's scanner-frame positions; empty when `positions` is
+// not an array of points.
+Vorlap::StrongPtr<Tessal::MemBase> mapPositions(const Tessal::MemBase& positions,
+                                                const Transform& transform);
+
 // Adds the map chart with one "Positions" fragment per scanner-frame fragment held in memory
 // and not mapped yet (so a run can map its fragments as they complete). Only fragments given
 // data since `seen` last looked are visited.

@@ -14,44 +14,58 @@ using ByteArray = Tessal::MemArray<1, std::uint8_t>;
 using PointArray = Tessal::MemArray<1, Gemwold::PhysicalSpace::point>;
 namespace schema = Tessal::schema;
 
-// Calls `visit` with each newly given fragment array of the named field that is still in
-// memory (fragments already written by a streaming save are skipped: they were counted before).
-template <class Array, class Visit>
-void eachFragment(const Tessal::Grid& grid, const std::string& name,
-                  Tessal::FragmentChangeCursor& seen, Visit visit) {
-  auto field = grid(name, schema::kScannerChart);
-  if (!field) return;
-  auto ids = field->getFragmentIDCollection();
-  for (std::size_t f : seen.newlyChanged(*field)) {
-    auto creator = field->getCreator(ids->at(f));
-    auto data = creator ? Vorlap::dynamicPtrCast<Array>(creator->heldData()) : nullptr;
-    if (data) visit(*data);
+void countZones(const ByteArray& zones, OutputSummary& s) {
+  s.points += zones.size();
+  // Counted in an array, then merged: one map look-up per zone, not per point.
+  std::array<std::uint64_t, 256> perZone{};
+  for (std::size_t k = 0; k < zones.size(); ++k) perZone[zones.get(k)] += 1;
+  for (std::size_t zone = 0; zone < perZone.size(); ++zone)
+    if (perZone[zone]) s.pointsPerZone[int(zone)] += perZone[zone];
+}
+
+void countNoise(const ByteArray& classes, OutputSummary& s) {
+  for (std::size_t k = 0; k < classes.size(); ++k)
+    if (classes.get(k) == Quorvane::DrelmClass::noise) s.noisePoints += 1;
+}
+
+// Waves whose shot points nowhere or whose echo time is not a number keep their points.
+void countWithoutPosition(const PointArray& positions, OutputSummary& s) {
+  for (std::size_t k = 0; k < positions.size(); ++k) {
+    const auto p = positions.get(k);
+    if (!(std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z)))
+      s.pointsWithoutPosition += 1;
   }
 }
 
 }  // namespace
 
+void countArray(const std::string& field, const Tessal::MemBase& data, OutputSummary& s) {
+  const auto* bytes = dynamic_cast<const ByteArray*>(&data);
+  if (bytes && field == schema::kMTA) countZones(*bytes, s);
+  if (bytes && field == schema::kClassification) countNoise(*bytes, s);
+  const auto* points = dynamic_cast<const PointArray*>(&data);
+  if (points && field == schema::kPositions) countWithoutPosition(*points, s);
+}
+
+void addCounts(OutputSummary& into, const OutputSummary& from) {
+  into.points += from.points;
+  into.noisePoints += from.noisePoints;
+  into.pointsWithoutPosition += from.pointsWithoutPosition;
+  for (const auto& [zone, count] : from.pointsPerZone) into.pointsPerZone[zone] += count;
+}
+
 void addToSummary(const Tessal::Grid& grid, OutputSummary& s, Tessal::FragmentChangeCursor& seen) {
-  eachFragment<ByteArray>(grid, schema::kMTA, seen, [&](const ByteArray& zones) {
-    s.points += zones.size();
-    // Counted in an array, then merged: one map look-up per zone, not per point.
-    std::array<std::uint64_t, 256> perZone{};
-    for (std::size_t k = 0; k < zones.size(); ++k) perZone[zones.get(k)] += 1;
-    for (std::size_t zone = 0; zone < perZone.size(); ++zone)
-      if (perZone[zone]) s.pointsPerZone[int(zone)] += perZone[zone];
-  });
-  eachFragment<ByteArray>(grid, schema::kClassification, seen, [&](const ByteArray& classes) {
-    for (std::size_t k = 0; k < classes.size(); ++k)
-      if (classes.get(k) == Quorvane::DrelmClass::noise) s.noisePoints += 1;
-  });
-  // Waves whose shot points nowhere or whose echo time is not a number keep their points.
-  eachFragment<PointArray>(grid, schema::kPositions, seen, [&](const PointArray& positions) {
-    for (std::size_t k = 0; k < positions.size(); ++k) {
-      const auto p = positions.get(k);
-      if (!(std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z)))
-        s.pointsWithoutPosition += 1;
+  // Fragments already written by a streaming save are no longer held: they were counted.
+  for (const char* name : {schema::kMTA, schema::kClassification, schema::kPositions}) {
+    auto field = grid(name, schema::kScannerChart);
+    if (!field) continue;
+    auto ids = field->getFragmentIDCollection();
+    for (std::size_t f : seen.newlyChanged(*field)) {
+      auto creator = field->getCreator(ids->at(f));
+      auto data = creator ? creator->heldData() : nullptr;
+      if (data) countArray(name, *data, s);
     }
-  });
+  }
 }
 
 }  // namespace quillo::cli

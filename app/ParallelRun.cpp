@@ -13,6 +13,8 @@
 #include <thread>
 
 #include "app/CaughtError.hpp"
+#include "app/CliError.hpp"
+#include "app/FragmentEncoding.hpp"
 #include "app/FragmentHandover.hpp"
 #include "app/FragmentSpill.hpp"
 #include "app/LoadKq.hpp"
@@ -55,19 +57,21 @@ bool cutAfter(const std::vector<std::uint64_t>& before, std::uint32_t fragment) 
   return before[fragment + 1] - before[fragment] >= 3;
 }
 
-// The main thread writes while the workers run: what it takes (mapping, counting, compressing
-// and saving), as a share of the CPU time the module takes, measured on the demo survey with
-// `--verbose`: 0.30 in gaussian mode, 0.44 in the faster peak detections (same writing, less
-// module work). The first range is made that much shorter, so that its worker and the writer
-// finish with the others instead of the writer going on alone through the later ranges'
-// fragments.
+// The main thread writes while the workers run: what it takes, as a share of the CPU time the
+// module takes, measured on the demo survey with `--verbose`. The workers map, count and
+// encode their fragments, so the writer is left with the HDF5 calls and the point numbers of
+// fragments made before the ranges ahead of them had ended: 0.011 in gaussian mode, 0.02 in
+// the faster peak detections (same writing, less module work).
 double writerShare(FullWaveform::FWFModus mode) {
-  return mode == FullWaveform::FWF_GAUSSIAN_DECOMPOSITION ? 0.30 : 0.44;
+  return mode == FullWaveform::FWF_GAUSSIAN_DECOMPOSITION ? 0.011 : 0.02;
 }
 
-// The share of the waves before cut r (1 to threads - 1).
-double shareBeforeCut(unsigned r, unsigned threads, double writer) {
-  const double first = std::max(0.5 / threads, (1.0 + writer) / threads - writer);
+// The share of the waves before cut r (1 to threads - 1). The first range's worker shares its
+// core with the writer (`writer`); every other range also runs the fragment before it
+// (`leadIn`, its share of the waves). The cuts give every range about the same cost.
+double shareBeforeCut(unsigned r, unsigned threads, double writer, double leadIn) {
+  const double each = (1.0 + writer + (threads - 1) * leadIn) / threads;
+  const double first = std::max(0.5 / threads, each - writer);
   return first + (1.0 - first) * double(r - 1) / double(threads - 1);
 }
 
@@ -76,12 +80,17 @@ std::vector<Range> splitFragments(Range all, unsigned threads, const WaveCounts&
                                   double writer) {
   const std::vector<std::uint64_t> before = wavesBefore(waves, all.end);
   const std::uint64_t base = before[all.begin], total = before[all.end] - base;
+  const double leadIn = 1.0 / double(all.end - all.begin);  // an average fragment
   std::vector<Range> ranges;
   std::uint32_t start = all.begin;
   for (unsigned r = 1; r < threads; ++r) {
     std::uint32_t stop = start + 1;
-    const double target = double(total) * shareBeforeCut(r, threads, writer);
+    const double target = double(total) * shareBeforeCut(r, threads, writer, leadIn);
     while (stop < all.end && double(before[stop] - base) < target) ++stop;
+    // The nearer of the fragment boundaries around the target.
+    if (stop > start + 1 &&
+        target - double(before[stop - 1] - base) < double(before[stop] - base) - target)
+      --stop;
     while (stop < all.end && !cutAfter(before, stop - 1)) ++stop;
     if (stop >= all.end) break;
     ranges.push_back({start, stop});
@@ -98,6 +107,7 @@ class HandoverQueue {
       : ranges_(std::move(ranges)),
         results_(ranges_.size()),
         done_(ranges_.size(), false),
+        points_(ranges_.size()),
         spills_(ranges_.size()),
         nextToWrite_(ranges_.front().begin) {}
 
@@ -110,11 +120,24 @@ class HandoverQueue {
     ready_.emplace(fragment, std::move(output));
     changed_.notify_all();
   }
-  void finish(std::size_t range, std::string result) {
+  // `points`: how many points the range gave, when it ended well.
+  void finish(std::size_t range, std::string result,
+              std::optional<std::uint32_t> points = std::nullopt) {
     std::lock_guard lock(mutex_);
     results_[range] = std::move(result);
+    points_[range] = points;
     done_[range] = true;
     changed_.notify_all();
+  }
+  // The number of the range's first point in one run: known once the ranges before it ended.
+  std::optional<std::uint32_t> firstPointOf(std::size_t range) const {
+    std::lock_guard lock(mutex_);
+    std::uint32_t first = 0;
+    for (std::size_t r = 0; r < range; ++r) {
+      if (!points_[r]) return std::nullopt;
+      first += *points_[r];
+    }
+    return first;
   }
   // The fragment's output; empty when its range ended before it (the run failed).
   std::optional<FragmentOutput> take(std::uint32_t fragment) {
@@ -147,6 +170,7 @@ class HandoverQueue {
   std::vector<Range> ranges_;
   std::vector<std::string> results_;
   std::vector<bool> done_;
+  std::vector<std::optional<std::uint32_t>> points_;
   std::vector<FragmentSpill> spills_;  // one per range, written by its worker alone
   std::atomic<std::uint32_t> nextToWrite_;
   std::map<std::uint32_t, FragmentOutput> ready_;
@@ -154,16 +178,18 @@ class HandoverQueue {
   std::condition_variable changed_;
 };
 
-// A worker's output grids and progress receiver: hands each finished fragment over. The
-// fragment before the range only prepares the state; its output and its messages are those of
-// the range before and are dropped here.
+// A worker's output grids and progress receiver: hands each finished fragment over, encoded
+// for saving when the outputs are streamed. The fragment before the range only prepares the
+// state; its output and its messages are those of the range before and are dropped here.
 class WorkerOutputs : public Vorlap::ProgressSink {
  public:
   WorkerOutputs(HandoverQueue& queue, std::size_t index, Range range, std::uint32_t start,
-                const std::array<StreamedOutput*, 2>& real)
-      : queue_(queue), index_(index), range_(range), current_(start) {
+                const ParallelRun& run)
+      : queue_(queue), index_(index), range_(range), current_(start), encode_(run.streamed) {
     for (int k = 0; k < 2; ++k) {
-      if (!real[k]) continue;
+      StreamedOutput* real = run.outputs[k];
+      if (!real) continue;
+      toMap_[k] = real->toMap();
       // A bundle each, as the saved outputs have: one slice holds one grid of a name.
       auto bundle = Tessal::BundlePtr::make();
       grids_[k] = (*bundle.create())[0.0]->makeGrid(schema::kResultGrid);
@@ -178,8 +204,11 @@ class WorkerOutputs : public Vorlap::ProgressSink {
     current_ = current;
     if (current_ >= range_.begin) quietWarmUp_.reset();
   }
-  // Hands over the range's last fragment once the module has ended well.
-  void finish() { handOver(); }
+  // Hands over the range's last fragment once the module has ended well; the range's points.
+  std::uint32_t finish() {
+    handOver();
+    return nextPointId_ - rangeFirstId_.value_or(nextPointId_);
+  }
 
  private:
   void handOver() {
@@ -188,15 +217,27 @@ class WorkerOutputs : public Vorlap::ProgressSink {
       if (grids_[k]) output.parts[k] = takeHeldArrays(*grids_[k]);
     output.firstPointId = nextPointId_;
     nextPointId_ += output.points();
-    if (current_ >= range_.begin) queue_.put(index_, current_, std::move(output));
+    if (current_ < range_.begin) return;
+    if (!rangeFirstId_) rangeFirstId_ = output.firstPointId;
+    for (int k = 0; k < 2; ++k)
+      if (encode_ && grids_[k]) prepareForSaving(output.parts[k], toMap_[k]);
+    // Renumbered here when the ranges before have ended, else by the writer.
+    if (auto first = queue_.firstPointOf(index_)) {
+      output.shifted = *first - *rangeFirstId_;
+      for (OutputPart& part : output.parts) renumberPoints(part, *output.shifted, encode_);
+    }
+    queue_.put(index_, current_, std::move(output));
   }
 
   HandoverQueue& queue_;
   std::size_t index_;
   Range range_;
   std::uint32_t current_;
+  bool encode_;
   std::uint32_t nextPointId_ = 0;
+  std::optional<std::uint32_t> rangeFirstId_;  // the worker's number of the range's first point
   std::array<Vorlap::StrongPtr<Tessal::Grid>, 2> grids_;
+  std::array<Transform, 2> toMap_{};
   std::optional<Vorlap::ConsoleCapture> quietWarmUp_;
 };
 
@@ -232,17 +273,18 @@ void runRange(const ParallelRun& run, Range range, std::size_t index, HandoverQu
     Vorlap::ConsoleCapture alreadySaid;  // the first load told the user about this file
     bundle = loadKqFile(run.inputPath);
   }
-  auto outputs = Vorlap::makeStrong<WorkerOutputs>(queue, index, range, start, run.outputs);
+  auto outputs = Vorlap::makeStrong<WorkerOutputs>(queue, index, range, start, run);
   FullWaveform::Input input = run.input;
   input.fragBegin = std::int32_t(start);
   input.fragEnd = range.end;
   input.progress = Vorlap::WeakPtr<Vorlap::ProgressSink>(outputs);
   std::string result =
       FullWaveform::Quillo<unsigned short>(bundle, outputs->grid(0), outputs->grid(1), input);
-  if (result.empty()) outputs->finish();
+  std::optional<std::uint32_t> points;
+  if (result.empty()) points = outputs->finish();
   if (attributeSource)
     for (int k = 0; k < 2; ++k) attributeSource[k] = outputs->grid(k);
-  queue.finish(index, std::move(result));
+  queue.finish(index, std::move(result), points);
 }
 
 // The one-run sequence on the real outputs, fragment by fragment; false when a range failed.
@@ -254,8 +296,15 @@ bool writeInOrder(const ParallelRun& run, Range all, HandoverQueue& queue) {
     std::optional<FragmentOutput> output = queue.take(f);
     if (!output) return false;
     const std::uint32_t shift = nextPointId - output->firstPointId;
-    for (int k = 0; k < 2; ++k)
-      if (run.outputs[k]) putArrays(*run.outputs[k]->grid(), output->parts[k], shift);
+    if (output->shifted && *output->shifted != shift)
+      throw CliError(kFailure, "fragment " + std::to_string(f) + ": its points were numbered " +
+                                   "from another start than the fragments before");
+    for (int k = 0; k < 2; ++k) {
+      if (!run.outputs[k]) continue;
+      if (!output->shifted) renumberPoints(output->parts[k], shift, run.streamed);
+      putArrays(*run.outputs[k]->grid(), output->parts[k]);
+      run.outputs[k]->addCounts(output->parts[k].counts);
+    }
     nextPointId += output->points();
   }
   return true;

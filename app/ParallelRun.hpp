@@ -4,9 +4,10 @@
 // its own, starting one fragment early so that the zone walks at the range's start see the
 // same earlier shots as in one run (that fragment's output is dropped). The calling thread
 // replays the one-run sequence on the real outputs: for each fragment in order, the progress
-// report (which writes what is finished) and then the fragment's arrays. The saved files are
-// byte for byte those of one run. Fragments of later ranges wait in a scratch file until
-// their turn (FragmentSpill).
+// report (which writes what is finished) and then the fragment's arrays. When the outputs are
+// streamed, the workers map, count and encode their fragments (FragmentEncoding), so that the
+// calling thread is left with the HDF5 calls. The saved files are byte for byte those of one
+// run. Fragments of later ranges wait in a scratch file until their turn (FragmentSpill).
 #pragma once
 
 #include <array>
@@ -23,7 +24,8 @@ struct ParallelRun {
   std::array<StreamedOutput*, 2> outputs{};  // either may be null
   FullWaveform::Input input;                 // its progress sink writes the outputs
   unsigned threads = 1;
-  bool verbose = false;  // say how the fragments were shared and each thread's CPU time
+  bool verbose = false;   // say how the fragments were shared and each thread's CPU time
+  bool streamed = false;  // the outputs are saved as the run goes (not held to be refined)
 };
 
 // The module's result text (empty on success); throws CliError when an input cannot be read

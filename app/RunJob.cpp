@@ -151,11 +151,16 @@ RunSummary runOne(const std::string& inputPath, const RunSettings& settings,
   bar->setWaveCounts(std::move(waves));
   // The refinement needs every fragment at once: the outputs are then written after it.
   auto sink = Vorlap::makeStrong<StreamingProgress>(
-      bar, settings.refine ? std::vector<StreamedOutput*>() : outputs);
+      bar, settings.refine ? std::vector<StreamedOutput*>() : outputs, settings.threads < 2);
   input.progress = Vorlap::WeakPtr<Vorlap::ProgressSink>(sink);
   if (settings.verbose) Vorlap::Console() << input.speak();
-  summary.result = runModule(
-      {inputPath, bundle, {first.get(), second.get()}, input, settings.threads, settings.verbose});
+  summary.result = runModule({inputPath,
+                              bundle,
+                              {first.get(), second.get()},
+                              input,
+                              settings.threads,
+                              settings.verbose,
+                              !settings.refine});
   if (summary.result.empty()) bar->complete();
   bar->finish();
   clock.lap("run");

@@ -21,6 +21,9 @@ class StreamedOutput {
  public:
   StreamedOutput(const std::filesystem::path& path, const Transform& toMap);
   Vorlap::StrongPtr<Tessal::Grid> grid() const { return grid_; }
+  const Transform& toMap() const { return toMap_; }
+  // Counts of fragments that reach the grid encoded (counted where they were encoded).
+  void addCounts(const OutputSummary& counts);
   // Maps, counts and writes every fragment the module has finished.
   void writeFinished();
   // Writes the last fragments, the success mark and the structure, renames the file into
@@ -40,15 +43,18 @@ class StreamedOutput {
 };
 
 // The run's progress receiver: drives the bar and writes finished fragments of the outputs.
+// `trimHeap`: give the freed pages back after each fragment (one thread only: see report).
 class StreamingProgress : public Vorlap::ProgressSink {
  public:
-  StreamingProgress(Vorlap::StrongPtr<ProgressBar> bar, std::vector<StreamedOutput*> outputs)
-      : bar_(std::move(bar)), outputs_(std::move(outputs)) {}
+  StreamingProgress(Vorlap::StrongPtr<ProgressBar> bar, std::vector<StreamedOutput*> outputs,
+                    bool trimHeap)
+      : bar_(std::move(bar)), outputs_(std::move(outputs)), trimHeap_(trimHeap) {}
   void report(const std::string& text, unsigned current, unsigned end) override;
 
  private:
   Vorlap::StrongPtr<ProgressBar> bar_;
   std::vector<StreamedOutput*> outputs_;
+  bool trimHeap_;
 };
 
 }  // namespace quillo::cli

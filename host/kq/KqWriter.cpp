@@ -11,11 +11,13 @@
 #include <filesystem>
 #include <map>
 #include <set>
+#include <type_traits>
 
 #include "kq/ChunkCodec.hpp"
 #include "kq/GlobalHeapCheck.hpp"
 #include "kq/KqAttributes.hpp"
 #include "tessal/Bundle.hpp"
+#include "tessal/EncodedArray.hpp"
 
 namespace Tessal {
 
@@ -27,9 +29,8 @@ using kq::Hid;
 // known, its data is in the file.
 class WrittenCreator final : public CreativeArrayBase {
  public:
-  explicit WrittenCreator(const MemBase& data) : type_(data.elementType()) {
-    for (unsigned d = 0; d < data.rank(); ++d) extents_.push_back(data.extent(d));
-  }
+  explicit WrittenCreator(const CreativeArrayBase& written)
+      : type_(written.elementType()), extents_(written.extents()) {}
   ElementType elementType() const override { return type_; }
   std::vector<std::size_t> extents() const override { return extents_; }
 
@@ -86,10 +87,11 @@ class Writer {
       auto ids = job.field->getFragmentIDCollection();
       for (std::size_t i : changes_.newlyChanged(*job.field)) {
         auto creator = job.field->getCreator(ids->at(i));
-        auto data = creator ? creator->heldData() : Vorlap::StrongPtr<MemBase>();
-        if (!data || written_.count(datasetPath(job, ids->at(i)))) continue;
+        const bool inHand =
+            creator && (creator->heldData() || dynamic_cast<EncodedCreator*>(creator.get()));
+        if (!inHand || written_.count(datasetPath(job, ids->at(i)))) continue;
         if (!writeFragment(job, ids->at(i))) return false;
-        job.field->setCreator(ids->at(i), Vorlap::makeStrong<WrittenCreator>(*data));
+        job.field->setCreator(ids->at(i), Vorlap::makeStrong<WrittenCreator>(*creator));
       }
     }
     return true;
@@ -225,12 +227,8 @@ std::vector<hsize_t> storedShape(const MemBase& data) {
 
 // A fragment's array cut into chunks of whole rows of about a million numbers, each shuffled
 // and deflated. Made without any HDF5 call, so it may be made on any thread.
-struct EncodedDataset {
-  ElementType type;
-  unsigned rank;
-  std::vector<hsize_t> dims, chunk;  // chunk: rows per chunk, then the full other extents
-  std::vector<std::vector<unsigned char>> chunks;
-};
+using EncodedDataset = EncodedArray;
+static_assert(std::is_same_v<hsize_t, unsigned long long>, "dims pass to HDF5 as they are");
 
 EncodedDataset encodeDataset(const MemBase& data) {
   EncodedDataset e{data.elementType(), data.rank(), storedShape(data), {}, {}};
@@ -294,16 +292,23 @@ bool Writer::writeFragment(const FieldJob& job, const Vorlap::StrongPtr<Fragment
       "fragment \"" + id->getName() + "\" of field \"" + job.field->getName() + "\"";
   auto creator = job.field->getCreator(id);
   if (!creator) return fail(where + " has no data");
-  Vorlap::StrongPtr<MemBase> data = creator->heldData();
-  if (!data) {
-    // Produced only for writing: not kept, so saving holds one fragment at a time.
-    data = creator->create();
-    creator->enableCaching(false);
+  EncodedDataset produced;
+  const EncodedDataset* encoded = &produced;
+  if (const auto* given = dynamic_cast<const EncodedCreator*>(creator.get())) {
+    encoded = &given->encoded();
+    if (!encoded->consistent()) return fail(where + " has chunks that do not fit its shape");
+  } else {
+    Vorlap::StrongPtr<MemBase> data = creator->heldData();
+    if (!data) {
+      // Produced only for writing: not kept, so saving holds one fragment at a time.
+      data = creator->create();
+      creator->enableCaching(false);
+    }
+    if (!data) return fail(where + " could not be produced");
+    produced = encodeDataset(*data);
   }
-  if (!data) return fail(where + " could not be produced");
-  const EncodedDataset encoded = encodeDataset(*data);
   const hid_t parent = fragmentGroup(job.path);
-  if (parent < 0 || !writeEncodedDataset(parent, kq::escapeName(id->getName()), encoded))
+  if (parent < 0 || !writeEncodedDataset(parent, kq::escapeName(id->getName()), *encoded))
     return fail("cannot write " + where);
   return true;
 }
@@ -314,6 +319,10 @@ std::string temporaryName(const std::string& fileName) {
 }
 
 }  // namespace
+
+EncodedArray encodeArray(const MemBase& data) {
+  return encodeDataset(data);
+}
 
 std::string Bundle::save(const BundlePtr& bundle, const std::string& fileName) {
   if (bundle.isEmpty()) return "cannot save " + fileName + ": no bundle";

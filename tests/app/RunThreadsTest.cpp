@@ -1,10 +1,11 @@
 // `quillo run --threads`: the fragments of one input across threads write the same bytes as
 // one thread (both peak-detection modes, a fragment range, the refinement, without scratch
-// space, together with --jobs), and a run that fails in a later thread, or while writing,
-// ends cleanly and leaves no output file.
+// space, together with --jobs) and report the same counts, and a run that fails in a later thread,
+// or while writing, ends cleanly and leaves no output file.
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <nlohmann/json.hpp>
 
 #include "support/Command.hpp"
 #include "support/InputBundles.hpp"
@@ -79,6 +80,26 @@ TEST_F(RunThreads, RefinedOutputsOfThreadsAreThoseOfOneThread) {
   const std::string args = inputs[0] + " --mode fast --refine";
   const std::string one = runInto("refine-1", args + " --threads 1");
   EXPECT_EQ(expectSameFiles(one, runInto("refine-3", args + " --threads 3")), 2);
+}
+
+// The workers count the points of the fragments they encode: the report must add them up as
+// one thread counts them.
+TEST_F(RunThreads, ReportedCountsAreThoseOfOneThread) {
+  auto counts = [&](const std::string& threads) {
+    const std::string folder = dir->file("counts-" + threads), report = folder + ".json";
+    fs::create_directory(folder);
+    const auto r = runQuillo("run " + inputs[1] + " --mode fast --quiet --threads " + threads +
+                             " --out-dir " + folder + " --report " + report);
+    EXPECT_EQ(r.exitCode, 0) << r.output;
+    auto outputs = nlohmann::json::parse(fileBytes(report))["runs"][0]["outputs"];
+    for (auto& o : outputs) o.erase("path");
+    return outputs;
+  };
+  const auto one = counts("1");
+  ASSERT_EQ(one.size(), 2u);
+  EXPECT_GT(one[0]["points"].get<int>(), 0);
+  EXPECT_GT(one[0]["points_per_zone"].size(), 1u);
+  EXPECT_EQ(counts("3"), one);
 }
 
 TEST_F(RunThreads, WithoutScratchSpaceWaitingFragmentsStayInMemory) {
