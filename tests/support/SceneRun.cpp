@@ -38,7 +38,7 @@ void refineAndScore(Tessal::BundlePtr& bundle,
 }  // namespace
 
 SceneResult runScene(const quillo::sim::SurveyConfig& config, const std::string& folder,
-                     bool refine) {
+                     bool refine, const AfterRun& afterRun) {
   SceneResult result;
   const std::string input = (std::filesystem::path(folder) / "scene_210315_093000.kq").string();
   auto start = std::chrono::steady_clock::now();
@@ -66,6 +66,7 @@ SceneResult runScene(const quillo::sim::SurveyConfig& config, const std::string&
     scorer.add(points.back());
   }
   result.score = scorer.finish();
+  if (afterRun) afterRun(bundle, grids, scorer);
   if (refine) {
     quillo::sim::ZoneScorer again(truth);
     refineAndScore(bundle, grids, points, again, result);

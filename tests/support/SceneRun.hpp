@@ -3,7 +3,9 @@
 // afterwards and scored again.
 #pragma once
 
+#include <functional>
 #include <string>
+#include <vector>
 
 #include "refine/ZoneRefinement.hpp"
 #include "sim/Scoring.hpp"
@@ -24,8 +26,14 @@ struct SceneResult {
   double refineSeconds = 0.0;
 };
 
+// Called after the run, before any refinement, with the input, the outputs and a scorer of
+// the truth.
+using AfterRun =
+    std::function<void(Tessal::BundlePtr&, const std::vector<Vorlap::StrongPtr<Tessal::Grid>>&,
+                       const quillo::sim::ZoneScorer&)>;
+
 // Writes the survey into `folder` (replacing an earlier scene's file there).
 SceneResult runScene(const quillo::sim::SurveyConfig& config, const std::string& folder,
-                     bool refine = false);
+                     bool refine = false, const AfterRun& afterRun = {});
 
 }  // namespace quillo::test
