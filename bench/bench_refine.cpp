@@ -6,6 +6,7 @@
 //   bench_refine [--repeat N] [--broken] FILE...
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -159,12 +160,45 @@ bool isOffSurface(std::uint8_t target) {
   return Target(target) == Target::Bird || Target(target) == Target::Dust;
 }
 
-// Prints, per broken echo: index, emitting shot, zone before, after, true zone, target.
+double scanAngle(const ShotTable& t, std::size_t s) {
+  const auto& d = t.direction[s];
+  double a = t.radial ? std::atan2(d.y, d.x) : std::atan2(d.x, d.z);
+  return a <= 0.0 ? a + 2 * 3.141592653589793 : a;
+}
+
+// Per broken echo: where it lies in its scan line, and how many echoes of the same scan
+// angle (+-0.3 degree) in the four lines either side were wrong before the refinement.
 void printBroken(const Stored& s, const FullWaveform::RefineResult& r) {
-  for (std::size_t i = 0; i < s.echoes.size(); ++i)
-    if (s.trueZone[i] == s.echoes[i].zone && r.zone[i] != s.echoes[i].zone)
-      std::printf("  broken %zu shot %u zone %d -> %d (%s)\n", i, s.echoes[i].emitter,
-                  s.echoes[i].zone, r.zone[i], targetName(Target(s.target[i])));
+  const std::size_t shots = s.shots.time.size();
+  std::vector<std::uint32_t> line(shots, 0), lineStart{0};
+  for (std::size_t k = 1; k < shots; ++k) {
+    const bool jump = std::abs(scanAngle(s.shots, k) - scanAngle(s.shots, k - 1)) > 0.785;
+    line[k] = line[k - 1] + jump;
+    if (jump) lineStart.push_back(std::uint32_t(k));
+  }
+  lineStart.push_back(std::uint32_t(shots));
+  std::vector<std::vector<std::uint32_t>> byShot(shots);
+  for (std::uint32_t i = 0; i < s.echoes.size(); ++i) byShot[s.echoes[i].emitter].push_back(i);
+  for (std::size_t i = 0; i < s.echoes.size(); ++i) {
+    if (s.trueZone[i] != s.echoes[i].zone || r.zone[i] == s.echoes[i].zone) continue;
+    const std::uint32_t e = s.echoes[i].emitter, l = line[e];
+    const double a = scanAngle(s.shots, e);
+    int around = 0, wrong = 0, wrongAfter = 0;
+    for (std::uint32_t m = l >= 4 ? l - 4 : 0; m <= l + 4 && m + 1 < lineStart.size(); ++m)
+      for (std::uint32_t k = lineStart[m]; k < lineStart[m + 1]; ++k)
+        if (m != l && std::abs(scanAngle(s.shots, k) - a) < 0.3 * 3.14159 / 180)
+          for (const std::uint32_t j : byShot[k]) {
+            if (s.echoes[j].noise) continue;
+            ++around;
+            wrong += s.trueZone[j] != s.echoes[j].zone;
+            wrongAfter += s.trueZone[j] != r.zone[j];
+          }
+    std::printf(
+        "  broken %zu shot %u line %u at %u of %u zone %d -> %d (%s) flag %d; around %d, wrong %d, "
+        "after %d\n",
+        i, e, l, e - lineStart[l], lineStart[l + 1] - lineStart[l], s.echoes[i].zone, r.zone[i],
+        targetName(Target(s.target[i])), r.flag[i], around, wrong, wrongAfter);
+  }
 }
 
 void report(const std::string& file, const Stored& s, const FullWaveform::RefineResult& r,
@@ -198,11 +232,27 @@ int main(int argc, char** argv) {
   if (argc >= 3 && !std::strcmp(argv[1], "--dump")) return dump(argc, argv);
   int repeat = 1;
   bool broken = false;
+  FullWaveform::RefineSettings settings;
   std::vector<std::string> files;
   for (int i = 1; i < argc; ++i) {
     if (!std::strcmp(argv[i], "--repeat") && i + 1 < argc)
       repeat = std::max(1, std::atoi(argv[++i]));
-    else if (!std::strcmp(argv[i], "--broken"))
+    else if (!std::strcmp(argv[i], "--set") && i + 2 < argc) {
+      const std::string name = argv[++i];
+      const double value = std::atof(argv[++i]);
+      if (name == "offShare")
+        settings.offShare = value;
+      else if (name == "onShare")
+        settings.onShare = value;
+      else if (name == "moveMargin")
+        settings.moveMargin = int(value);
+      else if (name == "contestedMiss")
+        settings.contestedMiss = int(value);
+      else if (name == "iterations")
+        settings.iterations = int(value);
+      else
+        return std::fprintf(stderr, "unknown setting %s\n", name.c_str()), 2;
+    } else if (!std::strcmp(argv[i], "--broken"))
       broken = true;
     else
       files.push_back(argv[i]);
@@ -224,7 +274,7 @@ int main(int argc, char** argv) {
     for (int k = 0; k < repeat; ++k) {
       const auto start = std::chrono::steady_clock::now();
       const std::clock_t cpu = std::clock();
-      r = FullWaveform::refineEchoZones(s.shots, s.echoes);
+      r = FullWaveform::refineEchoZones(s.shots, s.echoes, settings);
       bestCpu = std::min(bestCpu, double(std::clock() - cpu) / CLOCKS_PER_SEC);
       best = std::min(
           best, std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());

@@ -21,6 +21,8 @@ constexpr double kLineJump = std::numbers::pi / 4;
 constexpr double kFlightJump = 5.0;  // m between two shots' origins
 constexpr int kMinLinesToJudge = 3;  // fewer lines with echoes nearby: too little to judge
 constexpr int kZoneReach = 2;        // candidates: the current zone and this many either side
+constexpr int kBlockReach = 1;       // a wrong block: its own line and at most one each side
+constexpr int kSurfaceBeyond = 2;    // lines each side of a wrong block that must fit the move
 
 template <class A>
 double squared(const A& a, const A& b) {
@@ -84,7 +86,32 @@ struct Placement {
 
 struct Fit {
   int lines = 0, fitting = 0;
+  // Which lines hold echoes, and which fit: bit k - 1 for the line k before, 16 + k - 1 after.
+  std::uint32_t lineMask = 0, fitMask = 0;
 };
+
+std::uint32_t lineBit(int side, int k) {
+  return 1u << ((side < 0 ? 0 : 16) + k - 1);
+}
+
+// Whether the lines the current zone fits are the echo's own block (the lines next to its
+// own, on each side up to the first that does not fit) and every line beyond them fits the
+// candidate: a wrong block with the surface around it, not a place two surfaces contest.
+bool wrongBlock(const Fit& now, const Fit& candidate, int reach) {
+  for (int side : {-1, 1}) {
+    bool inBlock = true;
+    int surfaceBeyond = 0;
+    for (int k = 1; k <= reach; ++k) {
+      const std::uint32_t bit = lineBit(side, k);
+      inBlock = inBlock && ((now.fitMask & bit) || !(now.lineMask & bit));
+      if (inBlock && k > kBlockReach && (now.fitMask & bit)) return false;  // a wide block
+      if (!inBlock && (candidate.lineMask & bit) && !(candidate.fitMask & bit)) return false;
+      surfaceBeyond += !inBlock && (candidate.fitMask & bit);
+    }
+    if (surfaceBeyond < kSurfaceBeyond) return false;
+  }
+  return true;
+}
 
 class Refiner {
  public:
@@ -148,6 +175,7 @@ class Refiner {
     double oneWay = 0.0;
   };
   Verdict judge(std::size_t i) const;
+  void keepSupportedMoves(std::vector<std::pair<std::uint32_t, Verdict>>& moves);
   void markNearChanges(const std::vector<std::uint32_t>& changedCells,
                        std::vector<std::uint8_t>& near) const;
 
@@ -161,6 +189,8 @@ class Refiner {
   int maxZone_ = 0;
   std::vector<bool> active_, straddles_;
   std::vector<std::uint32_t> byShot_;  // echoes by first emitting shot
+  // While set, the echoes marked here count as no neighbours (they are about to move).
+  const std::vector<std::uint8_t>* moving_ = nullptr;
   RefineResult result_;
 };
 
@@ -222,7 +252,7 @@ bool Refiner::anyNear(std::size_t cellLo, std::size_t cellHi, std::size_t self,
   const Neighbour* down = up;
   while (up != end || down != first) {
     for (const Neighbour* m : {up != end ? up++ : nullptr, down != first ? --down : nullptr}) {
-      if (!m || m->echo == self) continue;
+      if (!m || m->echo == self || (moving_ && (*moving_)[m->echo])) continue;
       hasEchoes = true;
       if (near(*m, p, origin, direction)) return true;
     }
@@ -266,8 +296,10 @@ Fit Refiner::fitOf(std::size_t self, std::uint32_t emitter, const point& p, int 
           settings_.farLineDistance * settings_.farLineDistance)
         continue;  // another flight line
       bool hasEchoes = false;
-      fit.fitting += lineFits(std::uint32_t(other), bin, self, emitter, p, hasEchoes);
-      fit.lines += hasEchoes;
+      const bool fits = lineFits(std::uint32_t(other), bin, self, emitter, p, hasEchoes);
+      fit.fitting += fits, fit.lines += hasEchoes;
+      fit.fitMask |= fits ? lineBit(side, k) : 0u;
+      fit.lineMask |= hasEchoes ? lineBit(side, k) : 0u;
       if (fit.fitting >= enough) return fit;
     }
   return fit;
@@ -277,10 +309,10 @@ Refiner::Verdict Refiner::judge(std::size_t i) const {
   Verdict v;
   const std::uint32_t e = emitter_[i];
   const int z = result_.zone[i];
-  // Stop counting once a third of the searched lines fit: the current zone is then on a surface.
-  const int enough = (2 * settings_.neighbourLines) / 3 + 1;
+  // Stop counting once more lines fit than an off zone may: the current zone is on a surface.
+  const int enough = int(std::floor(settings_.offShare * 2 * settings_.neighbourLines + 1e-9)) + 1;
   const Fit now = fitOf(i, e, placed_.position[i], enough);
-  if (now.lines < kMinLinesToJudge || 3 * now.fitting > now.lines) return v;
+  if (now.lines < kMinLinesToJudge || now.fitting > settings_.offShare * now.lines + 1e-9) return v;
   v.off = true;
   int bestFitting = -1;
   bool anyFits = now.fitting > 0;
@@ -294,8 +326,11 @@ Refiner::Verdict Refiner::judge(std::size_t i) const {
     const point p = placeEcho(d, shots_.direction[o], shots_.origin[o], shots_.lightSpeed).position;
     const Fit f = fitOf(i, o, p, 2 * settings_.neighbourLines + 1);
     anyFits = anyFits || f.fitting > 0;
-    const bool clearlyOn =
-        f.lines >= kMinLinesToJudge && 2 * f.fitting >= f.lines && f.fitting >= now.fitting + 2;
+    const bool clearlyOn = f.lines >= kMinLinesToJudge &&
+                           f.fitting >= settings_.onShare * f.lines - 1e-9 &&
+                           f.fitting >= now.fitting + settings_.moveMargin &&
+                           (now.fitting == 0 || f.lines - f.fitting <= settings_.contestedMiss ||
+                            wrongBlock(now, f, settings_.neighbourLines));
     if (clearlyOn && f.fitting > bestFitting)
       bestFitting = f.fitting, v.zone = candidate, v.emitter = o, v.oneWay = d;
   }
@@ -321,6 +356,22 @@ void Refiner::markNearChanges(const std::vector<std::uint32_t>& changedCells,
   }
 }
 
+// Drops the moves that rest on neighbours moving in the same iteration: judged together, a
+// right echo among wrong ones would follow them while they leave (the two swap). A dropped
+// echo is judged again next iteration, against the moved neighbours.
+void Refiner::keepSupportedMoves(std::vector<std::pair<std::uint32_t, Verdict>>& moves) {
+  std::vector<std::uint8_t> moving(echoes_.size(), 0);
+  for (const auto& move : moves) moving[move.first] = 1;
+  moving_ = &moving;
+  std::size_t kept = 0;
+  for (const auto& [i, v] : moves) {
+    const Verdict again = judge(i);
+    if (again.zone >= 0) moves[kept++] = {i, again};
+  }
+  moving_ = nullptr;
+  moves.resize(kept);
+}
+
 RefineResult Refiner::run() {
   const std::size_t n = echoes_.size();
   std::vector<bool> off(n, false), judgeNow(n, true);
@@ -337,6 +388,7 @@ RefineResult Refiner::run() {
       off[i] = v.off;
       if (v.zone >= 0) moves.emplace_back(std::uint32_t(i), v);
     }
+    keepSupportedMoves(moves);
     if (moves.empty()) break;
     changedCells.clear();
     for (const auto& [i, v] : moves) {
