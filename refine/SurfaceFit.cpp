@@ -270,7 +270,7 @@ bool Refiner::lineFits(std::uint32_t line, std::int32_t bin, std::size_t self,
   if (anyNear(cell(at - 1), cell(at + 1), self, emitter, p, hasEchoes)) return true;
   if (hasEchoes) return false;
   // Farther bins, each side of those searched already.
-  for (const auto [inner, outer] : {std::pair{2, 4}, std::pair{5, 10}}) {
+  for (const auto& [inner, outer] : {std::pair{2, 4}, std::pair{5, 10}}) {
     if (at - inner >= 0 && anyNear(cell(at - outer), cell(at - inner), self, emitter, p, hasEchoes))
       return true;
     if (at + inner <= last &&

@@ -134,8 +134,11 @@ TEST(SurfaceFit, AWideWrongRunIsLeftToItsOwnSurface) {
   scan.spoilBlock(5, 5, 180, 60);
   const RefineResult r = refineEchoZones(scan.shots, scan.echoes);
   EXPECT_LE(scan.wrong(r), 300u);
-  for (std::size_t i = 0; i < scan.trueZone.size(); ++i)
-    if (scan.echoes[i].zone == scan.trueZone[i]) EXPECT_EQ(r.zone[i], scan.trueZone[i]) << i;
+  for (std::size_t i = 0; i < scan.trueZone.size(); ++i) {
+    if (scan.echoes[i].zone == scan.trueZone[i]) {
+      EXPECT_EQ(r.zone[i], scan.trueZone[i]) << i;
+    }
+  }
 }
 
 TEST(SurfaceFit, LastEchoesOfALineGoBackToTheirOwnLine) {

@@ -17,6 +17,9 @@ struct SceneResult {
   std::string runError;  // the module's result text
   std::size_t pointsPerOutput[2] = {0, 0};
   double simulateSeconds = 0.0, runSeconds = 0.0;
+  // Processor time of the run and of the refinement (all threads): on a shared machine the
+  // fairer comparison, as waiting for a core does not count.
+  double runCpuSeconds = 0.0, refineCpuSeconds = 0.0;
   // With the refinement: the score after it, the points it made wrong that were right
   // (broken) and the reverse (fixed), its own summary and time.
   bool refined = false;
