@@ -5,6 +5,7 @@
 //   bench_refine --dump DIR [--small] [--shots N] [NAME-PART]
 //   bench_refine [--repeat N] [--broken] FILE...
 #include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <cmath>
 #include <cstdio>

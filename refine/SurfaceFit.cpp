@@ -160,7 +160,16 @@ class Refiner {
   }
   bool isNeighbour(std::size_t i) const { return active(i) && !straddles_[i]; }
   void place();
-  Fit fitOf(std::size_t self, std::uint32_t emitter, const point& p, int enough) const;
+  // What a candidate must still reach to matter: fitting lines and their share, and whether
+  // any fit at all is still to be found (for the noise test).
+  struct Hope {
+    int fitting = 0;
+    double share = 0.0;
+    bool needAny = false;
+  };
+  Fit fitOf(std::size_t self, std::uint32_t emitter, const point& p, int enough,
+            const Hope* hope = nullptr) const;
+  static bool hopeless(const Fit& fit, int remaining, const Hope& hope);
   bool lineFits(std::uint32_t line, std::int32_t bin, std::size_t self, std::uint32_t emitter,
                 const point& p, bool& hasEchoes) const;
   bool near(const Neighbour& m, const point& p, const point& origin,
@@ -281,15 +290,27 @@ bool Refiner::lineFits(std::uint32_t line, std::int32_t bin, std::size_t self,
   return false;
 }
 
+// Whether a candidate with `fit` so far and `remaining` lines to search can no longer move
+// the echo nor tell it from noise: even if every remaining line fitted.
+bool Refiner::hopeless(const Fit& fit, int remaining, const Hope& hope) {
+  if (hope.needAny && fit.fitting == 0) return false;
+  const int most = fit.fitting + remaining, lines = fit.lines + remaining;
+  return most < hope.fitting || most < hope.share * lines - 1e-9 || lines < kMinLinesToJudge;
+}
+
 // How many of the neighbouring lines hold echoes near `p` and how many hold echoes at all;
-// stops once `enough` lines fit.
-Fit Refiner::fitOf(std::size_t self, std::uint32_t emitter, const point& p, int enough) const {
+// stops once `enough` lines fit, or once the candidate is hopeless.
+Fit Refiner::fitOf(std::size_t self, std::uint32_t emitter, const point& p, int enough,
+                   const Hope* hope) const {
   Fit fit;
+  int remaining = 2 * settings_.neighbourLines;
   const std::int64_t line = cells_.line[emitter];
   const std::int32_t bin = cells_.bin[emitter];
   const auto lineCount = std::int64_t(cells_.lineOrigin.size());
   for (int k = 1; k <= settings_.neighbourLines; ++k)
     for (int side : {-1, 1}) {
+      if (hope && hopeless(fit, remaining, *hope)) return fit;
+      --remaining;
       const std::int64_t other = line + side * k;
       if (other < 0 || other >= lineCount) continue;
       if (squared(cells_.lineOrigin[std::size_t(other)], cells_.lineOrigin[std::size_t(line)]) >
@@ -324,7 +345,9 @@ Refiner::Verdict Refiner::judge(std::size_t i) const {
     const double d = oneWayTimeFrom(oneWay_[i], shots_.time[e], shots_.time[o]);
     if (!(d > kNearRangeLimit)) continue;  // the run takes echoes this near for noise
     const point p = placeEcho(d, shots_.direction[o], shots_.origin[o], shots_.lightSpeed).position;
-    const Fit f = fitOf(i, o, p, 2 * settings_.neighbourLines + 1);
+    const Hope hope{std::max(now.fitting + settings_.moveMargin, bestFitting + 1),
+                    settings_.onShare, !anyFits};
+    const Fit f = fitOf(i, o, p, 2 * settings_.neighbourLines + 1, &hope);
     anyFits = anyFits || f.fitting > 0;
     const bool clearlyOn = f.lines >= kMinLinesToJudge &&
                            f.fitting >= settings_.onShare * f.lines - 1e-9 &&
