@@ -68,13 +68,15 @@ void printScene(const Scene& scene, const quillo::test::SceneResult& result) {
     const auto correct = result.score.correct;
     std::printf(
         "%-38s moved %llu, fixed %llu, broken %llu (%.2f per 100,000 correct), "
-        "classified noise %llu (birds/dust %llu); time %.1f %% of the run%s%s\n",
+        "classified noise %llu (birds/dust %llu); time %.1f %% of the run (processor time %.1f s "
+        "/ %.1f s, %.1f %%)%s%s\n",
         "", (unsigned long long)result.refinement.moved, (unsigned long long)result.fixed,
         (unsigned long long)result.broken,
         correct ? 1e5 * double(result.broken) / double(correct) : 0.0,
         (unsigned long long)result.refinement.markedNoise,
         (unsigned long long)r.refinedNoiseOffSurface,
-        100.0 * result.refineSeconds / result.runSeconds,
+        100.0 * result.refineSeconds / result.runSeconds, result.refineCpuSeconds,
+        result.runCpuSeconds, 100.0 * result.refineCpuSeconds / result.runCpuSeconds,
         result.refinement.error.empty() ? "" : "; ", result.refinement.error.c_str());
   }
   std::fflush(stdout);

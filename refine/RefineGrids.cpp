@@ -40,6 +40,25 @@ ArrayPtr<E> fragmentArray(const Vorlap::StrongPtr<Tessal::Field>& field, const s
                  : ArrayPtr<E>();
 }
 
+// Puts the shots in time order (fragments normally come in that order already).
+void inTimeOrder(ShotTable& table) {
+  if (std::is_sorted(table.time.begin(), table.time.end())) return;
+  std::vector<std::uint32_t> order(table.time.size());
+  for (std::uint32_t k = 0; k < order.size(); ++k) order[k] = k;
+  std::stable_sort(order.begin(), order.end(),
+                   [&](std::uint32_t a, std::uint32_t b) { return table.time[a] < table.time[b]; });
+  ShotTable sorted;
+  sorted.time.reserve(order.size()), sorted.origin.reserve(order.size());
+  sorted.direction.reserve(order.size());
+  for (const std::uint32_t k : order) {
+    sorted.time.push_back(table.time[k]);
+    sorted.origin.push_back(table.origin[k]);
+    sorted.direction.push_back(table.direction[k]);
+  }
+  table.time.swap(sorted.time), table.origin.swap(sorted.origin);
+  table.direction.swap(sorted.direction);
+}
+
 // Every shot of the input in time order, with the scanner's light speed and pattern.
 std::string readShotTable(Tessal::BundlePtr& input, ShotTable& table, double& sampleStep) {
   const auto shots = inputGrid(input, schema::kShotsGrid);
@@ -48,12 +67,6 @@ std::string readShotTable(Tessal::BundlePtr& input, ShotTable& table, double& sa
   const auto directions = (*shots)(schema::kDirectionDelta, "");
   if (!times || !origins || !directions)
     return "refinement: \"Shots\" lacks GPSTime, Positions or Waveforms.DirectionDelta";
-  struct Shot {
-    double time;
-    point origin;
-    vector direction;
-  };
-  std::vector<Shot> all;
   const auto ids = times->getFragmentIDCollection();
   for (std::size_t f = 0; f < ids->size(); ++f) {
     const std::string& name = ids->at(f)->getName();
@@ -61,15 +74,13 @@ std::string readShotTable(Tessal::BundlePtr& input, ShotTable& table, double& sa
     const auto o = fragmentArray<point>(origins, name);
     const auto d = fragmentArray<vector>(directions, name);
     if (!t || !o || !d || o->size() != t->size() || d->size() != t->size()) continue;
-    for (std::size_t s = 0; s < t->size(); ++s) all.push_back({t->get(s), o->get(s), d->get(s)});
+    const std::size_t n = t->size(), at = table.time.size();
+    table.time.resize(at + n), table.origin.resize(at + n), table.direction.resize(at + n);
+    for (std::size_t s = 0; s < n; ++s)
+      table.time[at + s] = t->get(s), table.origin[at + s] = o->get(s),
+                      table.direction[at + s] = d->get(s);
   }
-  std::stable_sort(all.begin(), all.end(),
-                   [](const Shot& a, const Shot& b) { return a.time < b.time; });
-  for (const Shot& s : all) {
-    table.time.push_back(s.time);
-    table.origin.push_back(s.origin);
-    table.direction.push_back(s.direction);
-  }
+  inTimeOrder(table);
   const ScannerDevice scanner(shots, inputGrid(input, schema::kWaveformsGrid));
   table.lightSpeed = scanner.lightSpeed;
   table.radial = scanner.isRadial();
@@ -155,6 +166,9 @@ bool findShot(const std::vector<double>& times, double t, std::uint32_t& hint) {
 void collectEchoes(const ShotTable& table, const std::vector<OutputPart>& parts,
                    std::vector<RefineEcho>& echoes, std::vector<PointRef>& refs) {
   std::uint32_t shot = 0;
+  std::size_t points = 0;
+  for (const OutputPart& p : parts) points += p.time->size();
+  echoes.reserve(points), refs.reserve(points);
   for (std::uint32_t k = 0; k < parts.size(); ++k) {
     const OutputPart& p = parts[k];
     for (std::uint32_t i = 0; i < p.time->size(); ++i) {
@@ -205,6 +219,18 @@ void addFlagField(OutputPart& p) {
 }
 
 }  // namespace
+
+std::string refinementArrays(Tessal::BundlePtr& input,
+                             const std::vector<Vorlap::StrongPtr<Tessal::Grid>>& outputs,
+                             ShotTable& table, std::vector<RefineEcho>& echoes) {
+  double sampleStep = 1.0;
+  std::vector<OutputPart> parts;
+  std::vector<PointRef> refs;
+  if (auto error = readShotTable(input, table, sampleStep); !error.empty()) return error;
+  if (auto error = collectParts(outputs, parts); !error.empty()) return error;
+  collectEchoes(table, parts, echoes, refs);
+  return "";
+}
 
 RefinementSummary refineZones(Tessal::BundlePtr& input,
                               const std::vector<Vorlap::StrongPtr<Tessal::Grid>>& outputs,

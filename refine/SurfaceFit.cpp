@@ -21,6 +21,8 @@ constexpr double kLineJump = std::numbers::pi / 4;
 constexpr double kFlightJump = 5.0;  // m between two shots' origins
 constexpr int kMinLinesToJudge = 3;  // fewer lines with echoes nearby: too little to judge
 constexpr int kZoneReach = 2;        // candidates: the current zone and this many either side
+constexpr int kBlockReach = 1;       // a wrong block: its own line and at most one each side
+constexpr int kSurfaceBeyond = 2;    // lines each side of a wrong block that must fit the move
 
 template <class A>
 double squared(const A& a, const A& b) {
@@ -32,10 +34,12 @@ double squared(const A& a, const A& b) {
 struct ShotCells {
   std::vector<std::uint32_t> line;
   std::vector<std::int32_t> bin;
+  std::vector<double> angle;      // the scan angle the bins divide
   std::vector<point> lineOrigin;  // origin of each line's first shot
   std::int32_t firstBin = 0, binCount = 1;
 
-  ShotCells(const ShotTable& t, double binDegrees) : line(t.time.size()), bin(t.time.size()) {
+  ShotCells(const ShotTable& t, double binDegrees)
+      : line(t.time.size()), bin(t.time.size()), angle(t.time.size()) {
     double previous = 0.0;
     std::uint32_t current = 0;
     std::int32_t lo = 0, hi = 0;
@@ -52,6 +56,7 @@ struct ShotCells {
       if (current == lineOrigin.size()) lineOrigin.push_back(t.origin[s]);
       previous = a;
       line[s] = current;
+      angle[s] = a;
       bin[s] = std::int32_t(std::floor(a * 180.0 / std::numbers::pi / binDegrees));
       lo = s ? std::min(lo, bin[s]) : bin[s], hi = s ? std::max(hi, bin[s]) : bin[s];
     }
@@ -63,15 +68,50 @@ struct ShotCells {
   std::size_t cellCount() const { return lineOrigin.size() * std::size_t(binCount); }
 };
 
+// A neighbour as the fit test reads it: its position, range, scan angle and emitting shot;
+// stored by cell so that a line's adjacent bins are contiguous.
+struct Neighbour {
+  point position;
+  double reach;
+  float angle;
+  std::uint32_t echo, emitter;
+};
+
 // Where each echo lies under its current zone, and the echoes of each cell.
 struct Placement {
   std::vector<point> position;
-  std::vector<std::uint32_t> start, members;  // cell c holds members[start[c], start[c+1])
+  std::vector<std::uint32_t> start, fill;  // cell c holds members[start[c], start[c+1])
+  std::vector<Neighbour> members;
 };
 
 struct Fit {
   int lines = 0, fitting = 0;
+  // Which lines hold echoes, and which fit: bit k - 1 for the line k before, 16 + k - 1 after.
+  std::uint32_t lineMask = 0, fitMask = 0;
 };
+
+std::uint32_t lineBit(int side, int k) {
+  return 1u << ((side < 0 ? 0 : 16) + k - 1);
+}
+
+// Whether the lines the current zone fits are the echo's own block (the lines next to its
+// own, on each side up to the first that does not fit) and every line beyond them fits the
+// candidate: a wrong block with the surface around it, not a place two surfaces contest.
+bool wrongBlock(const Fit& now, const Fit& candidate, int reach) {
+  for (int side : {-1, 1}) {
+    bool inBlock = true;
+    int surfaceBeyond = 0;
+    for (int k = 1; k <= reach; ++k) {
+      const std::uint32_t bit = lineBit(side, k);
+      inBlock = inBlock && ((now.fitMask & bit) || !(now.lineMask & bit));
+      if (inBlock && k > kBlockReach && (now.fitMask & bit)) return false;  // a wide block
+      if (!inBlock && (candidate.lineMask & bit) && !(candidate.fitMask & bit)) return false;
+      surfaceBeyond += !inBlock && (candidate.fitMask & bit);
+    }
+    if (surfaceBeyond < kSurfaceBeyond) return false;
+  }
+  return true;
+}
 
 class Refiner {
  public:
@@ -86,14 +126,28 @@ class Refiner {
       maxZone_ = std::max<int>(maxZone_, e[i].zone);
     }
     maxZone_ = std::min(maxZone_ + 1, 254);
+    // Echoes already noise, or that name no shot of the table, take no part.
+    active_.resize(e.size());
+    for (std::size_t i = 0; i < e.size(); ++i)
+      active_[i] = !e[i].noise && e[i].emitter < t.time.size() && std::isfinite(e[i].oneWayTime);
     straddles_.resize(e.size());
     for (std::size_t i = 0; i < e.size(); ++i) straddles_[i] = straddlesLines(i);
+    // Filled in shot order, a cell is in scan-angle order already wherever the angle sweeps
+    // steadily (moves shift an echo by a shot or two); sorting then mostly only checks.
+    std::vector<std::uint32_t> first(t.time.size() + 1, 0);
+    for (std::uint32_t i = 0; i < e.size(); ++i)
+      if (active(i)) ++first[e[i].emitter + 1];
+    for (std::size_t k = 1; k < first.size(); ++k) first[k] += first[k - 1];
+    byShot_.resize(e.size());
+    for (std::uint32_t i = 0; i < e.size(); ++i)
+      if (active(i)) byShot_[first[e[i].emitter]++] = i;
+    byShot_.resize(first.back());
   }
 
   RefineResult run();
 
  private:
-  bool active(std::size_t i) const { return !echoes_[i].noise; }
+  bool active(std::size_t i) const { return active_[i]; }
   // An echo placed within two shots of a line change (as first placed) may belong to the
   // other line, and such echoes go wrong together, line after line, into a ghost strip that
   // fits itself: they are judged, but are no neighbours.
@@ -106,9 +160,22 @@ class Refiner {
   }
   bool isNeighbour(std::size_t i) const { return active(i) && !straddles_[i]; }
   void place();
-  Fit fitOf(std::size_t self, std::uint32_t emitter, const point& p, int enough) const;
+  // What a candidate must still reach to matter: fitting lines and their share, and whether
+  // any fit at all is still to be found (for the noise test).
+  struct Hope {
+    int fitting = 0;
+    double share = 0.0;
+    bool needAny = false;
+  };
+  Fit fitOf(std::size_t self, std::uint32_t emitter, const point& p, int enough,
+            const Hope* hope = nullptr) const;
+  static bool hopeless(const Fit& fit, int remaining, const Hope& hope);
   bool lineFits(std::uint32_t line, std::int32_t bin, std::size_t self, std::uint32_t emitter,
                 const point& p, bool& hasEchoes) const;
+  bool near(const Neighbour& m, const point& p, const point& origin,
+            const Gemwold::PhysicalSpace::vector& direction) const;
+  bool anyNear(std::size_t cellLo, std::size_t cellHi, std::size_t self, std::uint32_t emitter,
+               const point& p, bool& hasEchoes) const;
   struct Verdict {
     int zone = -1;       // the zone to move to; -1: stay
     bool off = false;    // the current zone fits too few lines
@@ -117,7 +184,9 @@ class Refiner {
     double oneWay = 0.0;
   };
   Verdict judge(std::size_t i) const;
-  bool nearChange(std::size_t i, const std::vector<bool>& changedCell) const;
+  void keepSupportedMoves(std::vector<std::pair<std::uint32_t, Verdict>>& moves);
+  void markNearChanges(const std::vector<std::uint32_t>& changedCells,
+                       std::vector<std::uint8_t>& near) const;
 
   const ShotTable& shots_;
   const std::vector<RefineEcho>& echoes_;
@@ -127,7 +196,10 @@ class Refiner {
   std::vector<std::uint32_t> emitter_;
   std::vector<double> oneWay_;
   int maxZone_ = 0;
-  std::vector<bool> straddles_;
+  std::vector<bool> active_, straddles_;
+  std::vector<std::uint32_t> byShot_;  // echoes by first emitting shot
+  // While set, the echoes marked here count as no neighbours (they are about to move).
+  const std::vector<std::uint8_t>* moving_ = nullptr;
   RefineResult result_;
 };
 
@@ -144,59 +216,111 @@ void Refiner::place() {
   }
   for (std::size_t c = 1; c < placed_.start.size(); ++c) placed_.start[c] += placed_.start[c - 1];
   placed_.members.resize(placed_.start.back());
-  std::vector<std::uint32_t> fill(placed_.start.begin(), placed_.start.end() - 1);
-  for (std::size_t i = 0; i < n; ++i)
-    if (isNeighbour(i)) placed_.members[fill[cells_.cellOf(emitter_[i])]++] = std::uint32_t(i);
+  placed_.fill.assign(placed_.start.begin(), placed_.start.end() - 1);
+  for (const std::uint32_t i : byShot_) {
+    if (!isNeighbour(i)) continue;
+    const std::uint32_t e = emitter_[i];
+    const point& at = placed_.position[i];
+    placed_.members[placed_.fill[cells_.cellOf(e)]++] = {
+        at, std::sqrt(squared(at, shots_.origin[e])), float(cells_.angle[e]), i, e};
+  }
+  const auto byAngle = [](const Neighbour& a, const Neighbour& b) {
+    return a.angle != b.angle ? a.angle < b.angle : a.echo < b.echo;
+  };
+  for (std::size_t c = 0; c + 1 < placed_.start.size(); ++c) {
+    const auto first = placed_.members.begin() + placed_.start[c];
+    const auto last = placed_.members.begin() + placed_.start[c + 1];
+    if (!std::is_sorted(first, last, byAngle)) std::sort(first, last, byAngle);
+  }
+}
+
+// Whether `m` lies near `p`, seen from the shot at `origin` looking along `direction`.
+bool Refiner::near(const Neighbour& m, const point& p, const point& origin,
+                   const Gemwold::PhysicalSpace::vector& direction) const {
+  const double gap = squared(m.position, p);
+  if (gap < settings_.fitTolerance * settings_.fitTolerance) return true;  // however far apart
+  // Surfaces slope: allow more height the farther apart the two footprints are.
+  const double apart = std::sqrt(squared(shots_.origin[m.emitter], origin)) +
+                       m.reach * std::sqrt(squared(shots_.direction[m.emitter], direction));
+  const double tolerance = settings_.fitTolerance + settings_.fitPerMetre * apart;
+  return gap < tolerance * tolerance;
+}
+
+// Whether an echo of cells [cellLo, cellHi] (one line's adjacent bins, in angle order) lies
+// near `p`. The echoes nearest the query's scan angle are tried first: on a surface the
+// first few decide.
+bool Refiner::anyNear(std::size_t cellLo, std::size_t cellHi, std::size_t self,
+                      std::uint32_t emitter, const point& p, bool& hasEchoes) const {
+  const point& origin = shots_.origin[emitter];
+  const auto& direction = shots_.direction[emitter];
+  const Neighbour* first = placed_.members.data() + placed_.start[cellLo];
+  const Neighbour* end = placed_.members.data() + placed_.start[cellHi + 1];
+  const auto a = float(cells_.angle[emitter]);
+  const Neighbour* up =
+      std::partition_point(first, end, [a](const Neighbour& m) { return m.angle < a; });
+  const Neighbour* down = up;
+  while (up != end || down != first) {
+    for (const Neighbour* m : {up != end ? up++ : nullptr, down != first ? --down : nullptr}) {
+      if (!m || m->echo == self || (moving_ && (*moving_)[m->echo])) continue;
+      hasEchoes = true;
+      if (near(*m, p, origin, direction)) return true;
+    }
+  }
+  return false;
 }
 
 // Whether the line holds an echo near `p` among its echoes of the same scan angle (the
 // bin and its two neighbours, or a few more where those hold none: the ends of a line).
 bool Refiner::lineFits(std::uint32_t line, std::int32_t bin, std::size_t self,
                        std::uint32_t emitter, const point& p, bool& hasEchoes) const {
-  const point& origin = shots_.origin[emitter];
-  const auto& direction = shots_.direction[emitter];
-  for (std::int32_t width : {1, 4, 10}) {
-    const std::int32_t lo = std::max(bin - width, cells_.firstBin);
-    const std::int32_t hi = std::min(bin + width, cells_.firstBin + cells_.binCount - 1);
-    for (std::int32_t b = lo; b <= hi; ++b) {
-      if (width > 1 && b >= bin - 1 && b <= bin + 1) continue;  // searched already
-      const std::size_t c =
-          std::size_t(line) * std::size_t(cells_.binCount) + std::size_t(b - cells_.firstBin);
-      for (std::uint32_t k = placed_.start[c]; k < placed_.start[c + 1]; ++k) {
-        const std::uint32_t j = placed_.members[k];
-        if (j == self) continue;
-        hasEchoes = true;
-        const std::uint32_t o = emitter_[j];
-        // Surfaces slope: allow more height the farther apart the two footprints are.
-        const double reach = std::sqrt(squared(placed_.position[j], shots_.origin[o]));
-        const double apart = std::sqrt(squared(shots_.origin[o], origin)) +
-                             reach * std::sqrt(squared(shots_.direction[o], direction));
-        const double tolerance = settings_.fitTolerance + settings_.fitPerMetre * apart;
-        if (squared(placed_.position[j], p) < tolerance * tolerance) return true;
-      }
-    }
+  const std::size_t row = std::size_t(line) * std::size_t(cells_.binCount);
+  const std::int32_t last = cells_.binCount - 1, at = bin - cells_.firstBin;
+  const auto cell = [&](std::int32_t b) { return row + std::size_t(std::clamp(b, 0, last)); };
+  if (anyNear(cell(at - 1), cell(at + 1), self, emitter, p, hasEchoes)) return true;
+  if (hasEchoes) return false;
+  // Farther bins, each side of those searched already.
+  for (const auto& [inner, outer] : {std::pair{2, 4}, std::pair{5, 10}}) {
+    if (at - inner >= 0 && anyNear(cell(at - outer), cell(at - inner), self, emitter, p, hasEchoes))
+      return true;
+    if (at + inner <= last &&
+        anyNear(cell(at + inner), cell(at + outer), self, emitter, p, hasEchoes))
+      return true;
     if (hasEchoes) return false;
   }
   return false;
 }
 
+// Whether a candidate with `fit` so far and `remaining` lines to search can no longer move
+// the echo nor tell it from noise: even if every remaining line fitted.
+bool Refiner::hopeless(const Fit& fit, int remaining, const Hope& hope) {
+  if (hope.needAny && fit.fitting == 0) return false;
+  const int most = fit.fitting + remaining, lines = fit.lines + remaining;
+  return most < hope.fitting || most < hope.share * lines - 1e-9 || lines < kMinLinesToJudge;
+}
+
 // How many of the neighbouring lines hold echoes near `p` and how many hold echoes at all;
-// stops once `enough` lines fit.
-Fit Refiner::fitOf(std::size_t self, std::uint32_t emitter, const point& p, int enough) const {
+// stops once `enough` lines fit, or once the candidate is hopeless.
+Fit Refiner::fitOf(std::size_t self, std::uint32_t emitter, const point& p, int enough,
+                   const Hope* hope) const {
   Fit fit;
+  int remaining = 2 * settings_.neighbourLines;
   const std::int64_t line = cells_.line[emitter];
   const std::int32_t bin = cells_.bin[emitter];
   const auto lineCount = std::int64_t(cells_.lineOrigin.size());
   for (int k = 1; k <= settings_.neighbourLines; ++k)
     for (int side : {-1, 1}) {
+      if (hope && hopeless(fit, remaining, *hope)) return fit;
+      --remaining;
       const std::int64_t other = line + side * k;
       if (other < 0 || other >= lineCount) continue;
       if (squared(cells_.lineOrigin[std::size_t(other)], cells_.lineOrigin[std::size_t(line)]) >
           settings_.farLineDistance * settings_.farLineDistance)
         continue;  // another flight line
       bool hasEchoes = false;
-      fit.fitting += lineFits(std::uint32_t(other), bin, self, emitter, p, hasEchoes);
-      fit.lines += hasEchoes;
+      const bool fits = lineFits(std::uint32_t(other), bin, self, emitter, p, hasEchoes);
+      fit.fitting += fits, fit.lines += hasEchoes;
+      fit.fitMask |= fits ? lineBit(side, k) : 0u;
+      fit.lineMask |= hasEchoes ? lineBit(side, k) : 0u;
       if (fit.fitting >= enough) return fit;
     }
   return fit;
@@ -206,10 +330,10 @@ Refiner::Verdict Refiner::judge(std::size_t i) const {
   Verdict v;
   const std::uint32_t e = emitter_[i];
   const int z = result_.zone[i];
-  // Stop counting once a third of the searched lines fit: the current zone is then on a surface.
-  const int enough = (2 * settings_.neighbourLines) / 3 + 1;
+  // Stop counting once more lines fit than an off zone may: the current zone is on a surface.
+  const int enough = int(std::floor(settings_.offShare * 2 * settings_.neighbourLines + 1e-9)) + 1;
   const Fit now = fitOf(i, e, placed_.position[i], enough);
-  if (now.lines < kMinLinesToJudge || 3 * now.fitting > now.lines) return v;
+  if (now.lines < kMinLinesToJudge || now.fitting > settings_.offShare * now.lines + 1e-9) return v;
   v.off = true;
   int bestFitting = -1;
   bool anyFits = now.fitting > 0;
@@ -221,10 +345,15 @@ Refiner::Verdict Refiner::judge(std::size_t i) const {
     const double d = oneWayTimeFrom(oneWay_[i], shots_.time[e], shots_.time[o]);
     if (!(d > kNearRangeLimit)) continue;  // the run takes echoes this near for noise
     const point p = placeEcho(d, shots_.direction[o], shots_.origin[o], shots_.lightSpeed).position;
-    const Fit f = fitOf(i, o, p, 2 * settings_.neighbourLines + 1);
+    const Hope hope{std::max(now.fitting + settings_.moveMargin, bestFitting + 1),
+                    settings_.onShare, !anyFits};
+    const Fit f = fitOf(i, o, p, 2 * settings_.neighbourLines + 1, &hope);
     anyFits = anyFits || f.fitting > 0;
-    const bool clearlyOn =
-        f.lines >= kMinLinesToJudge && 2 * f.fitting >= f.lines && f.fitting >= now.fitting + 2;
+    const bool clearlyOn = f.lines >= kMinLinesToJudge &&
+                           f.fitting >= settings_.onShare * f.lines - 1e-9 &&
+                           f.fitting >= now.fitting + settings_.moveMargin &&
+                           (now.fitting == 0 || f.lines - f.fitting <= settings_.contestedMiss ||
+                            wrongBlock(now, f, settings_.neighbourLines));
     if (clearlyOn && f.fitting > bestFitting)
       bestFitting = f.fitting, v.zone = candidate, v.emitter = o, v.oneWay = d;
   }
@@ -232,56 +361,77 @@ Refiner::Verdict Refiner::judge(std::size_t i) const {
   return v;
 }
 
-// Whether a cell within reach of the echo's own (same bin and its neighbours, the searched
-// lines) gained or lost an echo.
-bool Refiner::nearChange(std::size_t i, const std::vector<bool>& changedCell) const {
-  const std::uint32_t e = emitter_[i];
-  const std::int64_t line = cells_.line[e], reach = settings_.neighbourLines;
+// Marks every cell within reach of a changed one (the searched lines, the bin and its
+// neighbours): the echoes there see a changed neighbourhood.
+void Refiner::markNearChanges(const std::vector<std::uint32_t>& changedCells,
+                              std::vector<std::uint8_t>& near) const {
+  const std::int64_t reach = settings_.neighbourLines;
   const std::int64_t lines = std::int64_t(cells_.lineOrigin.size());
-  const std::int32_t bin = cells_.bin[e] - cells_.firstBin;
-  for (std::int64_t l = std::max<std::int64_t>(0, line - reach);
-       l <= std::min(line + reach, lines - 1); ++l)
-    for (std::int32_t b = std::max(bin - 1, 0); b <= std::min(bin + 1, cells_.binCount - 1); ++b)
-      if (changedCell[std::size_t(l) * std::size_t(cells_.binCount) + std::size_t(b)]) return true;
-  return false;
+  const std::int32_t bins = cells_.binCount;
+  std::fill(near.begin(), near.end(), 0);
+  for (const std::uint32_t c : changedCells) {
+    const std::int64_t line = c / std::uint32_t(bins);
+    const std::int32_t bin = std::int32_t(c % std::uint32_t(bins));
+    for (std::int64_t l = std::max<std::int64_t>(0, line - reach);
+         l <= std::min(line + reach, lines - 1); ++l)
+      for (std::int32_t b = std::max(bin - 1, 0); b <= std::min(bin + 1, bins - 1); ++b)
+        near[std::size_t(l) * std::size_t(bins) + std::size_t(b)] = 1;
+  }
+}
+
+// Drops the moves that rest on neighbours moving in the same iteration: judged together, a
+// right echo among wrong ones would follow them while they leave (the two swap). A dropped
+// echo is judged again next iteration, against the moved neighbours.
+void Refiner::keepSupportedMoves(std::vector<std::pair<std::uint32_t, Verdict>>& moves) {
+  std::vector<std::uint8_t> moving(echoes_.size(), 0);
+  for (const auto& move : moves) moving[move.first] = 1;
+  moving_ = &moving;
+  std::size_t kept = 0;
+  for (const auto& [i, v] : moves) {
+    const Verdict again = judge(i);
+    if (again.zone >= 0) moves[kept++] = {i, again};
+  }
+  moving_ = nullptr;
+  moves.resize(kept);
 }
 
 RefineResult Refiner::run() {
   const std::size_t n = echoes_.size();
   std::vector<bool> off(n, false), judgeNow(n, true);
-  std::vector<Verdict> verdicts(n);
+  std::vector<std::pair<std::uint32_t, Verdict>> moves;
+  std::vector<std::uint32_t> changedCells;
+  std::vector<std::uint8_t> nearChange(cells_.cellCount(), 0);
   for (int iteration = 0; iteration < settings_.iterations; ++iteration) {
     place();
+    moves.clear();
     for (std::size_t i = 0; i < n; ++i) {
-      verdicts[i] = Verdict();
       if (!judgeNow[i] || !active(i)) continue;
       result_.judged += iteration == 0;
-      verdicts[i] = judge(i);
-      off[i] = verdicts[i].off;
+      const Verdict v = judge(i);
+      off[i] = v.off;
+      if (v.zone >= 0) moves.emplace_back(std::uint32_t(i), v);
     }
-    std::vector<bool> changedCell(cells_.cellCount(), false);
-    bool moved = false;
-    for (std::size_t i = 0; i < n; ++i) {
-      const Verdict& v = verdicts[i];
-      if (v.zone < 0) continue;
-      changedCell[cells_.cellOf(emitter_[i])] = changedCell[cells_.cellOf(v.emitter)] = true;
+    keepSupportedMoves(moves);
+    if (moves.empty()) break;
+    changedCells.clear();
+    for (const auto& [i, v] : moves) {
+      changedCells.push_back(std::uint32_t(cells_.cellOf(emitter_[i])));
+      changedCells.push_back(std::uint32_t(cells_.cellOf(v.emitter)));
       result_.zone[i] = std::uint8_t(v.zone), emitter_[i] = v.emitter, oneWay_[i] = v.oneWay;
-      moved = true;
     }
-    if (!moved) break;
     // Only echoes near a move see a changed neighbourhood.
-    for (std::size_t i = 0; i < n; ++i) judgeNow[i] = active(i) && nearChange(i, changedCell);
+    markNearChanges(changedCells, nearChange);
+    for (std::size_t i = 0; i < n; ++i)
+      judgeNow[i] = active(i) && nearChange[cells_.cellOf(emitter_[i])];
   }
   // Noise is told against the final neighbourhood, where the ghosts have moved away.
   place();
-  std::vector<bool> unfit(n, false);
-  for (std::size_t i = 0; i < n; ++i) unfit[i] = off[i] && active(i) && judge(i).unfit;
   for (std::size_t i = 0; i < n; ++i) {
     const bool moved = result_.zone[i] != echoes_[i].zone;
-    result_.flag[i] =
-        std::uint8_t((moved ? kMovedZone : 0) | (unfit[i] && active(i) ? kMarkedNoise : 0));
+    const bool unfit = off[i] && active(i) && judge(i).unfit;
+    result_.flag[i] = std::uint8_t((moved ? kMovedZone : 0) | (unfit ? kMarkedNoise : 0));
     result_.moved += moved;
-    result_.markedNoise += (result_.flag[i] & kMarkedNoise) != 0;
+    result_.markedNoise += unfit;
   }
   return result_;
 }

@@ -3,7 +3,9 @@
 // Each echo's candidate zones are placed at their own emitting shots and tested against the
 // echoes of the same scan-angle bin in the neighbouring scan lines (both sides, placed with
 // their current zones). An echo moves only when its current zone fits clearly fewer lines
-// than another candidate; an echo that fits no line under any candidate is noise.
+// than another candidate and, where the current zone fits some lines, only out of a narrow
+// wrong block or to a candidate every line agrees with; an echo that fits no line under any
+// candidate is noise.
 #pragma once
 
 #include <cstdint>
@@ -31,12 +33,19 @@ struct RefineEcho {
 };
 
 struct RefineSettings {
-  int iterations = 4;
+  int iterations = 6;
   int neighbourLines = 4;         // lines on each side searched for the surface
   double fitTolerance = 0.85;     // m, plus ...
   double fitPerMetre = 0.85;      // ... this much per metre between the two footprints
   double binDegrees = 0.1;        // scan-angle bin width
   double farLineDistance = 30.0;  // m between origins: a line of another flight line
+  double offShare = 1.0 / 3.0;    // the current zone is off fitting at most this share of lines
+  double onShare = 0.5;           // a candidate is on fitting at least this share ...
+  int moveMargin = 2;             // ... and this many lines more than the current zone
+  // Where the current zone fits some lines, the two zones contest the place (the surface
+  // around may itself be wrong): a candidate must then fit all lines holding echoes but this
+  // many.
+  int contestedMiss = 0;
 };
 
 // Bits of a point's "Refined" value.

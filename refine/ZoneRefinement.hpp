@@ -26,4 +26,10 @@ QUILLO_API RefinementSummary
 refineZones(Tessal::BundlePtr& input, const std::vector<Vorlap::StrongPtr<Tessal::Grid>>& outputs,
             const RefineSettings& settings = {});
 
+// The arrays the refinement works on (every shot in time order, every echo it can place), for
+// tools that study the rule on stored scans; returns an error text, empty on success.
+QUILLO_API std::string refinementArrays(Tessal::BundlePtr& input,
+                                        const std::vector<Vorlap::StrongPtr<Tessal::Grid>>& outputs,
+                                        ShotTable& table, std::vector<RefineEcho>& echoes);
+
 }  // namespace FullWaveform

@@ -91,6 +91,13 @@ bool ZoneScorer::isCorrect(const ScoredPoint& p) const {
   return entry && index_->truth.echoes[entry->echo].zone == p.zone;
 }
 
+const TruthEcho* ZoneScorer::traceEcho(const ScoredPoint& p) const {
+  if (p.zone == kNoZone) return nullptr;
+  const auto shot = index_->shotByTime.find(p.gpsTime);
+  const auto* entry = shot == index_->shotByTime.end() ? nullptr : index_->trace(p, shot->second);
+  return entry ? &index_->truth.echoes[entry->echo] : nullptr;
+}
+
 void ZoneScorer::add(const std::vector<ScoredPoint>& points) {
   ZoneScoreReport& r = report_;
   for (const ScoredPoint& p : points) {

@@ -95,6 +95,8 @@ class ZoneScorer {
   ZoneScoreReport finish();
   // Whether the point carries its own echo's zone (false when it cannot be traced).
   bool isCorrect(const ScoredPoint& point) const;
+  // The echo of the truth the point traces to; nullptr when it cannot be traced.
+  const TruthEcho* traceEcho(const ScoredPoint& point) const;
 
  private:
   struct Index;

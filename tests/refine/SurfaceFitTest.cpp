@@ -97,18 +97,47 @@ TEST(SurfaceFit, CorrectScansStayAsTheyAre) {
 }
 
 TEST(SurfaceFit, WrongBlocksMoveToTheSurface) {
-  // Three consecutive lines with the same block wrong, as at a fragment's start, on flat
-  // ground and across a cliff face.
+  // Consecutive lines with the same block wrong, as at a fragment's start, on flat ground and
+  // across a cliff face: one line alone, and two lines that fit each other.
   const Surface cliff = [](double x, double) { return x > 30.0 ? 60.0 : 0.0; };
-  for (const Surface& surface : {kFlat, cliff}) {
-    Scan scan(surface, 14, 300);
-    scan.spoilBlock(5, 3, 180, 60);
-    ASSERT_EQ(scan.wrong({std::vector<std::uint8_t>(scan.trueZone.size(), 0)}), scan.echoes.size());
-    const RefineResult r = refineEchoZones(scan.shots, scan.echoes);
-    EXPECT_EQ(scan.wrong(r), 0u);
-    EXPECT_EQ(r.moved, 180u);
-    EXPECT_EQ(r.markedNoise, 0u);
-    EXPECT_EQ(r.flag[5 * 300 + 200], kMovedZone);
+  for (const Surface& surface : {kFlat, cliff})
+    for (int lines : {1, 2}) {
+      Scan scan(surface, 14, 300);
+      scan.spoilBlock(5, lines, 180, 60);
+      ASSERT_EQ(scan.wrong({std::vector<std::uint8_t>(scan.trueZone.size(), 0)}),
+                scan.echoes.size());
+      const RefineResult r = refineEchoZones(scan.shots, scan.echoes);
+      EXPECT_EQ(scan.wrong(r), 0u) << lines;
+      EXPECT_EQ(r.moved, 60u * std::size_t(lines));
+      EXPECT_EQ(r.markedNoise, 0u);
+      EXPECT_EQ(r.flag[5 * 300 + 200], kMovedZone);
+    }
+}
+
+TEST(SurfaceFit, ARightLineAmongWrongOnesStays) {
+  // Lines 4 to 6 and 8 to 10 carry the same wrong block, line 7 between them is right: most
+  // lines around line 7 agree on the wrong surface, but the right lines 3 and 11 agree with
+  // line 7, so the place is contested and line 7 must not follow the majority.
+  Scan scan(kFlat, 15, 300);
+  scan.spoilBlock(4, 3, 180, 60);
+  scan.spoilBlock(8, 3, 180, 60);
+  const RefineResult r = refineEchoZones(scan.shots, scan.echoes);
+  for (int s = 180; s < 240; ++s)
+    EXPECT_EQ(r.zone[std::size_t(7 * 300 + s)], scan.trueZone[7 * 300]);
+  EXPECT_LE(scan.wrong(r), 360u);  // never more wrong than before
+}
+
+TEST(SurfaceFit, AWideWrongRunIsLeftToItsOwnSurface) {
+  // Five lines with the same block wrong fit each other: the lines at its middle see a
+  // surface on both sides of their zone and are not moved against it.
+  Scan scan(kFlat, 16, 300);
+  scan.spoilBlock(5, 5, 180, 60);
+  const RefineResult r = refineEchoZones(scan.shots, scan.echoes);
+  EXPECT_LE(scan.wrong(r), 300u);
+  for (std::size_t i = 0; i < scan.trueZone.size(); ++i) {
+    if (scan.echoes[i].zone == scan.trueZone[i]) {
+      EXPECT_EQ(r.zone[i], scan.trueZone[i]) << i;
+    }
   }
 }
 
@@ -149,6 +178,18 @@ TEST(SurfaceFit, EchoesAlreadyNoiseOrWithTooFewNeighboursAreLeftAlone) {
   EXPECT_EQ(r.moved, 0u);
   EXPECT_EQ(r.markedNoise, 0u);
   EXPECT_EQ(refineEchoZones(ShotTable{}, {}).zone.size(), 0u);
+}
+
+TEST(SurfaceFit, EchoesNamingNoShotOfTheTableAreLeftAlone) {
+  Scan scan(kFlat, 8, 300);
+  const std::size_t stray = scan.echoes.size();
+  scan.echoes.push_back({std::uint32_t(scan.shots.time.size() + 5), 500.0 / kLight, 0, false});
+  scan.echoes.push_back({3, std::nan(""), 0, false});
+  scan.trueZone.resize(scan.echoes.size(), 0);
+  const RefineResult r = refineEchoZones(scan.shots, scan.echoes);
+  EXPECT_EQ(r.flag[stray], kUntouched);
+  EXPECT_EQ(r.flag[stray + 1], kUntouched);
+  EXPECT_EQ(r.moved, 0u);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "support/SceneRun.hpp"
 
 #include <chrono>
+#include <ctime>
 #include <filesystem>
 #include <stdexcept>
 
@@ -15,12 +16,18 @@ double since(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
+double cpuSince(std::clock_t start) {
+  return double(std::clock() - start) / CLOCKS_PER_SEC;
+}
+
 void refineAndScore(Tessal::BundlePtr& bundle,
                     const std::vector<Vorlap::StrongPtr<Tessal::Grid>>& grids,
                     const std::vector<std::vector<quillo::sim::ScoredPoint>>& before,
                     quillo::sim::ZoneScorer& scorer, SceneResult& result) {
   const auto start = std::chrono::steady_clock::now();
+  const std::clock_t cpu = std::clock();
   result.refinement = FullWaveform::refineZones(bundle, grids);
+  result.refineCpuSeconds = cpuSince(cpu);
   result.refineSeconds = since(start);
   result.refined = true;
   for (std::size_t i = 0; i < grids.size(); ++i) {
@@ -38,7 +45,7 @@ void refineAndScore(Tessal::BundlePtr& bundle,
 }  // namespace
 
 SceneResult runScene(const quillo::sim::SurveyConfig& config, const std::string& folder,
-                     bool refine) {
+                     bool refine, const AfterRun& afterRun) {
   SceneResult result;
   const std::string input = (std::filesystem::path(folder) / "scene_210315_093000.kq").string();
   auto start = std::chrono::steady_clock::now();
@@ -55,7 +62,9 @@ SceneResult runScene(const quillo::sim::SurveyConfig& config, const std::string&
   std::vector<Vorlap::StrongPtr<Tessal::Grid>> grids;
   for (auto& out : outputs) grids.push_back((*out.create())[0.0]->makeGrid("FWF"));
   start = std::chrono::steady_clock::now();
+  const std::clock_t cpu = std::clock();
   result.runError = FullWaveform::Quillo<unsigned short>(bundle, grids[0], grids[1], in);
+  result.runCpuSeconds = cpuSince(cpu);
   result.runSeconds = since(start);
   const quillo::sim::SurveyTruth truth = quillo::sim::truthOf(bundle, input);
   quillo::sim::ZoneScorer scorer(truth);
@@ -66,6 +75,7 @@ SceneResult runScene(const quillo::sim::SurveyConfig& config, const std::string&
     scorer.add(points.back());
   }
   result.score = scorer.finish();
+  if (afterRun) afterRun(bundle, grids, scorer);
   if (refine) {
     quillo::sim::ZoneScorer again(truth);
     refineAndScore(bundle, grids, points, again, result);

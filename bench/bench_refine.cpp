@@ -1,0 +1,287 @@
+// The zone refinement alone, on stored arrays. `--dump DIR` runs scenes of sim/Scenes through
+// the module and stores, per scene, the arrays the refinement works on with each echo's true
+// zone and target (DIR/NAME.refine); given such files it refines them (best of --repeat runs)
+// and prints its time beside the module's, and the points it moved, fixed and broke.
+//   bench_refine --dump DIR [--small] [--shots N] [NAME-PART]
+//   bench_refine [--repeat N] [--broken] FILE...
+#include <algorithm>
+#include <cctype>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "output/PointGeometry.hpp"
+#include "refine/SurfaceFit.hpp"
+#include "sim/Scenes.hpp"
+#include "support/SceneRun.hpp"
+#include "support/TempDir.hpp"
+
+using namespace quillo::sim;
+using FullWaveform::RefineEcho;
+using FullWaveform::ShotTable;
+
+namespace {
+
+constexpr std::uint32_t kMagic = 0x51524631;  // "QRF1"
+constexpr std::int8_t kUntraced = -1;
+
+struct Stored {
+  ShotTable shots;
+  std::vector<RefineEcho> echoes;
+  std::vector<std::int8_t> trueZone;  // kUntraced where the echo traces to no truth
+  std::vector<std::uint8_t> target;
+  double runSeconds = 0.0;
+};
+
+template <class T>
+void put(std::ofstream& out, const T& v) {
+  out.write(reinterpret_cast<const char*>(&v), sizeof v);
+}
+template <class T>
+void putAll(std::ofstream& out, const std::vector<T>& v) {
+  out.write(reinterpret_cast<const char*>(v.data()), std::streamsize(v.size() * sizeof(T)));
+}
+template <class T>
+void get(std::ifstream& in, T& v) {
+  in.read(reinterpret_cast<char*>(&v), sizeof v);
+}
+template <class T>
+void getAll(std::ifstream& in, std::vector<T>& v, std::size_t n) {
+  v.resize(n);
+  in.read(reinterpret_cast<char*>(v.data()), std::streamsize(n * sizeof(T)));
+}
+
+bool save(const Stored& s, const std::string& file) {
+  std::ofstream out(file, std::ios::binary);
+  put(out, kMagic);
+  put(out, std::uint64_t(s.shots.time.size()));
+  put(out, std::uint64_t(s.echoes.size()));
+  put(out, s.shots.lightSpeed);
+  put(out, std::uint8_t(s.shots.radial));
+  put(out, s.runSeconds);
+  putAll(out, s.shots.time);
+  putAll(out, s.shots.origin);
+  putAll(out, s.shots.direction);
+  for (const RefineEcho& e : s.echoes) {
+    put(out, e.emitter);
+    put(out, e.oneWayTime);
+    put(out, e.zone);
+    put(out, std::uint8_t(e.noise));
+  }
+  putAll(out, s.trueZone);
+  putAll(out, s.target);
+  return bool(out);
+}
+
+bool load(const std::string& file, Stored& s) {
+  std::ifstream in(file, std::ios::binary);
+  std::uint32_t magic = 0;
+  std::uint64_t shots = 0, echoes = 0;
+  std::uint8_t radial = 0;
+  get(in, magic);
+  if (!in || magic != kMagic) return false;
+  get(in, shots), get(in, echoes), get(in, s.shots.lightSpeed), get(in, radial);
+  get(in, s.runSeconds);
+  s.shots.radial = radial != 0;
+  getAll(in, s.shots.time, shots);
+  getAll(in, s.shots.origin, shots);
+  getAll(in, s.shots.direction, shots);
+  s.echoes.resize(echoes);
+  for (RefineEcho& e : s.echoes) {
+    std::uint8_t noise = 0;
+    get(in, e.emitter), get(in, e.oneWayTime), get(in, e.zone), get(in, noise);
+    e.noise = noise != 0;
+  }
+  getAll(in, s.trueZone, echoes);
+  getAll(in, s.target, echoes);
+  return bool(in);
+}
+
+std::string fileName(std::string name) {
+  for (char& c : name)
+    if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
+  return name.substr(0, 40) + ".refine";
+}
+
+int dump(int argc, char** argv) {
+  const std::string dir = argv[2];
+  SceneSize size = SceneSize::Full;
+  std::uint64_t shots = 0;
+  std::string only;
+  for (int i = 3; i < argc; ++i) {
+    if (!std::strcmp(argv[i], "--small"))
+      size = SceneSize::Small;
+    else if (!std::strcmp(argv[i], "--shots") && i + 1 < argc)
+      shots = std::strtoull(argv[++i], nullptr, 10);
+    else
+      only = argv[i];
+  }
+  std::filesystem::create_directories(dir);
+  quillo::test::TempDir temp;
+  for (Scene& scene : zoneScenes(size)) {
+    if (!only.empty() && scene.name.find(only) == std::string::npos) continue;
+    if (shots) scene.config.shots = shots;
+    Stored s;
+    std::string error;
+    const auto keep = [&](Tessal::BundlePtr& input,
+                          const std::vector<Vorlap::StrongPtr<Tessal::Grid>>& outputs,
+                          const ZoneScorer& scorer) {
+      error = FullWaveform::refinementArrays(input, outputs, s.shots, s.echoes);
+      for (const RefineEcho& e : s.echoes) {
+        const ScoredPoint p{s.shots.time[e.emitter], e.oneWayTime * s.shots.lightSpeed, e.zone,
+                            std::uint8_t(e.noise ? 7 : 1)};
+        const TruthEcho* t = scorer.traceEcho(p);
+        s.trueZone.push_back(t ? std::int8_t(t->zone) : kUntraced);
+        s.target.push_back(t ? std::uint8_t(t->target) : std::uint8_t(0));
+      }
+    };
+    const auto result = quillo::test::runScene(scene.config, temp.path().string(), false, keep);
+    s.runSeconds = result.runSeconds;
+    const std::string file = (std::filesystem::path(dir) / fileName(scene.name)).string();
+    if (!error.empty() || !save(s, file)) {
+      std::fprintf(stderr, "%s: %s\n", scene.name.c_str(),
+                   error.empty() ? "cannot write" : error.c_str());
+      return 1;
+    }
+    std::printf("%-40s %9zu echoes, run %.1f s -> %s\n", scene.name.c_str(), s.echoes.size(),
+                result.runSeconds, file.c_str());
+    std::fflush(stdout);
+  }
+  return 0;
+}
+
+bool isOffSurface(std::uint8_t target) {
+  return Target(target) == Target::Bird || Target(target) == Target::Dust;
+}
+
+double scanAngle(const ShotTable& t, std::size_t s) {
+  const auto& d = t.direction[s];
+  double a = t.radial ? std::atan2(d.y, d.x) : std::atan2(d.x, d.z);
+  return a <= 0.0 ? a + 2 * 3.141592653589793 : a;
+}
+
+// Per broken echo: where it lies in its scan line, and how many echoes of the same scan
+// angle (+-0.3 degree) in the four lines either side were wrong before the refinement.
+void printBroken(const Stored& s, const FullWaveform::RefineResult& r) {
+  const std::size_t shots = s.shots.time.size();
+  std::vector<std::uint32_t> line(shots, 0), lineStart{0};
+  for (std::size_t k = 1; k < shots; ++k) {
+    const bool jump = std::abs(scanAngle(s.shots, k) - scanAngle(s.shots, k - 1)) > 0.785;
+    line[k] = line[k - 1] + jump;
+    if (jump) lineStart.push_back(std::uint32_t(k));
+  }
+  lineStart.push_back(std::uint32_t(shots));
+  std::vector<std::vector<std::uint32_t>> byShot(shots);
+  for (std::uint32_t i = 0; i < s.echoes.size(); ++i) byShot[s.echoes[i].emitter].push_back(i);
+  for (std::size_t i = 0; i < s.echoes.size(); ++i) {
+    if (s.trueZone[i] != s.echoes[i].zone || r.zone[i] == s.echoes[i].zone) continue;
+    const std::uint32_t e = s.echoes[i].emitter, l = line[e];
+    const double a = scanAngle(s.shots, e);
+    int around = 0, wrong = 0, wrongAfter = 0;
+    for (std::uint32_t m = l >= 4 ? l - 4 : 0; m <= l + 4 && m + 1 < lineStart.size(); ++m)
+      for (std::uint32_t k = lineStart[m]; k < lineStart[m + 1]; ++k)
+        if (m != l && std::abs(scanAngle(s.shots, k) - a) < 0.3 * 3.14159 / 180)
+          for (const std::uint32_t j : byShot[k]) {
+            if (s.echoes[j].noise) continue;
+            ++around;
+            wrong += s.trueZone[j] != s.echoes[j].zone;
+            wrongAfter += s.trueZone[j] != r.zone[j];
+          }
+    std::printf(
+        "  broken %zu shot %u line %u at %u of %u zone %d -> %d (%s) flag %d; around %d, wrong %d, "
+        "after %d\n",
+        i, e, l, e - lineStart[l], lineStart[l + 1] - lineStart[l], s.echoes[i].zone, r.zone[i],
+        targetName(Target(s.target[i])), r.flag[i], around, wrong, wrongAfter);
+  }
+}
+
+void report(const std::string& file, const Stored& s, const FullWaveform::RefineResult& r,
+            double seconds, double cpuSeconds) {
+  std::uint64_t right = 0, fixed = 0, broken = 0, notNoise = 0, wrongBefore = 0, wrongAfter = 0,
+                offSurface = 0, offMarked = 0, notNoiseBefore = 0;
+  for (std::size_t i = 0; i < s.echoes.size(); ++i) {
+    const bool wasRight = s.trueZone[i] == s.echoes[i].zone, isRight = s.trueZone[i] == r.zone[i];
+    const bool noise = s.echoes[i].noise || (r.flag[i] & FullWaveform::kMarkedNoise);
+    right += wasRight, fixed += !wasRight && isRight, broken += wasRight && !isRight;
+    notNoiseBefore += !s.echoes[i].noise, wrongBefore += !s.echoes[i].noise && !wasRight;
+    notNoise += !noise, wrongAfter += !noise && !isRight;
+    if (s.trueZone[i] != kUntraced && isOffSurface(s.target[i])) ++offSurface, offMarked += noise;
+  }
+  std::printf(
+      "%-40s wrong/!7 %.3f %% -> %.3f %%  moved %llu fixed %llu broken %llu (%.2f per 100,000)  "
+      "noise %llu (off-surface %.1f %%)  refine %.2f s (cpu %.2f s) / run %.1f s\n",
+      std::filesystem::path(file).stem().c_str(),
+      100.0 * double(wrongBefore) / double(notNoiseBefore),
+      100.0 * double(wrongAfter) / double(notNoise), (unsigned long long)r.moved,
+      (unsigned long long)fixed, (unsigned long long)broken, 1e5 * double(broken) / double(right),
+      (unsigned long long)r.markedNoise,
+      offSurface ? 100.0 * double(offMarked) / double(offSurface) : 0.0, seconds, cpuSeconds,
+      s.runSeconds);
+  std::fflush(stdout);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc >= 3 && !std::strcmp(argv[1], "--dump")) return dump(argc, argv);
+  int repeat = 1;
+  bool broken = false;
+  FullWaveform::RefineSettings settings;
+  std::vector<std::string> files;
+  for (int i = 1; i < argc; ++i) {
+    if (!std::strcmp(argv[i], "--repeat") && i + 1 < argc)
+      repeat = std::max(1, std::atoi(argv[++i]));
+    else if (!std::strcmp(argv[i], "--set") && i + 2 < argc) {
+      const std::string name = argv[++i];
+      const double value = std::atof(argv[++i]);
+      if (name == "offShare")
+        settings.offShare = value;
+      else if (name == "onShare")
+        settings.onShare = value;
+      else if (name == "moveMargin")
+        settings.moveMargin = int(value);
+      else if (name == "contestedMiss")
+        settings.contestedMiss = int(value);
+      else if (name == "iterations")
+        settings.iterations = int(value);
+      else
+        return std::fprintf(stderr, "unknown setting %s\n", name.c_str()), 2;
+    } else if (!std::strcmp(argv[i], "--broken"))
+      broken = true;
+    else
+      files.push_back(argv[i]);
+  }
+  if (files.empty()) {
+    std::fprintf(stderr,
+                 "usage: bench_refine --dump DIR [--small] [--shots N] [NAME-PART]\n"
+                 "       bench_refine [--repeat N] [--broken] FILE...\n");
+    return 2;
+  }
+  for (const std::string& file : files) {
+    Stored s;
+    if (!load(file, s)) {
+      std::fprintf(stderr, "%s: not a stored refinement input\n", file.c_str());
+      return 1;
+    }
+    FullWaveform::RefineResult r;
+    double best = 1e30, bestCpu = 1e30;
+    for (int k = 0; k < repeat; ++k) {
+      const auto start = std::chrono::steady_clock::now();
+      const std::clock_t cpu = std::clock();
+      r = FullWaveform::refineEchoZones(s.shots, s.echoes, settings);
+      bestCpu = std::min(bestCpu, double(std::clock() - cpu) / CLOCKS_PER_SEC);
+      best = std::min(
+          best, std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+    }
+    report(file, s, r, best, bestCpu);
+    if (broken) printBroken(s, r);
+  }
+  return 0;
+}
