@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <map>
@@ -22,6 +23,8 @@ namespace Tessal {
 namespace {
 
 using kq::Hid;
+
+constexpr std::chrono::milliseconds kCollectInterval{100};
 
 // Stands for a fragment a streaming save has written and let go: its type and extents stay
 // known, its data is in the file.
@@ -96,6 +99,18 @@ class Writer {
   }
 
   const std::string& error() const { return error_; }
+
+  // Whether the bundle's fields differ from those of the last call.
+  bool fieldsChanged(const Bundle& bundle) {
+    std::vector<const Field*> fields;
+    for (const auto& [time, slice] : bundle.slices())
+      for (const auto& grid : slice->grids())
+        for (const auto& rep : grid->representations())
+          for (const auto& entry : rep->fields()) fields.push_back(entry.field.get());
+    if (fields == knownFields_) return false;
+    knownFields_ = std::move(fields);
+    return true;
+  }
 
  private:
   bool fail(const std::string& what) {
@@ -208,6 +223,7 @@ class Writer {
   FragmentChangeCursor changes_;   // how far the streaming passes have looked
   std::map<std::string, Hid> fragmentGroups_;
   bool groupsOnly_ = false;
+  std::vector<const Field*> knownFields_;
   std::string error_;
 };
 
@@ -345,6 +361,7 @@ struct StreamingSave::State {
   kq::Hid file;
   std::unique_ptr<Writer> writer;
   bool finished = false;
+  std::chrono::steady_clock::time_point lastCollect{};
 
   std::string failure() const { return "cannot save " + fileName + ": " + error; }
 };
@@ -378,9 +395,18 @@ std::string StreamingSave::write() {
   State& s = *state_;
   if (s.error.empty() && s.bundle.isEmpty()) s.error = "no bundle";
   if (!s.error.empty()) return s.failure();
-  if (!s.writer->structure(*s.bundle.get(), true) || !s.writer->heldFragments())
+  // The groups are made again only when fields were added since the last pass: a walk
+  // through HDF5 per pass cost more than a small fragment's datasets.
+  const bool newFields = s.writer->fieldsChanged(*s.bundle.get());
+  if ((newFields && !s.writer->structure(*s.bundle.get(), true)) || !s.writer->heldFragments())
     s.error = s.writer->error();
-  H5garbage_collect();  // HDF5's free lists would otherwise grow with every fragment written
+  // HDF5's free lists would otherwise grow with every fragment written; collecting them walks
+  // them all, so not after every one of thousands of small fragments.
+  const auto now = std::chrono::steady_clock::now();
+  if (now - s.lastCollect >= kCollectInterval) {
+    H5garbage_collect();
+    s.lastCollect = now;
+  }
   return s.error.empty() ? "" : s.failure();
 }
 
