@@ -241,24 +241,34 @@ std::vector<hsize_t> storedShape(const MemBase& data) {
 
 // A fragment's array cut into chunks of whole rows of about a million numbers, each shuffled
 // and deflated. Made without any HDF5 call, so it may be made on any thread.
+// Arrays up to this size are stored compact, in the dataset's object header: no chunk, no
+// filters, written with the header. Creating a chunked dataset and storing its chunk costs
+// more than deflate saves on a few kilobytes.
+constexpr std::size_t kCompactBytes = 8 * 1024;
+
 struct EncodedDataset {
   ElementType type;
   unsigned rank;
   std::vector<hsize_t> dims, chunk;  // chunk: rows per chunk, then the full other extents
   std::vector<std::vector<unsigned char>> chunks;
+  std::vector<unsigned char> compact;  // the values of a compact dataset
 };
 
 EncodedDataset encodeDataset(const MemBase& data) {
-  EncodedDataset e{data.elementType(), data.rank(), storedShape(data), {}, {}};
+  EncodedDataset e{data.elementType(), data.rank(), storedShape(data), {}, {}, {}};
   std::size_t total = 1;
   for (auto d : e.dims) total *= d;
   if (total == 0) return e;
-  const std::size_t perRow = total / e.dims[0];
-  e.chunk = e.dims;
-  e.chunk[0] = std::min<hsize_t>(e.dims[0], std::max<hsize_t>(1, (1u << 20) / perRow));
   const std::size_t component = elementBytes(e.type) / componentCount(e.type);
   std::vector<unsigned char> raw(total * component);
   data.copyOut(raw.data());
+  if (raw.size() <= kCompactBytes) {
+    e.compact = std::move(raw);
+    return e;
+  }
+  const std::size_t perRow = total / e.dims[0];
+  e.chunk = e.dims;
+  e.chunk[0] = std::min<hsize_t>(e.dims[0], std::max<hsize_t>(1, (1u << 20) / perRow));
   const std::size_t rowBytes = perRow * component, chunkBytes = e.chunk[0] * rowBytes;
   std::vector<unsigned char> edge;
   for (std::size_t row = 0; row < e.dims[0]; row += e.chunk[0]) {
@@ -280,7 +290,9 @@ bool writeEncodedDataset(hid_t parent, const std::string& name, const EncodedDat
   Hid space(H5Screate_simple(int(e.dims.size()), e.dims.data(), nullptr), H5Sclose);
   Hid props(H5Pcreate(H5P_DATASET_CREATE), H5Pclose);
   H5Pset_obj_track_times(props.get(), 0);  // same content, same bytes
-  if (!e.chunks.empty()) {
+  if (!e.compact.empty()) {
+    H5Pset_layout(props.get(), H5D_COMPACT);
+  } else if (!e.chunks.empty()) {
     H5Pset_chunk(props.get(), int(e.chunk.size()), e.chunk.data());
     H5Pset_shuffle(props.get());
     H5Pset_deflate(props.get(), kq::kDeflateLevel);
@@ -295,6 +307,9 @@ bool writeEncodedDataset(hid_t parent, const std::string& name, const EncodedDat
   meta.setAttribute("rank", Vorlap::makeChunk<int>({int(e.rank)}));
   std::string ignored;
   if (!kq::writeAttributes(set.get(), meta, ignored)) return false;
+  if (!e.compact.empty() &&
+      H5Dwrite(set.get(), type, H5S_ALL, H5S_ALL, H5P_DEFAULT, e.compact.data()) < 0)
+    return false;
   std::vector<hsize_t> offset(e.dims.size(), 0);
   for (const auto& bytes : e.chunks) {
     if (H5Dwrite_chunk(set.get(), H5P_DEFAULT, 0, offset.data(), bytes.size(), bytes.data()) < 0)
