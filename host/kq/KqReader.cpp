@@ -151,11 +151,13 @@ Vorlap::StrongPtr<MemBase> FileCreator::read(hid_t set) {
     result = array;
   };
   const auto& extents = shape_.extents;
+  // Every element is read over at once (or the array dropped): nothing to initialise.
   if (extents.size() == 2)
     fill(Vorlap::makeStrong<MemArray<2, T>>(
-        typename MemArray<2, T>::Extents{extents[0], extents[1]}));
+        typename MemArray<2, T>::Extents{extents[0], extents[1]}, Uninitialised{}));
   else
-    fill(Vorlap::makeStrong<MemArray<1, T>>(extents[0]));
+    fill(Vorlap::makeStrong<MemArray<1, T>>(typename MemArray<1, T>::Extents{extents[0]},
+                                            Uninitialised{}));
   return result;
 }
 
