@@ -112,7 +112,7 @@ class FileCreator final : public CreativeArrayBase {
   LinkedObject link_;
   std::string path_;  // for messages
   mutable DatasetShape shape_;
-  mutable bool described_ = false;
+  mutable bool described_ = false, unreadable_ = false;
   mutable std::string problem_;  // why the dataset cannot be read, when known
 };
 
@@ -122,7 +122,8 @@ const DatasetShape& FileCreator::shape() const {
   described_ = true;
   Hid set = openDataset(*group_, link_);
   problem_ = set.ok() ? describeDataset(set.get(), shape_) : "missing dataset";
-  if (!problem_.empty()) {
+  unreadable_ = !problem_.empty();
+  if (unreadable_) {
     shape_ = DatasetShape{};
     Vorlap::Console() << group_->file->name << ": cannot read " << path_ << ": " << problem_;
   }
@@ -163,7 +164,7 @@ Vorlap::StrongPtr<MemBase> FileCreator::read(hid_t set) {
 
 Vorlap::StrongPtr<MemBase> FileCreator::produce() {
   std::lock_guard<std::recursive_mutex> lock(kq::hdf5Mutex());
-  if (shape(); !problem_.empty()) return {};  // said when it was found
+  if (shape(); unreadable_) return {};  // said when it was found
   Hid set = openDataset(*group_, link_);
   Vorlap::StrongPtr<MemBase> data;
   try {
