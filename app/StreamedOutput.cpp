@@ -15,6 +15,8 @@ namespace schema = Tessal::schema;
 
 namespace {
 
+constexpr std::chrono::milliseconds kTrimInterval{100};
+
 class Timer {
  public:
   explicit Timer(double& total) : total_(total) {}
@@ -69,11 +71,16 @@ void StreamingProgress::report(const std::string& text, unsigned current, unsign
   bar_->report(text, current, end);
   for (StreamedOutput* output : outputs_) output->writeFinished();
   // A fragment's arrays are freed by now; hand the pages back rather than let the heap's
-  // high-water mark creep up with every fragment. Not while worker threads run: a trim walks
-  // their heaps too, under their locks, and they fault the same pages in again for their next
-  // fragment (on the demo survey 2 s of the writer's CPU and as much again on the workers,
-  // for about 5 % less peak memory).
-  if (trimHeap_) malloc_trim(0);
+  // high-water mark creep up with every fragment. A trim walks the whole heap and costs
+  // more than a fragment of a few hundred shots takes, so it runs at most every so often, and
+  // not while worker threads run: it walks their heaps too, under their locks, and they fault
+  // the same pages in again for their next fragment (on the demo survey 2 s of the writer's CPU
+  // and as much again on the workers, for about 5 % less peak memory).
+  if (!trimHeap_) return;
+  const auto now = std::chrono::steady_clock::now();
+  if (now - lastTrim_ < kTrimInterval) return;
+  malloc_trim(0);
+  lastTrim_ = now;
 }
 
 }  // namespace quillo::cli

@@ -5,6 +5,7 @@
 // an output of a failed run leaves no file.
 #pragma once
 
+#include <chrono>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -55,6 +56,7 @@ class StreamingProgress : public Vorlap::ProgressSink {
   Vorlap::StrongPtr<ProgressBar> bar_;
   std::vector<StreamedOutput*> outputs_;
   bool trimHeap_;
+  std::chrono::steady_clock::time_point lastTrim_{};
 };
 
 }  // namespace quillo::cli

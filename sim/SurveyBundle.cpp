@@ -37,7 +37,8 @@ class FragmentCache {
       auto next = std::make_shared<CachedFragment>();
       next->data = simulateFragment(survey_, fragment);
       next->samples = Vorlap::makeStrong<Tessal::DataBlock<std::uint16_t>>();
-      next->samples->values = std::move(next->data.samples);
+      next->samples->values.assign(next->data.samples.begin(), next->data.samples.end());
+      std::vector<std::uint16_t>().swap(next->data.samples);
       cached_ = std::move(next);
       fragment_ = fragment;
       if (progress_) progress_(fragment + 1, survey_.fragmentCount());

@@ -75,18 +75,30 @@ Hid openDataset(const FragmentGroup& group, const LinkedObject& link) {
   return object.ok() && H5Iget_type(object.get()) == H5I_DATASET ? std::move(object) : Hid();
 }
 
+// What a fragment's dataset holds, as far as the structure tells.
+struct DatasetShape {
+  ElementType type = ElementType::Double;
+  std::vector<std::size_t> extents{0};
+  bool convert = false;  // stored as another number type
+};
+
+std::string describeDataset(hid_t set, DatasetShape& shape);
+
 class FileCreator final : public CreativeArrayBase {
  public:
+  // A fragment whose dataset was checked when the file was loaded.
   FileCreator(Vorlap::StrongPtr<FragmentGroup> group, LinkedObject link, std::string path,
-              ElementType type, std::vector<std::size_t> extents, bool convert)
+              DatasetShape shape)
       : group_(std::move(group)),
         link_(std::move(link)),
         path_(std::move(path)),
-        type_(type),
-        extents_(std::move(extents)),
-        convert_(convert) {}
-  ElementType elementType() const override { return type_; }
-  std::vector<std::size_t> extents() const override { return extents_; }
+        shape_(std::move(shape)),
+        described_(true) {}
+  // A fragment whose dataset is opened and checked when first asked about.
+  FileCreator(Vorlap::StrongPtr<FragmentGroup> group, LinkedObject link, std::string path)
+      : group_(std::move(group)), link_(std::move(link)), path_(std::move(path)) {}
+  ElementType elementType() const override { return shape().type; }
+  std::vector<std::size_t> extents() const override { return shape().extents; }
 
  protected:
   Vorlap::StrongPtr<MemBase> produce() override;
@@ -94,52 +106,71 @@ class FileCreator final : public CreativeArrayBase {
  private:
   template <class T>
   Vorlap::StrongPtr<MemBase> read(hid_t set);
+  const DatasetShape& shape() const;
 
   Vorlap::StrongPtr<FragmentGroup> group_;
   LinkedObject link_;
   std::string path_;  // for messages
-  ElementType type_;
-  std::vector<std::size_t> extents_;
-  bool convert_;         // stored as another number type
-  std::string problem_;  // why the last read gave nothing, when known
+  mutable DatasetShape shape_;
+  mutable bool described_ = false, unreadable_ = false;
+  mutable std::string problem_;  // why the dataset cannot be read, when known
 };
+
+const DatasetShape& FileCreator::shape() const {
+  if (described_) return shape_;
+  std::lock_guard<std::recursive_mutex> lock(kq::hdf5Mutex());
+  described_ = true;
+  Hid set = openDataset(*group_, link_);
+  problem_ = set.ok() ? describeDataset(set.get(), shape_) : "missing dataset";
+  unreadable_ = !problem_.empty();
+  if (unreadable_) {
+    shape_ = DatasetShape{};
+    Vorlap::Console() << group_->file->name << ": cannot read " << path_ << ": " << problem_;
+  }
+  return shape_;
+}
 
 template <class T>
 Vorlap::StrongPtr<MemBase> FileCreator::read(hid_t set) {
   Vorlap::StrongPtr<MemBase> result;
   auto fill = [&](auto array) {
-    if (convert_) {
-      const std::string problem = kq::readConverted(set, type_, array->contiguousData(),
-                                                    array->size() * componentCount(type_));
+    const ElementType type = shape_.type;
+    if (shape_.convert) {
+      const std::string problem = kq::readConverted(set, type, array->contiguousData(),
+                                                    array->size() * componentCount(type));
       if (!problem.empty()) {
-        problem_ = problem + " " + elementTypeName(type_);
+        problem_ = problem + " " + elementTypeName(type);
         return;
       }
     } else if (array->size() &&
-               !kq::readChunksDirectly(set, kq::nativeTypeOf(type_), array->contiguousData(),
-                                       array->size() * elementBytes(type_)) &&
-               H5Dread(set, kq::nativeTypeOf(type_), H5S_ALL, H5S_ALL, H5P_DEFAULT,
+               !kq::readChunksDirectly(set, kq::nativeTypeOf(type), array->contiguousData(),
+                                       array->size() * elementBytes(type)) &&
+               H5Dread(set, kq::nativeTypeOf(type), H5S_ALL, H5S_ALL, H5P_DEFAULT,
                        array->contiguousData()) < 0) {
       return;
     }
     result = array;
   };
-  if (extents_.size() == 2)
+  const auto& extents = shape_.extents;
+  // Every element is read over at once (or the array dropped): nothing to initialise.
+  if (extents.size() == 2)
     fill(Vorlap::makeStrong<MemArray<2, T>>(
-        typename MemArray<2, T>::Extents{extents_[0], extents_[1]}));
+        typename MemArray<2, T>::Extents{extents[0], extents[1]}, Uninitialised{}));
   else
-    fill(Vorlap::makeStrong<MemArray<1, T>>(extents_[0]));
+    fill(Vorlap::makeStrong<MemArray<1, T>>(typename MemArray<1, T>::Extents{extents[0]},
+                                            Uninitialised{}));
   return result;
 }
 
 Vorlap::StrongPtr<MemBase> FileCreator::produce() {
   std::lock_guard<std::recursive_mutex> lock(kq::hdf5Mutex());
+  if (shape(); unreadable_) return {};  // said when it was found
   Hid set = openDataset(*group_, link_);
   Vorlap::StrongPtr<MemBase> data;
   try {
     if (set.ok()) {
       using namespace Gemwold::PhysicalSpace;
-      switch (type_) {
+      switch (shape_.type) {
         case ElementType::Int8:
           data = read<std::int8_t>(set.get());
           break;
@@ -190,7 +221,8 @@ Vorlap::StrongPtr<MemBase> FileCreator::produce() {
 // Walks the file's groups, building grids into a bundle of its own.
 class Reader {
  public:
-  Reader(Vorlap::StrongPtr<KqFile> file) : file_(std::move(file)) {}
+  Reader(Vorlap::StrongPtr<KqFile> file, bool deferFragments)
+      : file_(std::move(file)), deferFragments_(deferFragments) {}
 
   bool read(Bundle& into) {
     std::string error;
@@ -311,10 +343,9 @@ class Reader {
 
   bool readFragment(const Vorlap::StrongPtr<FragmentGroup>& group, const LinkedObject& link,
                     const std::string& path, const std::string& name, Field& field);
-  bool readElementType(const std::string& path, const Vorlap::Attributes& meta, ElementType& type);
-  bool readRank(const std::string& path, const Vorlap::Attributes& meta, int& rank);
 
   Vorlap::StrongPtr<KqFile> file_;
+  bool deferFragments_;
   std::string error_, where_;
 };
 
@@ -322,89 +353,101 @@ constexpr const char* kElementTypes =
     "int8, uint8, int16, uint16, int32, uint32, int64, uint64, float32, float64, point3, "
     "vector3";
 
-bool Reader::readElementType(const std::string& path, const Vorlap::Attributes& meta,
-                             ElementType& type) {
+std::string readElementType(const Vorlap::Attributes& meta, ElementType& type) {
   std::string name;
   switch (kq::singleText(meta, "element_type", name)) {
     case kq::Single::Ok:
       break;
     case kq::Single::Missing:
-      return fail(path,
-                  std::string("missing attribute \"element_type\" (one of ") + kElementTypes + ")");
+      return std::string("missing attribute \"element_type\" (one of ") + kElementTypes + ")";
     default:
-      return fail(path, "attribute \"element_type\" must be one text");
+      return "attribute \"element_type\" must be one text";
   }
   if (!elementTypeFromName(name, type))
-    return fail(path, "unknown element type \"" + name + "\" (one of " + kElementTypes + ")");
-  return true;
+    return "unknown element type \"" + name + "\" (one of " + kElementTypes + ")";
+  return "";
 }
 
-bool Reader::readRank(const std::string& path, const Vorlap::Attributes& meta, int& rank) {
+std::string readRank(const Vorlap::Attributes& meta, int& rank) {
   long long value = 0;
   switch (kq::singleInteger(meta, "rank", value)) {
     case kq::Single::Ok:
       break;
     case kq::Single::Missing:
-      return fail(path, "missing attribute \"rank\" (1, or 2 for rows of samples)");
+      return "missing attribute \"rank\" (1, or 2 for rows of samples)";
     default:
-      return fail(path, "attribute \"rank\" must be one whole number, 1 or 2");
+      return "attribute \"rank\" must be one whole number, 1 or 2";
   }
-  if (value != 1 && value != 2)
-    return fail(path, "rank must be 1 or 2, is " + std::to_string(value));
+  if (value != 1 && value != 2) return "rank must be 1 or 2, is " + std::to_string(value);
   rank = static_cast<int>(value);
-  return true;
+  return "";
 }
 
-bool Reader::readFragment(const Vorlap::StrongPtr<FragmentGroup>& group, const LinkedObject& link,
-                          const std::string& path, const std::string& name, Field& field) {
-  Hid set = openDataset(*group, link);
-  if (!set.ok()) return fail(path, "missing dataset");
-  Vorlap::Attributes meta;
-  std::string error;
-  if (!kq::readAttributes(set.get(), meta, error)) return fail(path, error);
-  ElementType type;
-  int rank = 0;
-  if (!readElementType(path, meta, type) || !readRank(path, meta, rank)) return false;
-  // Other number types are converted when the values are read; a value that does not fit
-  // refuses the fragment then.
-  Hid stored(H5Dget_type(set.get()), H5Tclose);
-  const bool exact = stored.ok() && kq::storedTypeMatches(stored.get(), type);
-  if (!exact && !(stored.ok() && kq::convertibleType(stored.get())))
-    return fail(path, std::string("stored values are not of type ") + elementTypeName(type) +
-                          " but " + kq::describeType(stored.get()) + " (store integers or floats)");
-  Hid space(H5Dget_space(set.get()), H5Sclose);
+// The extents (first extent varying fastest) of a dataset of `rank` holding `type`.
+std::string readExtents(hid_t set, ElementType type, int rank, std::vector<std::size_t>& out) {
+  Hid space(H5Dget_space(set), H5Sclose);
   const bool triple = componentCount(type) == 3;
   const int expectedDims = rank + (triple ? 1 : 0);
   hsize_t dims[3] = {0, 0, 0};
   if (H5Sget_simple_extent_ndims(space.get()) != expectedDims)
-    return fail(path, "shape does not match its rank");
+    return "shape does not match its rank";
   H5Sget_simple_extent_dims(space.get(), dims, nullptr);
-  if (triple && dims[expectedDims - 1] != 3)
-    return fail(path, "points and vectors need 3 components");
+  if (triple && dims[expectedDims - 1] != 3) return "points and vectors need 3 components";
   std::uint64_t total = 1;
   for (int d = 0; d < rank; ++d) {
-    if (dims[d] > kMaxFragmentElements) return fail(path, "declares an absurd number of elements");
+    if (dims[d] > kMaxFragmentElements) return "declares an absurd number of elements";
     total *= dims[d];
   }
-  if (total > kMaxFragmentElements) return fail(path, "declares an absurd number of elements");
+  if (total > kMaxFragmentElements) return "declares an absurd number of elements";
   // Unwritten chunks read as fill values: a fragment declaring far more data than the file
   // stores for it would only exhaust the memory when asked for.
   const std::uint64_t bytes = total * elementBytes(type);
-  const std::uint64_t storedBytes = H5Dget_storage_size(set.get());
+  const std::uint64_t storedBytes = H5Dget_storage_size(set);
   if (bytes > kStorageSlack + kMaxCompressionRatio * storedBytes)
-    return fail(path, "declares " + std::to_string(total) + " elements but stores only " +
-                          std::to_string(storedBytes) + " bytes");
-  std::vector<std::size_t> extents;
+    return "declares " + std::to_string(total) + " elements but stores only " +
+           std::to_string(storedBytes) + " bytes";
   if (rank == 2)
-    extents = {std::size_t(dims[1]), std::size_t(dims[0])};
+    out = {std::size_t(dims[1]), std::size_t(dims[0])};
   else
-    extents = {std::size_t(dims[0])};
+    out = {std::size_t(dims[0])};
+  return "";
+}
+
+std::string describeDataset(hid_t set, DatasetShape& shape) {
+  Vorlap::Attributes meta;
+  std::string error;
+  if (!kq::readAttributes(set, meta, error)) return error;
+  int rank = 0;
+  if (error = readElementType(meta, shape.type); !error.empty()) return error;
+  if (error = readRank(meta, rank); !error.empty()) return error;
+  // Other number types are converted when the values are read; a value that does not fit
+  // refuses the fragment then.
+  Hid stored(H5Dget_type(set), H5Tclose);
+  const bool exact = stored.ok() && kq::storedTypeMatches(stored.get(), shape.type);
+  if (!exact && !(stored.ok() && kq::convertibleType(stored.get())))
+    return std::string("stored values are not of type ") + elementTypeName(shape.type) + " but " +
+           kq::describeType(stored.get()) + " (store integers or floats)";
+  shape.convert = !exact;
+  return readExtents(set, shape.type, rank, shape.extents);
+}
+
+bool Reader::readFragment(const Vorlap::StrongPtr<FragmentGroup>& group, const LinkedObject& link,
+                          const std::string& path, const std::string& name, Field& field) {
   auto id = field.makeFragmentID(name);
-  field.setCreator(id, Vorlap::makeStrong<FileCreator>(group, link, path, type, extents, !exact));
+  if (deferFragments_) {
+    field.setCreator(id, Vorlap::makeStrong<FileCreator>(group, link, path));
+    return true;
+  }
+  Hid set = openDataset(*group, link);
+  if (!set.ok()) return fail(path, "missing dataset");
+  DatasetShape shape;
+  if (const std::string problem = describeDataset(set.get(), shape); !problem.empty())
+    return fail(path, problem);
+  field.setCreator(id, Vorlap::makeStrong<FileCreator>(group, link, path, std::move(shape)));
   return true;
 }
 
-bool loadFile(const std::string& fileName, Bundle& into) {
+bool loadFile(const std::string& fileName, bool deferFragments, Bundle& into) {
   std::error_code ec;
   if (!std::filesystem::is_regular_file(fileName, ec)) {
     Vorlap::Console() << fileName << ": cannot load: no such file";
@@ -428,7 +471,7 @@ bool loadFile(const std::string& fileName, Bundle& into) {
     return false;
   }
   Bundle staged;
-  Reader reader(file);
+  Reader reader(file, deferFragments);
   if (!reader.read(staged)) {
     Vorlap::Console() << fileName << ": cannot load " << reader.where() << ": " << reader.error();
     return false;
@@ -443,7 +486,7 @@ bool loadFile(const std::string& fileName, Bundle& into) {
 void Bundle::load(bool& success, const LoaderParameters& parameters, BundlePtr& bundle) {
   success = !parameters.fileNames().empty();
   for (const auto& name : parameters.fileNames())
-    if (!loadFile(name, *bundle.create())) success = false;
+    if (!loadFile(name, parameters.fragmentsDeferred(), *bundle.create())) success = false;
 }
 
 }  // namespace Tessal

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <map>
@@ -24,6 +25,8 @@ namespace Tessal {
 namespace {
 
 using kq::Hid;
+
+constexpr std::chrono::milliseconds kCollectInterval{100};
 
 // Stands for a fragment a streaming save has written and let go: its type and extents stay
 // known, its data is in the file.
@@ -98,6 +101,18 @@ class Writer {
   }
 
   const std::string& error() const { return error_; }
+
+  // Whether the bundle's fields differ from those of the last call.
+  bool fieldsChanged(const Bundle& bundle) {
+    std::vector<const Field*> fields;
+    for (const auto& [time, slice] : bundle.slices())
+      for (const auto& grid : slice->grids())
+        for (const auto& rep : grid->representations())
+          for (const auto& entry : rep->fields()) fields.push_back(entry.field.get());
+    if (fields == knownFields_) return false;
+    knownFields_ = std::move(fields);
+    return true;
+  }
 
  private:
   bool fail(const std::string& what) {
@@ -210,6 +225,7 @@ class Writer {
   FragmentChangeCursor changes_;   // how far the streaming passes have looked
   std::map<std::string, Hid> fragmentGroups_;
   bool groupsOnly_ = false;
+  std::vector<const Field*> knownFields_;
   std::string error_;
 };
 
@@ -229,18 +245,30 @@ std::vector<hsize_t> storedShape(const MemBase& data) {
 // and deflated. Made without any HDF5 call, so it may be made on any thread.
 using EncodedDataset = EncodedArray;
 static_assert(std::is_same_v<hsize_t, unsigned long long>, "dims pass to HDF5 as they are");
+// Arrays up to this size are stored compact, in the dataset's object header: no chunk, no
+// filters, written with the header. Creating a chunked dataset and storing its chunk costs
+// more than deflate saves on a few kilobytes.
+constexpr std::size_t kCompactBytes = 8 * 1024;
 
 EncodedDataset encodeDataset(const MemBase& data) {
-  EncodedDataset e{data.elementType(), data.rank(), storedShape(data), {}, {}};
+  EncodedDataset e;
+  e.type = data.elementType();
+  e.rank = data.rank();
+  e.dims = storedShape(data);
   std::size_t total = 1;
   for (auto d : e.dims) total *= d;
   if (total == 0) return e;
-  const std::size_t perRow = total / e.dims[0];
-  e.chunk = e.dims;
-  e.chunk[0] = std::min<hsize_t>(e.dims[0], std::max<hsize_t>(1, (1u << 20) / perRow));
   const std::size_t component = elementBytes(e.type) / componentCount(e.type);
   std::vector<unsigned char> raw(total * component);
   data.copyOut(raw.data());
+  if (raw.size() <= kCompactBytes) {
+    e.compact = true;
+    e.chunks.push_back(std::move(raw));
+    return e;
+  }
+  const std::size_t perRow = total / e.dims[0];
+  e.chunk = e.dims;
+  e.chunk[0] = std::min<hsize_t>(e.dims[0], std::max<hsize_t>(1, (1u << 20) / perRow));
   const std::size_t rowBytes = perRow * component, chunkBytes = e.chunk[0] * rowBytes;
   std::vector<unsigned char> edge;
   for (std::size_t row = 0; row < e.dims[0]; row += e.chunk[0]) {
@@ -262,7 +290,9 @@ bool writeEncodedDataset(hid_t parent, const std::string& name, const EncodedDat
   Hid space(H5Screate_simple(int(e.dims.size()), e.dims.data(), nullptr), H5Sclose);
   Hid props(H5Pcreate(H5P_DATASET_CREATE), H5Pclose);
   H5Pset_obj_track_times(props.get(), 0);  // same content, same bytes
-  if (!e.chunks.empty()) {
+  if (e.compact) {
+    H5Pset_layout(props.get(), H5D_COMPACT);
+  } else if (!e.chunks.empty()) {
     H5Pset_chunk(props.get(), int(e.chunk.size()), e.chunk.data());
     H5Pset_shuffle(props.get());
     H5Pset_deflate(props.get(), kq::kDeflateLevel);
@@ -277,6 +307,8 @@ bool writeEncodedDataset(hid_t parent, const std::string& name, const EncodedDat
   meta.setAttribute("rank", Vorlap::makeChunk<int>({int(e.rank)}));
   std::string ignored;
   if (!kq::writeAttributes(set.get(), meta, ignored)) return false;
+  if (e.compact)
+    return H5Dwrite(set.get(), type, H5S_ALL, H5S_ALL, H5P_DEFAULT, e.chunks.front().data()) >= 0;
   std::vector<hsize_t> offset(e.dims.size(), 0);
   for (const auto& bytes : e.chunks) {
     if (H5Dwrite_chunk(set.get(), H5P_DEFAULT, 0, offset.data(), bytes.size(), bytes.data()) < 0)
@@ -354,6 +386,7 @@ struct StreamingSave::State {
   kq::Hid file;
   std::unique_ptr<Writer> writer;
   bool finished = false;
+  std::chrono::steady_clock::time_point lastCollect{};
 
   std::string failure() const { return "cannot save " + fileName + ": " + error; }
 };
@@ -387,9 +420,18 @@ std::string StreamingSave::write() {
   State& s = *state_;
   if (s.error.empty() && s.bundle.isEmpty()) s.error = "no bundle";
   if (!s.error.empty()) return s.failure();
-  if (!s.writer->structure(*s.bundle.get(), true) || !s.writer->heldFragments())
+  // The groups are made again only when fields were added since the last pass: a walk
+  // through HDF5 per pass cost more than a small fragment's datasets.
+  const bool newFields = s.writer->fieldsChanged(*s.bundle.get());
+  if ((newFields && !s.writer->structure(*s.bundle.get(), true)) || !s.writer->heldFragments())
     s.error = s.writer->error();
-  H5garbage_collect();  // HDF5's free lists would otherwise grow with every fragment written
+  // HDF5's free lists would otherwise grow with every fragment written; collecting them walks
+  // them all, so not after every one of thousands of small fragments.
+  const auto now = std::chrono::steady_clock::now();
+  if (now - s.lastCollect >= kCollectInterval) {
+    H5garbage_collect();
+    s.lastCollect = now;
+  }
   return s.error.empty() ? "" : s.failure();
 }
 

@@ -34,8 +34,18 @@ class LoaderParameters {
   explicit LoaderParameters(std::vector<std::string> fileNames) : files_(std::move(fileNames)) {}
   const std::vector<std::string>& fileNames() const { return files_; }
 
+  // Lists the fragments without opening their datasets: each is checked when its type,
+  // extents or data are first asked for, and one that fails then reports that it cannot be
+  // read (extents of zero, no data). For readers that look at the structure alone.
+  LoaderParameters& checkFragmentsWhenUsed(bool on = true) {
+    deferFragments_ = on;
+    return *this;
+  }
+  bool fragmentsDeferred() const { return deferFragments_; }
+
  private:
   std::vector<std::string> files_;
+  bool deferFragments_ = false;
 };
 
 class Bundle {

@@ -13,7 +13,10 @@ bool EncodedArray::consistent() const {
   if ((rank != 1 && rank != 2) || dims.size() != shapeRank) return false;
   unsigned long long total = 1;
   for (auto d : dims) total *= d;
-  if (total == 0) return chunk.empty() && chunks.empty();
+  if (total == 0) return chunk.empty() && chunks.empty() && !compact;
+  if (compact)
+    return chunk.empty() && chunks.size() == 1 &&
+           chunks[0].size() == total * (elementBytes(type) / componentCount(type));
   if (chunk.size() != dims.size() || chunk[0] == 0) return false;
   for (std::size_t d = 1; d < dims.size(); ++d)
     if (chunk[d] != dims[d]) return false;

@@ -1,5 +1,6 @@
 // A fragment's array encoded the way a .kq file stores it: cut into chunks of whole rows of
-// about a million numbers, each byte-shuffled and deflated. Encoding makes no HDF5 call and
+// about a million numbers, each byte-shuffled and deflated (small arrays: kept raw, stored
+// compact). Encoding makes no HDF5 call and
 // takes no lock, so the threads that make fragments can encode them while another thread
 // saves; a fragment given an EncodedCreator is then stored chunk by chunk as it is, in the
 // same bytes a save of the plain array would write.
@@ -20,6 +21,9 @@ struct EncodedArray {
   // per chunk, then the full other extents (empty when the array has no elements).
   std::vector<unsigned long long> dims, chunk;
   std::vector<std::vector<unsigned char>> chunks;
+  // A small array stored in the dataset's header: `chunks` then holds one block of the raw
+  // values (neither shuffled nor deflated) and `chunk` is empty.
+  bool compact = false;
 
   // The array's extents, as MemBase gives them.
   std::vector<std::size_t> extents() const;

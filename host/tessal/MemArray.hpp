@@ -11,6 +11,7 @@
 #include <limits>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "gemwold/PhysicalSpace.hpp"
@@ -104,11 +105,38 @@ class MemBase : public Vorlap::Cacheable {
   virtual double component(std::size_t k, unsigned c) const = 0;
 };
 
+// Allocates like std::allocator but default-initialises: a vector resized without a value
+// leaves numbers unset, for storage that a read fills at once.
+template <class T>
+struct DefaultInitAllocator : std::allocator<T> {
+  template <class U>
+  struct rebind {
+    using other = DefaultInitAllocator<U>;
+  };
+  DefaultInitAllocator() = default;
+  template <class U>
+  DefaultInitAllocator(const DefaultInitAllocator<U>&) noexcept {}
+  template <class U>
+  void construct(U* p) noexcept(std::is_nothrow_default_constructible_v<U>) {
+    ::new (static_cast<void*>(p)) U;
+  }
+  template <class U, class... Args>
+  void construct(U* p, Args&&... args) {
+    ::new (static_cast<void*>(p)) U(std::forward<Args>(args)...);
+  }
+};
+
+template <class T>
+using Values = std::vector<T, DefaultInitAllocator<T>>;
+
 // Storage shared between arrays that view it with different offsets and strides.
 template <class T>
 struct DataBlock {
-  std::vector<T> values;
+  Values<T> values;
 };
+
+// Asks for an array whose elements are about to be overwritten whole (by a file read).
+struct Uninitialised {};
 
 template <unsigned N, class T>
 class MemArray final : public MemBase {
@@ -121,6 +149,12 @@ class MemArray final : public MemBase {
 
   // A fresh, contiguous, value-initialised array.
   explicit MemArray(const Extents& extents) : extents_(extents) {
+    block_ = Vorlap::makeStrong<DataBlock<T>>();
+    block_->values.resize(countOf(extents), T{});
+  }
+  // The same with numbers left unset (class types are still constructed): the caller
+  // writes every element before anyone reads one.
+  MemArray(const Extents& extents, Uninitialised) : extents_(extents) {
     block_ = Vorlap::makeStrong<DataBlock<T>>();
     block_->values.resize(countOf(extents));
   }

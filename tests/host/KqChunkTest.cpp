@@ -1,6 +1,7 @@
 // The chunks of .kq datasets: written by hand (shuffle, then deflate) they read back the same
 // through our reader and through plain HDF5 (as h5py and h5dump read them), last partial
-// chunk included; datasets with other filter chains or layouts are still read through HDF5.
+// chunk included; small arrays are stored compact; datasets with other filter chains or
+// layouts are still read through HDF5.
 #include <gtest/gtest.h>
 #include <hdf5.h>
 
@@ -180,4 +181,64 @@ TEST(KqChunks, OtherFilterChainsAndLayoutsAreReadThroughHdf5) {
       wrong += times->get(i) != (i < c.written ? values[i] : 0.0);
     EXPECT_EQ(wrong, 0u);
   }
+}
+
+// Arrays of up to 8 KiB are stored compact (no chunk, no filter), larger ones chunked and
+// deflated; both read back the same here and through plain HDF5, and small arrays stored
+// chunked, as earlier files have them, still read.
+TEST(KqChunks, SmallArraysAreCompactLargerOnesChunkedAndBothReadBack) {
+  TempDir dir;
+  auto bundle = BundlePtr::make();
+  auto rep = (*bundle.create())[0.0]->makeGrid("Shots")->makeCartesianRepresentation(
+      3, "ScannerCoordinateSystem", 0);
+  const std::size_t sizes[] = {1, 1024, 1025};  // 8, 8192 and 8200 bytes
+  for (std::size_t n : sizes) {
+    auto times = Vorlap::makeStrong<MemArray<1, double>>(n);
+    for (std::size_t i = 0; i < n; ++i) times->set(i, timeAt(i));
+    storeFragment(*rep, "T" + std::to_string(n), "Fragment_0", times);
+  }
+  storeFragment(*rep, "GPSTime", "Fragment_0", makeArray<double>({0.0}));
+  const std::string file = dir.file("small.kq");
+  ASSERT_EQ(Bundle::save(bundle, file), "");
+  auto check = [&](const std::string& field, std::size_t n, H5D_layout_t layout) {
+    SCOPED_TRACE(field);
+    auto loaded = BundlePtr::make();
+    bool ok = false;
+    Bundle::load(ok, LoaderParameters({file}), loaded);
+    ASSERT_TRUE(ok);
+    auto times = dynamicPtrCast<MemArray<1, double>>(loadedFragment(loaded, field));
+    ASSERT_TRUE(times);
+    ASSERT_EQ(times->size(), n);
+    std::vector<double> plain(n);
+    hid_t f = H5Fopen(file.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT);
+    hid_t set = H5Dopen2(f, (kFields + field + "/fragments/Fragment_0").c_str(), H5P_DEFAULT);
+    hid_t create = H5Dget_create_plist(set);
+    EXPECT_EQ(H5Pget_layout(create), layout);
+    EXPECT_EQ(H5Pget_nfilters(create), layout == H5D_CHUNKED ? 2 : 0);
+    EXPECT_GE(H5Dread(set, H5T_NATIVE_DOUBLE, H5S_ALL, H5S_ALL, H5P_DEFAULT, plain.data()), 0);
+    H5Pclose(create), H5Dclose(set), H5Fclose(f);
+    std::size_t wrong = 0;
+    for (std::size_t i = 0; i < n; ++i)
+      wrong += times->get(i) != timeAt(i) || plain[i] != timeAt(i);
+    EXPECT_EQ(wrong, 0u);
+  };
+  check("T1", 1, H5D_COMPACT);
+  check("T1024", 1024, H5D_COMPACT);
+  check("T1025", 1025, H5D_CHUNKED);
+  // A small array in one deflated chunk, as earlier files store it.
+  std::vector<double> values(300);
+  for (std::size_t i = 0; i < values.size(); ++i) values[i] = timeAt(i);
+  hid_t create = H5Pcreate(H5P_DATASET_CREATE);
+  const hsize_t chunk = values.size();
+  H5Pset_chunk(create, 1, &chunk);
+  H5Pset_shuffle(create), H5Pset_deflate(create, 1);
+  rewriteTimes(file, values, create, values.size());
+  H5Pclose(create);
+  auto loaded = BundlePtr::make();
+  bool ok = false;
+  Bundle::load(ok, LoaderParameters({file}), loaded);
+  ASSERT_TRUE(ok);
+  auto times = dynamicPtrCast<MemArray<1, double>>(loadedFragment(loaded, "GPSTime"));
+  ASSERT_TRUE(times && times->size() == values.size());
+  EXPECT_EQ(times->get(299), timeAt(299));
 }

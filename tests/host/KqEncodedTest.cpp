@@ -19,7 +19,7 @@ namespace {
 using Wave = MemArray<2, std::uint16_t>;
 
 // Arrays of one chunk and of several (a last one cut short), of one byte, of points, of two
-// dimensions, and an empty one.
+// dimensions, one small enough to be stored compact, and an empty one.
 std::vector<std::pair<std::string, Vorlap::StrongPtr<MemBase>>> fragmentArrays(int f) {
   const std::size_t n = 400000 + 1000 * std::size_t(f);
   auto times = Vorlap::makeStrong<MemArray<1, double>>(n);
@@ -36,6 +36,7 @@ std::vector<std::pair<std::string, Vorlap::StrongPtr<MemBase>>> fragmentArrays(i
           {"MTA", zones},
           {"Positions", positions},
           {"Waveforms", wave},
+          {"Range", makeArray<float>({1.5f, 2.5f, float(f), 3.5f})},
           {"Empty", makeArray<float>({})}};
 }
 

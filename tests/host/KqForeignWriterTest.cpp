@@ -72,10 +72,10 @@ struct Loaded {
   }
 };
 
-Loaded load(const std::string& file) {
+Loaded load(const std::string& file, bool deferFragments = false) {
   Loaded l;
   Vorlap::ConsoleCapture capture;
-  Bundle::load(l.ok, LoaderParameters({file}), l.bundle);
+  Bundle::load(l.ok, LoaderParameters({file}).checkFragmentsWhenUsed(deferFragments), l.bundle);
   l.message = capture.joined();
   return l;
 }
@@ -157,6 +157,36 @@ TEST_P(KqForeignWriterRefused, NamesWhatIsWrong) {
   EXPECT_NE(l.message.find(file + ": cannot load " + GetParam().path), std::string::npos)
       << l.message;
   EXPECT_NE(l.message.find(GetParam().message), std::string::npos) << l.message;
+}
+
+// A load that leaves the fragments for later refuses a broken one when it is first used,
+// with the same words, and still reads the structure around it.
+TEST_P(KqForeignWriterRefused, DeferredFragmentsSayWhatIsWrongWhenUsed) {
+  TempDir dir;
+  const std::string file = savedFile(dir);
+  editObject(file, GetParam().path, GetParam().edit);
+  Loaded l = load(file, true);
+  if (GetParam().path != kFragment) {
+    EXPECT_FALSE(l.ok) << "attributes are read at once";
+    return;
+  }
+  ASSERT_TRUE(l.ok) << l.message;
+  auto kept = l.shotAttributes().getAttributeAs<int>("Kept");
+  ASSERT_TRUE(kept);
+  EXPECT_EQ(kept->values(), std::vector<int>{1});
+  double t = 0.0;
+  auto field = (*(*(*l.bundle.get())(t))("Shots"))("GPSTime", "");
+  ASSERT_EQ(field->getNumberOfFragments(), 1u);
+  auto creator = field->getCreator(field->getFragmentIDCollection()->at(0));
+  Vorlap::ConsoleCapture capture;
+  EXPECT_EQ(creator->extents(), std::vector<std::size_t>{0});
+  EXPECT_FALSE(creator->create());
+  const std::string said = capture.joined();
+  EXPECT_NE(said.find(file + ": cannot read " + kFragment + ": " + GetParam().message),
+            std::string::npos)
+      << said;
+  EXPECT_EQ(said.find("cannot read", said.find("cannot read") + 1), std::string::npos)
+      << "said once: " << said;
 }
 
 // clang-format off
