@@ -56,6 +56,16 @@ Vorlap::StrongPtr<MemBase> loadedFragment(const BundlePtr& bundle, const std::st
   return f ? f->getCreator(f->getFragmentIDCollection()->at(0))->create() : nullptr;
 }
 
+// FILE loaded again, and its first fragment of FIELD as doubles (null when it does not load).
+Vorlap::StrongPtr<MemArray<1, double>> loadedTimes(const std::string& file,
+                                                   const std::string& field) {
+  auto loaded = BundlePtr::make();
+  bool ok = false;
+  Bundle::load(ok, LoaderParameters({file}), loaded);
+  if (!ok) return nullptr;
+  return dynamicPtrCast<MemArray<1, double>>(loadedFragment(loaded, field));
+}
+
 // The dataset through HDF5's own filters, as any HDF5 reader sees it.
 template <class T>
 std::vector<T> readThroughHdf5(const std::string& file, const std::string& field,
@@ -169,11 +179,7 @@ TEST(KqChunks, OtherFilterChainsAndLayoutsAreReadThroughHdf5) {
     c.filters(create);
     rewriteTimes(file, values, create, c.written);
     H5Pclose(create);
-    auto loaded = BundlePtr::make();
-    bool ok = false;
-    Bundle::load(ok, LoaderParameters({file}), loaded);
-    ASSERT_TRUE(ok);
-    auto times = dynamicPtrCast<MemArray<1, double>>(loadedFragment(loaded, "GPSTime"));
+    auto times = loadedTimes(file, "GPSTime");
     ASSERT_TRUE(times);
     ASSERT_EQ(times->size(), values.size());
     std::size_t wrong = 0;
@@ -202,11 +208,7 @@ TEST(KqChunks, SmallArraysAreCompactLargerOnesChunkedAndBothReadBack) {
   ASSERT_EQ(Bundle::save(bundle, file), "");
   auto check = [&](const std::string& field, std::size_t n, H5D_layout_t layout) {
     SCOPED_TRACE(field);
-    auto loaded = BundlePtr::make();
-    bool ok = false;
-    Bundle::load(ok, LoaderParameters({file}), loaded);
-    ASSERT_TRUE(ok);
-    auto times = dynamicPtrCast<MemArray<1, double>>(loadedFragment(loaded, field));
+    auto times = loadedTimes(file, field);
     ASSERT_TRUE(times);
     ASSERT_EQ(times->size(), n);
     std::vector<double> plain(n);
@@ -234,11 +236,7 @@ TEST(KqChunks, SmallArraysAreCompactLargerOnesChunkedAndBothReadBack) {
   H5Pset_shuffle(create), H5Pset_deflate(create, 1);
   rewriteTimes(file, values, create, values.size());
   H5Pclose(create);
-  auto loaded = BundlePtr::make();
-  bool ok = false;
-  Bundle::load(ok, LoaderParameters({file}), loaded);
-  ASSERT_TRUE(ok);
-  auto times = dynamicPtrCast<MemArray<1, double>>(loadedFragment(loaded, "GPSTime"));
+  auto times = loadedTimes(file, "GPSTime");
   ASSERT_TRUE(times && times->size() == values.size());
   EXPECT_EQ(times->get(299), timeAt(299));
 }
