@@ -35,7 +35,7 @@ struct SimulateOptions {
   double prr = 0.0, altitude = 0.0, lineSpacing = 0.0;
   std::optional<double> heading;
   std::optional<std::int32_t> rdbSegment;
-  std::optional<double> blindWindowNs, scanGap, dust;
+  std::optional<double> blindWindowNs, scanGap, dust, scanRate;
   bool noShotsBetweenLines = false;
   bool quiet = false, splitLines = false;
 };
@@ -43,6 +43,7 @@ struct SimulateOptions {
 void applyScanner(const SimulateOptions& o, sim::SurveyConfig& c) {
   if (o.blindWindowNs) c.blindWindow = *o.blindWindowNs * 1e-9;
   if (o.scanGap) c.scanGapShare = *o.scanGap;
+  if (o.scanRate) c.scanRate = *o.scanRate;
   if (o.dust) c.dustShare = *o.dust;
   if (o.noShotsBetweenLines) c.shotsBetweenLines = false;
   if (!c.shotsBetweenLines && c.scanGapShare <= 0.0)
@@ -178,6 +179,9 @@ void addScannerOptions(CLI::App* c, SimulateOptions& o) {
   c->add_option("--scan-gap", o.scanGap,
                 "Line-wise: share of each scan line outside the field of view (default 0.2)")
       ->check(CLI::Range(0.0, 0.9));
+  c->add_option("--scan-rate", o.scanRate,
+                "Scan lines (radial: turns) per second (default: the preset's)")
+      ->check(CLI::Range(1.0, 10000.0));
   c->add_flag("--no-shots-between-lines", o.noShotsBetweenLines,
               "Fire no shots while the beam is outside the field of view");
   c->add_option("--dust", o.dust, "Share of shots with an isolated dust echo (default 0.001)")
