@@ -11,6 +11,7 @@
 #include "app/BatchTask.hpp"
 #include "app/CliError.hpp"
 #include "app/Json.hpp"
+#include "app/RunOptions.hpp"
 
 namespace quillo::cli {
 
@@ -47,11 +48,15 @@ void addRunTaskCommand(CLI::App& batch) {
   CLI::App* c = batch.add_subcommand("run", "Run one task of a plan (skipped when done)");
   c->add_option("plan", *plan, "The plan file")->required();
   c->add_option("--task", *task, "Task number, from 0")->required();
-  c->callback([plan, task] {
+  auto threads = std::make_shared<unsigned>(usableCores());
+  c->add_option("--threads", *threads,
+                "Threads for the task's fragments (default: this process's CPUs)")
+      ->check(CLI::Range(1u, 256u));
+  c->callback([plan, task, threads] {
     const BatchPlan p = loadPlan(*plan);
     warnAboutVersion(p);
     const BatchTask& t = taskOf(p, *task);
-    const TaskResult result = runTask(p, t);
+    const TaskResult result = runTask(p, t, *threads);
     if (result.outcome == TaskOutcome::Failed)
       throw CliError(kFailure, "task " + std::to_string(t.index) + " (" + t.input +
                                    ") failed: " + result.message);
@@ -69,11 +74,16 @@ void addLocalCommand(CLI::App& batch) {
   CLI::App* c = batch.add_subcommand("local", "Run every task of a plan on this machine");
   c->add_option("plan", *plan, "The plan file")->required();
   c->add_option("--jobs", *jobs, "Tasks at a time")->check(CLI::Range(1u, 64u));
+  auto threads = std::make_shared<unsigned>(usableCores());
+  c->add_option(
+       "--threads", *threads,
+       "Threads in all (default: this machine's CPUs); each running task gets threads / jobs")
+      ->check(CLI::Range(1u, 256u));
   c->add_flag("--quiet", *quiet, "No progress bar");
-  c->callback([plan, jobs, quiet] {
+  c->callback([plan, jobs, threads, quiet] {
     const BatchPlan p = loadPlan(*plan);
     warnAboutVersion(p);
-    const std::size_t failed = runLocally(p, *jobs, *quiet);
+    const std::size_t failed = runLocally(p, *jobs, *threads, *quiet);
     std::fputs(statusText(p, collectStatus(p, {})).c_str(), stdout);
     if (failed) throw CliError(kFailure, std::to_string(failed) + " tasks failed");
   });

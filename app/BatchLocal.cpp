@@ -25,14 +25,16 @@ namespace fs = std::filesystem;
 namespace {
 
 // Starts `quillo batch run PLAN --task N` with its output going to the task's log.
-pid_t startTask(const BatchPlan& plan, const BatchTask& task, const std::string& quillo) {
+pid_t startTask(const BatchPlan& plan, const BatchTask& task, const std::string& quillo,
+                unsigned threads) {
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, task.log.c_str(),
                                    O_WRONLY | O_CREAT | O_TRUNC, 0644);
   posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
   const std::string index = std::to_string(task.index);
-  std::vector<std::string> args = {quillo, "batch", "run", plan.path, "--task", index};
+  std::vector<std::string> args = {quillo,   "batch", "run",       plan.path,
+                                   "--task", index,   "--threads", std::to_string(threads)};
   std::vector<char*> argv;
   for (auto& a : args) argv.push_back(a.data());
   argv.push_back(nullptr);
@@ -56,7 +58,7 @@ bool waitForOne(std::map<pid_t, std::size_t>& running) {
 
 }  // namespace
 
-std::size_t runLocally(const BatchPlan& plan, unsigned jobs, bool quiet) {
+std::size_t runLocally(const BatchPlan& plan, unsigned jobs, unsigned threads, bool quiet) {
   std::error_code ec;
   fs::create_directories(logDir(plan), ec);
   if (ec) throw CliError(kOutput, logDir(plan) + ": cannot create the folder: " + ec.message());
@@ -65,11 +67,12 @@ std::size_t runLocally(const BatchPlan& plan, unsigned jobs, bool quiet) {
   bar.setUnit("strip");
   std::map<pid_t, std::size_t> running;
   std::size_t next = 0, finished = 0, failed = 0;
+  const unsigned threadsPerTask = std::max(1u, threads / std::max(1u, jobs));
   const std::size_t total = plan.tasks.size();
   bar.report("", 0, unsigned(total));
   while (finished < total) {
     while (next < total && running.size() < std::max(1u, jobs)) {
-      running[startTask(plan, plan.tasks[next], quillo)] = next;
+      running[startTask(plan, plan.tasks[next], quillo, threadsPerTask)] = next;
       ++next;
     }
     failed += waitForOne(running) ? 0 : 1;

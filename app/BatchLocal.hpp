@@ -6,7 +6,8 @@
 
 namespace quillo::cli {
 
-// Returns the number of tasks that failed.
-std::size_t runLocally(const BatchPlan& plan, unsigned jobs, bool quiet);
+// THREADS: threads in all; each of the JOBS tasks running at a time gets THREADS / JOBS (at
+// least one). Returns the number of tasks that failed.
+std::size_t runLocally(const BatchPlan& plan, unsigned jobs, unsigned threads, bool quiet);
 
 }  // namespace quillo::cli

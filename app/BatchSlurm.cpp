@@ -142,7 +142,7 @@ std::string sbatchScript(const BatchPlan& plan, const SlurmRequest& r,
     << memoryLine(plan, r, measured) << timeLine(r, measured);
   if (!r.partition.empty()) s << "#SBATCH --partition=" << r.partition << "\n";
   s << "exec " << shellQuote(quilloPath) << " batch run " << shellQuote(plan.path)
-    << " --task \"$SLURM_ARRAY_TASK_ID\"\n";
+    << " --task \"$SLURM_ARRAY_TASK_ID\" --threads " << r.cpusPerTask << "\n";
   return s.str();
 }
 

@@ -48,14 +48,13 @@ void removeEarlierAttempt(const BatchTask& task) {
   fs::remove(task.report, ec);
 }
 
-json baseReport(const BatchPlan& plan, const BatchTask& task, const std::string& start) {
-  return {{"task", task.index},
-          {"input", task.input},
-          {"plan", plan.path},
-          {"host", hostName()},
-          {"pid", long(getpid())},
-          {"start", start},
-          {"quillo_version", quilloVersion()}};
+// The peak memory recorded with it grows by about one fragment per thread, hence the threads.
+json baseReport(const BatchPlan& plan, const BatchTask& task, const std::string& start,
+                unsigned threads) {
+  return {{"task", task.index},    {"input", task.input},
+          {"plan", plan.path},     {"host", hostName()},
+          {"pid", long(getpid())}, {"threads", threads},
+          {"start", start},        {"quillo_version", quilloVersion()}};
 }
 
 // Counts uncertain and repaired waves over every fragment (a second pass over the input).
@@ -78,8 +77,9 @@ std::string failureOf(const RunSummary& run) {
 }
 
 // Runs the task's input; fills the report's "run" and returns the failure text, if any.
-std::string runInto(json& report, const BatchPlan& plan, const BatchTask& task) {
-  const RunSettings settings = planSettings(plan);
+std::string runInto(json& report, const BatchPlan& plan, const BatchTask& task, unsigned threads) {
+  RunSettings settings = planSettings(plan);
+  settings.threads = std::max(1u, threads);
   const RunSummary run = runOne(task.input, settings);
   report["run"] = json::parse(runReportJson({run}, settings));
   const std::string failure = failureOf(run);
@@ -106,18 +106,18 @@ json readTaskReport(const BatchTask& task) {
   return report.is_discarded() || !report.is_object() ? json(nullptr) : report;
 }
 
-TaskResult runTask(const BatchPlan& plan, const BatchTask& task) {
+TaskResult runTask(const BatchPlan& plan, const BatchTask& task, unsigned threads) {
   if (outputsIncomplete(task).empty()) return {TaskOutcome::Skipped, ""};
   removeEarlierAttempt(task);
   const std::string start = utcNow();
   const auto clockStart = std::chrono::steady_clock::now();
-  json report = baseReport(plan, task, start);
+  json report = baseReport(plan, task, start, threads);
   report["state"] = "running";
   writeFileAtomically(task.report, report.dump(2) + "\n");
   std::string failure;
   int exitStatus = kOk;
   try {
-    failure = runInto(report, plan, task);
+    failure = runInto(report, plan, task, threads);
     if (!failure.empty()) exitStatus = kFailure;
   } catch (const CliError& e) {
     failure = e.what();

@@ -18,7 +18,8 @@ struct TaskResult {
   std::string message;  // why it failed
 };
 
-TaskResult runTask(const BatchPlan& plan, const BatchTask& task);
+// THREADS: threads for the task's fragments (any count writes the same bytes).
+TaskResult runTask(const BatchPlan& plan, const BatchTask& task, unsigned threads = 1);
 
 // Empty when every output of the task is a complete conversion result, else why not.
 std::string outputsIncomplete(const BatchTask& task);

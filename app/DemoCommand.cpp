@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <memory>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -65,7 +64,7 @@ std::vector<std::string> runInto(const std::string& dir, const std::string& inpu
   RunSettings settings;
   settings.outDir = dir;
   settings.refine = refine;
-  settings.threads = std::max(1u, std::thread::hardware_concurrency());  // as `quillo run`
+  settings.threads = usableCores();  // as `quillo run`
   const RunSummary run = runOne(input, settings);
   if (!run.result.empty()) throw CliError(kFailure, "the run failed: " + run.result);
   report.refined = run.refined;

@@ -27,7 +27,7 @@ namespace schema = Tessal::schema;
 namespace {
 
 unsigned defaultThreads() {
-  return std::max(1u, std::thread::hardware_concurrency());
+  return usableCores();
 }
 
 struct RunCommandOptions {
@@ -217,10 +217,11 @@ void addRunCommand(CLI::App& app) {
   c->add_option("--report", o->report, "Write a JSON summary of the runs");
   c->add_option("--jobs", o->jobs, "Inputs run in parallel (they share --threads)")
       ->check(CLI::Range(1u, 64u));
-  c->add_option("--threads", o->threads,
-                "Threads in all (default: the machine's cores); with --jobs J each input gets "
-                "threads / J of them (at least one), so J x that never exceeds the larger of "
-                "the two")
+  c->add_option(
+       "--threads", o->threads,
+       "Threads in all (default: the CPUs this process may use); with --jobs J each input gets "
+       "threads / J of them (at least one), so J x that never exceeds the larger of "
+       "the two")
       ->check(CLI::Range(1u, 256u));
   c->footer(
       "Each input is checked first (as by quillo check); an unusable one stops the command.\n"

@@ -1,6 +1,9 @@
 #include "app/RunOptions.hpp"
 
 #include <charconv>
+#include <thread>
+
+#include <sched.h>
 
 #include "app/CliError.hpp"
 
@@ -22,8 +25,8 @@ void addModuleOptions(CLI::App& c, ModuleOptions& o) {
       ->check(CLI::ExistingFile);
 }
 
-// Off: on some scenes the refinement still moves more than 1 in 100,000 correct points
-// (figures: bench_zones, docs/how-zones-are-resolved.md).
+// Off: it holds every output of an input in memory until it has seen them all, which a long
+// strip cannot afford (figures: bench_zones, docs/how-zones-are-resolved.md).
 constexpr bool kRefineByDefault = false;
 
 void addRefineOption(CLI::App& c, ModuleOptions& o) {
@@ -77,6 +80,14 @@ RunSettings settingsFrom(const ModuleOptions& o) {
     s.segmentGiven = true;
   }
   return s;
+}
+
+unsigned usableCores() {
+  cpu_set_t allowed;
+  CPU_ZERO(&allowed);
+  if (sched_getaffinity(0, sizeof allowed, &allowed) == 0 && CPU_COUNT(&allowed) > 0)
+    return unsigned(CPU_COUNT(&allowed));
+  return std::max(1u, std::thread::hardware_concurrency());
 }
 
 }  // namespace quillo::cli

@@ -25,5 +25,8 @@ void addModuleOptions(CLI::App& command, ModuleOptions& options);
 void addRefineOption(CLI::App& command, ModuleOptions& options);
 // Fills the run parameters from the options; throws CliError naming a bad value.
 RunSettings settingsFrom(const ModuleOptions& options);
+// The CPUs this process may run on (its affinity, as taskset or a Slurm allocation limits
+// it), at least 1: the default thread count of the commands that run the module.
+unsigned usableCores();
 
 }  // namespace quillo::cli

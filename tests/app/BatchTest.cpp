@@ -116,8 +116,10 @@ TEST_F(Batch, ATaskIsSkippedWhenDoneAndRedoneWhenItsOutputIsDamaged) {
 
 TEST_F(Batch, LocalWritesWhatRunWritesAndReportSumsTheStrips) {
   const std::string p = plan("local", allStrips());
-  auto r = runQuillo("batch local " + p + " --jobs 2");
+  // Two tasks at a time with two threads each: the bytes of one thread.
+  auto r = runQuillo("batch local " + p + " --jobs 2 --threads 4");
   ASSERT_EQ(r.exitCode, 0) << r.output;
+  EXPECT_EQ(readJson(dir->file("local/s_210315_093000_line1.task.json"))["threads"], 2);
   EXPECT_NE(r.output.find("3 tasks: 3 done, 0 failed, 0 running, 0 missing"), std::string::npos)
       << r.output;
   EXPECT_NE(r.output.find("strip 3/3"), std::string::npos) << r.output;
@@ -193,7 +195,8 @@ TEST_F(Batch, SlurmScriptTakesTheMeasuredMemoryOrRefusesWithoutOne) {
   EXPECT_EQ(r.exitCode, 2) << r.output;
   EXPECT_NE(r.output.find("give --mem"), std::string::npos) << r.output;
 
-  r = runQuillo("batch slurm " + fresh + " --mem 3G --max-parallel 1 --partition short");
+  r = runQuillo("batch slurm " + fresh +
+                " --mem 3G --max-parallel 1 --partition short --cpus-per-task 3");
   ASSERT_EQ(r.exitCode, 0) << r.output;
   std::string script = fileBytes(dir->file("script/plan.sbatch"));
   EXPECT_NE(script.find("#SBATCH --array=0-1%1\n"), std::string::npos) << script;
@@ -202,7 +205,8 @@ TEST_F(Batch, SlurmScriptTakesTheMeasuredMemoryOrRefusesWithoutOne) {
   EXPECT_NE(script.find("#SBATCH --output=" + dir->file("script/logs") + "/task-%a.log\n"),
             std::string::npos)
       << script;
-  EXPECT_NE(script.find("batch run '" + fresh + "' --task \"$SLURM_ARRAY_TASK_ID\""),
+  EXPECT_NE(script.find("#SBATCH --cpus-per-task=3\n"), std::string::npos) << script;
+  EXPECT_NE(script.find("batch run '" + fresh + "' --task \"$SLURM_ARRAY_TASK_ID\" --threads 3\n"),
             std::string::npos)
       << script;
 
