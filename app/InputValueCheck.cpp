@@ -65,6 +65,31 @@ Vorlap::StrongPtr<A> fetch(const Vorlap::StrongPtr<Tessal::Grid>& grid, const ch
 
 using Doubles = Tessal::MemArray<1, double>;
 
+// Whether sorted shot times hold a record's time. Records come in time order, mostly a few
+// shots apart: looking just ahead of the last match spares a search over the fragment for
+// nearly every record; anything else is searched for (which also gives NaN its answer).
+class ShotCursor {
+ public:
+  explicit ShotCursor(const std::vector<double>& times) : times_(times) {}
+  bool holds(double t) {
+    const std::size_t stop = std::min(at_ + kLookAhead, times_.size());
+    for (std::size_t i = at_; i < stop && times_[i] <= t; ++i)
+      if (times_[i] == t) {
+        at_ = i;
+        return true;
+      }
+    // What std::binary_search answers, keeping the place.
+    const auto found = std::lower_bound(times_.begin(), times_.end(), t);
+    at_ = std::size_t(found - times_.begin());
+    return found != times_.end() && !(t < *found);
+  }
+
+ private:
+  static constexpr std::size_t kLookAhead = 8;
+  const std::vector<double>& times_;
+  std::size_t at_ = 0;
+};
+
 bool finitePoint(const point& p) {
   return std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z);
 }
@@ -142,7 +167,8 @@ void ValueCheck::shots(std::uint32_t f) {
     lastShotTime_ = std::max(lastShotTime_, t);
     shotTimes_.push_back(t);
   }
-  std::sort(shotTimes_.begin(), shotTimes_.end());
+  if (!std::is_sorted(shotTimes_.begin(), shotTimes_.end()))
+    std::sort(shotTimes_.begin(), shotTimes_.end());
   shotGeometry(f);
 }
 
@@ -178,8 +204,9 @@ void ValueCheck::recordTimes(const Vorlap::StrongPtr<Tessal::Grid>& grid, const 
                              std::uint32_t f) {
   auto times = fetch<Doubles>(grid, kGPSTime, f);
   if (!times) return unreadable(gridName, kGPSTime, f);
+  ShotCursor shots(shotTimes_);
   for (std::size_t i = 0; i < times->size(); ++i)
-    if (!std::binary_search(shotTimes_.begin(), shotTimes_.end(), times->get(i)))
+    if (!shots.holds(times->get(i)))
       tally_.note(fieldPlace(gridName, kGPSTime),
                   "holds a time that is no shot time of the same fragment",
                   "give each record the exact GPSTime of the shot after which it was recorded, "
