@@ -1,7 +1,9 @@
 #include "app/CheckCommand.hpp"
 
+#include <algorithm>
 #include <cstdio>
 #include <memory>
+#include <thread>
 
 #include "app/CliError.hpp"
 #include "app/InputCheck.hpp"
@@ -13,13 +15,16 @@ namespace {
 struct CheckOptions {
   std::vector<std::string> inputs;
   bool json = false;
+  unsigned threads = std::max(1u, std::thread::hardware_concurrency());
 };
 
 void execute(const CheckOptions& o) {
   std::vector<CheckReport> reports;
   std::size_t unusable = 0;
+  CheckScope scope;
+  scope.threads = o.threads;
   for (const auto& input : o.inputs) {
-    reports.push_back(checkInput(input));
+    reports.push_back(checkInput(input, scope));
     unusable += !reports.back().runnable();
     if (!o.json) std::fputs(reportAsText(reports.back()).c_str(), stdout);
   }
@@ -37,6 +42,10 @@ void addCheckCommand(CLI::App& app) {
       app.add_subcommand("check", "Check inputs against the .kq input schema without running them");
   c->add_option("inputs", o->inputs, "Input .kq files")->required();
   c->add_flag("--json", o->json, "Write the findings as JSON");
+  c->add_option("--threads", o->threads,
+                "Fragments read and checked at once (default: the machine's cores); the "
+                "findings are the same for any number")
+      ->check(CLI::Range(1u, 256u));
   c->footer(
       "Exit code 0 when every input would run; 3 when one would not. Each finding names the\n"
       "grid, field, fragment or attribute and the fix; docs/kq-format.md has the schema.\n"

@@ -75,7 +75,7 @@ CheckReport checkBundle(const Tessal::BundlePtr& bundle, const std::string& path
                e.what(), "give 12 finite numbers: the rows of [R | t], map = R * scanner + t");
   }
   ShotFigures figures;
-  if (checkStructure(grids, report)) checkValues(grids, toMap, scope.readSamples, report, figures);
+  if (checkStructure(grids, report)) checkValues(grids, toMap, scope, report, figures);
   checkScanner(grids, figures, report);
   return report;
 }

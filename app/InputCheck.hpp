@@ -38,10 +38,12 @@ struct CheckReport {
 };
 
 // What a check covers: `quillo run` leaves the samples' values out (they cost most to read)
-// and the grids its options tell it to ignore.
+// and the grids its options tell it to ignore. `threads`: how many read and check fragments
+// at once (the findings and their order do not depend on it).
 struct CheckScope {
   bool readSamples = true;
   bool waveforms = true, online = true;
+  unsigned threads = 1;
 };
 
 // Loads and checks `path`; a file that cannot be loaded gives one error with the reason.

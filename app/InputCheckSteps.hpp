@@ -31,7 +31,7 @@ Vorlap::StrongPtr<Tessal::CreativeArrayBase> fragmentCreator(
 InputGrids findGrids(const Tessal::BundlePtr& bundle, const CheckScope& scope, CheckReport& report);
 // Fields, element types, fragment names and lengths; true when values can be read safely.
 bool checkStructure(const InputGrids& grids, CheckReport& report);
-void checkValues(const InputGrids& grids, const Transform& toMap, bool readSamples,
+void checkValues(const InputGrids& grids, const Transform& toMap, const CheckScope& scope,
                  CheckReport& report, ShotFigures& figures);
 void checkScanner(const InputGrids& grids, const ShotFigures& figures, CheckReport& report);
 

@@ -3,12 +3,16 @@
 // online record timed at one of its fragment's shots, valid sample counts, sample times and
 // the high-gain rows a run would drop as saturated. Problems are tallied per field, so a
 // fault repeated in every fragment is reported once, with its count and first place.
+// Fragments are checked on several threads, each on its own, and their findings joined in
+// fragment order, so that the report is the one a walk through the fragments would give.
 #include <algorithm>
 #include <cmath>
 #include <map>
+#include <optional>
 #include <set>
 
 #include "app/InputCheckSteps.hpp"
+#include "app/Spread.hpp"
 #include "vorlap/Console.hpp"
 
 namespace quillo::cli {
@@ -30,6 +34,13 @@ class Tally {
     Entry& e = entries_[where + "\n" + what];
     if (e.count++ == 0) e = {severity, where, what, fix, 1, fragment, element};
   }
+  // Adds the findings of later fragments: counts add up, the first place stays the earlier.
+  void join(const Tally& later) {
+    for (const auto& [key, e] : later.entries_) {
+      auto [at, added] = entries_.emplace(key, e);
+      if (!added) at->second.count += e.count;
+    }
+  }
   void report(CheckReport& report) const {
     for (const auto& [key, e] : entries_)
       report.add(e.severity, e.where,
@@ -49,6 +60,50 @@ class Tally {
   std::map<std::string, Entry> entries_;
 };
 
+// The lowest and highest beam origin as a walk through the shots in order finds them with
+// std::min and std::max, kept per fragment and joined in order: those keep the earlier of
+// equal values, and a NaN only when it comes first (then it is both).
+class Heights {
+ public:
+  void add(double h) {
+    if (!any_) any_ = true, first_ = h;
+    if (std::isnan(h)) return;
+    lowest_ = numbers_ ? std::min(lowest_, h) : h;
+    highest_ = numbers_ ? std::max(highest_, h) : h;
+    numbers_ = true;
+  }
+  void join(const Heights& later) {
+    if (!later.any_) return;
+    if (!any_) {
+      *this = later;
+      return;
+    }
+    if (!later.numbers_) return;
+    lowest_ = numbers_ ? std::min(lowest_, later.lowest_) : later.lowest_;
+    highest_ = numbers_ ? std::max(highest_, later.highest_) : later.highest_;
+    numbers_ = true;
+  }
+  void into(ShotFigures& figures) const {
+    figures.any = any_;
+    if (!any_) return;
+    figures.lowest = std::isnan(first_) ? first_ : lowest_;
+    figures.highest = std::isnan(first_) ? first_ : highest_;
+  }
+
+ private:
+  bool any_ = false, numbers_ = false;
+  double first_ = 0.0, lowest_ = 0.0, highest_ = 0.0;  // lowest_, highest_: of numbers only
+};
+
+// What one fragment's values gave, checked after shots up to `lastShotTime` (-inf: none).
+struct FragmentValues {
+  Tally tally;
+  std::vector<double> shotSteps;
+  Heights heights;
+  std::optional<double> firstShotTime;  // the first finite one
+  double lastShotTime = -INFINITY;      // the latest up to the fragment's end
+};
+
 // The fragment's array without keeping it in its creator: a check must not hold the input.
 template <class A>
 Vorlap::StrongPtr<A> fetch(const Vorlap::StrongPtr<Tessal::Grid>& grid, const char* field,
@@ -65,6 +120,31 @@ Vorlap::StrongPtr<A> fetch(const Vorlap::StrongPtr<Tessal::Grid>& grid, const ch
 
 using Doubles = Tessal::MemArray<1, double>;
 
+// Whether sorted shot times hold a record's time. Records come in time order, mostly a few
+// shots apart: looking just ahead of the last match spares a search over the fragment for
+// nearly every record; anything else is searched for (which also gives NaN its answer).
+class ShotCursor {
+ public:
+  explicit ShotCursor(const std::vector<double>& times) : times_(times) {}
+  bool holds(double t) {
+    const std::size_t stop = std::min(at_ + kLookAhead, times_.size());
+    for (std::size_t i = at_; i < stop && times_[i] <= t; ++i)
+      if (times_[i] == t) {
+        at_ = i;
+        return true;
+      }
+    // What std::binary_search answers, keeping the place.
+    const auto found = std::lower_bound(times_.begin(), times_.end(), t);
+    at_ = std::size_t(found - times_.begin());
+    return found != times_.end() && !(t < *found);
+  }
+
+ private:
+  static constexpr std::size_t kLookAhead = 8;
+  const std::vector<double>& times_;
+  std::size_t at_ = 0;
+};
+
 bool finitePoint(const point& p) {
   return std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z);
 }
@@ -73,18 +153,20 @@ double height(const Transform& m, const point& p) {
   return m[8] * p.x + m[9] * p.y + m[10] * p.z + m[11];
 }
 
+// Checks one fragment; the reader's messages go to the capture of the thread it runs on.
 class ValueCheck {
  public:
-  ValueCheck(const InputGrids& grids, const Transform& toMap, bool readSamples, ShotFigures& fig)
-      : grids_(grids), toMap_(toMap), readSamples_(readSamples), figures_(fig) {}
+  ValueCheck(const InputGrids& grids, const Transform& toMap, bool readSamples)
+      : grids_(grids), toMap_(toMap), readSamples_(readSamples) {}
 
-  void fragment(std::uint32_t f) {
-    shotTimes_.clear();
+  FragmentValues fragment(std::uint32_t f, double lastShotTime) {
+    lastShotTime_ = lastShotTime;
     shots(f);
     if (grids_.waveforms) waveforms(f);
     if (grids_.online) online(f);
+    found_.lastShotTime = lastShotTime_;
+    return std::move(found_);
   }
-  void report(CheckReport& r) const { tally_.report(r); }
 
  private:
   // The reader says why (a value that does not fit the element type, damaged data).
@@ -117,10 +199,10 @@ class ValueCheck {
   const InputGrids& grids_;
   const Transform& toMap_;
   bool readSamples_;
-  ShotFigures& figures_;
-  Tally tally_;
+  FragmentValues found_;
+  Tally& tally_ = found_.tally;
   Vorlap::ConsoleCapture console_;
-  std::vector<double> shotTimes_;  // the current fragment's, increasing
+  std::vector<double> shotTimes_;  // the fragment's, increasing
   double lastShotTime_ = -INFINITY;
 };
 
@@ -134,15 +216,17 @@ void ValueCheck::shots(std::uint32_t f) {
       tally_.note(where, "holds a time that is not finite", "give every shot its GPS time", f, i);
       continue;
     }
+    if (!found_.firstShotTime) found_.firstShotTime = t;
     if (!(t > lastShotTime_))
       tally_.note(where, "is not strictly increasing (within and across fragments)",
                   "sort the shots by time; drop repeated shots", f, i);
     else if (!shotTimes_.empty() && shotTimes_.size() % kStepSampling == 0)
-      figures_.shotSteps.push_back(t - lastShotTime_);
+      found_.shotSteps.push_back(t - lastShotTime_);
     lastShotTime_ = std::max(lastShotTime_, t);
     shotTimes_.push_back(t);
   }
-  std::sort(shotTimes_.begin(), shotTimes_.end());
+  if (!std::is_sorted(shotTimes_.begin(), shotTimes_.end()))
+    std::sort(shotTimes_.begin(), shotTimes_.end());
   shotGeometry(f);
 }
 
@@ -158,10 +242,7 @@ void ValueCheck::shotGeometry(std::uint32_t f) {
                   "give every shot its beam origin", f, i);
       continue;
     }
-    const double h = height(toMap_, p);
-    figures_.lowest = figures_.any ? std::min(figures_.lowest, h) : h;
-    figures_.highest = figures_.any ? std::max(figures_.highest, h) : h;
-    figures_.any = true;
+    found_.heights.add(height(toMap_, p));
   }
   for (std::size_t i = 0; i < directions->size(); ++i) {
     const vector d = directions->get(i);
@@ -178,8 +259,9 @@ void ValueCheck::recordTimes(const Vorlap::StrongPtr<Tessal::Grid>& grid, const 
                              std::uint32_t f) {
   auto times = fetch<Doubles>(grid, kGPSTime, f);
   if (!times) return unreadable(gridName, kGPSTime, f);
+  ShotCursor shots(shotTimes_);
   for (std::size_t i = 0; i < times->size(); ++i)
-    if (!std::binary_search(shotTimes_.begin(), shotTimes_.end(), times->get(i)))
+    if (!shots.holds(times->get(i)))
       tally_.note(fieldPlace(gridName, kGPSTime),
                   "holds a time that is no shot time of the same fragment",
                   "give each record the exact GPSTime of the shot after which it was recorded, "
@@ -260,11 +342,29 @@ void ValueCheck::online(std::uint32_t f) {
 
 }  // namespace
 
-void checkValues(const InputGrids& grids, const Transform& toMap, bool readSamples,
+void checkValues(const InputGrids& grids, const Transform& toMap, const CheckScope& scope,
                  CheckReport& report, ShotFigures& figures) {
-  ValueCheck check(grids, toMap, readSamples, figures);
-  for (std::uint32_t f = 0; f < report.fragments; ++f) check.fragment(f);
-  check.report(report);
+  // Each fragment is checked as if no shot came before it; that is what a walk finds when
+  // its first shot is later than every earlier one, else it is checked again when joined.
+  std::vector<FragmentValues> found(report.fragments);
+  spreadOver(scope.threads, found.size(), [&](std::size_t f) {
+    found[f] = ValueCheck(grids, toMap, scope.readSamples).fragment(std::uint32_t(f), -INFINITY);
+  });
+  Tally tally;
+  Heights heights;
+  double lastShotTime = -INFINITY;
+  for (std::uint32_t f = 0; f < found.size(); ++f) {
+    FragmentValues& v = found[f];
+    if (v.firstShotTime && !(*v.firstShotTime > lastShotTime))
+      v = ValueCheck(grids, toMap, scope.readSamples).fragment(f, lastShotTime);
+    tally.join(v.tally);
+    heights.join(v.heights);
+    figures.shotSteps.insert(figures.shotSteps.end(), v.shotSteps.begin(), v.shotSteps.end());
+    lastShotTime = std::max(lastShotTime, v.lastShotTime);
+    v = {};  // done with it
+  }
+  heights.into(figures);
+  tally.report(report);
 }
 
 }  // namespace quillo::cli

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
+#include <ctime>
 #include <filesystem>
 #include <memory>
 #include <mutex>
@@ -138,6 +140,24 @@ void makeOutDir(const std::string& dir) {
     throw CliError(kOutput, dir + ": cannot create the folder" + (ec ? ": " + ec.message() : ""));
 }
 
+// Wall and CPU time (of all threads) since it was made.
+class Stopwatch {
+ public:
+  double seconds() const {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+  }
+  double cpuSeconds() const { return processCpu() - cpuStart_; }
+
+ private:
+  static double processCpu() {
+    timespec t{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+    return double(t.tv_sec) + double(t.tv_nsec) * 1e-9;
+  }
+  std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+  double cpuStart_ = processCpu();
+};
+
 // Checks every input before any run starts, so a run stops with the reasons and fixes rather
 // than with the module's short messages. The defaults standing in for missing attributes
 // and the warnings are said once per input, also with --quiet (which silences progress). The
@@ -149,11 +169,16 @@ std::vector<Tessal::BundlePtr> checkInputs(const RunCommandOptions& o) {
   scope.readSamples = false;
   scope.waveforms = !o.module.skipFWF;
   scope.online = !o.module.skipOnline;
+  scope.threads = o.threads;
   std::size_t unusable = 0;
   std::vector<Tessal::BundlePtr> loaded(o.inputs.size());
   for (std::size_t i = 0; i < o.inputs.size(); ++i) {
     const std::string& input = o.inputs[i];
+    const Stopwatch watch;
     CheckReport report = checkInput(input, scope);
+    if (o.verbose)
+      std::fprintf(stderr, "%s: checked in %.2f s (%.2f s CPU on %u thread(s))\n", input.c_str(),
+                   watch.seconds(), watch.cpuSeconds(), scope.threads);
     if (i < std::max(1u, o.jobs)) loaded[i] = std::move(report.bundle);
     if (!report.loadError.empty()) {
       // The loader's own words (they name the object), then the error every command gives.

@@ -49,6 +49,9 @@ for mode in gaussian fast; do
     "$one_mem" "$many_mem" "$(same_outputs "$mode")"
 done
 echo "(wall and cpu in seconds, cpu = user + system of all threads; MiB = peak resident memory)"
-for mode in gaussian fast; do  # how the N-thread runs shared the work
+for mode in gaussian fast; do  # the input check, and how the N-thread runs shared the work
+  for n in 1 "$threads"; do
+    printf '%s, %s thread(s): %s\n' "$mode" "$n" "$(grep -o 'checked in.*' "$tmp/$mode-$n.err" || true)"
+  done
   printf '%s: %s\n' "$mode" "$(grep -o '[0-9]* threads:.*' "$tmp/$mode-$threads.err" || true)"
 done

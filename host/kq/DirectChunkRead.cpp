@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
+#include <mutex>
 #include <vector>
 
 #include "kq/ChunkCodec.hpp"
@@ -12,6 +14,9 @@ namespace Tessal::kq {
 namespace {
 
 constexpr int kMaxRank = 3;
+// Stored bytes fetched before they are unpacked, with the lock released when the caller
+// allows it: other threads' HDF5 calls go on meanwhile.
+constexpr std::size_t kBatchBytes = std::size_t(4) << 20;
 
 struct ChunkLayout {
   int rank = 0;
@@ -50,9 +55,68 @@ bool chunkLayout(hid_t set, ChunkLayout& layout) {
   return true;
 }
 
+// Stored chunks fetched under the HDF5 lock, to be unpacked without it.
+class PackedBatch {
+ public:
+  void clear() { used_ = 0, chunks_.clear(); }
+  std::size_t bytes() const { return used_; }
+  unsigned char* add(std::size_t bytes, hsize_t row) {
+    if (used_ + bytes > capacity_) grow(used_ + bytes);
+    chunks_.push_back({used_, bytes, row});
+    used_ += bytes;
+    return data_.get() + chunks_.back().at;
+  }
+  // Unpacks every chunk into its rows of `target`.
+  bool unpack(const ChunkLayout& layout, std::size_t elementSize, std::size_t rowBytes,
+              unsigned char* target, std::vector<unsigned char>& edge) const {
+    const std::size_t chunkBytes = rowBytes * layout.chunk[0];
+    for (const Chunk& c : chunks_) {
+      const std::size_t rows = std::min<hsize_t>(layout.chunk[0], layout.dims[0] - c.row);
+      unsigned char* into = target + c.row * rowBytes;
+      // A last chunk is stored whole: unpacked aside, its rows past the end dropped.
+      if (rows < layout.chunk[0]) edge.resize(chunkBytes), into = edge.data();
+      if (!decodeChunk(data_.get() + c.at, c.bytes, elementSize, layout.shuffled, into, chunkBytes))
+        return false;
+      if (into == edge.data()) std::memcpy(target + c.row * rowBytes, edge.data(), rows * rowBytes);
+    }
+    return true;
+  }
+
+ private:
+  struct Chunk {
+    std::size_t at, bytes;
+    hsize_t row;
+  };
+  void grow(std::size_t bytes) {
+    std::unique_ptr<unsigned char[]> larger(new unsigned char[bytes]);  // no zero-fill
+    if (used_) std::memcpy(larger.get(), data_.get(), used_);
+    data_ = std::move(larger), capacity_ = bytes;
+  }
+  std::unique_ptr<unsigned char[]> data_;
+  std::size_t used_ = 0, capacity_ = 0;
+  std::vector<Chunk> chunks_;
+};
+
+// Releases the caller's hold on the HDF5 lock for as long as it lives.
+class Unlocked {
+ public:
+  explicit Unlocked(std::unique_lock<std::recursive_mutex>* lock) : lock_(lock) {
+    if (lock_) lock_->unlock();
+  }
+  ~Unlocked() {
+    if (lock_) lock_->lock();
+  }
+  Unlocked(const Unlocked&) = delete;
+  Unlocked& operator=(const Unlocked&) = delete;
+
+ private:
+  std::unique_lock<std::recursive_mutex>* lock_;
+};
+
 }  // namespace
 
-bool readChunksDirectly(hid_t set, hid_t memoryType, void* out, std::size_t bytes) {
+bool readChunksDirectly(hid_t set, hid_t memoryType, void* out, std::size_t bytes,
+                        std::unique_lock<std::recursive_mutex>* lock) {
   Hid stored(H5Dget_type(set), H5Tclose);
   if (!stored.ok() || H5Tequal(stored.get(), memoryType) <= 0) return false;
   ChunkLayout layout;
@@ -62,7 +126,8 @@ bool readChunksDirectly(hid_t set, hid_t memoryType, void* out, std::size_t byte
   for (int d = 1; d < layout.rank; ++d) rowBytes *= layout.dims[d];
   if (rowBytes * layout.dims[0] != bytes) return false;
   const std::size_t chunkBytes = rowBytes * layout.chunk[0];
-  std::vector<unsigned char> packed, edge;
+  PackedBatch batch;
+  std::vector<unsigned char> edge;
   hsize_t offset[kMaxRank] = {0, 0, 0};
   auto* target = static_cast<unsigned char*>(out);
   for (hsize_t row = 0; row < layout.dims[0]; row += layout.chunk[0]) {
@@ -73,16 +138,12 @@ bool readChunksDirectly(hid_t set, hid_t memoryType, void* out, std::size_t byte
     if (H5Dget_chunk_storage_size(set, offset, &storedBytes) < 0 || storedBytes == 0 ||
         storedBytes > chunkBytes + chunkBytes / 16 + 1024)
       return false;
-    packed.resize(storedBytes);
-    if (H5Dread_chunk(set, H5P_DEFAULT, offset, &skipped, packed.data()) < 0 || skipped != 0)
-      return false;
-    const std::size_t rows = std::min<hsize_t>(layout.chunk[0], layout.dims[0] - row);
-    unsigned char* into = target + row * rowBytes;
-    // A last chunk is stored whole: unpacked aside, its rows past the end dropped.
-    if (rows < layout.chunk[0]) edge.resize(chunkBytes), into = edge.data();
-    if (!decodeChunk(packed.data(), packed.size(), elementSize, layout.shuffled, into, chunkBytes))
-      return false;
-    if (into == edge.data()) std::memcpy(target + row * rowBytes, edge.data(), rows * rowBytes);
+    unsigned char* packed = batch.add(storedBytes, row);
+    if (H5Dread_chunk(set, H5P_DEFAULT, offset, &skipped, packed) < 0 || skipped != 0) return false;
+    if (batch.bytes() < kBatchBytes && row + layout.chunk[0] < layout.dims[0]) continue;
+    Unlocked unlocked(lock);
+    if (!batch.unpack(layout, elementSize, rowBytes, target, edge)) return false;
+    batch.clear();
   }
   return true;
 }

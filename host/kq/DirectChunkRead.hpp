@@ -7,12 +7,15 @@
 #include <hdf5.h>
 
 #include <cstddef>
+#include <mutex>
 
 namespace Tessal::kq {
 
 // Fills `out` (`bytes` bytes, the whole dataset as `memoryType`); false, with `out` in any
 // state, when the dataset is of another layout or a chunk does not unpack: then HDF5 reads it
-// (and reports what is wrong).
-bool readChunksDirectly(hid_t set, hid_t memoryType, void* out, std::size_t bytes);
+// (and reports what is wrong). Given the caller's hold on the HDF5 lock (held once), the
+// chunks are unpacked with it released, batch by batch; it is held again on return.
+bool readChunksDirectly(hid_t set, hid_t memoryType, void* out, std::size_t bytes,
+                        std::unique_lock<std::recursive_mutex>* lock = nullptr);
 
 }  // namespace Tessal::kq

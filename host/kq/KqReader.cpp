@@ -104,8 +104,10 @@ class FileCreator final : public CreativeArrayBase {
   Vorlap::StrongPtr<MemBase> produce() override;
 
  private:
+  using HeldLock = std::unique_lock<std::recursive_mutex>;
+  // Reads with `lock` held, except while the stored chunks are unpacked.
   template <class T>
-  Vorlap::StrongPtr<MemBase> read(hid_t set);
+  Vorlap::StrongPtr<MemBase> read(hid_t set, HeldLock& lock);
   const DatasetShape& shape() const;
 
   Vorlap::StrongPtr<FragmentGroup> group_;
@@ -131,7 +133,7 @@ const DatasetShape& FileCreator::shape() const {
 }
 
 template <class T>
-Vorlap::StrongPtr<MemBase> FileCreator::read(hid_t set) {
+Vorlap::StrongPtr<MemBase> FileCreator::read(hid_t set, HeldLock& lock) {
   Vorlap::StrongPtr<MemBase> result;
   auto fill = [&](auto array) {
     const ElementType type = shape_.type;
@@ -144,7 +146,7 @@ Vorlap::StrongPtr<MemBase> FileCreator::read(hid_t set) {
       }
     } else if (array->size() &&
                !kq::readChunksDirectly(set, kq::nativeTypeOf(type), array->contiguousData(),
-                                       array->size() * elementBytes(type)) &&
+                                       array->size() * elementBytes(type), &lock) &&
                H5Dread(set, kq::nativeTypeOf(type), H5S_ALL, H5S_ALL, H5P_DEFAULT,
                        array->contiguousData()) < 0) {
       return;
@@ -163,7 +165,7 @@ Vorlap::StrongPtr<MemBase> FileCreator::read(hid_t set) {
 }
 
 Vorlap::StrongPtr<MemBase> FileCreator::produce() {
-  std::lock_guard<std::recursive_mutex> lock(kq::hdf5Mutex());
+  HeldLock lock(kq::hdf5Mutex());
   if (shape(); unreadable_) return {};  // said when it was found
   Hid set = openDataset(*group_, link_);
   Vorlap::StrongPtr<MemBase> data;
@@ -172,40 +174,40 @@ Vorlap::StrongPtr<MemBase> FileCreator::produce() {
       using namespace Gemwold::PhysicalSpace;
       switch (shape_.type) {
         case ElementType::Int8:
-          data = read<std::int8_t>(set.get());
+          data = read<std::int8_t>(set.get(), lock);
           break;
         case ElementType::UInt8:
-          data = read<std::uint8_t>(set.get());
+          data = read<std::uint8_t>(set.get(), lock);
           break;
         case ElementType::Int16:
-          data = read<std::int16_t>(set.get());
+          data = read<std::int16_t>(set.get(), lock);
           break;
         case ElementType::UInt16:
-          data = read<std::uint16_t>(set.get());
+          data = read<std::uint16_t>(set.get(), lock);
           break;
         case ElementType::Int32:
-          data = read<std::int32_t>(set.get());
+          data = read<std::int32_t>(set.get(), lock);
           break;
         case ElementType::UInt32:
-          data = read<std::uint32_t>(set.get());
+          data = read<std::uint32_t>(set.get(), lock);
           break;
         case ElementType::Int64:
-          data = read<std::int64_t>(set.get());
+          data = read<std::int64_t>(set.get(), lock);
           break;
         case ElementType::UInt64:
-          data = read<std::uint64_t>(set.get());
+          data = read<std::uint64_t>(set.get(), lock);
           break;
         case ElementType::Float:
-          data = read<float>(set.get());
+          data = read<float>(set.get(), lock);
           break;
         case ElementType::Double:
-          data = read<double>(set.get());
+          data = read<double>(set.get(), lock);
           break;
         case ElementType::Point:
-          data = read<point>(set.get());
+          data = read<point>(set.get(), lock);
           break;
         case ElementType::Vector:
-          data = read<vector>(set.get());
+          data = read<vector>(set.get(), lock);
           break;
       }
     }

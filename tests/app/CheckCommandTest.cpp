@@ -82,15 +82,52 @@ void replaceAttribute(hid_t file, const std::string& object, const char* name, h
   H5Oclose(o);
 }
 
-// Moves the first value of a float64 fragment (the x of the first vector) by `delta`.
-void shiftFirstValue(hid_t file, const std::string& path, double delta) {
+// The numbers of a float64 fragment (of vectors and points: x, y, z of each), as stored.
+std::vector<double> readDoubles(hid_t file, const std::string& path) {
   hid_t set = H5Dopen2(file, path.c_str(), H5P_DEFAULT);
   hid_t space = H5Dget_space(set);
-  std::vector<double> values(H5Sget_simple_extent_npoints(space));
+  std::vector<double> values(H5Sget_simple_extent_npoints(space) *
+                             (H5Tget_size(H5Dget_type(set)) / sizeof(double)));
   H5Dread(set, H5T_NATIVE_DOUBLE, H5S_ALL, H5S_ALL, H5P_DEFAULT, values.data());
-  values[0] += delta;
-  H5Dwrite(set, H5T_NATIVE_DOUBLE, H5S_ALL, H5S_ALL, H5P_DEFAULT, values.data());
   H5Sclose(space), H5Dclose(set);
+  return values;
+}
+
+// Changes numbers of a float64 fragment in place.
+void editDoubles(hid_t file, const std::string& path,
+                 const std::function<void(std::vector<double>&)>& edit) {
+  std::vector<double> values = readDoubles(file, path);
+  edit(values);
+  hid_t set = H5Dopen2(file, path.c_str(), H5P_DEFAULT);
+  H5Dwrite(set, H5T_NATIVE_DOUBLE, H5S_ALL, H5S_ALL, H5P_DEFAULT, values.data());
+  H5Dclose(set);
+}
+
+// Moves the first value of a float64 fragment (the x of the first vector) by `delta`.
+void shiftFirstValue(hid_t file, const std::string& path, double delta) {
+  editDoubles(file, path, [&](std::vector<double>& v) { v[0] += delta; });
+}
+
+// Stores a channel fragment of "OPP" as numpy's default integers, one of them beyond uint8.
+void storeChannelThatDoesNotFit(hid_t f, const std::string& fragment) {
+  const std::string path = fieldPath("OPP", "Channel") + "/fragments/" + fragment;
+  hid_t old = H5Dopen2(f, path.c_str(), H5P_DEFAULT);
+  hid_t space = H5Dget_space(old);
+  std::vector<long long> values(H5Sget_simple_extent_npoints(space));
+  H5Dread(old, H5T_NATIVE_LLONG, H5S_ALL, H5S_ALL, H5P_DEFAULT, values.data());
+  H5Dclose(old);
+  values[4] = 256;
+  H5Ldelete(f, path.c_str(), H5P_DEFAULT);
+  hid_t set =
+      H5Dcreate2(f, path.c_str(), H5T_NATIVE_LLONG, space, H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT);
+  H5Dwrite(set, H5T_NATIVE_LLONG, H5S_ALL, H5S_ALL, H5P_DEFAULT, values.data());
+  writeScalar<long long>(set, "rank", H5T_NATIVE_LLONG, 1);
+  hid_t t = H5Tcopy(H5T_C_S1);
+  H5Tset_size(t, 5);
+  hid_t s = H5Screate(H5S_SCALAR);
+  hid_t a = H5Acreate2(set, "element_type", t, s, H5P_DEFAULT, H5P_DEFAULT);
+  H5Awrite(a, t, "uint8");
+  H5Aclose(a), H5Sclose(s), H5Tclose(t), H5Dclose(set), H5Sclose(space);
 }
 
 struct RefusedCase {
@@ -169,27 +206,7 @@ INSTANTIATE_TEST_SUITE_P(Walls, CheckRefuses, ::testing::Values(
                 "field \"Waveforms.DirectionDelta\" of grid \"Shots\" holds a direction that is not of unit length",
                 "divide each direction by its length"},
     RefusedCase{"ChannelThatDoesNotFit",
-                [](hid_t f) {
-                  // numpy's default integers for the channels, one of them beyond uint8
-                  const std::string path = fieldPath("OPP", "Channel") + "/fragments/Fragment_1";
-                  hid_t old = H5Dopen2(f, path.c_str(), H5P_DEFAULT);
-                  hid_t space = H5Dget_space(old);
-                  std::vector<long long> values(H5Sget_simple_extent_npoints(space));
-                  H5Dread(old, H5T_NATIVE_LLONG, H5S_ALL, H5S_ALL, H5P_DEFAULT, values.data());
-                  H5Dclose(old);
-                  values[4] = 256;
-                  H5Ldelete(f, path.c_str(), H5P_DEFAULT);
-                  hid_t set = H5Dcreate2(f, path.c_str(), H5T_NATIVE_LLONG, space, H5P_DEFAULT,
-                                         H5P_DEFAULT, H5P_DEFAULT);
-                  H5Dwrite(set, H5T_NATIVE_LLONG, H5S_ALL, H5S_ALL, H5P_DEFAULT, values.data());
-                  writeScalar<long long>(set, "rank", H5T_NATIVE_LLONG, 1);
-                  hid_t t = H5Tcopy(H5T_C_S1);
-                  H5Tset_size(t, 5);
-                  hid_t s = H5Screate(H5S_SCALAR);
-                  hid_t a = H5Acreate2(set, "element_type", t, s, H5P_DEFAULT, H5P_DEFAULT);
-                  H5Awrite(a, t, "uint8");
-                  H5Aclose(a), H5Sclose(s), H5Tclose(t), H5Dclose(set), H5Sclose(space);
-                },
+                [](hid_t f) { storeChannelThatDoesNotFit(f, "Fragment_1"); },
                 "field \"Channel\" of grid \"OPP\" cannot be read: value 256 (element 4) does not fit uint8",
                 "store values that fit the element type"},
     RefusedCase{"ShotTimesGoingBack",
@@ -219,6 +236,45 @@ TEST_F(CheckCommand, SimulatedSurveysPass) {
     EXPECT_NE(check.output.find("usable: 2 fragments, 4000 shots"), std::string::npos)
         << check.output;
   }
+}
+
+// Fragments are checked on several threads and their findings joined: faults in several
+// fragments are counted once with the earliest place, shot times that go back across a
+// fragment boundary are found, and the reader's reasons are kept, whatever the thread count.
+TEST_F(CheckCommand, FindingsAreTheSameOnAnyNumberOfThreads) {
+  const std::string shots = fieldPath("Shots", "GPSTime") + "/fragments/";
+  const std::string input = damaged([&](hid_t f) {
+    const double lastOfFirst = readDoubles(f, shots + "Fragment_1").back();
+    editDoubles(f, shots + "Fragment_2", [&](auto& t) { t[0] = lastOfFirst; });
+    for (const char* fragment : {"Fragment_1", "Fragment_2"})
+      editDoubles(f, fieldPath("Shots", "Waveforms.DirectionDelta") + "/fragments/" + fragment,
+                  [](auto& d) { d[3 * 7] += 0.5, d[3 * 9] += 0.5; });
+    shiftFirstValue(f, fieldPath("Waveforms", "GPSTime") + "/fragments/Fragment_0", 3e-7);
+    storeChannelThatDoesNotFit(f, "Fragment_2");
+  });
+  const auto serial = runQuillo("check --threads 1 '" + input + "'");
+  EXPECT_EQ(serial.exitCode, 3) << serial.output;
+  for (const char* finding :
+       {"grid \"Shots\" is not strictly increasing (within and across fragments) (1 times; "
+        "first: Fragment_2, element 0)",
+        "holds a direction that is not of unit length (4 times; first: Fragment_1, element 7)",
+        "grid \"Waveforms\" holds a time that is no shot time of the same fragment",
+        "first: Fragment_0, element 0)",
+        "field \"Channel\" of grid \"OPP\" cannot be read: value 256 (element 4) does not fit "
+        "uint8 (1 times; first: Fragment_2, element 0)"})
+    EXPECT_NE(serial.output.find(finding), std::string::npos) << finding << "\n" << serial.output;
+  const auto serialJson = runQuillo("check --json --threads 1 '" + input + "'");
+  const std::string out = local.file("out");
+  const auto serialRun = runQuillo("run --quiet --threads 1 '" + input + "' --out-dir " + out);
+  EXPECT_EQ(serialRun.exitCode, 3) << serialRun.output;
+  for (const char* threads : {"2", "3", "8"}) {
+    SCOPED_TRACE(threads);
+    const std::string options = std::string("--threads ") + threads + " '" + input + "'";
+    EXPECT_EQ(runQuillo("check " + options).output, serial.output);
+    EXPECT_EQ(runQuillo("check --json " + options).output, serialJson.output);
+    EXPECT_EQ(runQuillo("run --quiet " + options + " --out-dir " + out).output, serialRun.output);
+  }
+  EXPECT_TRUE(fs::is_empty(out)) << "nothing may be written";
 }
 
 TEST_F(CheckCommand, DefaultsAreAnnouncedOnceAndTheRunGoesOn) {

@@ -1,9 +1,11 @@
 // The chunks of .kq datasets: written by hand (shuffle, then deflate) they read back the same
 // through our reader and through plain HDF5 (as h5py and h5dump read them), last partial
-// chunk included; small arrays are stored compact; datasets with other filter chains or
-// layouts are still read through HDF5.
+// chunk included, also by several threads at once; small arrays are stored compact;
+// datasets with other filter chains or layouts are still read through HDF5.
 #include <gtest/gtest.h>
 #include <hdf5.h>
+
+#include <thread>
 
 #include "support/Arrays.hpp"
 #include "support/TempDir.hpp"
@@ -66,6 +68,22 @@ Vorlap::StrongPtr<MemArray<1, double>> loadedTimes(const std::string& file,
   return dynamicPtrCast<MemArray<1, double>>(loadedFragment(loaded, field));
 }
 
+// Values of the big file's fragments that differ from what was saved (all when unread).
+std::size_t wrongValues(const BundlePtr& bundle) {
+  auto times = dynamicPtrCast<MemArray<1, double>>(loadedFragment(bundle, "GPSTime"));
+  auto points = dynamicPtrCast<MemArray<1, point>>(loadedFragment(bundle, "Positions"));
+  auto samples = dynamicPtrCast<MemArray<2, std::uint16_t>>(loadedFragment(bundle, "Samples"));
+  if (!times || !points || !samples) return kTimes + kPoints + kSamples * kRows;
+  std::size_t wrong = 0;
+  for (std::size_t i = 0; i < kTimes; ++i) wrong += times->get(i) != timeAt(i);
+  for (std::size_t i = 0; i < kPoints; ++i) {
+    const point p = points->get(i), q = pointAt(i);
+    wrong += p.x != q.x || p.y != q.y || p.z != q.z;
+  }
+  for (std::size_t k = 0; k < kSamples * kRows; ++k) wrong += samples->get(k) != sampleAt(k);
+  return wrong;
+}
+
 // The dataset through HDF5's own filters, as any HDF5 reader sees it.
 template <class T>
 std::vector<T> readThroughHdf5(const std::string& file, const std::string& field,
@@ -124,18 +142,7 @@ TEST(KqChunks, ManyChunksReadBackTheSameHereAndThroughPlainHdf5) {
     bool ok = false;
     Bundle::load(ok, LoaderParameters({file}), bundle);
     ASSERT_TRUE(ok);
-    auto times = dynamicPtrCast<MemArray<1, double>>(loadedFragment(bundle, "GPSTime"));
-    auto points = dynamicPtrCast<MemArray<1, point>>(loadedFragment(bundle, "Positions"));
-    auto samples = dynamicPtrCast<MemArray<2, std::uint16_t>>(loadedFragment(bundle, "Samples"));
-    ASSERT_TRUE(times && points && samples);
-    std::size_t wrong = 0;
-    for (std::size_t i = 0; i < kTimes; ++i) wrong += times->get(i) != timeAt(i);
-    for (std::size_t i = 0; i < kPoints; ++i) {
-      const point p = points->get(i), q = pointAt(i);
-      wrong += p.x != q.x || p.y != q.y || p.z != q.z;
-    }
-    for (std::size_t k = 0; k < kSamples * kRows; ++k) wrong += samples->get(k) != sampleAt(k);
-    EXPECT_EQ(wrong, 0u);
+    EXPECT_EQ(wrongValues(bundle), 0u);
   }
   const auto times = readThroughHdf5<double>(file, "GPSTime", kTimes);
   EXPECT_EQ(times.back(), timeAt(kTimes - 1));
@@ -146,6 +153,32 @@ TEST(KqChunks, ManyChunksReadBackTheSameHereAndThroughPlainHdf5) {
   std::size_t wrong = 0;
   for (std::size_t k = 0; k < samples.size(); ++k) wrong += samples[k] != sampleAt(k);
   EXPECT_EQ(wrong, 0u);
+}
+
+// Chunks are unpacked with the HDF5 lock released: threads reading one loaded file at once
+// (each array produced anew every time) all get what was saved.
+TEST(KqChunks, ThreadsReadingOneFileAtOnceGetWhatWasSaved) {
+  TempDir dir;
+  const std::string file = savedBigFile(dir);
+  auto bundle = BundlePtr::make();
+  bool ok = false;
+  Bundle::load(ok, LoaderParameters({file}), bundle);
+  ASSERT_TRUE(ok);
+  double t = 0.0;
+  auto shots = (*(*bundle.get())(t))("Shots");
+  for (const char* field : {"GPSTime", "Positions", "Samples"}) {
+    auto f = (*shots)(field, "");
+    ASSERT_TRUE(f);
+    f->getCreator(f->getFragmentIDCollection()->at(0))->enableCaching(false);
+  }
+  std::vector<std::size_t> wrong(3, 0);
+  std::vector<std::thread> threads;
+  for (std::size_t k = 0; k < wrong.size(); ++k)
+    threads.emplace_back([&, k] {
+      for (int round = 0; round < 2; ++round) wrong[k] += wrongValues(bundle);
+    });
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(wrong, std::vector<std::size_t>(3, 0));
 }
 
 TEST(KqChunks, OtherFilterChainsAndLayoutsAreReadThroughHdf5) {
