@@ -27,9 +27,10 @@ class HandedOverCreator final : public Tessal::CreativeArrayBase {
 
 using PointIds = Tessal::MemArray<1, std::uint32_t>;
 
-void takeFromField(Tessal::Field& field, const std::string& representation, OutputPart& part) {
+void takeFromField(Tessal::Field& field, const std::string& representation, OutputPart& part,
+                   Tessal::FragmentChangeCursor& seen) {
   auto ids = field.getFragmentIDCollection();
-  for (std::size_t f = 0; f < ids->size(); ++f) {
+  for (std::size_t f : seen.newlyChanged(field)) {
     auto creator = field.getCreator(ids->at(f));
     auto data = creator ? creator->heldData() : Vorlap::StrongPtr<Tessal::MemBase>();
     if (!data) continue;
@@ -57,11 +58,11 @@ Vorlap::StrongPtr<Tessal::Representation> representationOf(Tessal::Grid& grid,
 
 }  // namespace
 
-OutputPart takeHeldArrays(Tessal::Grid& grid) {
+OutputPart takeHeldArrays(Tessal::Grid& grid, Tessal::FragmentChangeCursor& seen) {
   OutputPart part;
   for (const auto& rep : grid.representations())
     for (const auto& entry : rep->fields())
-      if (entry.field) takeFromField(*entry.field, rep->getName(), part);
+      if (entry.field) takeFromField(*entry.field, rep->getName(), part, seen);
   return part;
 }
 

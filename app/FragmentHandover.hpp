@@ -49,8 +49,9 @@ struct FragmentOutput {
   std::uint32_t points() const { return parts[0].points + parts[1].points; }
 };
 
-// Takes every array held in the grid's fields out of it (in field creation order).
-OutputPart takeHeldArrays(Tessal::Grid& grid);
+// Takes every array held in the grid's fields out of it (in field creation order). Only the
+// fragments set since `seen` last looked are visited: a range may hold thousands.
+OutputPart takeHeldArrays(Tessal::Grid& grid, Tessal::FragmentChangeCursor& seen);
 
 // Adds `idShift` to every point number (and to their value range); with `encode`, encodes
 // the point numbers then.

@@ -214,7 +214,7 @@ class WorkerOutputs : public Vorlap::ProgressSink {
   void handOver() {
     FragmentOutput output;
     for (int k = 0; k < 2; ++k)
-      if (grids_[k]) output.parts[k] = takeHeldArrays(*grids_[k]);
+      if (grids_[k]) output.parts[k] = takeHeldArrays(*grids_[k], handedOver_[k]);
     output.firstPointId = nextPointId_;
     nextPointId_ += output.points();
     if (current_ < range_.begin) return;
@@ -238,6 +238,7 @@ class WorkerOutputs : public Vorlap::ProgressSink {
   std::optional<std::uint32_t> rangeFirstId_;  // the worker's number of the range's first point
   std::array<Vorlap::StrongPtr<Tessal::Grid>, 2> grids_;
   std::array<Transform, 2> toMap_{};
+  std::array<Tessal::FragmentChangeCursor, 2> handedOver_;
   std::optional<Vorlap::ConsoleCapture> quietWarmUp_;
 };
 
@@ -264,15 +265,20 @@ void describeSharing(const ParallelRun& run, const std::vector<Range>& ranges,
   say << " writing " << tenths(writerCpu) << " s CPU";
 }
 
+// The input as a later range reads it: the structure of the first load with readers of its
+// own (loading the file again took the HDF5 lock from the other threads for a second or two
+// with thousands of fragments); loaded again when the input cannot be copied so.
+Tessal::BundlePtr inputOfRange(const ParallelRun& run, std::size_t index) {
+  if (index == 0) return run.bundle;
+  if (auto copy = Tessal::copyForAnotherThread(run.bundle)) return copy;
+  Vorlap::ConsoleCapture alreadySaid;  // the first load told the user about this file
+  return loadKqFile(run.inputPath);
+}
+
 // Runs the module on one range; keeps the grids of the last range for the run's attributes.
-void runRange(const ParallelRun& run, Range range, std::size_t index, HandoverQueue& queue,
-              Vorlap::StrongPtr<Tessal::Grid>* attributeSource) {
+void runRange(const ParallelRun& run, Tessal::BundlePtr bundle, Range range, std::size_t index,
+              HandoverQueue& queue, Vorlap::StrongPtr<Tessal::Grid>* attributeSource) {
   const std::uint32_t start = index == 0 ? range.begin : range.begin - 1;
-  Tessal::BundlePtr bundle = run.bundle;
-  if (index > 0) {
-    Vorlap::ConsoleCapture alreadySaid;  // the first load told the user about this file
-    bundle = loadKqFile(run.inputPath);
-  }
   auto outputs = Vorlap::makeStrong<WorkerOutputs>(queue, index, range, start, run);
   FullWaveform::Input input = run.input;
   input.fragBegin = std::int32_t(start);
@@ -316,10 +322,14 @@ std::string runRanges(const ParallelRun& run, Range all, const std::vector<Range
   Vorlap::StrongPtr<Tessal::Grid> attributeSource[2];
   std::vector<std::thread> threads;
   std::vector<double> cpu(ranges.size(), 0.0);
+  // Copied before any worker reads the input: a copy made while one runs would race with it.
+  std::vector<Tessal::BundlePtr> inputs(ranges.size());
+  for (std::size_t r = 0; r < ranges.size(); ++r) inputs[r] = inputOfRange(run, r);
   for (std::size_t r = 0; r < ranges.size(); ++r) {
     auto work = [&, r] {
       errors[r] = caughtError("", [&] {
-        runRange(run, ranges[r], r, queue, r + 1 == ranges.size() ? attributeSource : nullptr);
+        runRange(run, inputs[r], ranges[r], r, queue,
+                 r + 1 == ranges.size() ? attributeSource : nullptr);
       });
       if (errors[r]) queue.finish(r, errors[r]->what());
       cpu[r] = threadCpuSeconds();

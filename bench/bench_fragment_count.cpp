@@ -2,7 +2,8 @@
 // end to end by `quillo run` (one input, fast mode unless told otherwise); prints the waves per
 // second of each and their ratio. A run whose bookkeeping walks every fragment per fragment
 // falls far behind with many fragments.
-//   bench_fragment_count [SHOTS] [FEW] [MANY] [MODE]   (default: 1000000 20 5000 fast)
+//   bench_fragment_count [SHOTS] [FEW] [MANY] [MODE] [--threads N]
+//   (default: 1000000 20 5000 fast, the run's default threads)
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -56,8 +57,44 @@ std::uint64_t pointsInReport(const fs::path& report) {
   return points;
 }
 
-bool runOnce(const fs::path& dir, std::uint32_t fragments, std::uint64_t shots,
-             const std::string& mode, RunFigures& figures) {
+struct Settings {
+  std::uint64_t shots = 1000000;
+  std::uint32_t few = 20, many = 5000;
+  std::string mode = "fast";
+  std::string threads;  // empty: the run's default
+};
+
+// Positional settings in their order; "--threads N" anywhere.
+Settings parse(int argc, char** argv) {
+  Settings s;
+  int position = 0;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--threads" && i + 1 < argc) {
+      s.threads = argv[++i];
+      continue;
+    }
+    switch (position++) {
+      case 0:
+        s.shots = std::strtoull(argv[i], nullptr, 10);
+        break;
+      case 1:
+        s.few = std::uint32_t(std::atoi(argv[i]));
+        break;
+      case 2:
+        s.many = std::uint32_t(std::atoi(argv[i]));
+        break;
+      case 3:
+        s.mode = arg;
+        break;
+    }
+  }
+  return s;
+}
+
+bool runOnce(const fs::path& dir, std::uint32_t fragments, const Settings& settings,
+             RunFigures& figures) {
+  const std::uint64_t shots = settings.shots;
   const fs::path input = dir / ("cut" + std::to_string(fragments) + "_210315_093000.kq");
   quillo::sim::SurveyConfig config;
   quillo::sim::presetConfig("demo", config);
@@ -67,9 +104,10 @@ bool runOnce(const fs::path& dir, std::uint32_t fragments, std::uint64_t shots,
     return std::fprintf(stderr, "%s\n", error.c_str()), false;
   figures.waves = wavesIn(input.string());
   const fs::path out = dir / ("out" + std::to_string(fragments)), report = out / "run.json";
-  const std::string command = std::string(QUILLO_CLI) + " run --quiet --mode " + mode +
-                              " --out-dir " + out.string() + " --report " + report.string() + " " +
-                              input.string() + " >/dev/null";
+  const std::string threads = settings.threads.empty() ? "" : " --threads " + settings.threads;
+  const std::string command = std::string(QUILLO_CLI) + " run --quiet --mode " + settings.mode +
+                              threads + " --out-dir " + out.string() + " --report " +
+                              report.string() + " " + input.string() + " >/dev/null";
   const auto start = Clock::now();
   if (std::system(command.c_str()) != 0)
     return std::fprintf(stderr, "failed: %s\n", command.c_str()), false;
@@ -83,17 +121,15 @@ bool runOnce(const fs::path& dir, std::uint32_t fragments, std::uint64_t shots,
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::uint64_t shots = argc > 1 ? std::strtoull(argv[1], nullptr, 10) : 1000000;
-  const std::uint32_t few = argc > 2 ? std::uint32_t(std::atoi(argv[2])) : 20;
-  const std::uint32_t many = argc > 3 ? std::uint32_t(std::atoi(argv[3])) : 5000;
-  const std::string mode = argc > 4 ? argv[4] : "fast";
+  const Settings settings = parse(argc, argv);
+  const std::uint32_t few = settings.few, many = settings.many;
   const fs::path dir =
       fs::temp_directory_path() / ("bench_fragment_count_" + std::to_string(getpid()));
   fs::create_directories(dir);
   RunFigures figures[2];
   const std::uint32_t counts[2] = {few, many};
   for (int i = 0; i < 2; ++i) {
-    if (!runOnce(dir, counts[i], shots, mode, figures[i])) return fs::remove_all(dir), 1;
+    if (!runOnce(dir, counts[i], settings, figures[i])) return fs::remove_all(dir), 1;
     std::printf("%6u fragments: %.2f s, %llu waves, %llu points, %.0f k waves/s\n", counts[i],
                 figures[i].seconds, (unsigned long long)figures[i].waves,
                 (unsigned long long)figures[i].points, figures[i].waves / figures[i].seconds / 1e3);
@@ -101,7 +137,8 @@ int main(int argc, char** argv) {
   fs::remove_all(dir);
   const double ratio =
       (figures[1].waves / figures[1].seconds) / (figures[0].waves / figures[0].seconds);
-  std::printf("%u fragments run at %.0f %% of the speed of %u (%s mode, %llu shots)\n", many,
-              100.0 * ratio, few, mode.c_str(), (unsigned long long)shots);
+  std::printf("%u fragments run at %.0f %% of the speed of %u (%s mode, %llu shots, %s threads)\n",
+              many, 100.0 * ratio, few, settings.mode.c_str(), (unsigned long long)settings.shots,
+              settings.threads.empty() ? "default" : settings.threads.c_str());
   return 0;
 }

@@ -106,9 +106,10 @@ std::string unescapeName(const std::string& link) {
   return out;
 }
 
-Hid orderedGroupProperties() {
+Hid orderedGroupProperties(bool indexed) {
   Hid p(H5Pcreate(H5P_GROUP_CREATE), H5Pclose);
-  H5Pset_link_creation_order(p.get(), H5P_CRT_ORDER_TRACKED | H5P_CRT_ORDER_INDEXED);
+  H5Pset_link_creation_order(p.get(),
+                             H5P_CRT_ORDER_TRACKED | (indexed ? H5P_CRT_ORDER_INDEXED : 0));
   H5Pset_attr_creation_order(p.get(), H5P_CRT_ORDER_TRACKED | H5P_CRT_ORDER_INDEXED);
   H5Pset_obj_track_times(p.get(), 0);  // same content, same bytes
   return p;

@@ -99,6 +99,7 @@ class FileCreator final : public CreativeArrayBase {
       : group_(std::move(group)), link_(std::move(link)), path_(std::move(path)) {}
   ElementType elementType() const override { return shape().type; }
   std::vector<std::size_t> extents() const override { return shape().extents; }
+  Vorlap::StrongPtr<CreativeArrayBase> unheldCopy() const override;
 
  protected:
   Vorlap::StrongPtr<MemBase> produce() override;
@@ -130,6 +131,15 @@ const DatasetShape& FileCreator::shape() const {
     Vorlap::Console() << group_->file->name << ": cannot read " << path_ << ": " << problem_;
   }
   return shape_;
+}
+
+Vorlap::StrongPtr<CreativeArrayBase> FileCreator::unheldCopy() const {
+  std::lock_guard<std::recursive_mutex> lock(kq::hdf5Mutex());  // shape() may still be found
+  if (!described_) return Vorlap::makeStrong<FileCreator>(group_, link_, path_);
+  auto copy = Vorlap::makeStrong<FileCreator>(group_, link_, path_, shape_);
+  copy->unreadable_ = unreadable_;
+  copy->problem_ = problem_;
+  return copy;
 }
 
 template <class T>

@@ -120,11 +120,12 @@ class Writer {
     return false;
   }
 
-  // Opens the group when an earlier streaming pass made it.
-  Hid group(hid_t parent, const std::string& name) {
+  // Opens the group when an earlier streaming pass made it. A fragments group, which may
+  // hold thousands of links and is listed once by a load, keeps no creation order index.
+  Hid group(hid_t parent, const std::string& name, bool indexed = true) {
     if (H5Lexists(parent, name.c_str(), H5P_DEFAULT) > 0)
       return Hid(H5Gopen2(parent, name.c_str(), H5P_DEFAULT), H5Gclose);
-    Hid props = kq::orderedGroupProperties();
+    Hid props = kq::orderedGroupProperties(indexed);
     return Hid(H5Gcreate2(parent, name.c_str(), H5P_DEFAULT, props.get(), H5P_DEFAULT), H5Gclose);
   }
 
@@ -200,7 +201,7 @@ class Writer {
     if (!f.ok()) return fail("cannot create field \"" + field->getName() + "\"");
     if (!writeAttributeGroup(f.get(), field->attributes(), "field \"" + field->getName() + "\""))
       return false;
-    Hid frags = group(f.get(), "fragments");
+    Hid frags = group(f.get(), "fragments", false);
     jobs_.push_back({field, prefix + link + "/fragments"});
     return frags.ok() || fail("cannot create the fragments of \"" + field->getName() + "\"");
   }

@@ -50,4 +50,50 @@ StrongPtr<Bundle> BundlePtr::create() {
   return bundle_;
 }
 
+namespace {
+
+bool copyField(const Field& from, Representation& to) {
+  StrongPtr<Field> field = to.makeField(to.makeFieldID(from.getName()), {}, {});
+  field->attributes() = from.attributes();
+  auto ids = from.getFragmentIDCollection();
+  for (std::size_t f = 0; f < ids->size(); ++f) {
+    auto id = field->makeFragmentID(ids->at(f)->getName());
+    auto creator = from.getCreator(ids->at(f));
+    if (!creator) continue;
+    auto copy = creator->unheldCopy();
+    if (!copy) return false;
+    copy->enableCaching(creator->cachingEnabled());
+    copy->setRange(creator->range());
+    field->setCreator(id, copy);
+  }
+  return true;
+}
+
+bool copyGrid(const Grid& from, Grid& to) {
+  to.replaceAttributes(from.attributes());
+  for (const auto& rep : from.representations()) {
+    auto target =
+        to.makeCartesianRepresentation(rep->getChart()->getDimensions(), rep->getName(), 0);
+    for (const auto& entry : rep->fields()) {
+      if (!entry.field) {
+        target->makeFieldID(entry.id->getName());
+        continue;
+      }
+      if (!copyField(*entry.field, *target)) return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+BundlePtr copyForAnotherThread(const BundlePtr& bundle) {
+  BundlePtr copy = BundlePtr::make();
+  if (!bundle) return copy;
+  for (const auto& [time, slice] : bundle->slices())
+    for (const auto& grid : slice->grids())
+      if (!copyGrid(*grid, *(*copy.create())[time]->makeGrid(grid->getName()))) return {};
+  return copy;
+}
+
 }  // namespace Tessal

@@ -69,6 +69,12 @@ class Bundle {
   std::map<double, Vorlap::StrongPtr<Slice>> slices_;
 };
 
+// The bundle's slices, grids, fields, fragments and attributes with creators that produce
+// the arrays anew: another thread reads them while this bundle is in use, without loading
+// the file again. Empty when a creator cannot be copied so. Nothing may change the bundle
+// while it is copied.
+BundlePtr copyForAnotherThread(const BundlePtr& bundle);
+
 // Saves a bundle while it is still being filled, so that memory holds only what is not yet
 // written: write() stores every fragment whose data is held and lets it go (its creator then
 // knows type and extents only); finish() writes the rest, the structure and the attributes,

@@ -66,6 +66,10 @@ class CreativeArrayBase : public Vorlap::Creature, public Vorlap::ReferenceBase<
   virtual ElementType elementType() const = 0;
   virtual std::vector<std::size_t> extents() const = 0;
 
+  // A creator that produces the same array anew and holds nothing: for a copy of the bundle
+  // that another thread reads. Empty when the array cannot be produced again that way.
+  virtual Vorlap::StrongPtr<CreativeArrayBase> unheldCopy() const { return {}; }
+
   Vorlap::StrongPtr<ValueRange> range() const { return range_; }
   void setRange(Vorlap::StrongPtr<ValueRange> r) { range_ = std::move(r); }
 

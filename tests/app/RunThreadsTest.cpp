@@ -1,7 +1,7 @@
 // `quillo run --threads`: the fragments of one input across threads write the same bytes as
-// one thread (both peak-detection modes, a fragment range, the refinement, without scratch
-// space, together with --jobs) and report the same counts, and a run that fails in a later thread,
-// or while writing, ends cleanly and leaves no output file.
+// one thread (both peak-detection modes, a fragment range, many tiny fragments, the refinement,
+// without scratch space, together with --jobs) and report the same counts, and a run that fails in
+// a later thread, or while writing, ends cleanly and leaves no output file.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -175,4 +175,15 @@ TEST(RunThreadsFailure, AModuleErrorInALaterThreadEndsTheRunAsOneThreadDoes) {
     if (oneThread.empty()) oneThread = r.output;
     EXPECT_EQ(r.output, oneThread) << "the same message whatever the thread count";
   }
+}
+
+// Forty fragments of a hundred shots: the later ranges read a copy of the checked load, and
+// the workers hand over fragment after fragment of tiny outputs.
+TEST_F(RunThreads, ManyTinyFragmentsWriteTheBytesOfOneThread) {
+  const std::string input = dir->file("many_210315_093000.kq");
+  const auto r = runQuillo("simulate --preset tiny --shots 4000 --fragment-shots 100 " + input);
+  ASSERT_EQ(r.exitCode, 0) << r.output;
+  const std::string one = runInto("many-1", input + " --mode fast --threads 1");
+  EXPECT_EQ(expectSameFiles(one, runInto("many-2", input + " --mode fast --threads 2")), 2);
+  EXPECT_EQ(expectSameFiles(one, runInto("many-3", input + " --mode fast --threads 3")), 2);
 }

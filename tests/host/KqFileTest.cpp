@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "support/Arrays.hpp"
 #include "support/TempDir.hpp"
@@ -257,4 +258,116 @@ TEST(KqFile, UnfinishedOrUnwritableStreamingSavesLeaveNothing) {
   EXPECT_NE(save.write().find(bad), std::string::npos);
   EXPECT_NE(save.finish().find(bad), std::string::npos);
   EXPECT_FALSE(std::filesystem::exists(bad));
+}
+
+namespace {
+
+// A field whose fragments were made in the reverse of their name order, `count` of them.
+BundlePtr reverseNamedFragments(int count) {
+  auto bundle = BundlePtr::make();
+  auto rep = (*bundle.create())[0.0]->makeGrid("Shots")->makeCartesianRepresentation(3, "C", 0);
+  for (int k = count - 1; k >= 0; --k)
+    storeFragment(*rep, "GPSTime", "F" + std::to_string(100 + k), makeArray<double>({double(k)}));
+  return bundle;
+}
+
+std::vector<std::string> fragmentNames(const BundlePtr& bundle) {
+  auto field = (*(*(*bundle.get())[0.0])("Shots"))("GPSTime", "");
+  std::vector<std::string> names;
+  for (std::size_t f = 0; field && f < field->getNumberOfFragments(); ++f)
+    names.push_back(field->getFragmentIDCollection()->at(f)->getName());
+  return names;
+}
+
+// Moves every link of `path` into a new group of that name whose creation order is indexed,
+// in their creation order: the fragments groups of files written by earlier builds.
+void indexCreationOrder(const std::string& file, const std::string& path) {
+  hid_t f = H5Fopen(file.c_str(), H5F_ACC_RDWR, H5P_DEFAULT);
+  H5Lmove(f, path.c_str(), f, (path + "_old").c_str(), H5P_DEFAULT, H5P_DEFAULT);
+  hid_t props = H5Pcreate(H5P_GROUP_CREATE);
+  H5Pset_link_creation_order(props, H5P_CRT_ORDER_TRACKED | H5P_CRT_ORDER_INDEXED);
+  hid_t old = H5Gopen2(f, (path + "_old").c_str(), H5P_DEFAULT);
+  hid_t fresh = H5Gcreate2(f, path.c_str(), H5P_DEFAULT, props, H5P_DEFAULT);
+  H5G_info_t info;
+  H5Gget_info(old, &info);
+  for (hsize_t i = 0; i < info.nlinks; ++i) {
+    char name[64];
+    H5Lget_name_by_idx(old, ".", H5_INDEX_CRT_ORDER, H5_ITER_INC, 0, name, sizeof name,
+                       H5P_DEFAULT);
+    H5Lmove(old, name, fresh, name, H5P_DEFAULT, H5P_DEFAULT);
+  }
+  H5Gclose(fresh), H5Gclose(old), H5Pclose(props);
+  H5Ldelete(f, (path + "_old").c_str(), H5P_DEFAULT);
+  H5Fclose(f);
+}
+
+}  // namespace
+
+// Fragments groups keep their creation order without indexing it (a group of few links is
+// stored compact, of many dense); files whose groups index it, as earlier builds wrote
+// them, load in the same order.
+TEST(KqFile, FragmentsLoadInTheOrderTheyWereMade) {
+  TempDir dir;
+  const std::string fragments = "/slices/0/grids/Shots/charts/C/fields/GPSTime/fragments";
+  for (int count : {3, 40}) {
+    const std::string file = dir.file("f" + std::to_string(count) + ".kq");
+    const auto made = reverseNamedFragments(count);
+    ASSERT_EQ(Bundle::save(made, file), "");
+    bool ok = false;
+    EXPECT_EQ(fragmentNames(load(file, ok)), fragmentNames(made)) << count;
+    EXPECT_TRUE(ok);
+    hid_t f = H5Fopen(file.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT);
+    hid_t g = H5Gopen2(f, fragments.c_str(), H5P_DEFAULT);
+    hid_t props = H5Gget_create_plist(g);
+    unsigned order = 0;
+    H5Pget_link_creation_order(props, &order);
+    EXPECT_EQ(order, unsigned(H5P_CRT_ORDER_TRACKED)) << count;
+    H5Pclose(props), H5Gclose(g), H5Fclose(f);
+
+    indexCreationOrder(file, fragments);
+    auto earlier = load(file, ok);
+    ASSERT_TRUE(ok);
+    EXPECT_EQ(fragmentNames(earlier), fragmentNames(made)) << count;
+    auto field = (*(*(*earlier.get())[0.0])("Shots"))("GPSTime", "");
+    EXPECT_EQ(fragment<double>(field, "F" + std::to_string(100 + count - 1))->get(0), count - 1);
+  }
+}
+
+// Another thread's copy of a loaded bundle reads the same arrays through readers of its own
+// while the first one is in use; a bundle held in memory has none to copy.
+TEST(KqFile, ACopyForAnotherThreadReadsTheFileOnItsOwn) {
+  TempDir dir;
+  ASSERT_EQ(Bundle::save(sampleBundle(), dir.file("a.kq")), "");
+  bool ok = false;
+  BundlePtr first = load(dir.file("a.kq"), ok);
+  ASSERT_TRUE(ok);
+  auto times = (*(*first.get())[0.0])("Shots")->operator()("GPSTime", "");
+  ASSERT_TRUE(fragment<double>(times, "Fragment_0"));  // held by the first bundle now
+  BundlePtr copy = copyForAnotherThread(first);
+  ASSERT_TRUE(copy);
+  auto shots = (*(*copy.get())[0.0])("Shots");
+  EXPECT_EQ((*shots->attributes().getAttributeAs<double>("Rate"))[0], 1.0e6);
+  auto copied = (*shots)("GPSTime", "ScannerCoordinateSystem");
+  ASSERT_EQ(copied->getNumberOfFragments(), 3u);
+  auto creator = copied->getCreator(copied->getFragmentIDCollection()->at(0));
+  EXPECT_TRUE(creator->heldData().isEmpty());
+  EXPECT_EQ((*(*shots)("Channel", "")->attributes().getAttributeAs<std::string>("Unit"))[0], "id");
+
+  // Not kept: every read goes to the file, the two threads at once.
+  for (const auto& field : {times, copied})
+    field->getCreator(field->getFragmentIDCollection()->at(2))->enableCaching(false);
+  std::thread reader([&] {
+    for (int k = 0; k < 200; ++k) fragment<double>(times, "Fragment_2");
+  });
+  for (int k = 0; k < 200; ++k) EXPECT_EQ(fragment<double>(copied, "Fragment_2")->get(1), 5.0);
+  reader.join();
+  first.reset();
+  EXPECT_EQ(fragment<double>(copied, "Fragment_0")->get(2), 3.0);
+  auto wf = (*(*(*copy.get())[0.0])("Waveforms/odd.name"))("Waveforms", "Chart");
+  auto samples = Vorlap::dynamicPtrCast<MemArray<2, std::uint16_t>>(
+      wf->getCreator(wf->getFragmentIDCollection()->at(0))->create());
+  ASSERT_TRUE(samples);
+  EXPECT_EQ(samples->get(3, 1), 107);
+
+  EXPECT_FALSE(copyForAnotherThread(sampleBundle()));
 }
