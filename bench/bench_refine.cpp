@@ -1,7 +1,8 @@
 // The zone refinement alone, on stored arrays. `--dump DIR` runs scenes of sim/Scenes through
 // the module and stores, per scene, the arrays the refinement works on with each echo's true
 // zone and target (DIR/NAME.refine); given such files it refines them (best of --repeat runs)
-// and prints its time beside the module's, and the points it moved, fixed and broke.
+// and prints its time beside the module's, the points it moved, fixed and broke, and a hash of
+// every echo's new zone and flag (a rework of the stage must leave it unchanged).
 //   bench_refine --dump DIR [--small] [--shots N] [NAME-PART]
 //   bench_refine [--repeat N] [--broken] FILE...
 #include <algorithm>
@@ -202,6 +203,14 @@ void printBroken(const Stored& s, const FullWaveform::RefineResult& r) {
   }
 }
 
+// FNV-1a over every echo's zone and flag: a rework of the stage must leave it unchanged.
+std::uint64_t resultHash(const FullWaveform::RefineResult& r) {
+  std::uint64_t h = 1469598103934665603ull;
+  for (std::size_t i = 0; i < r.zone.size(); ++i)
+    for (const std::uint8_t b : {r.zone[i], r.flag[i]}) h = (h ^ b) * 1099511628211ull;
+  return h;
+}
+
 void report(const std::string& file, const Stored& s, const FullWaveform::RefineResult& r,
             double seconds, double cpuSeconds) {
   std::uint64_t right = 0, fixed = 0, broken = 0, notNoise = 0, wrongBefore = 0, wrongAfter = 0,
@@ -216,14 +225,14 @@ void report(const std::string& file, const Stored& s, const FullWaveform::Refine
   }
   std::printf(
       "%-40s wrong/!7 %.3f %% -> %.3f %%  moved %llu fixed %llu broken %llu (%.2f per 100,000)  "
-      "noise %llu (off-surface %.1f %%)  refine %.2f s (cpu %.2f s) / run %.1f s\n",
+      "noise %llu (off-surface %.1f %%)  refine %.2f s (cpu %.2f s) / run %.1f s  result %016llx\n",
       std::filesystem::path(file).stem().c_str(),
       100.0 * double(wrongBefore) / double(notNoiseBefore),
       100.0 * double(wrongAfter) / double(notNoise), (unsigned long long)r.moved,
       (unsigned long long)fixed, (unsigned long long)broken, 1e5 * double(broken) / double(right),
       (unsigned long long)r.markedNoise,
       offSurface ? 100.0 * double(offMarked) / double(offSurface) : 0.0, seconds, cpuSeconds,
-      s.runSeconds);
+      s.runSeconds, (unsigned long long)resultHash(r));
   std::fflush(stdout);
 }
 

@@ -6,6 +6,9 @@
 #include <algorithm>
 #include <cmath>
 #include <set>
+#include <ctime>
+#include <cstdio>
+#define TICK(label) do { std::fprintf(stderr, "TICK %-12s %.3f\n", label, double(std::clock() - tick0) / CLOCKS_PER_SEC); tick0 = std::clock(); } while (0)
 
 #include "output/PointGeometry.hpp"
 #include "refine/ZoneRefinement.hpp"
@@ -67,18 +70,28 @@ std::string readShotTable(Tessal::BundlePtr& input, ShotTable& table, double& sa
   const auto directions = (*shots)(schema::kDirectionDelta, "");
   if (!times || !origins || !directions)
     return "refinement: \"Shots\" lacks GPSTime, Positions or Waveforms.DirectionDelta";
+  // Sized once and copied block by block: growing the table fragment by fragment costs more
+  // than the copying (every growth touches fresh pages).
   const auto ids = times->getFragmentIDCollection();
+  std::vector<ArrayPtr<double>> t(ids->size());
+  std::vector<ArrayPtr<point>> o(ids->size());
+  std::vector<ArrayPtr<vector>> d(ids->size());
+  std::size_t total = 0;
   for (std::size_t f = 0; f < ids->size(); ++f) {
     const std::string& name = ids->at(f)->getName();
-    const auto t = fragmentArray<double>(times, name);
-    const auto o = fragmentArray<point>(origins, name);
-    const auto d = fragmentArray<vector>(directions, name);
-    if (!t || !o || !d || o->size() != t->size() || d->size() != t->size()) continue;
-    const std::size_t n = t->size(), at = table.time.size();
-    table.time.resize(at + n), table.origin.resize(at + n), table.direction.resize(at + n);
-    for (std::size_t s = 0; s < n; ++s)
-      table.time[at + s] = t->get(s), table.origin[at + s] = o->get(s),
-                      table.direction[at + s] = d->get(s);
+    t[f] = fragmentArray<double>(times, name), o[f] = fragmentArray<point>(origins, name);
+    d[f] = fragmentArray<vector>(directions, name);
+    const bool usable = t[f] && o[f] && d[f] && o[f]->size() == t[f]->size() &&
+                        d[f]->size() == t[f]->size();
+    if (!usable) t[f] = {};
+    total += usable ? t[f]->size() : 0;
+  }
+  table.time.resize(total), table.origin.resize(total), table.direction.resize(total);
+  for (std::size_t f = 0, at = 0; f < ids->size(); ++f) {
+    if (!t[f]) continue;
+    t[f]->copyOut(table.time.data() + at), o[f]->copyOut(table.origin.data() + at);
+    d[f]->copyOut(table.direction.data() + at);
+    at += t[f]->size();
   }
   inTimeOrder(table);
   const ScannerDevice scanner(shots, inputGrid(input, schema::kWaveformsGrid));
@@ -236,15 +249,20 @@ RefinementSummary refineZones(Tessal::BundlePtr& input,
                               const std::vector<Vorlap::StrongPtr<Tessal::Grid>>& outputs,
                               const RefineSettings& settings) {
   RefinementSummary summary;
+  std::clock_t tick0 = std::clock();
   ShotTable table;
   double sampleStep = 1.0;
   std::vector<OutputPart> parts;
   if (!(summary.error = readShotTable(input, table, sampleStep)).empty()) return summary;
+  TICK("shots");
   if (!(summary.error = collectParts(outputs, parts)).empty()) return summary;
+  TICK("parts");
   std::vector<RefineEcho> echoes;
   std::vector<PointRef> refs;
   collectEchoes(table, parts, echoes, refs);
+  TICK("echoes");
   const RefineResult result = refineEchoZones(table, echoes, settings);
+  TICK("refine");
   std::vector<std::set<double>> touchedShots(parts.size());
   for (std::size_t k = 0; k < echoes.size(); ++k) {
     OutputPart& p = parts[refs[k].part];

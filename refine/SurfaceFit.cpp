@@ -10,6 +10,7 @@
 
 #include "classify/NoiseClassification.hpp"
 #include "output/PointGeometry.hpp"
+#include "refine/LargeArrays.hpp"
 
 namespace FullWaveform {
 
@@ -32,9 +33,9 @@ double squared(const A& a, const A& b) {
 
 // Scan line and angle bin of every shot.
 struct ShotCells {
-  std::vector<std::uint32_t> line;
-  std::vector<std::int32_t> bin;
-  std::vector<double> angle;      // the scan angle the bins divide
+  LargeVector<std::uint32_t> line;
+  LargeVector<std::int32_t> bin;
+  LargeVector<double> angle;      // the scan angle the bins divide
   std::vector<point> lineOrigin;  // origin of each line's first shot
   std::int32_t firstBin = 0, binCount = 1;
 
@@ -77,11 +78,12 @@ struct Neighbour {
   std::uint32_t echo, emitter;
 };
 
-// Where each echo lies under its current zone, and the echoes of each cell.
+// Where each echo lies under its current zone (placed once, then where it moves), and the
+// echoes of each cell.
 struct Placement {
-  std::vector<point> position;
-  std::vector<std::uint32_t> start, fill;  // cell c holds members[start[c], start[c+1])
-  std::vector<Neighbour> members;
+  LargeVector<point> position;
+  LargeVector<std::uint32_t> start, fill;  // cell c holds members[start[c], start[c+1])
+  LargeVector<Neighbour> members;
 };
 
 struct Fit {
@@ -134,7 +136,7 @@ class Refiner {
     for (std::size_t i = 0; i < e.size(); ++i) straddles_[i] = straddlesLines(i);
     // Filled in shot order, a cell is in scan-angle order already wherever the angle sweeps
     // steadily (moves shift an echo by a shot or two); sorting then mostly only checks.
-    std::vector<std::uint32_t> first(t.time.size() + 1, 0);
+    LargeVector<std::uint32_t> first(t.time.size() + 1, 0);
     for (std::uint32_t i = 0; i < e.size(); ++i)
       if (active(i)) ++first[e[i].emitter + 1];
     for (std::size_t k = 1; k < first.size(); ++k) first[k] += first[k - 1];
@@ -159,7 +161,9 @@ class Refiner {
     return cells_.line[shot(e - kZoneReach)] != cells_.line[shot(e + kZoneReach)];
   }
   bool isNeighbour(std::size_t i) const { return active(i) && !straddles_[i]; }
-  void place();
+  void placeAll();
+  void fillCells();
+  bool fitsNothing(std::size_t i) const;
   // What a candidate must still reach to matter: fitting lines and their share, and whether
   // any fit at all is still to be found (for the noise test).
   struct Hope {
@@ -193,27 +197,34 @@ class Refiner {
   RefineSettings settings_;
   ShotCells cells_;
   Placement placed_;
-  std::vector<std::uint32_t> emitter_;
-  std::vector<double> oneWay_;
+  LargeVector<std::uint32_t> emitter_;
+  LargeVector<double> oneWay_;
   int maxZone_ = 0;
   std::vector<bool> active_, straddles_;
-  std::vector<std::uint32_t> byShot_;  // echoes by first emitting shot
+  LargeVector<std::uint32_t> byShot_;        // echoes by first emitting shot
+  std::vector<std::uint8_t> moving_echoes_;  // keepSupportedMoves' marks, kept for reuse
+  std::vector<std::uint32_t> movingList_;
   // While set, the echoes marked here count as no neighbours (they are about to move).
   const std::vector<std::uint8_t>* moving_ = nullptr;
   RefineResult result_;
 };
 
-void Refiner::place() {
-  const std::size_t n = echoes_.size();
-  placed_.position.resize(n);
-  placed_.start.assign(cells_.cellCount() + 1, 0);
-  for (std::size_t i = 0; i < n; ++i) {
+void Refiner::placeAll() {
+  placed_.position.resize(echoes_.size());
+  for (std::size_t i = 0; i < echoes_.size(); ++i) {
     if (!active(i)) continue;
     const std::uint32_t e = emitter_[i];
     placed_.position[i] =
         placeEcho(oneWay_[i], shots_.direction[e], shots_.origin[e], shots_.lightSpeed).position;
-    if (isNeighbour(i)) ++placed_.start[cells_.cellOf(e) + 1];
   }
+}
+
+// Sorts the neighbours into their cells, each in scan-angle order.
+void Refiner::fillCells() {
+  const std::size_t n = echoes_.size();
+  placed_.start.assign(cells_.cellCount() + 1, 0);
+  for (std::size_t i = 0; i < n; ++i)
+    if (isNeighbour(i)) ++placed_.start[cells_.cellOf(emitter_[i]) + 1];
   for (std::size_t c = 1; c < placed_.start.size(); ++c) placed_.start[c] += placed_.start[c - 1];
   placed_.members.resize(placed_.start.back());
   placed_.fill.assign(placed_.start.begin(), placed_.start.end() - 1);
@@ -361,6 +372,26 @@ Refiner::Verdict Refiner::judge(std::size_t i) const {
   return v;
 }
 
+// Whether neither the current zone nor any candidate fits a single line (the current zone
+// judged off, on enough lines): judge()'s `unfit`, without ranking the candidates.
+bool Refiner::fitsNothing(std::size_t i) const {
+  const std::uint32_t e = emitter_[i];
+  const int z = result_.zone[i];
+  const Fit now = fitOf(i, e, placed_.position[i], 1);
+  if (now.fitting > 0 || now.lines < kMinLinesToJudge) return false;
+  for (int candidate = std::max(0, z - kZoneReach); candidate <= std::min(maxZone_, z + kZoneReach);
+       ++candidate) {
+    const std::int64_t other = std::int64_t(e) + z - candidate;
+    if (candidate == z || other < 0 || other >= std::int64_t(shots_.time.size())) continue;
+    const auto o = std::uint32_t(other);
+    const double d = oneWayTimeFrom(oneWay_[i], shots_.time[e], shots_.time[o]);
+    if (!(d > kNearRangeLimit)) continue;
+    const point p = placeEcho(d, shots_.direction[o], shots_.origin[o], shots_.lightSpeed).position;
+    if (fitOf(i, o, p, 1).fitting > 0) return false;
+  }
+  return true;
+}
+
 // Marks every cell within reach of a changed one (the searched lines, the bin and its
 // neighbours): the echoes there see a changed neighbourhood.
 void Refiner::markNearChanges(const std::vector<std::uint32_t>& changedCells,
@@ -383,15 +414,17 @@ void Refiner::markNearChanges(const std::vector<std::uint32_t>& changedCells,
 // right echo among wrong ones would follow them while they leave (the two swap). A dropped
 // echo is judged again next iteration, against the moved neighbours.
 void Refiner::keepSupportedMoves(std::vector<std::pair<std::uint32_t, Verdict>>& moves) {
-  std::vector<std::uint8_t> moving(echoes_.size(), 0);
-  for (const auto& move : moves) moving[move.first] = 1;
-  moving_ = &moving;
+  moving_echoes_.resize(echoes_.size());
+  movingList_.clear();
+  for (const auto& move : moves) moving_echoes_[move.first] = 1, movingList_.push_back(move.first);
+  moving_ = &moving_echoes_;
   std::size_t kept = 0;
   for (const auto& [i, v] : moves) {
     const Verdict again = judge(i);
     if (again.zone >= 0) moves[kept++] = {i, again};
   }
   moving_ = nullptr;
+  for (const std::uint32_t i : movingList_) moving_echoes_[i] = 0;
   moves.resize(kept);
 }
 
@@ -401,8 +434,9 @@ RefineResult Refiner::run() {
   std::vector<std::pair<std::uint32_t, Verdict>> moves;
   std::vector<std::uint32_t> changedCells;
   std::vector<std::uint8_t> nearChange(cells_.cellCount(), 0);
+  placeAll();
   for (int iteration = 0; iteration < settings_.iterations; ++iteration) {
-    place();
+    fillCells();
     moves.clear();
     for (std::size_t i = 0; i < n; ++i) {
       if (!judgeNow[i] || !active(i)) continue;
@@ -418,6 +452,9 @@ RefineResult Refiner::run() {
       changedCells.push_back(std::uint32_t(cells_.cellOf(emitter_[i])));
       changedCells.push_back(std::uint32_t(cells_.cellOf(v.emitter)));
       result_.zone[i] = std::uint8_t(v.zone), emitter_[i] = v.emitter, oneWay_[i] = v.oneWay;
+      placed_.position[i] = placeEcho(v.oneWay, shots_.direction[v.emitter],
+                                      shots_.origin[v.emitter], shots_.lightSpeed)
+                                .position;
     }
     // Only echoes near a move see a changed neighbourhood.
     markNearChanges(changedCells, nearChange);
@@ -425,10 +462,10 @@ RefineResult Refiner::run() {
       judgeNow[i] = active(i) && nearChange[cells_.cellOf(emitter_[i])];
   }
   // Noise is told against the final neighbourhood, where the ghosts have moved away.
-  place();
+  fillCells();
   for (std::size_t i = 0; i < n; ++i) {
     const bool moved = result_.zone[i] != echoes_[i].zone;
-    const bool unfit = off[i] && active(i) && judge(i).unfit;
+    const bool unfit = off[i] && active(i) && fitsNothing(i);
     result_.flag[i] = std::uint8_t((moved ? kMovedZone : 0) | (unfit ? kMarkedNoise : 0));
     result_.moved += moved;
     result_.markedNoise += unfit;
