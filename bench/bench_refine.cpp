@@ -35,7 +35,7 @@ constexpr std::int8_t kUntraced = -1;
 
 struct Stored {
   ShotTable shots;
-  std::vector<RefineEcho> echoes;
+  FullWaveform::RefineEchoes echoes;
   std::vector<std::int8_t> trueZone;  // kUntraced where the echo traces to no truth
   std::vector<std::uint8_t> target;
   double runSeconds = 0.0;
@@ -45,18 +45,19 @@ template <class T>
 void put(std::ofstream& out, const T& v) {
   out.write(reinterpret_cast<const char*>(&v), sizeof v);
 }
-template <class T>
-void putAll(std::ofstream& out, const std::vector<T>& v) {
-  out.write(reinterpret_cast<const char*>(v.data()), std::streamsize(v.size() * sizeof(T)));
+template <class V>
+void putAll(std::ofstream& out, const V& v) {
+  out.write(reinterpret_cast<const char*>(v.data()),
+            std::streamsize(v.size() * sizeof(typename V::value_type)));
 }
 template <class T>
 void get(std::ifstream& in, T& v) {
   in.read(reinterpret_cast<char*>(&v), sizeof v);
 }
-template <class T>
-void getAll(std::ifstream& in, std::vector<T>& v, std::size_t n) {
+template <class V>
+void getAll(std::ifstream& in, V& v, std::size_t n) {
   v.resize(n);
-  in.read(reinterpret_cast<char*>(v.data()), std::streamsize(n * sizeof(T)));
+  in.read(reinterpret_cast<char*>(v.data()), std::streamsize(n * sizeof(typename V::value_type)));
 }
 
 bool save(const Stored& s, const std::string& file) {

@@ -6,9 +6,6 @@
 #include <algorithm>
 #include <cmath>
 #include <set>
-#include <ctime>
-#include <cstdio>
-#define TICK(label) do { std::fprintf(stderr, "TICK %-12s %.3f\n", label, double(std::clock() - tick0) / CLOCKS_PER_SEC); tick0 = std::clock(); } while (0)
 
 #include "output/PointGeometry.hpp"
 #include "refine/ZoneRefinement.hpp"
@@ -81,8 +78,8 @@ std::string readShotTable(Tessal::BundlePtr& input, ShotTable& table, double& sa
     const std::string& name = ids->at(f)->getName();
     t[f] = fragmentArray<double>(times, name), o[f] = fragmentArray<point>(origins, name);
     d[f] = fragmentArray<vector>(directions, name);
-    const bool usable = t[f] && o[f] && d[f] && o[f]->size() == t[f]->size() &&
-                        d[f]->size() == t[f]->size();
+    const bool usable =
+        t[f] && o[f] && d[f] && o[f]->size() == t[f]->size() && d[f]->size() == t[f]->size();
     if (!usable) t[f] = {};
     total += usable ? t[f]->size() : 0;
   }
@@ -166,7 +163,7 @@ struct PointRef {
 
 // The shot of that GPS time, searched from `hint` on (a fragment's points come in shot
 // order), else in the whole table; false when there is none.
-bool findShot(const std::vector<double>& times, double t, std::uint32_t& hint) {
+bool findShot(const LargeVector<double>& times, double t, std::uint32_t& hint) {
   for (std::uint32_t k = hint; k < times.size() && k < hint + 16; ++k)
     if (times[k] == t) return hint = k, true;
   const auto it = std::lower_bound(times.begin(), times.end(), t);
@@ -177,7 +174,7 @@ bool findShot(const std::vector<double>& times, double t, std::uint32_t& hint) {
 
 // The echoes the refinement can place: a zone and an emitting shot found in the table.
 void collectEchoes(const ShotTable& table, const std::vector<OutputPart>& parts,
-                   std::vector<RefineEcho>& echoes, std::vector<PointRef>& refs) {
+                   RefineEchoes& echoes, LargeVector<PointRef>& refs) {
   std::uint32_t shot = 0;
   std::size_t points = 0;
   for (const OutputPart& p : parts) points += p.time->size();
@@ -235,10 +232,10 @@ void addFlagField(OutputPart& p) {
 
 std::string refinementArrays(Tessal::BundlePtr& input,
                              const std::vector<Vorlap::StrongPtr<Tessal::Grid>>& outputs,
-                             ShotTable& table, std::vector<RefineEcho>& echoes) {
+                             ShotTable& table, RefineEchoes& echoes) {
   double sampleStep = 1.0;
   std::vector<OutputPart> parts;
-  std::vector<PointRef> refs;
+  LargeVector<PointRef> refs;
   if (auto error = readShotTable(input, table, sampleStep); !error.empty()) return error;
   if (auto error = collectParts(outputs, parts); !error.empty()) return error;
   collectEchoes(table, parts, echoes, refs);
@@ -249,20 +246,15 @@ RefinementSummary refineZones(Tessal::BundlePtr& input,
                               const std::vector<Vorlap::StrongPtr<Tessal::Grid>>& outputs,
                               const RefineSettings& settings) {
   RefinementSummary summary;
-  std::clock_t tick0 = std::clock();
   ShotTable table;
   double sampleStep = 1.0;
   std::vector<OutputPart> parts;
   if (!(summary.error = readShotTable(input, table, sampleStep)).empty()) return summary;
-  TICK("shots");
   if (!(summary.error = collectParts(outputs, parts)).empty()) return summary;
-  TICK("parts");
-  std::vector<RefineEcho> echoes;
-  std::vector<PointRef> refs;
+  RefineEchoes echoes;
+  LargeVector<PointRef> refs;
   collectEchoes(table, parts, echoes, refs);
-  TICK("echoes");
   const RefineResult result = refineEchoZones(table, echoes, settings);
-  TICK("refine");
   std::vector<std::set<double>> touchedShots(parts.size());
   for (std::size_t k = 0; k < echoes.size(); ++k) {
     OutputPart& p = parts[refs[k].part];

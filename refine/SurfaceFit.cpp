@@ -78,13 +78,20 @@ struct Neighbour {
   std::uint32_t echo, emitter;
 };
 
-// Where each echo lies under its current zone (placed once, then where it moves), and the
-// echoes of each cell.
+// The neighbours of each cell, placed with their current zones.
 struct Placement {
-  LargeVector<point> position;
   LargeVector<std::uint32_t> start, fill;  // cell c holds members[start[c], start[c+1])
   LargeVector<Neighbour> members;
+  // One line's neighbours while it is sorted again: those that stay and those that join.
+  std::vector<Neighbour> line, joining;
 };
+
+// Cells in line order, a cell's neighbours in scan-angle order.
+bool byCellAndAngle(const Neighbour& a, const Neighbour& b, const ShotCells& cells) {
+  const std::int32_t binA = cells.bin[a.emitter], binB = cells.bin[b.emitter];
+  if (binA != binB) return binA < binB;
+  return a.angle != b.angle ? a.angle < b.angle : a.echo < b.echo;
+}
 
 struct Fit {
   int lines = 0, fitting = 0;
@@ -117,7 +124,7 @@ bool wrongBlock(const Fit& now, const Fit& candidate, int reach) {
 
 class Refiner {
  public:
-  Refiner(const ShotTable& t, const std::vector<RefineEcho>& e, const RefineSettings& s)
+  Refiner(const ShotTable& t, const RefineEchoes& e, const RefineSettings& s)
       : shots_(t), echoes_(e), settings_(s), cells_(t, s.binDegrees) {
     result_.zone.resize(e.size());
     result_.flag.assign(e.size(), kUntouched);
@@ -132,6 +139,7 @@ class Refiner {
     active_.resize(e.size());
     for (std::size_t i = 0; i < e.size(); ++i)
       active_[i] = !e[i].noise && e[i].emitter < t.time.size() && std::isfinite(e[i].oneWayTime);
+    moving_echoes_.assign(e.size(), 0);
     straddles_.resize(e.size());
     for (std::size_t i = 0; i < e.size(); ++i) straddles_[i] = straddlesLines(i);
     // Filled in shot order, a cell is in scan-angle order already wherever the angle sweeps
@@ -161,8 +169,21 @@ class Refiner {
     return cells_.line[shot(e - kZoneReach)] != cells_.line[shot(e + kZoneReach)];
   }
   bool isNeighbour(std::size_t i) const { return active(i) && !straddles_[i]; }
-  void placeAll();
+  point positionOf(std::size_t i) const {
+    const std::uint32_t e = emitter_[i];
+    return placeEcho(oneWay_[i], shots_.direction[e], shots_.origin[e], shots_.lightSpeed).position;
+  }
+  Neighbour neighbourOf(std::uint32_t i) const {
+    const std::uint32_t e = emitter_[i];
+    const point at = positionOf(i);
+    return {at, std::sqrt(squared(at, shots_.origin[e])), float(cells_.angle[e]), i, e};
+  }
+  struct CellMove {
+    std::uint32_t echo, from, to;  // a neighbour and the cells it leaves and joins
+  };
   void fillCells();
+  void updateCells(std::vector<CellMove>& moved);
+  void sortLine(std::size_t line);
   bool fitsNothing(std::size_t i) const;
   // What a candidate must still reach to matter: fitting lines and their share, and whether
   // any fit at all is still to be found (for the noise test).
@@ -193,7 +214,7 @@ class Refiner {
                        std::vector<std::uint8_t>& near) const;
 
   const ShotTable& shots_;
-  const std::vector<RefineEcho>& echoes_;
+  const RefineEchoes& echoes_;
   RefineSettings settings_;
   ShotCells cells_;
   Placement placed_;
@@ -202,22 +223,12 @@ class Refiner {
   int maxZone_ = 0;
   std::vector<bool> active_, straddles_;
   LargeVector<std::uint32_t> byShot_;        // echoes by first emitting shot
-  std::vector<std::uint8_t> moving_echoes_;  // keepSupportedMoves' marks, kept for reuse
+  std::vector<std::uint8_t> moving_echoes_;  // echoes about to move, marked for a while
   std::vector<std::uint32_t> movingList_;
   // While set, the echoes marked here count as no neighbours (they are about to move).
   const std::vector<std::uint8_t>* moving_ = nullptr;
   RefineResult result_;
 };
-
-void Refiner::placeAll() {
-  placed_.position.resize(echoes_.size());
-  for (std::size_t i = 0; i < echoes_.size(); ++i) {
-    if (!active(i)) continue;
-    const std::uint32_t e = emitter_[i];
-    placed_.position[i] =
-        placeEcho(oneWay_[i], shots_.direction[e], shots_.origin[e], shots_.lightSpeed).position;
-  }
-}
 
 // Sorts the neighbours into their cells, each in scan-angle order.
 void Refiner::fillCells() {
@@ -228,13 +239,9 @@ void Refiner::fillCells() {
   for (std::size_t c = 1; c < placed_.start.size(); ++c) placed_.start[c] += placed_.start[c - 1];
   placed_.members.resize(placed_.start.back());
   placed_.fill.assign(placed_.start.begin(), placed_.start.end() - 1);
-  for (const std::uint32_t i : byShot_) {
-    if (!isNeighbour(i)) continue;
-    const std::uint32_t e = emitter_[i];
-    const point& at = placed_.position[i];
-    placed_.members[placed_.fill[cells_.cellOf(e)]++] = {
-        at, std::sqrt(squared(at, shots_.origin[e])), float(cells_.angle[e]), i, e};
-  }
+  for (const std::uint32_t i : byShot_)
+    if (isNeighbour(i))
+      placed_.members[placed_.fill[cells_.cellOf(emitter_[i])]++] = neighbourOf(i);
   const auto byAngle = [](const Neighbour& a, const Neighbour& b) {
     return a.angle != b.angle ? a.angle < b.angle : a.echo < b.echo;
   };
@@ -242,6 +249,50 @@ void Refiner::fillCells() {
     const auto first = placed_.members.begin() + placed_.start[c];
     const auto last = placed_.members.begin() + placed_.start[c + 1];
     if (!std::is_sorted(first, last, byAngle)) std::sort(first, last, byAngle);
+  }
+}
+
+// Brings the cells up to date after the moves (emitters already changed): only the lines a
+// neighbour left or joined are sorted again. A neighbour that moved across a line's end
+// changes two lines' counts: then every line is filled again.
+void Refiner::updateCells(std::vector<CellMove>& moved) {
+  const auto bins = std::uint32_t(cells_.binCount);
+  for (const CellMove& m : moved)
+    if (m.from / bins != m.to / bins) return fillCells();
+  std::sort(moved.begin(), moved.end(),
+            [](const CellMove& a, const CellMove& b) { return a.to < b.to; });
+  for (const CellMove& m : moved) moving_echoes_[m.echo] = 1;
+  for (std::size_t k = 0; k < moved.size();) {
+    const std::uint32_t line = moved[k].to / bins;
+    placed_.line.clear(), placed_.joining.clear();
+    const Neighbour* first = placed_.members.data() + placed_.start[line * bins];
+    const Neighbour* last = placed_.members.data() + placed_.start[(line + 1) * bins];
+    for (const Neighbour* m = first; m != last; ++m)
+      if (!moving_echoes_[m->echo]) placed_.line.push_back(*m);
+    for (; k < moved.size() && moved[k].to / bins == line; ++k)
+      placed_.joining.push_back(neighbourOf(moved[k].echo));
+    sortLine(line);
+  }
+  for (const CellMove& m : moved) moving_echoes_[m.echo] = 0;
+}
+
+// Writes back one line's neighbours in cell and angle order (those that stay, in order
+// already, merged with those that join; as many as the line held), and where its cells start.
+void Refiner::sortLine(std::size_t line) {
+  const auto bins = std::size_t(cells_.binCount);
+  const auto order = [&](const Neighbour& a, const Neighbour& b) {
+    return byCellAndAngle(a, b, cells_);
+  };
+  std::sort(placed_.joining.begin(), placed_.joining.end(), order);
+  std::uint32_t at = placed_.start[line * bins];
+  const auto out = placed_.members.begin() + at;
+  std::merge(placed_.line.begin(), placed_.line.end(), placed_.joining.begin(),
+             placed_.joining.end(), out, order);
+  const auto end = out + std::ptrdiff_t(placed_.line.size() + placed_.joining.size());
+  auto m = out;
+  for (std::size_t b = 0; b < bins; ++b) {
+    placed_.start[line * bins + b] = at;
+    for (; m != end && std::size_t(cells_.bin[m->emitter] - cells_.firstBin) == b; ++m) ++at;
   }
 }
 
@@ -343,7 +394,7 @@ Refiner::Verdict Refiner::judge(std::size_t i) const {
   const int z = result_.zone[i];
   // Stop counting once more lines fit than an off zone may: the current zone is on a surface.
   const int enough = int(std::floor(settings_.offShare * 2 * settings_.neighbourLines + 1e-9)) + 1;
-  const Fit now = fitOf(i, e, placed_.position[i], enough);
+  const Fit now = fitOf(i, e, positionOf(i), enough);
   if (now.lines < kMinLinesToJudge || now.fitting > settings_.offShare * now.lines + 1e-9) return v;
   v.off = true;
   int bestFitting = -1;
@@ -377,7 +428,7 @@ Refiner::Verdict Refiner::judge(std::size_t i) const {
 bool Refiner::fitsNothing(std::size_t i) const {
   const std::uint32_t e = emitter_[i];
   const int z = result_.zone[i];
-  const Fit now = fitOf(i, e, placed_.position[i], 1);
+  const Fit now = fitOf(i, e, positionOf(i), 1);
   if (now.fitting > 0 || now.lines < kMinLinesToJudge) return false;
   for (int candidate = std::max(0, z - kZoneReach); candidate <= std::min(maxZone_, z + kZoneReach);
        ++candidate) {
@@ -414,7 +465,6 @@ void Refiner::markNearChanges(const std::vector<std::uint32_t>& changedCells,
 // right echo among wrong ones would follow them while they leave (the two swap). A dropped
 // echo is judged again next iteration, against the moved neighbours.
 void Refiner::keepSupportedMoves(std::vector<std::pair<std::uint32_t, Verdict>>& moves) {
-  moving_echoes_.resize(echoes_.size());
   movingList_.clear();
   for (const auto& move : moves) moving_echoes_[move.first] = 1, movingList_.push_back(move.first);
   moving_ = &moving_echoes_;
@@ -433,10 +483,10 @@ RefineResult Refiner::run() {
   std::vector<bool> off(n, false), judgeNow(n, true);
   std::vector<std::pair<std::uint32_t, Verdict>> moves;
   std::vector<std::uint32_t> changedCells;
+  std::vector<CellMove> cellMoves;
   std::vector<std::uint8_t> nearChange(cells_.cellCount(), 0);
-  placeAll();
+  fillCells();
   for (int iteration = 0; iteration < settings_.iterations; ++iteration) {
-    fillCells();
     moves.clear();
     for (std::size_t i = 0; i < n; ++i) {
       if (!judgeNow[i] || !active(i)) continue;
@@ -447,22 +497,21 @@ RefineResult Refiner::run() {
     }
     keepSupportedMoves(moves);
     if (moves.empty()) break;
-    changedCells.clear();
+    changedCells.clear(), cellMoves.clear();
     for (const auto& [i, v] : moves) {
-      changedCells.push_back(std::uint32_t(cells_.cellOf(emitter_[i])));
-      changedCells.push_back(std::uint32_t(cells_.cellOf(v.emitter)));
+      const auto from = std::uint32_t(cells_.cellOf(emitter_[i]));
+      const auto to = std::uint32_t(cells_.cellOf(v.emitter));
+      changedCells.push_back(from), changedCells.push_back(to);
+      if (isNeighbour(i)) cellMoves.push_back({i, from, to});
       result_.zone[i] = std::uint8_t(v.zone), emitter_[i] = v.emitter, oneWay_[i] = v.oneWay;
-      placed_.position[i] = placeEcho(v.oneWay, shots_.direction[v.emitter],
-                                      shots_.origin[v.emitter], shots_.lightSpeed)
-                                .position;
     }
+    updateCells(cellMoves);
     // Only echoes near a move see a changed neighbourhood.
     markNearChanges(changedCells, nearChange);
     for (std::size_t i = 0; i < n; ++i)
       judgeNow[i] = active(i) && nearChange[cells_.cellOf(emitter_[i])];
   }
   // Noise is told against the final neighbourhood, where the ghosts have moved away.
-  fillCells();
   for (std::size_t i = 0; i < n; ++i) {
     const bool moved = result_.zone[i] != echoes_[i].zone;
     const bool unfit = off[i] && active(i) && fitsNothing(i);
@@ -475,7 +524,7 @@ RefineResult Refiner::run() {
 
 }  // namespace
 
-RefineResult refineEchoZones(const ShotTable& shots, const std::vector<RefineEcho>& echoes,
+RefineResult refineEchoZones(const ShotTable& shots, const RefineEchoes& echoes,
                              const RefineSettings& settings) {
   if (shots.time.empty() || echoes.empty()) {
     RefineResult r;
