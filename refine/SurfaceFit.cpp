@@ -24,6 +24,7 @@ constexpr int kMinLinesToJudge = 3;  // fewer lines with echoes nearby: too litt
 constexpr int kZoneReach = 2;        // candidates: the current zone and this many either side
 constexpr int kBlockReach = 1;       // a wrong block: its own line and at most one each side
 constexpr int kSurfaceBeyond = 2;    // lines each side of a wrong block that must fit the move
+constexpr int kFarthestBin = 10;     // bins searched each side where the near ones hold none
 
 template <class A>
 double squared(const A& a, const A& b) {
@@ -140,6 +141,8 @@ class Refiner {
     for (std::size_t i = 0; i < e.size(); ++i)
       active_[i] = !e[i].noise && e[i].emitter < t.time.size() && std::isfinite(e[i].oneWayTime);
     moving_echoes_.assign(e.size(), 0);
+    off_.assign(e.size(), false), unfitWhenJudged_.assign(e.size(), false);
+    judgedAt_.assign(e.size(), 0), changedAt_.assign(cells_.cellCount(), 0);
     straddles_.resize(e.size());
     for (std::size_t i = 0; i < e.size(); ++i) straddles_[i] = straddlesLines(i);
     // Filled in shot order, a cell is in scan-angle order already wherever the angle sweeps
@@ -183,6 +186,8 @@ class Refiner {
   };
   void fillCells();
   void updateCells(std::vector<CellMove>& moved);
+  bool unchangedSinceJudged(std::size_t i) const;
+  void markNoise();
   void sortLine(std::size_t line);
   bool fitsNothing(std::size_t i) const;
   // What a candidate must still reach to matter: fitting lines and their share, and whether
@@ -210,6 +215,8 @@ class Refiner {
   };
   Verdict judge(std::size_t i) const;
   void keepSupportedMoves(std::vector<std::pair<std::uint32_t, Verdict>>& moves);
+  void applyMoves(const std::vector<std::pair<std::uint32_t, Verdict>>& moves, std::uint16_t stamp,
+                  std::vector<std::uint32_t>& changedCells);
   void markNearChanges(const std::vector<std::uint32_t>& changedCells,
                        std::vector<std::uint8_t>& near) const;
 
@@ -227,6 +234,11 @@ class Refiner {
   std::vector<std::uint32_t> movingList_;
   // While set, the echoes marked here count as no neighbours (they are about to move).
   const std::vector<std::uint8_t>* moving_ = nullptr;
+  std::vector<CellMove> cellMoves_;
+  // Per echo its last verdict (off; no zone fits) and when it was given (iteration + 1); per
+  // cell the last iteration + 1 that changed it.
+  std::vector<bool> off_, unfitWhenJudged_;
+  std::vector<std::uint16_t> judgedAt_, changedAt_;
   RefineResult result_;
 };
 
@@ -341,7 +353,7 @@ bool Refiner::lineFits(std::uint32_t line, std::int32_t bin, std::size_t self,
   if (anyNear(cell(at - 1), cell(at + 1), self, emitter, p, hasEchoes)) return true;
   if (hasEchoes) return false;
   // Farther bins, each side of those searched already.
-  for (const auto& [inner, outer] : {std::pair{2, 4}, std::pair{5, 10}}) {
+  for (const auto& [inner, outer] : {std::pair{2, 4}, std::pair{5, kFarthestBin}}) {
     if (at - inner >= 0 && anyNear(cell(at - outer), cell(at - inner), self, emitter, p, hasEchoes))
       return true;
     if (at + inner <= last &&
@@ -478,47 +490,84 @@ void Refiner::keepSupportedMoves(std::vector<std::pair<std::uint32_t, Verdict>>&
   moves.resize(kept);
 }
 
+// Moves the echoes (their cells brought up to date) and marks the cells they left and joined.
+void Refiner::applyMoves(const std::vector<std::pair<std::uint32_t, Verdict>>& moves,
+                         std::uint16_t stamp, std::vector<std::uint32_t>& changedCells) {
+  changedCells.clear(), cellMoves_.clear();
+  for (const auto& [i, v] : moves) {
+    const auto from = std::uint32_t(cells_.cellOf(emitter_[i]));
+    const auto to = std::uint32_t(cells_.cellOf(v.emitter));
+    changedCells.push_back(from), changedCells.push_back(to);
+    changedAt_[from] = changedAt_[to] = stamp;
+    if (isNeighbour(i)) cellMoves_.push_back({i, from, to});
+    result_.zone[i] = std::uint8_t(v.zone), emitter_[i] = v.emitter, oneWay_[i] = v.oneWay;
+  }
+  updateCells(cellMoves_);
+}
+
+// Whether no cell the echo's judgement reads (the lines and bins searched around its own and
+// its candidates' emitting shots) changed since it was judged: its verdict then still holds.
+bool Refiner::unchangedSinceJudged(std::size_t i) const {
+  const std::int64_t e = emitter_[i], last = std::int64_t(shots_.time.size()) - 1;
+  std::int64_t lineLo = cells_.line[e], lineHi = lineLo;
+  std::int32_t binLo = cells_.bin[e], binHi = binLo;
+  for (std::int64_t k = std::max<std::int64_t>(0, e - kZoneReach);
+       k <= std::min(last, e + kZoneReach); ++k) {
+    lineLo = std::min<std::int64_t>(lineLo, cells_.line[k]);
+    lineHi = std::max<std::int64_t>(lineHi, cells_.line[k]);
+    binLo = std::min(binLo, cells_.bin[k]), binHi = std::max(binHi, cells_.bin[k]);
+  }
+  const std::int64_t lines = std::int64_t(cells_.lineOrigin.size());
+  const std::int32_t bins = cells_.binCount;
+  const std::int32_t b0 = std::max(0, binLo - cells_.firstBin - kFarthestBin);
+  const std::int32_t b1 = std::min(bins - 1, binHi - cells_.firstBin + kFarthestBin);
+  for (std::int64_t l = std::max<std::int64_t>(0, lineLo - settings_.neighbourLines);
+       l <= std::min(lines - 1, lineHi + settings_.neighbourLines); ++l)
+    for (std::int32_t b = b0; b <= b1; ++b)
+      if (changedAt_[std::size_t(l) * std::size_t(bins) + std::size_t(b)] >= judgedAt_[i])
+        return false;
+  return true;
+}
+
+// Noise is told against the final neighbourhood, where the ghosts have moved away; an echo
+// whose surroundings did not change since its last judgement keeps that verdict.
+void Refiner::markNoise() {
+  for (std::size_t i = 0; i < echoes_.size(); ++i) {
+    const bool moved = result_.zone[i] != echoes_[i].zone;
+    const bool unfit =
+        off_[i] && active(i) && (unchangedSinceJudged(i) ? unfitWhenJudged_[i] : fitsNothing(i));
+    result_.flag[i] = std::uint8_t((moved ? kMovedZone : 0) | (unfit ? kMarkedNoise : 0));
+    result_.moved += moved;
+    result_.markedNoise += unfit;
+  }
+}
+
 RefineResult Refiner::run() {
   const std::size_t n = echoes_.size();
-  std::vector<bool> off(n, false), judgeNow(n, true);
+  std::vector<bool> judgeNow(n, true);
   std::vector<std::pair<std::uint32_t, Verdict>> moves;
   std::vector<std::uint32_t> changedCells;
-  std::vector<CellMove> cellMoves;
   std::vector<std::uint8_t> nearChange(cells_.cellCount(), 0);
   fillCells();
   for (int iteration = 0; iteration < settings_.iterations; ++iteration) {
+    const auto stamp = std::uint16_t(iteration + 1);
     moves.clear();
     for (std::size_t i = 0; i < n; ++i) {
       if (!judgeNow[i] || !active(i)) continue;
       result_.judged += iteration == 0;
       const Verdict v = judge(i);
-      off[i] = v.off;
+      off_[i] = v.off, unfitWhenJudged_[i] = v.unfit, judgedAt_[i] = stamp;
       if (v.zone >= 0) moves.emplace_back(std::uint32_t(i), v);
     }
     keepSupportedMoves(moves);
     if (moves.empty()) break;
-    changedCells.clear(), cellMoves.clear();
-    for (const auto& [i, v] : moves) {
-      const auto from = std::uint32_t(cells_.cellOf(emitter_[i]));
-      const auto to = std::uint32_t(cells_.cellOf(v.emitter));
-      changedCells.push_back(from), changedCells.push_back(to);
-      if (isNeighbour(i)) cellMoves.push_back({i, from, to});
-      result_.zone[i] = std::uint8_t(v.zone), emitter_[i] = v.emitter, oneWay_[i] = v.oneWay;
-    }
-    updateCells(cellMoves);
+    applyMoves(moves, stamp, changedCells);
     // Only echoes near a move see a changed neighbourhood.
     markNearChanges(changedCells, nearChange);
     for (std::size_t i = 0; i < n; ++i)
       judgeNow[i] = active(i) && nearChange[cells_.cellOf(emitter_[i])];
   }
-  // Noise is told against the final neighbourhood, where the ghosts have moved away.
-  for (std::size_t i = 0; i < n; ++i) {
-    const bool moved = result_.zone[i] != echoes_[i].zone;
-    const bool unfit = off[i] && active(i) && fitsNothing(i);
-    result_.flag[i] = std::uint8_t((moved ? kMovedZone : 0) | (unfit ? kMarkedNoise : 0));
-    result_.moved += moved;
-    result_.markedNoise += unfit;
-  }
+  markNoise();
   return result_;
 }
 
