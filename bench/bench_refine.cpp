@@ -1,7 +1,8 @@
 // The zone refinement alone, on stored arrays. `--dump DIR` runs scenes of sim/Scenes through
 // the module and stores, per scene, the arrays the refinement works on with each echo's true
 // zone and target (DIR/NAME.refine); given such files it refines them (best of --repeat runs)
-// and prints its time beside the module's, and the points it moved, fixed and broke.
+// and prints its time beside the module's, the points it moved, fixed and broke, and a hash of
+// every echo's new zone and flag (a rework of the stage must leave it unchanged).
 //   bench_refine --dump DIR [--small] [--shots N] [NAME-PART]
 //   bench_refine [--repeat N] [--broken] FILE...
 #include <algorithm>
@@ -34,7 +35,7 @@ constexpr std::int8_t kUntraced = -1;
 
 struct Stored {
   ShotTable shots;
-  std::vector<RefineEcho> echoes;
+  FullWaveform::RefineEchoes echoes;
   std::vector<std::int8_t> trueZone;  // kUntraced where the echo traces to no truth
   std::vector<std::uint8_t> target;
   double runSeconds = 0.0;
@@ -44,18 +45,19 @@ template <class T>
 void put(std::ofstream& out, const T& v) {
   out.write(reinterpret_cast<const char*>(&v), sizeof v);
 }
-template <class T>
-void putAll(std::ofstream& out, const std::vector<T>& v) {
-  out.write(reinterpret_cast<const char*>(v.data()), std::streamsize(v.size() * sizeof(T)));
+template <class V>
+void putAll(std::ofstream& out, const V& v) {
+  out.write(reinterpret_cast<const char*>(v.data()),
+            std::streamsize(v.size() * sizeof(typename V::value_type)));
 }
 template <class T>
 void get(std::ifstream& in, T& v) {
   in.read(reinterpret_cast<char*>(&v), sizeof v);
 }
-template <class T>
-void getAll(std::ifstream& in, std::vector<T>& v, std::size_t n) {
+template <class V>
+void getAll(std::ifstream& in, V& v, std::size_t n) {
   v.resize(n);
-  in.read(reinterpret_cast<char*>(v.data()), std::streamsize(n * sizeof(T)));
+  in.read(reinterpret_cast<char*>(v.data()), std::streamsize(n * sizeof(typename V::value_type)));
 }
 
 bool save(const Stored& s, const std::string& file) {
@@ -202,6 +204,14 @@ void printBroken(const Stored& s, const FullWaveform::RefineResult& r) {
   }
 }
 
+// FNV-1a over every echo's zone and flag: a rework of the stage must leave it unchanged.
+std::uint64_t resultHash(const FullWaveform::RefineResult& r) {
+  std::uint64_t h = 1469598103934665603ull;
+  for (std::size_t i = 0; i < r.zone.size(); ++i)
+    for (const std::uint8_t b : {r.zone[i], r.flag[i]}) h = (h ^ b) * 1099511628211ull;
+  return h;
+}
+
 void report(const std::string& file, const Stored& s, const FullWaveform::RefineResult& r,
             double seconds, double cpuSeconds) {
   std::uint64_t right = 0, fixed = 0, broken = 0, notNoise = 0, wrongBefore = 0, wrongAfter = 0,
@@ -216,14 +226,14 @@ void report(const std::string& file, const Stored& s, const FullWaveform::Refine
   }
   std::printf(
       "%-40s wrong/!7 %.3f %% -> %.3f %%  moved %llu fixed %llu broken %llu (%.2f per 100,000)  "
-      "noise %llu (off-surface %.1f %%)  refine %.2f s (cpu %.2f s) / run %.1f s\n",
+      "noise %llu (off-surface %.1f %%)  refine %.2f s (cpu %.2f s) / run %.1f s  result %016llx\n",
       std::filesystem::path(file).stem().c_str(),
       100.0 * double(wrongBefore) / double(notNoiseBefore),
       100.0 * double(wrongAfter) / double(notNoise), (unsigned long long)r.moved,
       (unsigned long long)fixed, (unsigned long long)broken, 1e5 * double(broken) / double(right),
       (unsigned long long)r.markedNoise,
       offSurface ? 100.0 * double(offMarked) / double(offSurface) : 0.0, seconds, cpuSeconds,
-      s.runSeconds);
+      s.runSeconds, (unsigned long long)resultHash(r));
   std::fflush(stdout);
 }
 

@@ -67,18 +67,28 @@ std::string readShotTable(Tessal::BundlePtr& input, ShotTable& table, double& sa
   const auto directions = (*shots)(schema::kDirectionDelta, "");
   if (!times || !origins || !directions)
     return "refinement: \"Shots\" lacks GPSTime, Positions or Waveforms.DirectionDelta";
+  // Sized once and copied block by block: growing the table fragment by fragment costs more
+  // than the copying (every growth touches fresh pages).
   const auto ids = times->getFragmentIDCollection();
+  std::vector<ArrayPtr<double>> t(ids->size());
+  std::vector<ArrayPtr<point>> o(ids->size());
+  std::vector<ArrayPtr<vector>> d(ids->size());
+  std::size_t total = 0;
   for (std::size_t f = 0; f < ids->size(); ++f) {
     const std::string& name = ids->at(f)->getName();
-    const auto t = fragmentArray<double>(times, name);
-    const auto o = fragmentArray<point>(origins, name);
-    const auto d = fragmentArray<vector>(directions, name);
-    if (!t || !o || !d || o->size() != t->size() || d->size() != t->size()) continue;
-    const std::size_t n = t->size(), at = table.time.size();
-    table.time.resize(at + n), table.origin.resize(at + n), table.direction.resize(at + n);
-    for (std::size_t s = 0; s < n; ++s)
-      table.time[at + s] = t->get(s), table.origin[at + s] = o->get(s),
-                      table.direction[at + s] = d->get(s);
+    t[f] = fragmentArray<double>(times, name), o[f] = fragmentArray<point>(origins, name);
+    d[f] = fragmentArray<vector>(directions, name);
+    const bool usable =
+        t[f] && o[f] && d[f] && o[f]->size() == t[f]->size() && d[f]->size() == t[f]->size();
+    if (!usable) t[f] = {};
+    total += usable ? t[f]->size() : 0;
+  }
+  table.time.resize(total), table.origin.resize(total), table.direction.resize(total);
+  for (std::size_t f = 0, at = 0; f < ids->size(); ++f) {
+    if (!t[f]) continue;
+    t[f]->copyOut(table.time.data() + at), o[f]->copyOut(table.origin.data() + at);
+    d[f]->copyOut(table.direction.data() + at);
+    at += t[f]->size();
   }
   inTimeOrder(table);
   const ScannerDevice scanner(shots, inputGrid(input, schema::kWaveformsGrid));
@@ -153,7 +163,7 @@ struct PointRef {
 
 // The shot of that GPS time, searched from `hint` on (a fragment's points come in shot
 // order), else in the whole table; false when there is none.
-bool findShot(const std::vector<double>& times, double t, std::uint32_t& hint) {
+bool findShot(const LargeVector<double>& times, double t, std::uint32_t& hint) {
   for (std::uint32_t k = hint; k < times.size() && k < hint + 16; ++k)
     if (times[k] == t) return hint = k, true;
   const auto it = std::lower_bound(times.begin(), times.end(), t);
@@ -164,7 +174,7 @@ bool findShot(const std::vector<double>& times, double t, std::uint32_t& hint) {
 
 // The echoes the refinement can place: a zone and an emitting shot found in the table.
 void collectEchoes(const ShotTable& table, const std::vector<OutputPart>& parts,
-                   std::vector<RefineEcho>& echoes, std::vector<PointRef>& refs) {
+                   RefineEchoes& echoes, LargeVector<PointRef>& refs) {
   std::uint32_t shot = 0;
   std::size_t points = 0;
   for (const OutputPart& p : parts) points += p.time->size();
@@ -222,10 +232,10 @@ void addFlagField(OutputPart& p) {
 
 std::string refinementArrays(Tessal::BundlePtr& input,
                              const std::vector<Vorlap::StrongPtr<Tessal::Grid>>& outputs,
-                             ShotTable& table, std::vector<RefineEcho>& echoes) {
+                             ShotTable& table, RefineEchoes& echoes) {
   double sampleStep = 1.0;
   std::vector<OutputPart> parts;
-  std::vector<PointRef> refs;
+  LargeVector<PointRef> refs;
   if (auto error = readShotTable(input, table, sampleStep); !error.empty()) return error;
   if (auto error = collectParts(outputs, parts); !error.empty()) return error;
   collectEchoes(table, parts, echoes, refs);
@@ -241,8 +251,8 @@ RefinementSummary refineZones(Tessal::BundlePtr& input,
   std::vector<OutputPart> parts;
   if (!(summary.error = readShotTable(input, table, sampleStep)).empty()) return summary;
   if (!(summary.error = collectParts(outputs, parts)).empty()) return summary;
-  std::vector<RefineEcho> echoes;
-  std::vector<PointRef> refs;
+  RefineEchoes echoes;
+  LargeVector<PointRef> refs;
   collectEchoes(table, parts, echoes, refs);
   const RefineResult result = refineEchoZones(table, echoes, settings);
   std::vector<std::set<double>> touchedShots(parts.size());

@@ -12,15 +12,16 @@
 #include <vector>
 
 #include "gemwold/PhysicalSpace.hpp"
+#include "refine/LargeArrays.hpp"
 #include "run/Export.hpp"
 #include "tessal/Schema.hpp"
 
 namespace FullWaveform {
 
 struct ShotTable {
-  std::vector<double> time;
-  std::vector<Gemwold::PhysicalSpace::point> origin;
-  std::vector<Gemwold::PhysicalSpace::vector> direction;
+  LargeVector<double> time;
+  LargeVector<Gemwold::PhysicalSpace::point> origin;
+  LargeVector<Gemwold::PhysicalSpace::vector> direction;
   double lightSpeed = 0.0;
   bool radial = false;  // scan angle: the azimuth around the cone instead of across the track
 };
@@ -31,6 +32,7 @@ struct RefineEcho {
   std::uint8_t zone;
   bool noise;  // already classified as noise: neither judged nor a neighbour
 };
+using RefineEchoes = LargeVector<RefineEcho>;
 
 struct RefineSettings {
   int iterations = 6;
@@ -61,8 +63,7 @@ struct RefineResult {
   std::uint64_t moved = 0, markedNoise = 0, judged = 0;
 };
 
-QUILLO_API RefineResult refineEchoZones(const ShotTable& shots,
-                                        const std::vector<RefineEcho>& echoes,
+QUILLO_API RefineResult refineEchoZones(const ShotTable& shots, const RefineEchoes& echoes,
                                         const RefineSettings& settings = {});
 
 }  // namespace FullWaveform

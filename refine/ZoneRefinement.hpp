@@ -30,6 +30,6 @@ refineZones(Tessal::BundlePtr& input, const std::vector<Vorlap::StrongPtr<Tessal
 // tools that study the rule on stored scans; returns an error text, empty on success.
 QUILLO_API std::string refinementArrays(Tessal::BundlePtr& input,
                                         const std::vector<Vorlap::StrongPtr<Tessal::Grid>>& outputs,
-                                        ShotTable& table, std::vector<RefineEcho>& echoes);
+                                        ShotTable& table, RefineEchoes& echoes);
 
 }  // namespace FullWaveform

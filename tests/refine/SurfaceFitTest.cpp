@@ -23,7 +23,7 @@ using Surface = std::function<double(double x, double y)>;
 // flying 0.5 m per line, over `surface`; one echo per shot with its true zone.
 struct Scan {
   ShotTable shots;
-  std::vector<RefineEcho> echoes;
+  RefineEchoes echoes;
   std::vector<std::uint8_t> trueZone;
   int perLine;
 
