@@ -261,6 +261,8 @@ int main(int argc, char** argv) {
         settings.contestedMiss = int(value);
       else if (name == "iterations")
         settings.iterations = int(value);
+      else if (name == "zoneReach")
+        settings.zoneReach = int(value);
       else
         return std::fprintf(stderr, "unknown setting %s\n", name.c_str()), 2;
     } else if (!std::strcmp(argv[i], "--broken"))

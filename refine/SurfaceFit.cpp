@@ -21,7 +21,7 @@ using Gemwold::PhysicalSpace::point;
 constexpr double kLineJump = std::numbers::pi / 4;
 constexpr double kFlightJump = 5.0;  // m between two shots' origins
 constexpr int kMinLinesToJudge = 3;  // fewer lines with echoes nearby: too little to judge
-constexpr int kZoneReach = 2;        // candidates: the current zone and this many either side
+constexpr int kStraddleShots = 2;    // shots either side of a line change: no neighbour
 constexpr int kBlockReach = 1;       // a wrong block: its own line and at most one each side
 constexpr int kSurfaceBeyond = 2;    // lines each side of a wrong block that must fit the move
 constexpr int kFarthestBin = 10;     // bins searched each side where the near ones hold none
@@ -169,7 +169,7 @@ class Refiner {
     const auto shot = [&](std::int64_t k) {
       return std::size_t(std::clamp<std::int64_t>(k, 0, last));
     };
-    return cells_.line[shot(e - kZoneReach)] != cells_.line[shot(e + kZoneReach)];
+    return cells_.line[shot(e - kStraddleShots)] != cells_.line[shot(e + kStraddleShots)];
   }
   bool isNeighbour(std::size_t i) const { return active(i) && !straddles_[i]; }
   point positionOf(std::size_t i) const {
@@ -411,8 +411,8 @@ Refiner::Verdict Refiner::judge(std::size_t i) const {
   v.off = true;
   int bestFitting = -1;
   bool anyFits = now.fitting > 0;
-  for (int candidate = std::max(0, z - kZoneReach); candidate <= std::min(maxZone_, z + kZoneReach);
-       ++candidate) {
+  for (int candidate = std::max(0, z - settings_.zoneReach);
+       candidate <= std::min(maxZone_, z + settings_.zoneReach); ++candidate) {
     const std::int64_t other = std::int64_t(e) + z - candidate;
     if (candidate == z || other < 0 || other >= std::int64_t(shots_.time.size())) continue;
     const auto o = std::uint32_t(other);
@@ -442,8 +442,8 @@ bool Refiner::fitsNothing(std::size_t i) const {
   const int z = result_.zone[i];
   const Fit now = fitOf(i, e, positionOf(i), 1);
   if (now.fitting > 0 || now.lines < kMinLinesToJudge) return false;
-  for (int candidate = std::max(0, z - kZoneReach); candidate <= std::min(maxZone_, z + kZoneReach);
-       ++candidate) {
+  for (int candidate = std::max(0, z - settings_.zoneReach);
+       candidate <= std::min(maxZone_, z + settings_.zoneReach); ++candidate) {
     const std::int64_t other = std::int64_t(e) + z - candidate;
     if (candidate == z || other < 0 || other >= std::int64_t(shots_.time.size())) continue;
     const auto o = std::uint32_t(other);
@@ -511,8 +511,8 @@ bool Refiner::unchangedSinceJudged(std::size_t i) const {
   const std::int64_t e = emitter_[i], last = std::int64_t(shots_.time.size()) - 1;
   std::int64_t lineLo = cells_.line[e], lineHi = lineLo;
   std::int32_t binLo = cells_.bin[e], binHi = binLo;
-  for (std::int64_t k = std::max<std::int64_t>(0, e - kZoneReach);
-       k <= std::min(last, e + kZoneReach); ++k) {
+  for (std::int64_t k = std::max<std::int64_t>(0, e - settings_.zoneReach);
+       k <= std::min(last, e + settings_.zoneReach); ++k) {
     lineLo = std::min<std::int64_t>(lineLo, cells_.line[k]);
     lineHi = std::max<std::int64_t>(lineHi, cells_.line[k]);
     binLo = std::min(binLo, cells_.bin[k]), binHi = std::max(binHi, cells_.bin[k]);

@@ -44,6 +44,10 @@ struct RefineSettings {
   double offShare = 1.0 / 3.0;    // the current zone is off fitting at most this share of lines
   double onShare = 0.5;           // a candidate is on fitting at least this share ...
   int moveMargin = 2;             // ... and this many lines more than the current zone
+  // Candidates: the zones this many either side of the current one. Three reaches the echoes
+  // the block method puts three zones off; four starts to move right echoes at the ends of
+  // lines without shots between them.
+  int zoneReach = 3;
   // Where the current zone fits some lines, the two zones contest the place (the surface
   // around may itself be wrong): a candidate must then fit all lines holding echoes but this
   // many.

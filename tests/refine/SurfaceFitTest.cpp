@@ -63,12 +63,12 @@ struct Scan {
     e.zone = std::uint8_t(zone);
   }
 
-  // Gives a block of `width` shots in lines [first, first + count) the zone one too high.
-  void spoilBlock(int first, int count, int fromShot, int width) {
+  // Gives a block of `width` shots in lines [first, first + count) the zone `off` too high.
+  void spoilBlock(int first, int count, int fromShot, int width, int off = 1) {
     for (int l = first; l < first + count; ++l)
       for (int s = fromShot; s < fromShot + width; ++s) {
         const std::size_t i = std::size_t(l * perLine + s);
-        assignZone(i, trueZone[i] + 1);
+        assignZone(i, trueZone[i] + off);
       }
   }
 
@@ -112,6 +112,21 @@ TEST(SurfaceFit, WrongBlocksMoveToTheSurface) {
       EXPECT_EQ(r.markedNoise, 0u);
       EXPECT_EQ(r.flag[5 * 300 + 200], kMovedZone);
     }
+}
+
+TEST(SurfaceFit, BlocksUpToThreeZonesOffMoveBack) {
+  // The block method also puts whole blocks two or three zones off (at 500 m, three zones too
+  // near is 50 m from the scanner); candidates reach that far, and not further.
+  for (int off : {-3, -2, 2, 3}) {
+    Scan scan(kFlat, 14, 300);
+    scan.spoilBlock(5, 2, 180, 60, off);
+    EXPECT_EQ(scan.wrong(refineEchoZones(scan.shots, scan.echoes)), 0u) << off;
+  }
+  Scan scan(kFlat, 14, 300);
+  scan.spoilBlock(5, 2, 180, 60, -3);
+  RefineSettings nearOnly;
+  nearOnly.zoneReach = 2;
+  EXPECT_EQ(scan.wrong(refineEchoZones(scan.shots, scan.echoes, nearOnly)), 120u);
 }
 
 TEST(SurfaceFit, ARightLineAmongWrongOnesStays) {
