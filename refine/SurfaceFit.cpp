@@ -190,6 +190,14 @@ class Refiner {
   void markNoise();
   void sortLine(std::size_t line);
   bool fitsNothing(std::size_t i) const;
+  // Echo i placed at the emitting shot `zone` would give (same arrival); false when that shot
+  // is not in the table or the echo would be nearer than the run accepts.
+  struct Candidate {
+    std::uint32_t emitter = 0;
+    double oneWay = 0.0;
+    point position{};
+  };
+  bool placeAsZone(std::size_t i, int zone, Candidate& out) const;
   // What a candidate must still reach to matter: fitting lines and their share, and whether
   // any fit at all is still to be found (for the noise test).
   struct Hope {
@@ -411,17 +419,13 @@ Refiner::Verdict Refiner::judge(std::size_t i) const {
   v.off = true;
   int bestFitting = -1;
   bool anyFits = now.fitting > 0;
+  Candidate c;
   for (int candidate = std::max(0, z - settings_.zoneReach);
        candidate <= std::min(maxZone_, z + settings_.zoneReach); ++candidate) {
-    const std::int64_t other = std::int64_t(e) + z - candidate;
-    if (candidate == z || other < 0 || other >= std::int64_t(shots_.time.size())) continue;
-    const auto o = std::uint32_t(other);
-    const double d = oneWayTimeFrom(oneWay_[i], shots_.time[e], shots_.time[o]);
-    if (!(d > kNearRangeLimit)) continue;  // the run takes echoes this near for noise
-    const point p = placeEcho(d, shots_.direction[o], shots_.origin[o], shots_.lightSpeed).position;
+    if (candidate == z || !placeAsZone(i, candidate, c)) continue;
     const Hope hope{std::max(now.fitting + settings_.moveMargin, bestFitting + 1),
                     settings_.onShare, !anyFits};
-    const Fit f = fitOf(i, o, p, 2 * settings_.neighbourLines + 1, &hope);
+    const Fit f = fitOf(i, c.emitter, c.position, 2 * settings_.neighbourLines + 1, &hope);
     anyFits = anyFits || f.fitting > 0;
     const bool clearlyOn = f.lines >= kMinLinesToJudge &&
                            f.fitting >= settings_.onShare * f.lines - 1e-9 &&
@@ -429,7 +433,7 @@ Refiner::Verdict Refiner::judge(std::size_t i) const {
                            (now.fitting == 0 || f.lines - f.fitting <= settings_.contestedMiss ||
                             wrongBlock(now, f, settings_.neighbourLines));
     if (clearlyOn && f.fitting > bestFitting)
-      bestFitting = f.fitting, v.zone = candidate, v.emitter = o, v.oneWay = d;
+      bestFitting = f.fitting, v.zone = candidate, v.emitter = c.emitter, v.oneWay = c.oneWay;
   }
   v.unfit = !anyFits;
   return v;
@@ -442,16 +446,25 @@ bool Refiner::fitsNothing(std::size_t i) const {
   const int z = result_.zone[i];
   const Fit now = fitOf(i, e, positionOf(i), 1);
   if (now.fitting > 0 || now.lines < kMinLinesToJudge) return false;
+  Candidate c;
   for (int candidate = std::max(0, z - settings_.zoneReach);
-       candidate <= std::min(maxZone_, z + settings_.zoneReach); ++candidate) {
-    const std::int64_t other = std::int64_t(e) + z - candidate;
-    if (candidate == z || other < 0 || other >= std::int64_t(shots_.time.size())) continue;
-    const auto o = std::uint32_t(other);
-    const double d = oneWayTimeFrom(oneWay_[i], shots_.time[e], shots_.time[o]);
-    if (!(d > kNearRangeLimit)) continue;
-    const point p = placeEcho(d, shots_.direction[o], shots_.origin[o], shots_.lightSpeed).position;
-    if (fitOf(i, o, p, 1).fitting > 0) return false;
-  }
+       candidate <= std::min(maxZone_, z + settings_.zoneReach); ++candidate)
+    if (candidate != z && placeAsZone(i, candidate, c) &&
+        fitOf(i, c.emitter, c.position, 1).fitting > 0)
+      return false;
+  return true;
+}
+
+bool Refiner::placeAsZone(std::size_t i, int zone, Candidate& out) const {
+  const std::uint32_t e = emitter_[i];
+  const std::int64_t other = std::int64_t(e) + result_.zone[i] - zone;
+  if (other < 0 || other >= std::int64_t(shots_.time.size())) return false;
+  out.emitter = std::uint32_t(other);
+  out.oneWay = oneWayTimeFrom(oneWay_[i], shots_.time[e], shots_.time[out.emitter]);
+  if (!(out.oneWay > kNearRangeLimit)) return false;  // the run takes echoes this near for noise
+  out.position = placeEcho(out.oneWay, shots_.direction[out.emitter], shots_.origin[out.emitter],
+                           shots_.lightSpeed)
+                     .position;
   return true;
 }
 
