@@ -58,13 +58,19 @@ Vorlap::StrongPtr<MemBase> loadedFragment(const BundlePtr& bundle, const std::st
   return f ? f->getCreator(f->getFragmentIDCollection()->at(0))->create() : nullptr;
 }
 
-// FILE loaded again, and its first fragment of FIELD as doubles (null when it does not load).
-Vorlap::StrongPtr<MemArray<1, double>> loadedTimes(const std::string& file,
-                                                   const std::string& field) {
+// FILE loaded again; null when it does not load.
+BundlePtr loadedBundle(const std::string& file) {
   auto loaded = BundlePtr::make();
   bool ok = false;
   Bundle::load(ok, LoaderParameters({file}), loaded);
-  if (!ok) return nullptr;
+  return ok ? loaded : BundlePtr();
+}
+
+// FILE loaded again, and its first fragment of FIELD as doubles (null when it does not load).
+Vorlap::StrongPtr<MemArray<1, double>> loadedTimes(const std::string& file,
+                                                   const std::string& field) {
+  const BundlePtr loaded = loadedBundle(file);
+  if (!loaded) return nullptr;
   return dynamicPtrCast<MemArray<1, double>>(loadedFragment(loaded, field));
 }
 
@@ -138,10 +144,8 @@ TEST(KqChunks, ManyChunksReadBackTheSameHereAndThroughPlainHdf5) {
   TempDir dir;
   const std::string file = savedBigFile(dir);
   {
-    auto bundle = BundlePtr::make();
-    bool ok = false;
-    Bundle::load(ok, LoaderParameters({file}), bundle);
-    ASSERT_TRUE(ok);
+    const BundlePtr bundle = loadedBundle(file);
+    ASSERT_TRUE(bundle);
     EXPECT_EQ(wrongValues(bundle), 0u);
   }
   const auto times = readThroughHdf5<double>(file, "GPSTime", kTimes);
@@ -160,10 +164,8 @@ TEST(KqChunks, ManyChunksReadBackTheSameHereAndThroughPlainHdf5) {
 TEST(KqChunks, ThreadsReadingOneFileAtOnceGetWhatWasSaved) {
   TempDir dir;
   const std::string file = savedBigFile(dir);
-  auto bundle = BundlePtr::make();
-  bool ok = false;
-  Bundle::load(ok, LoaderParameters({file}), bundle);
-  ASSERT_TRUE(ok);
+  const BundlePtr bundle = loadedBundle(file);
+  ASSERT_TRUE(bundle);
   double t = 0.0;
   auto shots = (*(*bundle.get())(t))("Shots");
   for (const char* field : {"GPSTime", "Positions", "Samples"}) {
