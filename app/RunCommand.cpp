@@ -1,7 +1,6 @@
 #include "app/RunCommand.hpp"
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <ctime>
@@ -9,8 +8,6 @@
 #include <memory>
 #include <mutex>
 #include <regex>
-#include <system_error>
-#include <thread>
 #include <utility>
 
 #include "app/CaughtError.hpp"
@@ -20,6 +17,7 @@
 #include "app/Json.hpp"
 #include "app/LoadKq.hpp"
 #include "app/RunOptions.hpp"
+#include "app/Spread.hpp"
 #include "tessal/Schema.hpp"
 
 namespace quillo::cli {
@@ -109,26 +107,13 @@ namespace {
 std::vector<RunSummary> runAll(const RunCommandOptions& o, const RunSettings& settings,
                                std::vector<Tessal::BundlePtr>& loaded) {
   std::vector<RunSummary> summaries(o.inputs.size());
-  std::vector<std::unique_ptr<CliError>> errors(o.inputs.size());
-  std::atomic<std::size_t> next{0};
-  auto worker = [&] {
-    for (std::size_t i; (i = next++) < o.inputs.size();)
-      errors[i] = caughtError(o.inputs[i], [&] {
-        summaries[i] = runOne(o.inputs[i], settings, std::exchange(loaded[i], {}));
-      });
-  };
-  std::vector<std::thread> threads;
-  for (unsigned t = 1; t < std::max(1u, o.jobs); ++t) {
-    try {
-      threads.emplace_back(worker);
-    } catch (const std::system_error&) {
-      break;  // the threads started, and this one, share the inputs
-    }
-  }
-  worker();
-  for (auto& t : threads) t.join();
-  for (auto& e : errors)
-    if (e) throw *e;
+  spreadOver(o.jobs, o.inputs.size(), [&](std::size_t i) {
+    // A failure names its input, whichever thread ran it.
+    auto error = caughtError(o.inputs[i], [&] {
+      summaries[i] = runOne(o.inputs[i], settings, std::exchange(loaded[i], {}));
+    });
+    if (error) throw *error;
+  });
   return summaries;
 }
 
