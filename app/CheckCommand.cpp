@@ -1,12 +1,11 @@
 #include "app/CheckCommand.hpp"
 
-#include <algorithm>
 #include <cstdio>
 #include <memory>
-#include <thread>
 
 #include "app/CliError.hpp"
 #include "app/InputCheck.hpp"
+#include "app/RunOptions.hpp"
 
 namespace quillo::cli {
 
@@ -15,7 +14,7 @@ namespace {
 struct CheckOptions {
   std::vector<std::string> inputs;
   bool json = false;
-  unsigned threads = std::max(1u, std::thread::hardware_concurrency());
+  unsigned threads = usableCores();
 };
 
 void execute(const CheckOptions& o) {
@@ -43,7 +42,7 @@ void addCheckCommand(CLI::App& app) {
   c->add_option("inputs", o->inputs, "Input .kq files")->required();
   c->add_flag("--json", o->json, "Write the findings as JSON");
   c->add_option("--threads", o->threads,
-                "Fragments read and checked at once (default: the machine's cores); the "
+                "Fragments read and checked at once (default: the CPUs this process may use); the "
                 "findings are the same for any number")
       ->check(CLI::Range(1u, 256u));
   c->footer(
