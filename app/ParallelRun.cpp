@@ -308,7 +308,7 @@ bool writeInOrder(const ParallelRun& run, Range all, HandoverQueue& queue) {
     for (int k = 0; k < 2; ++k) {
       if (!run.outputs[k]) continue;
       if (!output->shifted) renumberPoints(output->parts[k], shift, run.streamed);
-      putArrays(*run.outputs[k]->grid(), output->parts[k]);
+      putArrays(*run.outputs[k]->moduleGrid(), output->parts[k]);
       run.outputs[k]->addCounts(output->parts[k].counts);
     }
     nextPointId += output->points();
@@ -355,7 +355,7 @@ std::string runRanges(const ParallelRun& run, Range all, const std::vector<Range
   if (!written && result.empty()) result = "Quillo: a worker ended before its last fragment";
   if (!result.empty()) return result;
   for (int k = 0; k < 2; ++k)
-    if (run.outputs[k]) copyRunAttributes(*attributeSource[k], *run.outputs[k]->grid());
+    if (run.outputs[k]) copyRunAttributes(*attributeSource[k], *run.outputs[k]->moduleGrid());
   return "";
 }
 
@@ -363,7 +363,7 @@ std::string runRanges(const ParallelRun& run, Range all, const std::vector<Range
 
 std::string runModule(const ParallelRun& run) {
   auto grid = [&](int k) {
-    return run.outputs[k] ? run.outputs[k]->grid() : Vorlap::StrongPtr<Tessal::Grid>();
+    return run.outputs[k] ? run.outputs[k]->moduleGrid() : Vorlap::StrongPtr<Tessal::Grid>();
   };
   Tessal::BundlePtr bundle = run.bundle;
   const std::uint32_t count = fragmentCount(bundle);
