@@ -42,6 +42,22 @@ ArrayPtr<E> fragmentArray(const Vorlap::StrongPtr<Tessal::Field>& field, const s
                  : ArrayPtr<E>();
 }
 
+// An input fragment's array without keeping it in its creator: a window over a long strip
+// must not leave every fragment it read behind in the input.
+template <class E>
+ArrayPtr<E> inputArray(const Vorlap::StrongPtr<Tessal::Field>& field, const std::string& name) {
+  auto id = field ? field->getFragmentIDCollection()->findFragmentIDByName(name)
+                  : Vorlap::StrongPtr<Tessal::FragmentID>();
+  auto creator = id ? field->getCreator(id) : Vorlap::StrongPtr<Tessal::CreativeArrayBase>();
+  if (!creator) return {};
+  if (auto held = creator->heldData()) return Vorlap::dynamicPtrCast<Tessal::MemArray<1, E>>(held);
+  const bool caching = creator->cachingEnabled();
+  creator->enableCaching(false);
+  auto data = creator->create();
+  creator->enableCaching(caching);
+  return Vorlap::dynamicPtrCast<Tessal::MemArray<1, E>>(data);
+}
+
 // Every shot of the input in time order, with the scanner's light speed and pattern.
 std::string readShotTable(Tessal::BundlePtr& input, ShotTable& table, double& sampleStep) {
   const auto shots = inputGrid(input, schema::kShotsGrid);
@@ -257,9 +273,9 @@ std::string WindowedRefinement::State::open(Tessal::BundlePtr& input, const Refi
 // The fragment's shots; none when its arrays are missing or of different lengths.
 FragmentShots WindowedRefinement::State::shotsOf(const std::string& name) const {
   FragmentShots f;
-  const auto t = fragmentArray<double>(times, name);
-  const auto o = fragmentArray<point>(origins, name);
-  const auto d = fragmentArray<vector>(directions, name);
+  const auto t = inputArray<double>(times, name);
+  const auto o = inputArray<point>(origins, name);
+  const auto d = inputArray<vector>(directions, name);
   if (!t || !o || !d || o->size() != t->size() || d->size() != t->size()) return f;
   f.time.resize(t->size()), f.origin.resize(t->size()), f.direction.resize(t->size());
   t->copyOut(f.time.data()), o->copyOut(f.origin.data()), d->copyOut(f.direction.data());
