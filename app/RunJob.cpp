@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <filesystem>
-#include <limits>
 #include <memory>
 #include <regex>
 #include <utility>
@@ -100,12 +99,13 @@ void creditStreamingTime(const std::vector<StreamedOutput*>& outputs, const std:
 // fragment moves from the module's grid to the saved one and is written with the next report.
 class RunRefinement {
  public:
+  // The run covers fragments [first, end).
   RunRefinement(Tessal::BundlePtr& input, const std::vector<StreamedOutput*>& outputs,
-                std::uint32_t firstFragment)
-      : outputs_(outputs) {
+                std::uint32_t first, std::uint32_t end)
+      : outputs_(outputs), end_(end) {
     std::vector<Vorlap::StrongPtr<Tessal::Grid>> grids;
     for (StreamedOutput* o : outputs) o->holdForRefinement(), grids.push_back(o->moduleGrid());
-    refinement_ = std::make_unique<FullWaveform::WindowedRefinement>(input, grids, firstFragment);
+    refinement_ = std::make_unique<FullWaveform::WindowedRefinement>(input, grids, first);
   }
   void advance(std::uint32_t finishedBelow, bool last = false) {
     const auto start = std::chrono::steady_clock::now();
@@ -115,7 +115,7 @@ class RunRefinement {
   }
   // Refines the last fragments and gives the saved grids the run's attributes.
   void finish(RunSummary& summary) {
-    advance(std::numeric_limits<std::uint32_t>::max(), true);
+    advance(end_, true);
     for (StreamedOutput* o : outputs_) o->takeRunAttributes();
     const FullWaveform::RefinementSummary& r = refinement_->summary();
     summary.result = r.error;
@@ -127,6 +127,7 @@ class RunRefinement {
 
  private:
   std::vector<StreamedOutput*> outputs_;
+  std::uint32_t end_;
   std::unique_ptr<FullWaveform::WindowedRefinement> refinement_;
 };
 
@@ -176,7 +177,7 @@ RunSummary runOne(const std::string& inputPath, const RunSettings& settings,
   std::unique_ptr<RunRefinement> refinement;
   if (settings.refine)
     refinement = std::make_unique<RunRefinement>(
-        bundle, outputs, std::uint32_t(std::max<std::int32_t>(input.fragBegin, 0)));
+        bundle, outputs, std::uint32_t(std::max<std::int32_t>(input.fragBegin, 0)), input.fragEnd);
   auto sink = Vorlap::makeStrong<StreamingProgress>(bar, outputs, settings.threads < 2);
   if (refinement) sink->setBeforeWrite([&](unsigned current) { refinement->advance(current); });
   input.progress = Vorlap::WeakPtr<Vorlap::ProgressSink>(sink);
