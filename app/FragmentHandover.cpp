@@ -27,18 +27,21 @@ class HandedOverCreator final : public Tessal::CreativeArrayBase {
 
 using PointIds = Tessal::MemArray<1, std::uint32_t>;
 
+void takeOne(Tessal::Field& field, const std::string& representation,
+             const Vorlap::StrongPtr<Tessal::FragmentID>& id, OutputPart& part) {
+  auto creator = field.getCreator(id);
+  auto data = creator ? creator->heldData() : Vorlap::StrongPtr<Tessal::MemBase>();
+  if (!data) return;
+  part.arrays.push_back(
+      {representation, field.getName(), id->getName(), data, creator->range(), {}, {}});
+  if (field.getName() == schema::kPointID) part.points += std::uint32_t(data->nElements());
+  field.setCreator(id, Vorlap::makeStrong<HandedOverCreator>(*data));
+}
+
 void takeFromField(Tessal::Field& field, const std::string& representation, OutputPart& part,
                    Tessal::FragmentChangeCursor& seen) {
   auto ids = field.getFragmentIDCollection();
-  for (std::size_t f : seen.newlyChanged(field)) {
-    auto creator = field.getCreator(ids->at(f));
-    auto data = creator ? creator->heldData() : Vorlap::StrongPtr<Tessal::MemBase>();
-    if (!data) continue;
-    part.arrays.push_back(
-        {representation, field.getName(), ids->at(f)->getName(), data, creator->range(), {}, {}});
-    if (field.getName() == schema::kPointID) part.points += std::uint32_t(data->nElements());
-    field.setCreator(ids->at(f), Vorlap::makeStrong<HandedOverCreator>(*data));
-  }
+  for (std::size_t f : seen.newlyChanged(field)) takeOne(field, representation, ids->at(f), part);
 }
 
 void shiftPointIds(const FieldArray& a, std::uint32_t shift) {
@@ -63,6 +66,17 @@ OutputPart takeHeldArrays(Tessal::Grid& grid, Tessal::FragmentChangeCursor& seen
   for (const auto& rep : grid.representations())
     for (const auto& entry : rep->fields())
       if (entry.field) takeFromField(*entry.field, rep->getName(), part, seen);
+  return part;
+}
+
+OutputPart takeFragment(Tessal::Grid& grid, const std::string& name) {
+  OutputPart part;
+  for (const auto& rep : grid.representations())
+    for (const auto& entry : rep->fields()) {
+      if (!entry.field) continue;
+      auto id = entry.field->getFragmentIDCollection()->findFragmentIDByName(name);
+      if (id) takeOne(*entry.field, rep->getName(), id, part);
+    }
   return part;
 }
 

@@ -53,6 +53,9 @@ struct FragmentOutput {
 // fragments set since `seen` last looked are visited: a range may hold thousands.
 OutputPart takeHeldArrays(Tessal::Grid& grid, Tessal::FragmentChangeCursor& seen);
 
+// Takes the arrays of the fragment `name` out of every field of the grid.
+OutputPart takeFragment(Tessal::Grid& grid, const std::string& name);
+
 // Adds `idShift` to every point number (and to their value range); with `encode`, encodes
 // the point numbers then.
 void renumberPoints(OutputPart& part, std::uint32_t idShift, bool encode);

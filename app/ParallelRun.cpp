@@ -112,12 +112,25 @@ class HandoverQueue {
         nextToWrite_(ranges_.front().begin) {}
 
   // Sets the output aside when the writer is still short of its range: it would wait in
-  // memory for the ranges before to be written. Called by the range's own worker only.
+  // memory for the ranges before to be written. Within the range being written, waits while
+  // the writer is `kAhead` fragments behind: a writer that refines, maps and encodes takes
+  // longer per fragment than the module, and the outputs would pile up in memory. Called by
+  // the range's own worker only.
   void put(std::size_t range, std::uint32_t fragment, FragmentOutput output) {
     if (nextToWrite_.load() < ranges_[range].begin)
       for (OutputPart& part : output.parts) spills_[range].setAside(part);
-    std::lock_guard lock(mutex_);
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [&] {
+      const std::uint32_t next = nextToWrite_.load();
+      return abandoned_ || next < ranges_[range].begin || fragment < next + kAhead;
+    });
     ready_.emplace(fragment, std::move(output));
+    changed_.notify_all();
+  }
+  // The writer takes no more fragments: no worker may wait for it.
+  void abandon() {
+    std::lock_guard lock(mutex_);
+    abandoned_ = true;
     changed_.notify_all();
   }
   // `points`: how many points the range gave, when it ended well.
@@ -149,6 +162,7 @@ class HandoverQueue {
     FragmentOutput output = std::move(it->second);
     ready_.erase(it);
     nextToWrite_ = fragment + 1;
+    changed_.notify_all();
     lock.unlock();
     for (OutputPart& part : output.parts) spills_[owner].bringBack(part);
     return output;
@@ -172,7 +186,9 @@ class HandoverQueue {
   std::vector<bool> done_;
   std::vector<std::optional<std::uint32_t>> points_;
   std::vector<FragmentSpill> spills_;  // one per range, written by its worker alone
+  static constexpr std::uint32_t kAhead = 3;
   std::atomic<std::uint32_t> nextToWrite_;
+  bool abandoned_ = false;
   std::map<std::uint32_t, FragmentOutput> ready_;
   mutable std::mutex mutex_;
   std::condition_variable changed_;
@@ -308,7 +324,7 @@ bool writeInOrder(const ParallelRun& run, Range all, HandoverQueue& queue) {
     for (int k = 0; k < 2; ++k) {
       if (!run.outputs[k]) continue;
       if (!output->shifted) renumberPoints(output->parts[k], shift, run.streamed);
-      putArrays(*run.outputs[k]->grid(), output->parts[k]);
+      putArrays(*run.outputs[k]->moduleGrid(), output->parts[k]);
       run.outputs[k]->addCounts(output->parts[k].counts);
     }
     nextPointId += output->points();
@@ -345,6 +361,7 @@ std::string runRanges(const ParallelRun& run, Range all, const std::vector<Range
   bool written = false;
   const double writerStart = threadCpuSeconds();
   auto writeError = caughtError("", [&] { written = writeInOrder(run, all, queue); });
+  queue.abandon();
   const double writerCpu = threadCpuSeconds() - writerStart;
   for (auto& t : threads) t.join();
   if (run.verbose) describeSharing(run, ranges, cpu, writerCpu);
@@ -355,7 +372,7 @@ std::string runRanges(const ParallelRun& run, Range all, const std::vector<Range
   if (!written && result.empty()) result = "Quillo: a worker ended before its last fragment";
   if (!result.empty()) return result;
   for (int k = 0; k < 2; ++k)
-    if (run.outputs[k]) copyRunAttributes(*attributeSource[k], *run.outputs[k]->grid());
+    if (run.outputs[k]) copyRunAttributes(*attributeSource[k], *run.outputs[k]->moduleGrid());
   return "";
 }
 
@@ -363,7 +380,7 @@ std::string runRanges(const ParallelRun& run, Range all, const std::vector<Range
 
 std::string runModule(const ParallelRun& run) {
   auto grid = [&](int k) {
-    return run.outputs[k] ? run.outputs[k]->grid() : Vorlap::StrongPtr<Tessal::Grid>();
+    return run.outputs[k] ? run.outputs[k]->moduleGrid() : Vorlap::StrongPtr<Tessal::Grid>();
   };
   Tessal::BundlePtr bundle = run.bundle;
   const std::uint32_t count = fragmentCount(bundle);

@@ -95,16 +95,41 @@ void creditStreamingTime(const std::vector<StreamedOutput*>& outputs, const std:
   }
 }
 
-void refineOutputs(Tessal::BundlePtr& input, const std::vector<StreamedOutput*>& outputs,
-                   RunSummary& summary) {
-  std::vector<Vorlap::StrongPtr<Tessal::Grid>> grids;
-  for (StreamedOutput* o : outputs) grids.push_back(o->grid());
-  const FullWaveform::RefinementSummary r = FullWaveform::refineZones(input, grids);
-  summary.result = r.error;
-  summary.refined = r.error.empty();
-  summary.refineMoved = r.moved;
-  summary.refineMarkedNoise = r.markedNoise;
-}
+// The refinement over a moving window, run as the module finishes fragments: each refined
+// fragment moves from the module's grid to the saved one and is written with the next report.
+class RunRefinement {
+ public:
+  // The run covers fragments [first, end).
+  RunRefinement(Tessal::BundlePtr& input, const std::vector<StreamedOutput*>& outputs,
+                std::uint32_t first, std::uint32_t end)
+      : outputs_(outputs), end_(end) {
+    std::vector<Vorlap::StrongPtr<Tessal::Grid>> grids;
+    for (StreamedOutput* o : outputs) o->holdForRefinement(), grids.push_back(o->moduleGrid());
+    refinement_ = std::make_unique<FullWaveform::WindowedRefinement>(input, grids, first);
+  }
+  void advance(std::uint32_t finishedBelow, bool last = false) {
+    const auto start = std::chrono::steady_clock::now();
+    for (const std::string& name : refinement_->advance(finishedBelow, last))
+      for (StreamedOutput* o : outputs_) o->moveFragment(name);
+    seconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  }
+  // Refines the last fragments and gives the saved grids the run's attributes.
+  void finish(RunSummary& summary) {
+    advance(end_, true);
+    for (StreamedOutput* o : outputs_) o->takeRunAttributes();
+    const FullWaveform::RefinementSummary& r = refinement_->summary();
+    summary.result = r.error;
+    summary.refined = r.error.empty();
+    summary.refineMoved = r.moved;
+    summary.refineMarkedNoise = r.markedNoise;
+  }
+  double seconds = 0;
+
+ private:
+  std::vector<StreamedOutput*> outputs_;
+  std::uint32_t end_;
+  std::unique_ptr<FullWaveform::WindowedRefinement> refinement_;
+};
 
 }  // namespace
 
@@ -149,9 +174,12 @@ RunSummary runOne(const std::string& inputPath, const RunSettings& settings,
   WaveCounts waves = countWaves(bundle);
   summary.waves = waves.total;
   bar->setWaveCounts(std::move(waves));
-  // The refinement needs every fragment at once: the outputs are then written after it.
-  auto sink = Vorlap::makeStrong<StreamingProgress>(
-      bar, settings.refine ? std::vector<StreamedOutput*>() : outputs, settings.threads < 2);
+  std::unique_ptr<RunRefinement> refinement;
+  if (settings.refine)
+    refinement = std::make_unique<RunRefinement>(
+        bundle, outputs, std::uint32_t(std::max<std::int32_t>(input.fragBegin, 0)), input.fragEnd);
+  auto sink = Vorlap::makeStrong<StreamingProgress>(bar, outputs, settings.threads < 2);
+  if (refinement) sink->setBeforeWrite([&](unsigned current) { refinement->advance(current); });
   input.progress = Vorlap::WeakPtr<Vorlap::ProgressSink>(sink);
   if (settings.verbose) Vorlap::Console() << input.speak();
   summary.result = runModule({inputPath,
@@ -166,8 +194,10 @@ RunSummary runOne(const std::string& inputPath, const RunSettings& settings,
   clock.lap("run");
   if (!summary.result.empty()) return summary;  // the outputs' temporary files go with them
   creditStreamingTime(outputs, "run", summary);
-  if (settings.refine) {
-    refineOutputs(bundle, outputs, summary);
+  if (refinement) {
+    summary.secondsPerStage["run"] -= refinement->seconds;
+    summary.secondsPerStage["refine"] += std::exchange(refinement->seconds, 0.0);
+    refinement->finish(summary);
     clock.lap("refine");
   }
   if (!summary.result.empty()) return summary;

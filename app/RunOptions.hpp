@@ -16,7 +16,7 @@ struct ModuleOptions {
   int segment = -2;  // -2: from the input's "RDB_Segment" attribute
   std::string fragments;
   std::string peakSettings;
-  bool refine = false;  // the zone refinement after the run (see addRefineOption)
+  bool refine = false;  // the zone refinement (see addRefineOption, which sets its default)
 };
 
 void addModuleOptions(CLI::App& command, ModuleOptions& options);

@@ -5,6 +5,7 @@
 #include <chrono>
 
 #include "app/CliError.hpp"
+#include "app/FragmentHandover.hpp"
 #include "app/OutputStats.hpp"
 #include "run/Verification.hpp"
 #include "tessal/Schema.hpp"
@@ -39,6 +40,20 @@ StreamedOutput::StreamedOutput(const std::filesystem::path& path, const Transfor
   save_ = std::make_unique<Tessal::StreamingSave>(bundle_, path_.string());
 }
 
+void StreamedOutput::holdForRefinement() {
+  auto bundle = Tessal::BundlePtr::make();
+  held_ = (*bundle.create())[0.0]->makeGrid(schema::kResultGrid);
+  held_->makeCartesianRepresentation(3, schema::kScannerChart, 0);
+}
+
+void StreamedOutput::moveFragment(const std::string& name) {
+  if (held_) putArrays(*grid_, takeFragment(*held_, name));
+}
+
+void StreamedOutput::takeRunAttributes() {
+  if (held_) copyRunAttributes(*held_, *grid_);
+}
+
 void StreamedOutput::writeFinished() {
   if (!error_.empty()) return;
   {
@@ -69,6 +84,7 @@ OutputSummary StreamedOutput::finish() {
 
 void StreamingProgress::report(const std::string& text, unsigned current, unsigned end) {
   bar_->report(text, current, end);
+  if (beforeWrite_) beforeWrite_(current);
   for (StreamedOutput* output : outputs_) output->writeFinished();
   // A fragment's arrays are freed by now; hand the pages back rather than let the heap's
   // high-water mark creep up with every fragment. A trim walks the whole heap and costs

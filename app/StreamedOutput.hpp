@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -21,7 +22,16 @@ namespace quillo::cli {
 class StreamedOutput {
  public:
   StreamedOutput(const std::filesystem::path& path, const Transform& toMap);
+  // The grid saved to the file.
   Vorlap::StrongPtr<Tessal::Grid> grid() const { return grid_; }
+  // Where the module puts its fragments: the saved grid, or with holdForRefinement() a grid
+  // of its own, from which refined fragments move to the saved one (moveFragment).
+  Vorlap::StrongPtr<Tessal::Grid> moduleGrid() const { return held_ ? held_ : grid_; }
+  void holdForRefinement();
+  // Moves a fragment from the module's grid to the saved one (nothing when it has none).
+  void moveFragment(const std::string& name);
+  // Gives the saved grid the run's attributes, set on the module's grid.
+  void takeRunAttributes();
   const Transform& toMap() const { return toMap_; }
   // Counts of fragments that reach the grid encoded (counted where they were encoded).
   void addCounts(const OutputSummary& counts);
@@ -36,7 +46,7 @@ class StreamedOutput {
   std::filesystem::path path_;
   Transform toMap_;
   Tessal::BundlePtr bundle_;
-  Vorlap::StrongPtr<Tessal::Grid> grid_;
+  Vorlap::StrongPtr<Tessal::Grid> grid_, held_;
   std::unique_ptr<Tessal::StreamingSave> save_;
   Tessal::FragmentChangeCursor mapped_, counted_;  // fragments already mapped, counted
   OutputSummary summary_;
@@ -51,8 +61,12 @@ class StreamingProgress : public Vorlap::ProgressSink {
                     bool trimHeap)
       : bar_(std::move(bar)), outputs_(std::move(outputs)), trimHeap_(trimHeap) {}
   void report(const std::string& text, unsigned current, unsigned end) override;
+  // Runs before the finished fragments are written, with the number of the fragment the run
+  // starts (those below it are finished).
+  void setBeforeWrite(std::function<void(unsigned)> f) { beforeWrite_ = std::move(f); }
 
  private:
+  std::function<void(unsigned)> beforeWrite_;
   Vorlap::StrongPtr<ProgressBar> bar_;
   std::vector<StreamedOutput*> outputs_;
   bool trimHeap_;

@@ -21,7 +21,10 @@ seconds_of() {  # seconds_of COMMAND...: wall time of the command
 
 per_hour() { awk "BEGIN { printf \"%.0f\", $strips * 3600 / $1 }"; }
 
-plan() { "$quillo" batch plan "$tmp/$1"/*.kq --out-dir "$tmp/$2" >/dev/null; }
+# Without the refinement (on by default in newer builds), as earlier figures were measured.
+no_refine=()
+"$quillo" batch plan --help | grep -q -- --no-refine && no_refine=(--no-refine)
+plan() { "$quillo" batch plan "$tmp/$1"/*.kq --out-dir "$tmp/$2" "${no_refine[@]}" >/dev/null; }
 
 slurm_run() {
   local job

@@ -4,7 +4,12 @@
 // and prints its time beside the module's, the points it moved, fixed and broke, and a hash of
 // every echo's new zone and flag (a rework of the stage must leave it unchanged).
 //   bench_refine --dump DIR [--small] [--shots N] [NAME-PART]
-//   bench_refine [--repeat N] [--broken] FILE...
+//   bench_refine [--repeat N] [--broken] [--window [--context L] [--block L]
+//                [--fragment-shots N]] FILE...
+// With --window the arrays are cut into fragments of N shots (by recording shot; default
+// 100,000 as the scenes' surveys) and refined over the moving window as `quillo run` does;
+// it prints the figures of the windowed result and how many echoes got another zone or flag
+// than over the whole strip.
 #include <algorithm>
 #include <cctype>
 #include <chrono>
@@ -19,6 +24,7 @@
 #include <vector>
 
 #include "output/PointGeometry.hpp"
+#include "refine/RefineWindow.hpp"
 #include "refine/SurfaceFit.hpp"
 #include "sim/Scenes.hpp"
 #include "support/SceneRun.hpp"
@@ -237,12 +243,73 @@ void report(const std::string& file, const Stored& s, const FullWaveform::Refine
   std::fflush(stdout);
 }
 
+struct WindowRun {
+  FullWaveform::WindowSettings window;
+  std::uint32_t fragmentShots = 100000;
+  std::size_t mostHeld = 0;  // fragments held at once
+  std::size_t blocks = 0;
+};
+
+// Feeds the stored arrays fragment by fragment through the window, refining what is ready
+// after each, as a run does.
+FullWaveform::RefineResult refineWindowed(const Stored& s, const FullWaveform::RefineSettings& set,
+                                          WindowRun& w) {
+  const ShotTable& t = s.shots;
+  const std::size_t shots = t.time.size(), per = w.fragmentShots;
+  const std::size_t count = (shots + per - 1) / per;
+  std::vector<std::vector<std::uint32_t>> members(count);
+  for (std::uint32_t i = 0; i < s.echoes.size(); ++i)
+    members[std::min<std::size_t>((s.echoes[i].emitter + s.echoes[i].zone) / per, count - 1)]
+        .push_back(i);
+  FullWaveform::RefineResult r;
+  for (const RefineEcho& e : s.echoes) r.zone.push_back(e.zone);
+  r.flag.assign(s.echoes.size(), FullWaveform::kUntouched);
+  FullWaveform::RefineWindow window(t.lightSpeed, t.radial, set, w.window);
+  const auto apply = [&](const FullWaveform::RefinedBlock& b) {
+    ++w.blocks;
+    for (const auto& f : b.fragments)
+      for (std::size_t j = 0; j < f.echo.size(); ++j) {
+        if (f.echo[j] < 0) continue;
+        const std::uint32_t i = members[f.key][j];
+        const auto k = std::size_t(f.echo[j]);
+        r.zone[i] = b.result.zone[k], r.flag[i] = b.result.flag[k];
+        r.moved += (b.result.flag[k] & FullWaveform::kMovedZone) != 0;
+        r.markedNoise += (b.result.flag[k] & FullWaveform::kMarkedNoise) != 0;
+      }
+  };
+  for (std::size_t f = 0; f < count; ++f) {
+    FullWaveform::FragmentShots fs;
+    const std::size_t lo = f * per, hi = std::min(shots, lo + per);
+    fs.time.assign(t.time.begin() + lo, t.time.begin() + hi);
+    fs.origin.assign(t.origin.begin() + lo, t.origin.begin() + hi);
+    fs.direction.assign(t.direction.begin() + lo, t.direction.begin() + hi);
+    std::vector<FullWaveform::WindowEcho> echoes;
+    for (const std::uint32_t i : members[f]) {
+      const RefineEcho& e = s.echoes[i];
+      echoes.push_back({t.time[e.emitter], e.oneWayTime, e.zone, e.noise});
+    }
+    window.add(f, std::move(fs), std::move(echoes));
+    w.mostHeld = std::max(w.mostHeld, window.held());
+    window.refineReady(false, apply);
+  }
+  window.refineReady(true, apply);
+  return r;
+}
+
+std::size_t differing(const FullWaveform::RefineResult& a, const FullWaveform::RefineResult& b) {
+  std::size_t n = 0;
+  for (std::size_t i = 0; i < a.zone.size(); ++i)
+    n += a.zone[i] != b.zone[i] || a.flag[i] != b.flag[i];
+  return n;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   if (argc >= 3 && !std::strcmp(argv[1], "--dump")) return dump(argc, argv);
   int repeat = 1;
-  bool broken = false;
+  bool broken = false, windowed = false;
+  WindowRun w;
   FullWaveform::RefineSettings settings;
   std::vector<std::string> files;
   for (int i = 1; i < argc; ++i) {
@@ -267,6 +334,14 @@ int main(int argc, char** argv) {
         return std::fprintf(stderr, "unknown setting %s\n", name.c_str()), 2;
     } else if (!std::strcmp(argv[i], "--broken"))
       broken = true;
+    else if (!std::strcmp(argv[i], "--window"))
+      windowed = true;
+    else if (!std::strcmp(argv[i], "--context") && i + 1 < argc)
+      w.window.contextLines = std::atoi(argv[++i]);
+    else if (!std::strcmp(argv[i], "--block") && i + 1 < argc)
+      w.window.blockLines = std::atoi(argv[++i]);
+    else if (!std::strcmp(argv[i], "--fragment-shots") && i + 1 < argc)
+      w.fragmentShots = std::uint32_t(std::max(1, std::atoi(argv[++i])));
     else
       files.push_back(argv[i]);
   }
@@ -293,6 +368,21 @@ int main(int argc, char** argv) {
           best, std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
     }
     report(file, s, r, best, bestCpu);
+    if (windowed) {
+      const auto start = std::chrono::steady_clock::now();
+      const std::clock_t cpu = std::clock();
+      const FullWaveform::RefineResult wr = refineWindowed(s, settings, w);
+      const double cpuSeconds = double(std::clock() - cpu) / CLOCKS_PER_SEC;
+      report("  windowed", s, wr,
+             std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(),
+             cpuSeconds);
+      std::printf(
+          "  windowed: %zu blocks, at most %zu fragments held; %zu echoes differ from "
+          "the whole strip's result\n",
+          w.blocks, w.mostHeld, differing(r, wr));
+      w.blocks = w.mostHeld = 0;
+      r = wr;
+    }
     if (broken) printBroken(s, r);
   }
   return 0;

@@ -51,16 +51,19 @@ PY
 }
 
 threads_supported() { "$new" run --help | grep -q -- --threads; }
+# The refinement is on by default in newer builds; the reference runs without it.
+no_refine=()
+"$new" run --help | grep -q -- --no-refine && no_refine=(--no-refine)
 
 : >"$work/times"
 for _ in $(seq "$repeat"); do
   for mode in fast gaussian; do
     run reference "$old" "$mode"
     if threads_supported; then
-      run one-thread "$new" "$mode" --threads 1
-      run "$threads-threads" "$new" "$mode" --threads "$threads"
+      run one-thread "$new" "$mode" --threads 1 "${no_refine[@]}"
+      run "$threads-threads" "$new" "$mode" --threads "$threads" "${no_refine[@]}"
     else
-      run one-thread "$new" "$mode"
+      run one-thread "$new" "$mode" "${no_refine[@]}"
     fi
   done
 done

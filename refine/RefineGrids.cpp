@@ -1,10 +1,12 @@
-// Zone refinement on a run's outputs. Reads the input's "Shots" grid (all fragments) and the
-// point fields of each output fragment held in memory; rewrites the moved points' GPS time,
-// position, range, zone, direction step, scan-angle rank and return numbers as the point
+// Zone refinement on a run's outputs. Reads the input's "Shots" grid fragment by fragment
+// and the point fields of the output fragments the run has finished; rewrites the moved points' GPS
+// time, position, range, zone, direction step, scan-angle rank and return numbers as the point
 // assembly computes them, sets classification 7 on points fitting no surface, and adds the
 // "Refined" field.
 #include <algorithm>
 #include <cmath>
+#include <limits>
+#include <map>
 #include <set>
 
 #include "output/PointGeometry.hpp"
@@ -40,23 +42,20 @@ ArrayPtr<E> fragmentArray(const Vorlap::StrongPtr<Tessal::Field>& field, const s
                  : ArrayPtr<E>();
 }
 
-// Puts the shots in time order (fragments normally come in that order already).
-void inTimeOrder(ShotTable& table) {
-  if (std::is_sorted(table.time.begin(), table.time.end())) return;
-  std::vector<std::uint32_t> order(table.time.size());
-  for (std::uint32_t k = 0; k < order.size(); ++k) order[k] = k;
-  std::stable_sort(order.begin(), order.end(),
-                   [&](std::uint32_t a, std::uint32_t b) { return table.time[a] < table.time[b]; });
-  ShotTable sorted;
-  sorted.time.reserve(order.size()), sorted.origin.reserve(order.size());
-  sorted.direction.reserve(order.size());
-  for (const std::uint32_t k : order) {
-    sorted.time.push_back(table.time[k]);
-    sorted.origin.push_back(table.origin[k]);
-    sorted.direction.push_back(table.direction[k]);
-  }
-  table.time.swap(sorted.time), table.origin.swap(sorted.origin);
-  table.direction.swap(sorted.direction);
+// An input fragment's array without keeping it in its creator: a window over a long strip
+// must not leave every fragment it read behind in the input.
+template <class E>
+ArrayPtr<E> inputArray(const Vorlap::StrongPtr<Tessal::Field>& field, const std::string& name) {
+  auto id = field ? field->getFragmentIDCollection()->findFragmentIDByName(name)
+                  : Vorlap::StrongPtr<Tessal::FragmentID>();
+  auto creator = id ? field->getCreator(id) : Vorlap::StrongPtr<Tessal::CreativeArrayBase>();
+  if (!creator) return {};
+  if (auto held = creator->heldData()) return Vorlap::dynamicPtrCast<Tessal::MemArray<1, E>>(held);
+  const bool caching = creator->cachingEnabled();
+  creator->enableCaching(false);
+  auto data = creator->create();
+  creator->enableCaching(caching);
+  return Vorlap::dynamicPtrCast<Tessal::MemArray<1, E>>(data);
 }
 
 // Every shot of the input in time order, with the scanner's light speed and pattern.
@@ -90,7 +89,7 @@ std::string readShotTable(Tessal::BundlePtr& input, ShotTable& table, double& sa
     d[f]->copyOut(table.direction.data() + at);
     at += t[f]->size();
   }
-  inTimeOrder(table);
+  sortByTime(table);
   const ScannerDevice scanner(shots, inputGrid(input, schema::kWaveformsGrid));
   table.lightSpeed = scanner.lightSpeed;
   table.radial = scanner.isRadial();
@@ -160,17 +159,6 @@ std::string collectParts(const std::vector<Vorlap::StrongPtr<Tessal::Grid>>& out
 struct PointRef {
   std::uint32_t part, index;
 };
-
-// The shot of that GPS time, searched from `hint` on (a fragment's points come in shot
-// order), else in the whole table; false when there is none.
-bool findShot(const LargeVector<double>& times, double t, std::uint32_t& hint) {
-  for (std::uint32_t k = hint; k < times.size() && k < hint + 16; ++k)
-    if (times[k] == t) return hint = k, true;
-  const auto it = std::lower_bound(times.begin(), times.end(), t);
-  if (it == times.end() || *it != t) return false;
-  hint = std::uint32_t(it - times.begin());
-  return true;
-}
 
 // The echoes the refinement can place: a zone and an emitting shot found in the table.
 void collectEchoes(const ShotTable& table, const std::vector<OutputPart>& parts,
@@ -242,39 +230,161 @@ std::string refinementArrays(Tessal::BundlePtr& input,
   return "";
 }
 
+struct WindowedRefinement::State {
+  RefinementSummary summary;
+  Vorlap::StrongPtr<Tessal::Field> times, origins, directions;
+  std::vector<Vorlap::StrongPtr<Tessal::Representation>> reps;
+  double sampleStep = 1.0, lightSpeed = 0.0;
+  std::unique_ptr<RefineWindow> window;
+  std::uint32_t next = 0, count = 0;
+  // The fragments taken up and not yet refined: their output parts and, per echo given to
+  // the window, where its point lies.
+  struct Pending {
+    std::string name;
+    std::vector<OutputPart> parts;
+    std::vector<PointRef> refs;
+  };
+  std::map<std::uint64_t, Pending> pending;
+
+  std::string open(Tessal::BundlePtr& input, const RefineSettings& s, const WindowSettings& w);
+  FragmentShots shotsOf(const std::string& name) const;
+  void takeUp(std::uint32_t fragment);
+  void apply(const RefinedBlock& block, std::vector<std::string>& names);
+  void applyTo(Pending& fragment, const RefinedBlock& block, const std::vector<std::int64_t>& at);
+};
+
+std::string WindowedRefinement::State::open(Tessal::BundlePtr& input, const RefineSettings& s,
+                                            const WindowSettings& w) {
+  const auto shots = inputGrid(input, schema::kShotsGrid);
+  if (!shots) return "refinement: the input has no \"Shots\" grid";
+  times = (*shots)(schema::kGPSTime, ""), origins = (*shots)(schema::kPositions, "");
+  directions = (*shots)(schema::kDirectionDelta, "");
+  if (!times || !origins || !directions)
+    return "refinement: \"Shots\" lacks GPSTime, Positions or Waveforms.DirectionDelta";
+  count = std::uint32_t(origins->getNumberOfFragments());
+  const ScannerDevice scanner(shots, inputGrid(input, schema::kWaveformsGrid));
+  lightSpeed = scanner.lightSpeed;
+  sampleStep = sampleRangeStep(scanner.sampleInterval, scanner.lightSpeed);
+  if (!(lightSpeed > 0.0)) return "refinement: the scanner's light speed is not positive";
+  window = std::make_unique<RefineWindow>(lightSpeed, scanner.isRadial(), s, w);
+  return "";
+}
+
+// The fragment's shots; none when its arrays are missing or of different lengths.
+FragmentShots WindowedRefinement::State::shotsOf(const std::string& name) const {
+  FragmentShots f;
+  const auto t = inputArray<double>(times, name);
+  const auto o = inputArray<point>(origins, name);
+  const auto d = inputArray<vector>(directions, name);
+  if (!t || !o || !d || o->size() != t->size() || d->size() != t->size()) return f;
+  f.time.resize(t->size()), f.origin.resize(t->size()), f.direction.resize(t->size());
+  t->copyOut(f.time.data()), o->copyOut(f.origin.data()), d->copyOut(f.direction.data());
+  return f;
+}
+
+void WindowedRefinement::State::takeUp(std::uint32_t fragment) {
+  Pending p{schema::fragmentName(fragment), {}, {}};
+  std::vector<WindowEcho> echoes;
+  for (const auto& rep : reps) {
+    OutputPart part = partOf(rep, p.name);
+    if (!part.time) continue;
+    if (!part.complete()) {
+      summary.error = "refinement: output fragment " + p.name +
+                      " lacks a point field or holds fields of different lengths";
+      return;
+    }
+    const auto k = std::uint32_t(p.parts.size());
+    for (std::uint32_t i = 0; i < part.time->size(); ++i) {
+      const std::uint8_t zone = part.zone->get(i);
+      const double oneWay = part.range->get(i) / lightSpeed;
+      if (zone == kNoZone || !std::isfinite(oneWay)) continue;
+      echoes.push_back(
+          {part.time->get(i), oneWay, zone, part.classification->get(i) == kNoiseClass});
+      p.refs.push_back({k, i});
+    }
+    p.parts.push_back(std::move(part));
+  }
+  window->add(fragment, shotsOf(p.name), std::move(echoes));
+  pending.emplace(fragment, std::move(p));
+}
+
+// Writes the block's results into one fragment's points (`at`: each echo's position in the
+// block's arrays, -1 where it was not placed).
+void WindowedRefinement::State::applyTo(Pending& f, const RefinedBlock& block,
+                                        const std::vector<std::int64_t>& at) {
+  std::vector<std::set<double>> touchedShots(f.parts.size());
+  for (std::size_t j = 0; j < at.size(); ++j) {
+    if (at[j] < 0) continue;
+    const auto k = std::size_t(at[j]);
+    OutputPart& p = f.parts[f.refs[j].part];
+    const std::uint32_t i = f.refs[j].index;
+    const std::uint8_t flag = block.result.flag[k];
+    p.flags[i] = flag;
+    summary.judged += !block.echoes[k].noise;
+    if (flag & kMarkedNoise) p.classification->set(i, kNoiseClass), ++summary.markedNoise;
+    if (!(flag & kMovedZone)) continue;
+    ++summary.moved;
+    touchedShots[f.refs[j].part].insert(p.time->get(i));
+    movePoint(block.table, sampleStep, block.echoes[k], block.result.zone[k], p, i);
+    touchedShots[f.refs[j].part].insert(p.time->get(i));
+  }
+  for (std::size_t k = 0; k < f.parts.size(); ++k) {
+    if (!renumberReturns(f.parts[k], touchedShots[k]))
+      summary.error = "refinement: a shot of " + f.name + " has over 255 returns";
+    addFlagField(f.parts[k]);
+    summary.points += f.parts[k].flags.size();
+  }
+}
+
+void WindowedRefinement::State::apply(const RefinedBlock& block, std::vector<std::string>& names) {
+  for (const RefinedBlock::Fragment& f : block.fragments) {
+    const auto it = pending.find(f.key);
+    if (it == pending.end()) continue;
+    applyTo(it->second, block, f.echo);
+    names.push_back(it->second.name);
+    pending.erase(it);
+  }
+}
+
+WindowedRefinement::WindowedRefinement(Tessal::BundlePtr& input,
+                                       const std::vector<Vorlap::StrongPtr<Tessal::Grid>>& outputs,
+                                       std::uint32_t firstFragment, const RefineSettings& settings,
+                                       const WindowSettings& window)
+    : state_(std::make_unique<State>()) {
+  State& s = *state_;
+  s.next = firstFragment;
+  for (const auto& grid : outputs) {
+    auto rep = grid ? grid->getCartesianRepresentation(schema::kScannerChart)
+                    : Vorlap::StrongPtr<Tessal::Representation>();
+    if (rep) s.reps.push_back(rep);
+  }
+  s.summary.error = s.open(input, settings, window);
+}
+
+WindowedRefinement::~WindowedRefinement() = default;
+
+std::vector<std::string> WindowedRefinement::advance(std::uint32_t finishedBelow, bool last) {
+  State& s = *state_;
+  std::vector<std::string> names;
+  if (!s.summary.error.empty()) return names;
+  for (const std::uint32_t end = std::min(finishedBelow, s.count); s.next < end;) {
+    s.takeUp(s.next++);
+    if (!s.summary.error.empty()) return names;
+  }
+  s.window->refineReady(last, [&](const RefinedBlock& b) { s.apply(b, names); });
+  return s.summary.error.empty() ? names : std::vector<std::string>();
+}
+
+const RefinementSummary& WindowedRefinement::summary() const {
+  return state_->summary;
+}
+
 RefinementSummary refineZones(Tessal::BundlePtr& input,
                               const std::vector<Vorlap::StrongPtr<Tessal::Grid>>& outputs,
-                              const RefineSettings& settings) {
-  RefinementSummary summary;
-  ShotTable table;
-  double sampleStep = 1.0;
-  std::vector<OutputPart> parts;
-  if (!(summary.error = readShotTable(input, table, sampleStep)).empty()) return summary;
-  if (!(summary.error = collectParts(outputs, parts)).empty()) return summary;
-  RefineEchoes echoes;
-  LargeVector<PointRef> refs;
-  collectEchoes(table, parts, echoes, refs);
-  const RefineResult result = refineEchoZones(table, echoes, settings);
-  std::vector<std::set<double>> touchedShots(parts.size());
-  for (std::size_t k = 0; k < echoes.size(); ++k) {
-    OutputPart& p = parts[refs[k].part];
-    const std::uint32_t i = refs[k].index;
-    p.flags[i] = result.flag[k];
-    if (result.flag[k] & kMarkedNoise) p.classification->set(i, kNoiseClass);
-    if (!(result.flag[k] & kMovedZone)) continue;
-    touchedShots[refs[k].part].insert(p.time->get(i));
-    movePoint(table, sampleStep, echoes[k], result.zone[k], p, i);
-    touchedShots[refs[k].part].insert(p.time->get(i));
-  }
-  for (std::size_t k = 0; k < parts.size(); ++k) {
-    if (!renumberReturns(parts[k], touchedShots[k]))
-      summary.error = "refinement: a shot of " + parts[k].fragment + " has over 255 returns";
-    addFlagField(parts[k]);
-    summary.points += parts[k].flags.size();
-  }
-  summary.judged = result.judged, summary.moved = result.moved;
-  summary.markedNoise = result.markedNoise;
-  return summary;
+                              const RefineSettings& settings, const WindowSettings& window) {
+  WindowedRefinement refinement(input, outputs, 0, settings, window);
+  refinement.advance(std::numeric_limits<std::uint32_t>::max(), true);
+  return refinement.summary();
 }
 
 }  // namespace FullWaveform

@@ -46,15 +46,8 @@ struct ShotCells {
     std::uint32_t current = 0;
     std::int32_t lo = 0, hi = 0;
     for (std::size_t s = 0; s < t.time.size(); ++s) {
-      const auto& d = t.direction[s];
-      // A radial scanner's turn is the azimuth around the cone's axis (the frame's z).
-      double a = t.radial ? std::atan2(d.y, d.x) : std::atan2(d.x, d.z);
-      if (!std::isfinite(a)) a = previous;
-      if (a <= 0.0) a += 2 * std::numbers::pi;
-      // A new line where the angle jumps back, or where the aircraft jumps (another flight line).
-      if (s > 0 && (std::abs(a - previous) > kLineJump ||
-                    squared(t.origin[s], t.origin[s - 1]) > kFlightJump * kFlightJump))
-        ++current;
+      const double a = scanAngleOf(t.direction[s], t.radial, previous);
+      if (s > 0 && startsScanLine(previous, a, t.origin[s - 1], t.origin[s])) ++current;
       if (current == lineOrigin.size()) lineOrigin.push_back(t.origin[s]);
       previous = a;
       line[s] = current;
@@ -585,6 +578,18 @@ RefineResult Refiner::run() {
 }
 
 }  // namespace
+
+double scanAngleOf(const Gemwold::PhysicalSpace::vector& d, bool radial, double previous) {
+  double a = radial ? std::atan2(d.y, d.x) : std::atan2(d.x, d.z);
+  if (!std::isfinite(a)) a = previous;
+  return a <= 0.0 ? a + 2 * std::numbers::pi : a;
+}
+
+bool startsScanLine(double previousAngle, double angle, const point& previousOrigin,
+                    const point& origin) {
+  return std::abs(angle - previousAngle) > kLineJump ||
+         squared(origin, previousOrigin) > kFlightJump * kFlightJump;
+}
 
 RefineResult refineEchoZones(const ShotTable& shots, const RefineEchoes& echoes,
                              const RefineSettings& settings) {

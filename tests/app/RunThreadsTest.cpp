@@ -1,7 +1,7 @@
 // `quillo run --threads`: the fragments of one input across threads write the same bytes as
-// one thread (both peak-detection modes, a fragment range, many tiny fragments, the refinement,
-// without scratch space, together with --jobs) and report the same counts, and a run that fails in
-// a later thread, or while writing, ends cleanly and leaves no output file.
+// one thread (both peak-detection modes, a fragment range, many tiny fragments, the refinement
+// over many fragments, without scratch space, together with --jobs) and report the same counts, and
+// a run that fails in a later thread, or while writing, ends cleanly and leaves no output file.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -75,7 +75,8 @@ TEST_F(RunThreads, AFragmentRangeAcrossThreadsNumbersItsPointsAsOneThreadDoes) {
   EXPECT_EQ(expectSameFiles(one, runInto("range-3", args + " --threads 3")), 2);
 }
 
-// The refinement holds every fragment until the run ends: threads must hand it the same ones.
+// The refinement refines a block of fragments once the lines after it are in and writes it:
+// threads must hand it the same fragments in the same order.
 TEST_F(RunThreads, RefinedOutputsOfThreadsAreThoseOfOneThread) {
   const std::string args = inputs[0] + " --mode fast --refine";
   const std::string one = runInto("refine-1", args + " --threads 1");
@@ -186,4 +187,19 @@ TEST_F(RunThreads, ManyTinyFragmentsWriteTheBytesOfOneThread) {
   const std::string one = runInto("many-1", input + " --mode fast --threads 1");
   EXPECT_EQ(expectSameFiles(one, runInto("many-2", input + " --mode fast --threads 2")), 2);
   EXPECT_EQ(expectSameFiles(one, runInto("many-3", input + " --mode fast --threads 3")), 2);
+}
+
+// Eighty scan lines in a hundred fragments: the refinement's window moves over several blocks
+// while the threads hand fragments over, and what it writes is what one thread writes.
+TEST_F(RunThreads, ManySmallFragmentsRefineAsOneThread) {
+  const std::string input = dir->file("lines_210315_093000.kq");
+  auto r = runQuillo("simulate --preset tiny --shots 40000 --scan-rate 2000 --fragment-shots 400 " +
+                     input);
+  ASSERT_EQ(r.exitCode, 0) << r.output;
+  const std::string args = input + " --mode fast --refine";
+  const std::string one = runInto("lines-1", args + " --threads 1 --report " + dir->file("l.json"));
+  const auto refinement = nlohmann::json::parse(fileBytes(dir->file("l.json")))["runs"][0];
+  EXPECT_GT(refinement["refinement"]["moved"].get<int>(), 100);
+  EXPECT_EQ(expectSameFiles(one, runInto("lines-2", args + " --threads 2")), 2);
+  EXPECT_EQ(expectSameFiles(one, runInto("lines-3", args + " --threads 3")), 2);
 }

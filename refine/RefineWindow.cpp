@@ -1,0 +1,164 @@
+// The refinement over a moving window of fragments. Reads the fragments' shots and echoes as
+// they are added; writes, per block of fragments, the block's new zones and flags. Each
+// block is refined with `contextLines` scan lines either side (their results dropped), so an
+// echo near a block's edge is judged against the same neighbours as over the whole strip.
+#include "refine/RefineWindow.hpp"
+
+#include <algorithm>
+#include <cmath>
+
+namespace FullWaveform {
+
+RefineWindow::RefineWindow(double lightSpeed, bool radial, const RefineSettings& settings,
+                           const WindowSettings& window)
+    : lightSpeed_(lightSpeed), radial_(radial), settings_(settings), window_(window) {}
+
+void RefineWindow::add(std::uint64_t key, FragmentShots shots, std::vector<WindowEcho> echoes) {
+  Held h{key, shotsSeen_, std::move(shots), std::move(echoes), {}};
+  for (std::size_t s = 0; s < h.shots.time.size(); ++s) {
+    const double a = scanAngleOf(h.shots.direction[s], radial_, lastAngle_);
+    if (shotsSeen_ == 0 || startsScanLine(lastAngle_, a, lastOrigin_, h.shots.origin[s]))
+      h.lineStarts.push_back(shotsSeen_);
+    lastAngle_ = a, lastOrigin_ = h.shots.origin[s];
+    ++shotsSeen_;
+  }
+  held_.push_back(std::move(h));
+}
+
+std::vector<std::uint64_t> RefineWindow::lineStarts() const {
+  std::vector<std::uint64_t> starts;
+  for (const Held& h : held_) starts.insert(starts.end(), h.lineStarts.begin(), h.lineStarts.end());
+  return starts;
+}
+
+namespace {
+
+// The index of the line holding strip position `at` (-1: one that started before the held
+// fragments).
+std::int64_t lineOf(const std::vector<std::uint64_t>& starts, std::uint64_t at) {
+  return std::int64_t(std::upper_bound(starts.begin(), starts.end(), at) - starts.begin()) - 1;
+}
+
+}  // namespace
+
+// The next block (the first fragments not yet refined, holding `blockLines` line starts or
+// more) and its window; false while its look-ahead has not come in.
+bool RefineWindow::nextSpan(bool last, Span& span) const {
+  std::size_t p = 0;
+  while (p < held_.size() && held_[p].done) ++p;
+  if (p == held_.size()) return false;
+  std::size_t q = p, lines = 0;
+  while (q < held_.size() && (window_.blockLines <= 0 || lines < std::size_t(window_.blockLines)))
+    lines += held_[q++].lineStarts.size();
+  if (q == held_.size() && !last) return false;
+  const std::vector<std::uint64_t> starts = lineStarts();
+  const auto context = std::int64_t(window_.contextLines);
+  const std::uint64_t blockFirst = held_[p].firstShot, held = shotsSeen_;
+  const std::uint64_t blockEnd = held_[q - 1].firstShot + held_[q - 1].shots.time.size();
+  const std::int64_t first = lineOf(starts, blockFirst) - context;
+  span.blockEnd = q;
+  span.first = first >= 0 ? starts[std::size_t(first)] : held_.front().firstShot;
+  if (window_.blockLines <= 0) span.first = held_.front().firstShot;
+  const std::int64_t after = lineOf(starts, blockEnd == 0 ? 0 : blockEnd - 1) + context + 1;
+  if (after >= 0 && std::size_t(after) < starts.size() && window_.blockLines > 0)
+    span.end = starts[std::size_t(after)];
+  else if (last)
+    span.end = held;
+  else
+    return false;
+  return true;
+}
+
+namespace {
+
+void appendShots(const FragmentShots& from, std::size_t lo, std::size_t hi, ShotTable& to) {
+  to.time.insert(to.time.end(), from.time.begin() + lo, from.time.begin() + hi);
+  to.origin.insert(to.origin.end(), from.origin.begin() + lo, from.origin.begin() + hi);
+  to.direction.insert(to.direction.end(), from.direction.begin() + lo, from.direction.begin() + hi);
+}
+
+}  // namespace
+
+void RefineWindow::refineSpan(const Span& span,
+                              const std::function<void(const RefinedBlock&)>& apply) {
+  ShotTable table;
+  table.lightSpeed = lightSpeed_, table.radial = radial_;
+  for (const Held& h : held_) {
+    const std::uint64_t lo = std::max(h.firstShot, span.first);
+    const std::uint64_t hi = std::min(h.firstShot + h.shots.time.size(), span.end);
+    if (lo < hi) appendShots(h.shots, lo - h.firstShot, hi - h.firstShot, table);
+  }
+  sortByTime(table);
+  RefineEchoes echoes;
+  std::vector<RefinedBlock::Fragment> block;
+  std::uint32_t hint = 0;
+  for (std::size_t k = 0; k < held_.size(); ++k) {
+    const bool inBlock = !held_[k].done && k < span.blockEnd;
+    if (inBlock) block.push_back({held_[k].key, {}});
+    for (const WindowEcho& e : held_[k].echoes) {
+      const bool found = !table.time.empty() && e.shotTime >= table.time.front() &&
+                         e.shotTime <= table.time.back() && findShot(table.time, e.shotTime, hint);
+      if (inBlock) block.back().echo.push_back(found ? std::int64_t(echoes.size()) : -1);
+      if (found) echoes.push_back({hint, e.oneWayTime, e.zone, e.noise});
+    }
+  }
+  const RefineResult result = refineEchoZones(table, echoes, settings_);
+  apply(RefinedBlock{table, echoes, result, std::move(block)});
+  for (std::size_t k = 0; k < span.blockEnd; ++k) held_[k].done = true;
+}
+
+// Lets go of the refined fragments whose shots all lie before `position`.
+void RefineWindow::dropBefore(std::uint64_t position) {
+  std::size_t k = 0;
+  while (k < held_.size() && held_[k].done &&
+         held_[k].firstShot + held_[k].shots.time.size() <= position)
+    ++k;
+  held_.erase(held_.begin(), held_.begin() + std::ptrdiff_t(k));
+}
+
+std::size_t RefineWindow::refineReady(bool last,
+                                      const std::function<void(const RefinedBlock&)>& apply) {
+  std::size_t handed = 0;
+  Span span{};
+  while (nextSpan(last, span)) {
+    for (std::size_t k = 0; k < span.blockEnd; ++k) handed += !held_[k].done;
+    refineSpan(span, apply);
+    // The next block's context starts `contextLines` lines before its first shot.
+    const std::vector<std::uint64_t> starts = lineStarts();
+    std::size_t p = 0;
+    while (p < held_.size() && held_[p].done) ++p;
+    const std::uint64_t next = p < held_.size() ? held_[p].firstShot : shotsSeen_;
+    const std::int64_t first = lineOf(starts, next) - window_.contextLines;
+    if (first >= 0) dropBefore(starts[std::size_t(first)]);
+  }
+  return handed;
+}
+
+void sortByTime(ShotTable& table) {
+  if (std::is_sorted(table.time.begin(), table.time.end())) return;
+  std::vector<std::uint32_t> order(table.time.size());
+  for (std::uint32_t k = 0; k < order.size(); ++k) order[k] = k;
+  std::stable_sort(order.begin(), order.end(),
+                   [&](std::uint32_t a, std::uint32_t b) { return table.time[a] < table.time[b]; });
+  ShotTable sorted;
+  sorted.time.reserve(order.size()), sorted.origin.reserve(order.size());
+  sorted.direction.reserve(order.size());
+  for (const std::uint32_t k : order) {
+    sorted.time.push_back(table.time[k]);
+    sorted.origin.push_back(table.origin[k]);
+    sorted.direction.push_back(table.direction[k]);
+  }
+  table.time.swap(sorted.time), table.origin.swap(sorted.origin);
+  table.direction.swap(sorted.direction);
+}
+
+bool findShot(const LargeVector<double>& times, double t, std::uint32_t& hint) {
+  for (std::uint32_t k = hint; k < times.size() && k < hint + 16; ++k)
+    if (times[k] == t) return hint = k, true;
+  const auto it = std::lower_bound(times.begin(), times.end(), t);
+  if (it == times.end() || *it != t) return false;
+  hint = std::uint32_t(it - times.begin());
+  return true;
+}
+
+}  // namespace FullWaveform

@@ -1,0 +1,164 @@
+// The refinement over a moving window on hand-made scans (a line-wise scanner 500 m above
+// flat ground, 300 shots a line, wrong blocks the way the block method leaves them), cut into
+// fragments and fed in fragment order as a run finishes them.
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "output/PointGeometry.hpp"
+#include "refine/RefineWindow.hpp"
+
+namespace FullWaveform {
+namespace {
+
+constexpr double kLight = 299792458.0;
+constexpr double kInterval = 1.0e-6;
+constexpr double kAltitude = 500.0;
+constexpr int kPerLine = 300;
+
+struct Scan {
+  ShotTable shots;
+  RefineEchoes echoes;
+  std::vector<std::uint8_t> trueZone;
+
+  explicit Scan(int lines) {
+    shots.lightSpeed = kLight;
+    for (int l = 0; l < lines; ++l)
+      for (int s = 0; s < kPerLine; ++s) {
+        const double angle = -0.4 + 0.8 * s / (kPerLine - 1), y = 0.5 * (l + double(s) / kPerLine);
+        shots.time.push_back(kInterval * double(shots.time.size()));
+        shots.origin.push_back({0.0, y, kAltitude});
+        shots.direction.push_back({std::sin(angle), 0.0, -std::cos(angle)});
+        const double range = kAltitude / std::cos(angle);
+        const auto zone = std::uint8_t(std::floor(2.0 * range / kLight / kInterval));
+        echoes.push_back({std::uint32_t(shots.time.size() - 1), range / kLight, zone, false});
+        trueZone.push_back(zone);
+      }
+  }
+  // A block of `width` shots in lines [first, first + count) one zone too high.
+  void spoilBlock(int first, int count, int fromShot, int width) {
+    for (int l = first; l < first + count; ++l)
+      for (int s = fromShot; s < fromShot + width; ++s) {
+        RefineEcho& e = echoes[std::size_t(l * kPerLine + s)];
+        const auto to = e.emitter - 1;
+        e.oneWayTime = oneWayTimeFrom(e.oneWayTime, shots.time[e.emitter], shots.time[to]);
+        e.emitter = to, ++e.zone;
+      }
+  }
+  std::size_t wrong(const std::vector<std::uint8_t>& zone) const {
+    std::size_t n = 0;
+    for (std::size_t i = 0; i < zone.size(); ++i) n += zone[i] != trueZone[i];
+    return n;
+  }
+};
+
+// Feeds the scan to a window in fragments of `shotsPer` shots (an echo belongs to the fragment
+// of its recording shot), refining what is ready after each; gathers the results per echo.
+struct Windowed {
+  RefineResult result;
+  std::vector<std::size_t> handedAfter;  // fragments handed over after each one was added
+  std::size_t mostHeld = 0;
+
+  Windowed(const Scan& scan, std::size_t shotsPer, const WindowSettings& settings) {
+    const std::size_t count = (scan.shots.time.size() + shotsPer - 1) / shotsPer;
+    std::vector<std::vector<std::size_t>> members(count);
+    for (std::size_t i = 0; i < scan.echoes.size(); ++i) {
+      const RefineEcho& e = scan.echoes[i];
+      members[std::min(count - 1, (e.emitter + e.zone) / shotsPer)].push_back(i);
+      result.zone.push_back(e.zone);
+    }
+    result.flag.assign(scan.echoes.size(), kUntouched);
+    RefineWindow window(kLight, false, {}, settings);
+    const auto apply = [&](const RefinedBlock& b) {
+      for (const auto& f : b.fragments)
+        for (std::size_t j = 0; j < f.echo.size(); ++j)
+          if (f.echo[j] >= 0) {
+            result.zone[members[f.key][j]] = b.result.zone[std::size_t(f.echo[j])];
+            result.flag[members[f.key][j]] = b.result.flag[std::size_t(f.echo[j])];
+          }
+    };
+    for (std::size_t f = 0; f < count; ++f) {
+      FragmentShots shots;
+      const auto lo = std::ptrdiff_t(f * shotsPer);
+      const auto hi = std::ptrdiff_t(std::min(scan.shots.time.size(), (f + 1) * shotsPer));
+      shots.time.assign(scan.shots.time.begin() + lo, scan.shots.time.begin() + hi);
+      shots.origin.assign(scan.shots.origin.begin() + lo, scan.shots.origin.begin() + hi);
+      shots.direction.assign(scan.shots.direction.begin() + lo, scan.shots.direction.begin() + hi);
+      std::vector<WindowEcho> echoes;
+      for (const std::size_t i : members[f]) {
+        const RefineEcho& e = scan.echoes[i];
+        echoes.push_back({scan.shots.time[e.emitter], e.oneWayTime, e.zone, e.noise});
+      }
+      window.add(f, std::move(shots), std::move(echoes));
+      mostHeld = std::max(mostHeld, window.held());
+      handedAfter.push_back(window.refineReady(false, apply));
+    }
+    handedAfter.push_back(window.refineReady(true, apply));
+  }
+};
+
+// Wrong blocks all along: at fragment starts, across fragment ends, two lines wide.
+Scan spoiledScan(int lines) {
+  Scan scan(lines);
+  for (int l = 1; l + 2 < lines; l += 5) scan.spoilBlock(l, l % 2 ? 1 : 2, 60 + 7 * l % 150, 60);
+  return scan;
+}
+
+TEST(RefineWindow, AWindowCoveringEverythingRefinesAsTheWholeStrip) {
+  const Scan scan = spoiledScan(24);
+  const RefineResult whole = refineEchoZones(scan.shots, scan.echoes);
+  ASSERT_GT(whole.moved, 200u);
+  ASSERT_LT(scan.wrong(whole.zone), whole.moved);
+  // One block of everything; and blocks of single fragments whose context reaches every line.
+  for (const WindowSettings settings : {WindowSettings{8, 0}, WindowSettings{30, 1}}) {
+    const Windowed w(scan, 2 * kPerLine, settings);
+    EXPECT_EQ(w.result.zone, whole.zone) << settings.blockLines;
+    EXPECT_EQ(w.result.flag, whole.flag) << settings.blockLines;
+  }
+}
+
+TEST(RefineWindow, TheDefaultWindowRefinesAsTheWholeStripAndHoldsAFewFragments) {
+  const Scan scan = spoiledScan(200);
+  const RefineResult whole = refineEchoZones(scan.shots, scan.echoes);
+  for (const std::size_t shotsPer : {std::size_t(1000), std::size_t(7 * kPerLine)}) {
+    const Windowed w(scan, shotsPer, {});
+    EXPECT_EQ(w.result.zone, whole.zone) << shotsPer;
+    EXPECT_EQ(w.result.flag, whole.flag) << shotsPer;
+    // A block (30 lines or more) and the context each side (12 lines), in whole fragments.
+    const std::size_t perFragment = shotsPer / kPerLine + 1;
+    EXPECT_LE(w.mostHeld, (30 + 2 * 12 + 1) / perFragment + 4) << shotsPer;
+  }
+}
+
+TEST(RefineWindow, AFragmentWaitsForTheLinesAfterItAndIsFixedByThem) {
+  // One line per fragment; the strip's first line is wrong: its neighbours all lie in the
+  // fragments after it.
+  Scan scan(16);
+  scan.spoilBlock(0, 1, 100, 60);
+  const Windowed w(scan, kPerLine, WindowSettings{6, 1});
+  EXPECT_EQ(scan.wrong(w.result.zone), 0u);
+  // Nothing is handed over before line 0 + 6 + 1 has started, then a fragment per fragment.
+  for (std::size_t f = 0; f < 7; ++f) EXPECT_EQ(w.handedAfter[f], 0u) << f;
+  for (std::size_t f = 7; f < 16; ++f) EXPECT_EQ(w.handedAfter[f], 1u) << f;
+  EXPECT_EQ(w.handedAfter.back(), 7u);  // the last fragments, once the strip has ended
+  EXPECT_LE(w.mostHeld, 6u + 1u + 7u);
+}
+
+TEST(RefineWindow, FragmentsWithoutShotsOrEchoesPassThrough) {
+  RefineWindow window(kLight, false);
+  std::size_t handed = 0;
+  const auto count = [&](const RefinedBlock& b) {
+    for (const auto& f : b.fragments) {
+      EXPECT_EQ(f.key, handed++);
+      for (const std::int64_t at : f.echo) EXPECT_EQ(at, -1);  // its shot is nowhere
+    }
+  };
+  window.add(0, {}, {});
+  window.add(1, {}, {{1.0, 1e-6, 0, false}});
+  EXPECT_EQ(window.refineReady(false, count), 0u);
+  EXPECT_EQ(window.refineReady(true, count), 2u);
+  EXPECT_EQ(window.held(), 2u);
+}
+
+}  // namespace
+}  // namespace FullWaveform
