@@ -171,8 +171,9 @@ double scanAngle(const ShotTable& t, std::size_t s) {
   return a <= 0.0 ? a + 2 * 3.141592653589793 : a;
 }
 
-// Per broken echo (or, with `marked`, per right surface echo made noise): where it lies in its scan line, and how many echoes of the same scan
-// angle (+-0.3 degree) in the four lines either side were wrong before the refinement.
+// Per broken echo (or, with `marked`, per right surface echo made noise): where it lies in its scan
+// line, and how many echoes of the same scan angle (+-0.3 degree) in the four lines either side
+// were wrong before the refinement.
 void printBroken(const Stored& s, const FullWaveform::RefineResult& r, bool marked) {
   const std::size_t shots = s.shots.time.size();
   std::vector<std::uint32_t> line(shots, 0), lineStart{0};
@@ -274,6 +275,10 @@ int main(int argc, char** argv) {
         settings.contestedMiss = int(value);
       else if (name == "iterations")
         settings.iterations = int(value);
+      else if (name == "outnumberedShare")
+        settings.outnumberedShare = value;
+      else if (name == "outnumberedSupport")
+        settings.outnumberedSupport = value;
       else if (name == "zoneReach")
         settings.zoneReach = int(value);
       else

@@ -156,6 +156,25 @@ TEST(SurfaceFit, AWideWrongRunIsLeftToItsOwnSurface) {
   }
 }
 
+TEST(SurfaceFit, ASmallClusterBesideTheSurfaceGivesWay) {
+  // One shot wrong in four lines running: each wrong echo fits the other three lines, too many
+  // to count as off, while its true zone fits every line with far more echoes near it.
+  const auto spoilCluster = [](Scan& scan) {
+    for (int l = 4; l < 8; ++l) {
+      const auto i = std::size_t(l * 300 + 150);
+      scan.assignZone(i, scan.trueZone[i] + 1);
+    }
+  };
+  Scan scan(kFlat, 12, 300);
+  spoilCluster(scan);
+  const RefineResult r = refineEchoZones(scan.shots, scan.echoes);
+  EXPECT_EQ(scan.wrong(r), 0u);
+  EXPECT_EQ(r.moved, 4u);
+  RefineSettings fitsEnough;
+  fitsEnough.outnumberedShare = 0.0;
+  EXPECT_EQ(scan.wrong(refineEchoZones(scan.shots, scan.echoes, fitsEnough)), 4u);
+}
+
 TEST(SurfaceFit, LastEchoesOfALineGoBackToTheirOwnLine) {
   // Echoes of a line's last shots are recorded after the next line's first shots; given to
   // the next line's first shot they land at the far side of the swath, line after line.
