@@ -279,6 +279,8 @@ int main(int argc, char** argv) {
         settings.outnumberedShare = value;
       else if (name == "outnumberedSupport")
         settings.outnumberedSupport = value;
+      else if (name == "zeroReachesAll")
+        settings.zeroReachesAll = value != 0.0;
       else if (name == "zoneReach")
         settings.zoneReach = int(value);
       else

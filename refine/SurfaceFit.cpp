@@ -191,6 +191,7 @@ class Refiner {
   void sortLine(std::size_t line);
   bool fitsNothing(std::size_t i) const;
   int linesBeyond(double share) const;
+  std::pair<int, int> candidateZones(int z) const;
   int supportOf(std::size_t self, std::uint32_t emitter, const point& p) const;
   // Echo i placed at the emitting shot `zone` would give (same arrival); false when that shot
   // is not in the table or the echo would be nearer than the run accepts.
@@ -411,6 +412,13 @@ Fit Refiner::fitOf(std::size_t self, std::uint32_t emitter, const point& p, int 
   return fit;
 }
 
+// The zones an echo of zone `z` may move to: `zoneReach` either side; from zone 0, which the
+// run also gives echoes it could not resolve, every zone.
+std::pair<int, int> Refiner::candidateZones(int z) const {
+  if (z == 0 && settings_.zeroReachesAll) return {0, maxZone_};
+  return {std::max(0, z - settings_.zoneReach), std::min(maxZone_, z + settings_.zoneReach)};
+}
+
 // Lines to count before a zone fitting `share` of them is known to fit more.
 int Refiner::linesBeyond(double share) const {
   return int(std::floor(share * 2 * settings_.neighbourLines + 1e-9)) + 1;
@@ -432,8 +440,8 @@ Refiner::Verdict Refiner::judge(std::size_t i) const {
   int bestFitting = -1;
   bool anyFits = now.fitting > 0;
   Candidate c;
-  for (int candidate = std::max(0, z - settings_.zoneReach);
-       candidate <= std::min(maxZone_, z + settings_.zoneReach); ++candidate) {
+  const auto [lowest, highest] = candidateZones(z);
+  for (int candidate = lowest; candidate <= highest; ++candidate) {
     if (candidate == z || !placeAsZone(i, candidate, c)) continue;
     const Hope hope{std::max(now.fitting + settings_.moveMargin, bestFitting + 1),
                     settings_.onShare, !anyFits};
@@ -462,8 +470,8 @@ Refiner::Verdict Refiner::outnumbered(std::size_t i, const Fit& now) const {
   const int z = result_.zone[i];
   int bestFitting = -1;
   Candidate c, best;
-  for (int candidate = std::max(0, z - settings_.zoneReach);
-       candidate <= std::min(maxZone_, z + settings_.zoneReach); ++candidate) {
+  const auto [lowest, highest] = candidateZones(z);
+  for (int candidate = lowest; candidate <= highest; ++candidate) {
     if (candidate == z || !placeAsZone(i, candidate, c)) continue;
     const Hope everyLine{std::max(now.fitting + settings_.moveMargin, bestFitting + 1), 1.0, false};
     const Fit f = fitOf(i, c.emitter, c.position, 2 * settings_.neighbourLines + 1, &everyLine);
@@ -510,8 +518,8 @@ bool Refiner::fitsNothing(std::size_t i) const {
   const Fit now = fitOf(i, e, positionOf(i), 1);
   if (now.fitting > 0 || now.lines < kMinLinesToJudge) return false;
   Candidate c;
-  for (int candidate = std::max(0, z - settings_.zoneReach);
-       candidate <= std::min(maxZone_, z + settings_.zoneReach); ++candidate)
+  const auto [lowest, highest] = candidateZones(z);
+  for (int candidate = lowest; candidate <= highest; ++candidate)
     if (candidate != z && placeAsZone(i, candidate, c) &&
         fitOf(i, c.emitter, c.position, 1).fitting > 0)
       return false;
@@ -587,8 +595,10 @@ bool Refiner::unchangedSinceJudged(std::size_t i) const {
   const std::int64_t e = emitter_[i], last = std::int64_t(shots_.time.size()) - 1;
   std::int64_t lineLo = cells_.line[e], lineHi = lineLo;
   std::int32_t binLo = cells_.bin[e], binHi = binLo;
-  for (std::int64_t k = std::max<std::int64_t>(0, e - settings_.zoneReach);
-       k <= std::min(last, e + settings_.zoneReach); ++k) {
+  const int z = result_.zone[i];
+  const auto [lowest, highest] = candidateZones(z);
+  for (std::int64_t k = std::max<std::int64_t>(0, e + z - highest);
+       k <= std::min(last, e + z - lowest); ++k) {
     lineLo = std::min<std::int64_t>(lineLo, cells_.line[k]);
     lineHi = std::max<std::int64_t>(lineHi, cells_.line[k]);
     binLo = std::min(binLo, cells_.bin[k]), binHi = std::max(binHi, cells_.bin[k]);

@@ -49,6 +49,9 @@ struct RefineSettings {
   // the block method puts three zones off; four starts to move right echoes at the ends of
   // lines without shots between them.
   int zoneReach = 3;
+  // Zone 0 is also what the run leaves on echoes it could not resolve (the ends of lines
+  // without shots between them): from there candidates reach every zone.
+  bool zeroReachesAll = true;
   // Where the current zone fits some lines, the two zones contest the place (the surface
   // around may itself be wrong): a candidate must then fit all lines holding echoes but this
   // many.
