@@ -2,9 +2,11 @@
 // the module and stores, per scene, the arrays the refinement works on with each echo's true
 // zone and target (DIR/NAME.refine); given such files it refines them (best of --repeat runs)
 // and prints its time beside the module's, the points it moved, fixed and broke, and a hash of
-// every echo's new zone and flag (a rework of the stage must leave it unchanged).
+// every echo's new zone and flag (a rework of the stage must leave it unchanged). Surface
+// points it classified as noise are counted apart, with how many of them had the right zone.
+// --broken lists the right points it moved, --marked the right surface points it made noise.
 //   bench_refine --dump DIR [--small] [--shots N] [NAME-PART]
-//   bench_refine [--repeat N] [--broken] [--window [--context L] [--block L]
+//   bench_refine [--repeat N] [--broken] [--marked] [--window [--context L] [--block L]
 //                [--fragment-shots N]] FILE...
 // With --window the arrays are cut into fragments of N shots (by recording shot; default
 // 100,000 as the scenes' surveys) and refined over the moving window as `quillo run` does;
@@ -175,9 +177,10 @@ double scanAngle(const ShotTable& t, std::size_t s) {
   return a <= 0.0 ? a + 2 * 3.141592653589793 : a;
 }
 
-// Per broken echo: where it lies in its scan line, and how many echoes of the same scan
-// angle (+-0.3 degree) in the four lines either side were wrong before the refinement.
-void printBroken(const Stored& s, const FullWaveform::RefineResult& r) {
+// Per broken echo (or, with `marked`, per right surface echo made noise): where it lies in its scan
+// line, and how many echoes of the same scan angle (+-0.3 degree) in the four lines either side
+// were wrong before the refinement.
+void printBroken(const Stored& s, const FullWaveform::RefineResult& r, bool marked) {
   const std::size_t shots = s.shots.time.size();
   std::vector<std::uint32_t> line(shots, 0), lineStart{0};
   for (std::size_t k = 1; k < shots; ++k) {
@@ -189,7 +192,11 @@ void printBroken(const Stored& s, const FullWaveform::RefineResult& r) {
   std::vector<std::vector<std::uint32_t>> byShot(shots);
   for (std::uint32_t i = 0; i < s.echoes.size(); ++i) byShot[s.echoes[i].emitter].push_back(i);
   for (std::size_t i = 0; i < s.echoes.size(); ++i) {
-    if (s.trueZone[i] != s.echoes[i].zone || r.zone[i] == s.echoes[i].zone) continue;
+    const bool rightMarked = !isOffSurface(s.target[i]) && s.trueZone[i] == r.zone[i] &&
+                             !s.echoes[i].noise && (r.flag[i] & FullWaveform::kMarkedNoise);
+    if (marked ? !rightMarked
+               : (s.trueZone[i] != s.echoes[i].zone || r.zone[i] == s.echoes[i].zone))
+      continue;
     const std::uint32_t e = s.echoes[i].emitter, l = line[e];
     const double a = scanAngle(s.shots, e);
     int around = 0, wrong = 0, wrongAfter = 0;
@@ -203,10 +210,11 @@ void printBroken(const Stored& s, const FullWaveform::RefineResult& r) {
             wrongAfter += s.trueZone[j] != r.zone[j];
           }
     std::printf(
-        "  broken %zu shot %u line %u at %u of %u zone %d -> %d (%s) flag %d; around %d, wrong %d, "
+        "  %s %zu shot %u line %u at %u of %u zone %d -> %d (%s) flag %d; around %d, wrong %d, "
         "after %d\n",
-        i, e, l, e - lineStart[l], lineStart[l + 1] - lineStart[l], s.echoes[i].zone, r.zone[i],
-        targetName(Target(s.target[i])), r.flag[i], around, wrong, wrongAfter);
+        marked ? "marked" : "broken", i, e, l, e - lineStart[l], lineStart[l + 1] - lineStart[l],
+        s.echoes[i].zone, r.zone[i], targetName(Target(s.target[i])), r.flag[i], around, wrong,
+        wrongAfter);
   }
 }
 
@@ -221,24 +229,30 @@ std::uint64_t resultHash(const FullWaveform::RefineResult& r) {
 void report(const std::string& file, const Stored& s, const FullWaveform::RefineResult& r,
             double seconds, double cpuSeconds) {
   std::uint64_t right = 0, fixed = 0, broken = 0, notNoise = 0, wrongBefore = 0, wrongAfter = 0,
-                offSurface = 0, offMarked = 0, notNoiseBefore = 0;
+                offSurface = 0, offMarked = 0, notNoiseBefore = 0, surfaceMarked = 0,
+                rightMarked = 0;
   for (std::size_t i = 0; i < s.echoes.size(); ++i) {
     const bool wasRight = s.trueZone[i] == s.echoes[i].zone, isRight = s.trueZone[i] == r.zone[i];
     const bool noise = s.echoes[i].noise || (r.flag[i] & FullWaveform::kMarkedNoise);
     right += wasRight, fixed += !wasRight && isRight, broken += wasRight && !isRight;
     notNoiseBefore += !s.echoes[i].noise, wrongBefore += !s.echoes[i].noise && !wasRight;
     notNoise += !noise, wrongAfter += !noise && !isRight;
-    if (s.trueZone[i] != kUntraced && isOffSurface(s.target[i])) ++offSurface, offMarked += noise;
+    if (s.trueZone[i] != kUntraced && isOffSurface(s.target[i]))
+      ++offSurface, offMarked += noise;
+    else if (!s.echoes[i].noise && (r.flag[i] & FullWaveform::kMarkedNoise))
+      ++surfaceMarked, rightMarked += isRight;
   }
   std::printf(
       "%-40s wrong/!7 %.3f %% -> %.3f %%  moved %llu fixed %llu broken %llu (%.2f per 100,000)  "
-      "noise %llu (off-surface %.1f %%)  refine %.2f s (cpu %.2f s) / run %.1f s  result %016llx\n",
+      "noise %llu (off-surface %.1f %%, surface %llu of which right %llu)  refine %.2f s (cpu %.2f "
+      "s) / run %.1f s  result %016llx\n",
       std::filesystem::path(file).stem().c_str(),
       100.0 * double(wrongBefore) / double(notNoiseBefore),
       100.0 * double(wrongAfter) / double(notNoise), (unsigned long long)r.moved,
       (unsigned long long)fixed, (unsigned long long)broken, 1e5 * double(broken) / double(right),
       (unsigned long long)r.markedNoise,
-      offSurface ? 100.0 * double(offMarked) / double(offSurface) : 0.0, seconds, cpuSeconds,
+      offSurface ? 100.0 * double(offMarked) / double(offSurface) : 0.0,
+      (unsigned long long)surfaceMarked, (unsigned long long)rightMarked, seconds, cpuSeconds,
       s.runSeconds, (unsigned long long)resultHash(r));
   std::fflush(stdout);
 }
@@ -308,7 +322,7 @@ std::size_t differing(const FullWaveform::RefineResult& a, const FullWaveform::R
 int main(int argc, char** argv) {
   if (argc >= 3 && !std::strcmp(argv[1], "--dump")) return dump(argc, argv);
   int repeat = 1;
-  bool broken = false, windowed = false;
+  bool broken = false, marked = false, windowed = false;
   WindowRun w;
   FullWaveform::RefineSettings settings;
   std::vector<std::string> files;
@@ -328,12 +342,20 @@ int main(int argc, char** argv) {
         settings.contestedMiss = int(value);
       else if (name == "iterations")
         settings.iterations = int(value);
+      else if (name == "outnumberedShare")
+        settings.outnumberedShare = value;
+      else if (name == "outnumberedSupport")
+        settings.outnumberedSupport = value;
+      else if (name == "zeroReachesAll")
+        settings.zeroReachesAll = value != 0.0;
       else if (name == "zoneReach")
         settings.zoneReach = int(value);
       else
         return std::fprintf(stderr, "unknown setting %s\n", name.c_str()), 2;
     } else if (!std::strcmp(argv[i], "--broken"))
       broken = true;
+    else if (!std::strcmp(argv[i], "--marked"))
+      marked = true;
     else if (!std::strcmp(argv[i], "--window"))
       windowed = true;
     else if (!std::strcmp(argv[i], "--context") && i + 1 < argc)
@@ -348,7 +370,8 @@ int main(int argc, char** argv) {
   if (files.empty()) {
     std::fprintf(stderr,
                  "usage: bench_refine --dump DIR [--small] [--shots N] [NAME-PART]\n"
-                 "       bench_refine [--repeat N] [--broken] FILE...\n");
+                 "       bench_refine [--repeat N] [--broken] [--marked] [--window [--context L] "
+                 "[--block L] [--fragment-shots N]] FILE...\n");
     return 2;
   }
   for (const std::string& file : files) {
@@ -383,7 +406,7 @@ int main(int argc, char** argv) {
       w.blocks = w.mostHeld = 0;
       r = wr;
     }
-    if (broken) printBroken(s, r);
+    if (broken || marked) printBroken(s, r, marked);
   }
   return 0;
 }

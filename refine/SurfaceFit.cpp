@@ -183,6 +183,9 @@ class Refiner {
   void markNoise();
   void sortLine(std::size_t line);
   bool fitsNothing(std::size_t i) const;
+  int linesBeyond(double share) const;
+  std::pair<int, int> candidateZones(int z) const;
+  int supportOf(std::size_t self, std::uint32_t emitter, const point& p) const;
   // Echo i placed at the emitting shot `zone` would give (same arrival); false when that shot
   // is not in the table or the echo would be nearer than the run accepts.
   struct Candidate {
@@ -214,6 +217,7 @@ class Refiner {
     std::uint32_t emitter = 0;
     double oneWay = 0.0;
   };
+  Verdict outnumbered(std::size_t i, const Fit& now) const;
   Verdict judge(std::size_t i) const;
   void keepSupportedMoves(std::vector<std::pair<std::uint32_t, Verdict>>& moves);
   void applyMoves(const std::vector<std::pair<std::uint32_t, Verdict>>& moves, std::uint16_t stamp,
@@ -401,20 +405,36 @@ Fit Refiner::fitOf(std::size_t self, std::uint32_t emitter, const point& p, int 
   return fit;
 }
 
+// The zones an echo of zone `z` may move to: `zoneReach` either side; from zone 0, which the
+// run also gives echoes it could not resolve, every zone.
+std::pair<int, int> Refiner::candidateZones(int z) const {
+  if (z == 0 && settings_.zeroReachesAll) return {0, maxZone_};
+  return {std::max(0, z - settings_.zoneReach), std::min(maxZone_, z + settings_.zoneReach)};
+}
+
+// Lines to count before a zone fitting `share` of them is known to fit more.
+int Refiner::linesBeyond(double share) const {
+  return int(std::floor(share * 2 * settings_.neighbourLines + 1e-9)) + 1;
+}
+
 Refiner::Verdict Refiner::judge(std::size_t i) const {
   Verdict v;
   const std::uint32_t e = emitter_[i];
   const int z = result_.zone[i];
   // Stop counting once more lines fit than an off zone may: the current zone is on a surface.
-  const int enough = int(std::floor(settings_.offShare * 2 * settings_.neighbourLines + 1e-9)) + 1;
-  const Fit now = fitOf(i, e, positionOf(i), enough);
-  if (now.lines < kMinLinesToJudge || now.fitting > settings_.offShare * now.lines + 1e-9) return v;
+  const Fit now = fitOf(i, e, positionOf(i), linesBeyond(settings_.offShare));
+  if (now.lines < kMinLinesToJudge) return v;
+  if (now.fitting > settings_.offShare * now.lines + 1e-9) {
+    // Every line so far fits: a surface, not a cluster beside one (the common case, kept cheap).
+    if (now.fitting == now.lines || settings_.outnumberedShare <= 0.0) return v;
+    return outnumbered(i, fitOf(i, e, positionOf(i), linesBeyond(settings_.outnumberedShare)));
+  }
   v.off = true;
   int bestFitting = -1;
   bool anyFits = now.fitting > 0;
   Candidate c;
-  for (int candidate = std::max(0, z - settings_.zoneReach);
-       candidate <= std::min(maxZone_, z + settings_.zoneReach); ++candidate) {
+  const auto [lowest, highest] = candidateZones(z);
+  for (int candidate = lowest; candidate <= highest; ++candidate) {
     if (candidate == z || !placeAsZone(i, candidate, c)) continue;
     const Hope hope{std::max(now.fitting + settings_.moveMargin, bestFitting + 1),
                     settings_.onShare, !anyFits};
@@ -432,6 +452,57 @@ Refiner::Verdict Refiner::judge(std::size_t i) const {
   return v;
 }
 
+// A zone that fits some lines, where another candidate fits every line holding echoes, and
+// clearly more of them, with several times the echoes near it: a small wrong cluster of a
+// few lines propping itself up beside the surface. Where the cluster is as dense as the
+// surface (a wrong run of many blocks) the place is contested and the echo stays.
+Refiner::Verdict Refiner::outnumbered(std::size_t i, const Fit& now) const {
+  Verdict v;
+  if (now.lines < kMinLinesToJudge || now.fitting > settings_.outnumberedShare * now.lines + 1e-9)
+    return v;
+  const int z = result_.zone[i];
+  int bestFitting = -1;
+  Candidate c, best;
+  const auto [lowest, highest] = candidateZones(z);
+  for (int candidate = lowest; candidate <= highest; ++candidate) {
+    if (candidate == z || !placeAsZone(i, candidate, c)) continue;
+    const Hope everyLine{std::max(now.fitting + settings_.moveMargin, bestFitting + 1), 1.0, false};
+    const Fit f = fitOf(i, c.emitter, c.position, 2 * settings_.neighbourLines + 1, &everyLine);
+    if (f.lines >= now.lines && f.fitting == f.lines &&
+        f.fitting >= now.fitting + settings_.moveMargin && f.fitting > bestFitting)
+      bestFitting = f.fitting, v.zone = candidate, best = c;
+  }
+  if (v.zone < 0 ||
+      double(supportOf(i, best.emitter, best.position)) <
+          settings_.outnumberedSupport * double(supportOf(i, emitter_[i], positionOf(i))))
+    return {};
+  v.emitter = best.emitter, v.oneWay = best.oneWay;
+  return v;
+}
+
+// How many echoes of the neighbouring lines, at the same scan angle (the bin and its two
+// neighbours), lie near `p`.
+int Refiner::supportOf(std::size_t self, std::uint32_t emitter, const point& p) const {
+  const std::int64_t line = cells_.line[emitter];
+  const std::int32_t last = cells_.binCount - 1, at = cells_.bin[emitter] - cells_.firstBin;
+  const auto lineCount = std::int64_t(cells_.lineOrigin.size());
+  const auto cellStart = [&](std::int64_t l, std::int32_t b) {
+    return placed_.members.data() +
+           placed_.start[std::size_t(l) * std::size_t(cells_.binCount) + std::size_t(b)];
+  };
+  int count = 0;
+  for (int k = 1; k <= settings_.neighbourLines; ++k)
+    for (int side : {-1, 1}) {
+      const std::int64_t other = line + side * k;
+      if (other < 0 || other >= lineCount) continue;
+      const Neighbour* end = cellStart(other, std::min(at + 1, last) + 1);
+      for (const Neighbour* m = cellStart(other, std::max(at - 1, 0)); m != end; ++m)
+        count += m->echo != self && !(moving_ && (*moving_)[m->echo]) &&
+                 near(*m, p, shots_.origin[emitter], shots_.direction[emitter]);
+    }
+  return count;
+}
+
 // Whether neither the current zone nor any candidate fits a single line (the current zone
 // judged off, on enough lines): judge()'s `unfit`, without ranking the candidates.
 bool Refiner::fitsNothing(std::size_t i) const {
@@ -440,8 +511,8 @@ bool Refiner::fitsNothing(std::size_t i) const {
   const Fit now = fitOf(i, e, positionOf(i), 1);
   if (now.fitting > 0 || now.lines < kMinLinesToJudge) return false;
   Candidate c;
-  for (int candidate = std::max(0, z - settings_.zoneReach);
-       candidate <= std::min(maxZone_, z + settings_.zoneReach); ++candidate)
+  const auto [lowest, highest] = candidateZones(z);
+  for (int candidate = lowest; candidate <= highest; ++candidate)
     if (candidate != z && placeAsZone(i, candidate, c) &&
         fitOf(i, c.emitter, c.position, 1).fitting > 0)
       return false;
@@ -517,8 +588,10 @@ bool Refiner::unchangedSinceJudged(std::size_t i) const {
   const std::int64_t e = emitter_[i], last = std::int64_t(shots_.time.size()) - 1;
   std::int64_t lineLo = cells_.line[e], lineHi = lineLo;
   std::int32_t binLo = cells_.bin[e], binHi = binLo;
-  for (std::int64_t k = std::max<std::int64_t>(0, e - settings_.zoneReach);
-       k <= std::min(last, e + settings_.zoneReach); ++k) {
+  const int z = result_.zone[i];
+  const auto [lowest, highest] = candidateZones(z);
+  for (std::int64_t k = std::max<std::int64_t>(0, e + z - highest);
+       k <= std::min(last, e + z - lowest); ++k) {
     lineLo = std::min<std::int64_t>(lineLo, cells_.line[k]);
     lineHi = std::max<std::int64_t>(lineHi, cells_.line[k]);
     binLo = std::min(binLo, cells_.bin[k]), binHi = std::max(binHi, cells_.bin[k]);

@@ -5,7 +5,8 @@
 // their current zones). An echo moves only when its current zone fits clearly fewer lines
 // than another candidate and, where the current zone fits some lines, only out of a narrow
 // wrong block or to a candidate every line agrees with; an echo that fits no line under any
-// candidate is noise.
+// candidate is noise. A zone that fits some lines gives way too where a candidate fits all
+// of them with several times the echoes near it.
 #pragma once
 
 #include <cstdint>
@@ -48,10 +49,18 @@ struct RefineSettings {
   // the block method puts three zones off; four starts to move right echoes at the ends of
   // lines without shots between them.
   int zoneReach = 3;
+  // Zone 0 is also what the run leaves on echoes it could not resolve (the ends of lines
+  // without shots between them): from there candidates reach every zone.
+  bool zeroReachesAll = true;
   // Where the current zone fits some lines, the two zones contest the place (the surface
   // around may itself be wrong): a candidate must then fit all lines holding echoes but this
   // many.
   int contestedMiss = 0;
+  // A zone fitting more lines than an off one still gives way where it fits at most this
+  // share of them, a candidate fits every line holding echoes, and that candidate's place
+  // has this many times the echoes near it (a share of 0: never).
+  double outnumberedShare = 0.625;
+  double outnumberedSupport = 4.0;
 };
 
 // Bits of a point's "Refined" value.

@@ -116,17 +116,24 @@ TEST(SurfaceFit, WrongBlocksMoveToTheSurface) {
 
 TEST(SurfaceFit, BlocksUpToThreeZonesOffMoveBack) {
   // The block method also puts whole blocks two or three zones off (at 500 m, three zones too
-  // near is 50 m from the scanner); candidates reach that far, and not further.
+  // near is 50 m from the scanner); candidates reach that far, and not further, except from
+  // zone 0.
   for (int off : {-3, -2, 2, 3}) {
     Scan scan(kFlat, 14, 300);
     scan.spoilBlock(5, 2, 180, 60, off);
     EXPECT_EQ(scan.wrong(refineEchoZones(scan.shots, scan.echoes)), 0u) << off;
   }
   Scan scan(kFlat, 14, 300);
-  scan.spoilBlock(5, 2, 180, 60, -3);
+  scan.spoilBlock(5, 2, 180, 60, -2);
   RefineSettings nearOnly;
-  nearOnly.zoneReach = 2;
+  nearOnly.zoneReach = 1;
   EXPECT_EQ(scan.wrong(refineEchoZones(scan.shots, scan.echoes, nearOnly)), 120u);
+  // Zone 0 is also what unresolved echoes keep: from there every zone is a candidate.
+  Scan unresolved(kFlat, 14, 300);
+  unresolved.spoilBlock(5, 2, 180, 60, -3);
+  EXPECT_EQ(unresolved.wrong(refineEchoZones(unresolved.shots, unresolved.echoes, nearOnly)), 0u);
+  nearOnly.zeroReachesAll = false;
+  EXPECT_EQ(unresolved.wrong(refineEchoZones(unresolved.shots, unresolved.echoes, nearOnly)), 120u);
 }
 
 TEST(SurfaceFit, ARightLineAmongWrongOnesStays) {
@@ -154,6 +161,25 @@ TEST(SurfaceFit, AWideWrongRunIsLeftToItsOwnSurface) {
       EXPECT_EQ(r.zone[i], scan.trueZone[i]) << i;
     }
   }
+}
+
+TEST(SurfaceFit, ASmallClusterBesideTheSurfaceGivesWay) {
+  // One shot wrong in four lines running: each wrong echo fits the other three lines, too many
+  // to count as off, while its true zone fits every line with far more echoes near it.
+  const auto spoilCluster = [](Scan& scan) {
+    for (int l = 4; l < 8; ++l) {
+      const auto i = std::size_t(l * 300 + 150);
+      scan.assignZone(i, scan.trueZone[i] + 1);
+    }
+  };
+  Scan scan(kFlat, 12, 300);
+  spoilCluster(scan);
+  const RefineResult r = refineEchoZones(scan.shots, scan.echoes);
+  EXPECT_EQ(scan.wrong(r), 0u);
+  EXPECT_EQ(r.moved, 4u);
+  RefineSettings fitsEnough;
+  fitsEnough.outnumberedShare = 0.0;
+  EXPECT_EQ(scan.wrong(refineEchoZones(scan.shots, scan.echoes, fitsEnough)), 4u);
 }
 
 TEST(SurfaceFit, LastEchoesOfALineGoBackToTheirOwnLine) {
