@@ -260,11 +260,12 @@ EncodedDataset encodeDataset(const MemBase& data) {
   for (auto d : e.dims) total *= d;
   if (total == 0) return e;
   const std::size_t component = elementBytes(e.type) / componentCount(e.type);
-  std::vector<unsigned char> raw(total * component);
+  // Not zero-filled first: copyOut writes every byte.
+  Values<unsigned char> raw(total * component);
   data.copyOut(raw.data());
   if (raw.size() <= kCompactBytes) {
     e.compact = true;
-    e.chunks.push_back(std::move(raw));
+    e.chunks.emplace_back(raw.begin(), raw.end());
     return e;
   }
   const std::size_t perRow = total / e.dims[0];

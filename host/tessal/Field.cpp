@@ -106,15 +106,7 @@ StrongPtr<ValueRange> rangeOf(const MemBase& data) {
   auto r = Vorlap::makeStrong<ValueRange>();
   r->min.assign(nc, INFINITY);
   r->max.assign(nc, -INFINITY);
-  const std::size_t n = data.nElements();
-  for (std::size_t k = 0; k < n; ++k) {
-    for (unsigned c = 0; c < nc; ++c) {
-      const double v = data.component(k, c);
-      if (std::isnan(v)) continue;
-      r->min[c] = std::min(r->min[c], v);
-      r->max[c] = std::max(r->max[c], v);
-    }
-  }
+  data.widenRange(r->min.data(), r->max.data());
   return r;
 }
 

@@ -3,8 +3,10 @@
 // array's element accessor when it has one. Readers must go through get() to honour both.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cassert>
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -103,6 +105,9 @@ class MemBase : public Vorlap::Cacheable {
   // Writes every element, in linear order, contiguously into dst (elementBytes each).
   virtual void copyOut(void* dst) const = 0;
   virtual double component(std::size_t k, unsigned c) const = 0;
+  // Widens min[c] and max[c] (one per component) to every element's component c, NaNs left
+  // out: the loop of component() calls without a virtual call per value.
+  virtual void widenRange(double* min, double* max) const = 0;
 };
 
 // Allocates like std::allocator but default-initialises: a vector resized without a value
@@ -212,6 +217,19 @@ class MemArray final : public MemBase {
     for (std::size_t k = 0; k < n; ++k) out[k] = get(k);
   }
   double component(std::size_t k, unsigned c) const override { return componentOf(get(k), c); }
+  void widenRange(double* min, double* max) const override {
+    const unsigned nc = componentCount(ElementTraits<T>::type);
+    const std::size_t n = size();
+    for (std::size_t k = 0; k < n; ++k) {
+      const T value = get(k);
+      for (unsigned c = 0; c < nc; ++c) {
+        const double v = componentOf(value, c);
+        if (std::isnan(v)) continue;
+        min[c] = std::min(min[c], v);
+        max[c] = std::max(max[c], v);
+      }
+    }
+  }
   std::size_t memoryBytes() const override {
     return block_ ? block_->values.size() * sizeof(T) : 0;
   }

@@ -1,6 +1,7 @@
 // The fit evaluates each Gaussian once per sample and trial: the values of the accepted trial
 // serve the next iteration's Jacobian and residuals. The arithmetic (order of sums and
-// products) is that of a direct evaluation, so results do not depend on the caching.
+// products) is that of a direct evaluation, so results do not depend on the caching, on the
+// component count being known at compile time, or on the normal matrix's symmetry being used.
 #include "waveform/GaussianFit.hpp"
 
 #include <algorithm>
@@ -18,13 +19,25 @@ struct Window {
   std::size_t size() const { return hi - lo; }
 };
 
+// Count<K>::of(c) is the number of components: K when the fit is compiled for K of them,
+// which unrolls the per-sample loops, and c.size() for K == 0.
+template <std::size_t K>
+struct Count {
+  static constexpr std::size_t of(const std::vector<GaussianComponent>&) { return K; }
+};
+template <>
+struct Count<0> {
+  static std::size_t of(const std::vector<GaussianComponent>& c) { return c.size(); }
+};
+
 // Fills `values` with every component's Gaussian at every sample of the window and returns
 // the weighted sum of squared residuals.
+template <std::size_t K>
 double evaluate(const Window& win, const std::vector<GaussianComponent>& c,
                 std::vector<double>& values) {
-  const std::size_t len = win.size();
-  values.resize(c.size() * len);
-  for (std::size_t k = 0; k < c.size(); ++k) {
+  const std::size_t len = win.size(), count = Count<K>::of(c);
+  values.resize(count * len);
+  for (std::size_t k = 0; k < count; ++k) {
     double* out = values.data() + k * len;
     for (std::size_t i = 0; i < len; ++i) {
       const double u = (double(win.lo + i) - c[k].centre) / c[k].sigma;
@@ -34,15 +47,18 @@ double evaluate(const Window& win, const std::vector<GaussianComponent>& c,
   double sum = 0.0;
   for (std::size_t i = 0; i < len; ++i) {
     double model = win.background;
-    for (std::size_t k = 0; k < c.size(); ++k) model += c[k].amplitude * values[k * len + i];
+    for (std::size_t k = 0; k < count; ++k) model += c[k].amplitude * values[k * len + i];
     const double r = win.y[win.lo + i] - model;
     sum += win.w[win.lo + i] * r * r;
   }
   return sum;
 }
 
-// Solves A x = b (n x n, row-major) by Gaussian elimination with partial pivoting.
-bool solve(std::vector<double>& a, std::vector<double>& b, std::size_t n) {
+// Solves A x = b (n x n, row-major) by Gaussian elimination with partial pivoting; N is n
+// when known at compile time, else 0.
+template <std::size_t N>
+bool solve(double* a, double* b, std::size_t size) {
+  const std::size_t n = N ? N : size;
   for (std::size_t col = 0; col < n; ++col) {
     std::size_t pivot = col;
     for (std::size_t r = col + 1; r < n; ++r)
@@ -66,21 +82,29 @@ bool solve(std::vector<double>& a, std::vector<double>& b, std::size_t n) {
   return true;
 }
 
-// Normal equations J^T W J and J^T W r of the current parameters, from the Gaussians'
-// values at those parameters (analytic Jacobian: no further exponentials).
-void normalEquations(const Window& win, const std::vector<GaussianComponent>& c, FitWorkspace& ws) {
-  const std::size_t n = 3 * c.size(), len = win.size();
-  ws.jtj.assign(n * n, 0.0);
-  ws.jtr.assign(n, 0.0);
-  ws.jacobianRow.resize(n);
-  double* j = ws.jacobianRow.data();
+// True when every weight of the window is 0 or 1, as peak detection gives them (clipped
+// samples 0). A sample's term w j_a j_b is then the same number for (a, b) and (b, a).
+bool unitWeights(const Window& win) {
+  for (std::size_t i = win.lo; i < win.hi; ++i)
+    if (win.w[i] != 0.0 && win.w[i] != 1.0) return false;
+  return true;
+}
+
+// Sums J^T W J and J^T W r over the window's samples into `jtj` and `jtr` (zeroed by the
+// caller), the upper triangle of J^T W J only when `Symmetric`. N is 3 x the components
+// when known at compile time, else 0 (then `size`).
+template <std::size_t N, bool Symmetric>
+void sumSamples(const Window& win, const std::vector<GaussianComponent>& c, const double* values,
+                std::size_t size, double* __restrict j, double* __restrict jtj,
+                double* __restrict jtr) {
+  const std::size_t n = N ? N : size, len = win.size();
   for (std::size_t i = 0; i < len; ++i) {
     const double wi = win.w[win.lo + i];
     if (wi == 0.0) continue;
     const double t = double(win.lo + i);
     double model = win.background;
-    for (std::size_t k = 0; k < c.size(); ++k) {
-      const double u = (t - c[k].centre) / c[k].sigma, e = ws.current[k * len + i];
+    for (std::size_t k = 0; k < n / 3; ++k) {
+      const double u = (t - c[k].centre) / c[k].sigma, e = values[k * len + i];
       j[3 * k] = e;
       j[3 * k + 1] = c[k].amplitude * e * u / c[k].sigma;
       j[3 * k + 2] = c[k].amplitude * e * u * u / c[k].sigma;
@@ -88,9 +112,42 @@ void normalEquations(const Window& win, const std::vector<GaussianComponent>& c,
     }
     const double r = win.y[win.lo + i] - model;
     for (std::size_t a = 0; a < n; ++a) {
-      ws.jtr[a] += wi * j[a] * r;
-      for (std::size_t b = 0; b < n; ++b) ws.jtj[a * n + b] += wi * j[a] * j[b];
+      const double wa = wi * j[a];
+      jtr[a] += wa * r;
+      for (std::size_t b = Symmetric ? a : 0; b < n; ++b) jtj[a * n + b] += wa * j[b];
     }
+  }
+  if (Symmetric)
+    for (std::size_t a = 1; a < n; ++a)
+      for (std::size_t b = 0; b < a; ++b) jtj[a * n + b] = jtj[b * n + a];
+}
+
+// Normal equations J^T W J and J^T W r of the current parameters, from the Gaussians'
+// values at those parameters (analytic Jacobian: no further exponentials). With unit weights
+// the lower triangle is copied from the upper one: the same sums for half the work. A fit of
+// K components known at compile time sums in local arrays the compiler can keep in registers.
+template <std::size_t K>
+void normalEquations(const Window& win, const std::vector<GaussianComponent>& c, bool symmetric,
+                     FitWorkspace& ws) {
+  const std::size_t n = 3 * Count<K>::of(c);
+  ws.jtj.assign(n * n, 0.0);
+  ws.jtr.assign(n, 0.0);
+  if constexpr (K > 0) {
+    constexpr std::size_t N = 3 * K;
+    double j[N], jtj[N * N] = {}, jtr[N] = {};
+    if (symmetric)
+      sumSamples<N, true>(win, c, ws.current.data(), N, j, jtj, jtr);
+    else
+      sumSamples<N, false>(win, c, ws.current.data(), N, j, jtj, jtr);
+    std::copy(jtj, jtj + N * N, ws.jtj.begin());
+    std::copy(jtr, jtr + N, ws.jtr.begin());
+  } else {
+    ws.jacobianRow.resize(n);
+    double *j = ws.jacobianRow.data(), *jtj = ws.jtj.data(), *jtr = ws.jtr.data();
+    if (symmetric)
+      sumSamples<0, true>(win, c, ws.current.data(), n, j, jtj, jtr);
+    else
+      sumSamples<0, false>(win, c, ws.current.data(), n, j, jtj, jtr);
   }
 }
 
@@ -105,16 +162,17 @@ void applyStep(std::vector<GaussianComponent>& c, const std::vector<double>& ste
 
 // One damped step from the current parameters; true with `c`, `cost` and the cached values
 // moved to the trial when it lowered the cost.
+template <std::size_t K>
 bool tryStep(const Window& win, std::vector<GaussianComponent>& c, double& cost, double lambda,
              const FitLimits& limits, FitWorkspace& ws) {
-  const std::size_t n = 3 * c.size();
+  const std::size_t n = 3 * Count<K>::of(c);
   ws.system = ws.jtj;
   ws.step = ws.jtr;
   for (std::size_t d = 0; d < n; ++d) ws.system[d * n + d] *= 1.0 + lambda;
-  if (!solve(ws.system, ws.step, n)) return false;
+  if (!solve<3 * K>(ws.system.data(), ws.step.data(), n)) return false;
   ws.trialComponents = c;
   applyStep(ws.trialComponents, ws.step, win.lo, win.hi, limits);
-  const double trialCost = evaluate(win, ws.trialComponents, ws.trial);
+  const double trialCost = evaluate<K>(win, ws.trialComponents, ws.trial);
   if (!(trialCost < cost)) return false;
   c.swap(ws.trialComponents);
   ws.current.swap(ws.trial);
@@ -122,21 +180,19 @@ bool tryStep(const Window& win, std::vector<GaussianComponent>& c, double& cost,
   return true;
 }
 
-}  // namespace
-
-double fitGaussians(const std::vector<double>& y, const std::vector<double>& w, std::size_t lo,
-                    std::size_t hi, double background, std::vector<GaussianComponent>& c,
-                    const FitLimits& limits, FitWorkspace& ws) {
-  const Window win{y, w, lo, hi, background};
-  double cost = evaluate(win, c, ws.current);
+template <std::size_t K>
+double fit(const Window& win, std::vector<GaussianComponent>& c, const FitLimits& limits,
+           FitWorkspace& ws) {
+  double cost = evaluate<K>(win, c, ws.current);
   double lambda = 1e-3;
-  const std::size_t n = 3 * c.size();
+  const std::size_t n = 3 * Count<K>::of(c);
+  const bool symmetric = unitWeights(win);
   for (int it = 0; it < limits.maxIterations && n > 0; ++it) {
-    normalEquations(win, c, ws);
+    normalEquations<K>(win, c, symmetric, ws);
     bool improved = false;
     for (int attempt = 0; attempt < 8 && !improved; ++attempt) {
       const double before = cost;
-      improved = tryStep(win, c, cost, lambda, limits, ws);
+      improved = tryStep<K>(win, c, cost, lambda, limits, ws);
       if (!improved) {
         lambda *= 10;
         continue;
@@ -147,6 +203,26 @@ double fitGaussians(const std::vector<double>& y, const std::vector<double>& w, 
     if (!improved) break;
   }
   return cost;
+}
+
+}  // namespace
+
+double fitGaussians(const std::vector<double>& y, const std::vector<double>& w, std::size_t lo,
+                    std::size_t hi, double background, std::vector<GaussianComponent>& c,
+                    const FitLimits& limits, FitWorkspace& ws) {
+  const Window win{y, w, lo, hi, background};
+  switch (c.size()) {
+    case 1:
+      return fit<1>(win, c, limits, ws);
+    case 2:
+      return fit<2>(win, c, limits, ws);
+    case 3:
+      return fit<3>(win, c, limits, ws);
+    case 4:
+      return fit<4>(win, c, limits, ws);
+    default:
+      return fit<0>(win, c, limits, ws);
+  }
 }
 
 }  // namespace FullWaveform

@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cmath>
+#include <limits>
 #include <thread>
 
 #include "support/Arrays.hpp"
@@ -181,6 +183,36 @@ TEST(Grid, RepresentationsFieldsAndFragments) {
   ASSERT_TRUE(box);
   EXPECT_EQ(box->min[0], 1.0);
   EXPECT_EQ(box->max[0], 3.0);
+}
+
+// Ranges per component, NaNs left out, through strided views and computed arrays alike.
+TEST(Field, FragmentRangesSkipNaNsPerComponent) {
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  using Gemwold::PhysicalSpace::point;
+  auto points = makeStrong<MemArray<1, point>>(MemArray<1, point>::Extents{3});
+  points->set(0, {1.0, nan, -2.0});
+  points->set(1, {-4.0, nan, 5.0});
+  points->set(2, {nan, nan, 0.5});
+  Field field("Positions");
+  const auto id = field.makeFragmentID("Fragment_1");
+  field.setPersistentData(StrongPtr<MemBase>(points), id, Cache::MemCache(), "");
+  const auto range = getFragmentRange(*field.getCreator(id), false, false, {});
+  ASSERT_TRUE(range);
+  EXPECT_EQ(range->min, (std::vector<double>{-4.0, INFINITY, -2.0}));
+  EXPECT_EQ(range->max, (std::vector<double>{1.0, -INFINITY, 5.0}));
+
+  // Every second value of a block, and values computed on demand.
+  auto block = makeStrong<DataBlock<float>>();
+  block->values = {9.0f, -1.0f, 3.0f, 7.0f, float(nan), -5.0f};
+  const MemArray<1, float> strided({3}, block, 0, 2);
+  std::vector<double> lo{INFINITY}, hi{-INFINITY};
+  strided.widenRange(lo.data(), hi.data());
+  EXPECT_EQ(lo[0], 3.0);
+  EXPECT_EQ(hi[0], 9.0);
+  const MemArray<1, std::int16_t> computed({4}, [](std::size_t k) { return std::int16_t(k * 10); });
+  computed.widenRange(lo.data(), hi.data());
+  EXPECT_EQ(lo[0], 0.0);
+  EXPECT_EQ(hi[0], 30.0);
 }
 
 TEST(Field, LookUpsAndChangesStayExactOverThousandsOfFragments) {
