@@ -59,7 +59,8 @@ bool cutAfter(const std::vector<std::uint64_t>& before, std::uint32_t fragment) 
 
 // The main thread writes while the workers run: what it takes, as a share of the CPU time the
 // module takes, measured on the demo survey with `--verbose`. The workers map, count and
-// encode their fragments, so the writer is left with the HDF5 calls and the point numbers of
+// copy out their fragments' values, so the writer is left with compressing the fields' chunks,
+// the HDF5 calls and the point numbers of
 // fragments made before the ranges ahead of them had ended: 0.011 in gaussian mode, 0.02 in
 // the faster peak detections (same writing, less module work).
 double writerShare(FullWaveform::FWFModus mode) {
