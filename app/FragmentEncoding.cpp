@@ -32,7 +32,7 @@ void prepareForSaving(OutputPart& part, const Transform& toMap) {
     if (!a.data) continue;
     if (a.representation == schema::kScannerChart) countArray(a.field, *a.data, part.counts);
     if (a.field == schema::kPointID) continue;
-    a.encoded = std::make_shared<Tessal::EncodedArray>(Tessal::encodeArray(*a.data));
+    a.encoded = std::make_shared<Tessal::EncodedArray>(Tessal::rawArray(*a.data));
     a.data.reset();
   }
 }

@@ -1,8 +1,10 @@
 // A worker's share of saving a streamed output. For each fragment it finishes, a worker does
 // here what the writer would otherwise do on the main thread, one fragment after the other:
-// it adds the map chart's positions, counts the points for the report and encodes every
-// array as the save stores it, so that the main thread is left with the HDF5 calls. The
-// point numbers stay plain until their shift is known (renumberPoints encodes them).
+// it adds the map chart's positions, counts the points for the report and copies every
+// array out in the order the save stores its values (Tessal::rawArray), so that the main
+// thread is left with appending them to its fields' chunks, compressing full chunks and the
+// HDF5 calls. The point numbers stay plain until their shift is known (renumberPoints
+// encodes them).
 #pragma once
 
 #include "app/FragmentHandover.hpp"

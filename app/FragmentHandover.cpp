@@ -85,7 +85,7 @@ void renumberPoints(OutputPart& part, std::uint32_t idShift, bool encode) {
     if (a.field != schema::kPointID || !a.data) continue;
     shiftPointIds(a, idShift);
     if (!encode) continue;
-    a.encoded = std::make_shared<Tessal::EncodedArray>(Tessal::encodeArray(*a.data));
+    a.encoded = std::make_shared<Tessal::EncodedArray>(Tessal::rawArray(*a.data));
     a.data.reset();
   }
 }

@@ -3,7 +3,7 @@
 // arrays it added are taken out (the worker keeps only their type and extents), their point
 // numbers shifted so that they run on from the fragments before, as one run over the whole
 // file numbers them, and put into the saved grids in fragment order. An array may travel
-// encoded as the save stores it (see FragmentEncoding).
+// encoded as the values the save stores (see FragmentEncoding).
 #pragma once
 
 #include <array>

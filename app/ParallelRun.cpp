@@ -59,9 +59,11 @@ bool cutAfter(const std::vector<std::uint64_t>& before, std::uint32_t fragment) 
 
 // The main thread writes while the workers run: what it takes, as a share of the CPU time the
 // module takes, measured on the demo survey with `--verbose`. The workers map, count and
-// encode their fragments, so the writer is left with the HDF5 calls and the point numbers of
-// fragments made before the ranges ahead of them had ended: 0.011 in gaussian mode, 0.02 in
-// the faster peak detections (same writing, less module work).
+// copy out their fragments' values; the writer is left with the point numbers of fragments
+// made before the ranges ahead of them had ended, the HDF5 calls and, since outputs hold one
+// dataset per field, compressing the fields' chunks. The shares below (0.011 gaussian, 0.02
+// fast) were measured when the workers still compressed; with the writer compressing,
+// `--verbose` shows about 0.22 and 0.37 on the demo survey, not yet used for the split.
 double writerShare(FullWaveform::FWFModus mode) {
   return mode == FullWaveform::FWF_GAUSSIAN_DECOMPOSITION ? 0.011 : 0.02;
 }

@@ -32,6 +32,7 @@ struct SimulateOptions {
   std::string preset = "tiny", out, scanner = "line-wise", date = "210315_093000", terrain, crs;
   std::uint64_t seed = 1, shots = 0;
   std::uint32_t fragmentShots = 0, lines = 0;
+  int kqVersion = 2;
   double prr = 0.0, altitude = 0.0, lineSpacing = 0.0;
   std::optional<double> heading;
   std::optional<std::int32_t> rdbSegment;
@@ -110,7 +111,8 @@ std::string proceduralSceneCoordinateSystem() {
   return geo::localCoordinateSystem("quillo simulated scene").wkt;
 }
 
-void simulateSurvey(const sim::SurveyConfig& config, const std::string& out, bool quiet) {
+void simulateSurvey(const sim::SurveyConfig& config, const std::string& out, bool quiet,
+                    Tessal::KqLayout layout) {
   std::error_code ec;
   const fs::path parent = fs::path(out).parent_path();
   if (!parent.empty() && !fs::is_directory(parent, ec))
@@ -121,8 +123,8 @@ void simulateSurvey(const sim::SurveyConfig& config, const std::string& out, boo
   mallopt(M_TRIM_THRESHOLD, 1 << 30);
   ProgressBar bar(fs::path(out).filename().string(), quiet);
   const std::string error = sim::writeSurvey(
-      config, out,
-      [&bar](std::uint32_t done, std::uint32_t total) { bar.report("", done, total); });
+      config, out, [&bar](std::uint32_t done, std::uint32_t total) { bar.report("", done, total); },
+      layout);
   bar.finish();
   if (!error.empty()) throw CliError(kOutput, error);
 }
@@ -143,13 +145,14 @@ std::string lineFileName(const std::string& out, std::uint32_t line, std::uint32
 }
 
 // One file per flight line, each simulated on its own with its own seed (seed + line).
-void simulateLines(sim::SurveyConfig config, const std::string& out, bool quiet) {
+void simulateLines(sim::SurveyConfig config, const std::string& out, bool quiet,
+                   Tessal::KqLayout layout) {
   const std::uint64_t seed = config.seed;
   for (std::uint32_t line = 0; line < config.lines; ++line) {
     config.onlyLine = std::int32_t(line);
     config.seed = seed + line;
     const std::string file = lineFileName(out, line, config.lines);
-    simulateSurvey(config, file, quiet);
+    simulateSurvey(config, file, quiet, layout);
     std::printf("%s: flight line %u of %u\n", file.c_str(), line + 1, config.lines);
   }
 }
@@ -206,13 +209,20 @@ void addSimulateCommand(CLI::App& app) {
   addFlightOptions(c, *o);
   addScannerOptions(c, *o);
   c->add_flag("--quiet", o->quiet, "No progress output");
+  c->add_option("--kq-version", o->kqVersion,
+                "File layout: 2, one dataset per field; 1, one dataset per fragment (for tools "
+                "that read only that)")
+      ->check(CLI::IsMember({1, 2}))
+      ->capture_default_str();
   c->callback([o] {
+    const auto layout = o->kqVersion == 1 ? Tessal::KqLayout::DatasetPerFragment
+                                          : Tessal::KqLayout::DatasetPerField;
     const auto start = std::chrono::steady_clock::now();
     const sim::SurveyConfig config = configFrom(*o);
     if (o->splitLines)
-      simulateLines(config, o->out, o->quiet);
+      simulateLines(config, o->out, o->quiet, layout);
     else
-      simulateSurvey(config, o->out, o->quiet);
+      simulateSurvey(config, o->out, o->quiet, layout);
     if (config.rdbSegment >= 0 && !fs::path(o->out).stem().string().ends_with("_rdb"))
       std::fprintf(stderr,
                    "note: %s does not end in _rdb.kq; a run names its output like the input\n",

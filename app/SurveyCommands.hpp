@@ -5,6 +5,7 @@
 #include <string>
 
 #include "sim/Survey.hpp"
+#include "tessal/Bundle.hpp"
 
 namespace quillo::cli {
 
@@ -13,7 +14,8 @@ void addSimulateCommand(CLI::App& app);
 std::string proceduralSceneCoordinateSystem();
 // Writes the simulated survey to `out` with a progress line (none when `quiet`); throws
 // CliError when the folder is missing or the file cannot be written.
-void simulateSurvey(const sim::SurveyConfig& config, const std::string& out, bool quiet);
+void simulateSurvey(const sim::SurveyConfig& config, const std::string& out, bool quiet,
+                    Tessal::KqLayout layout = Tessal::KqLayout::DatasetPerField);
 void addScoreCommand(CLI::App& app);
 
 }  // namespace quillo::cli

@@ -26,8 +26,8 @@ printf '\211HDF\r\n\032\n' >"$corpus/kq_run/signature-only.kq"
 
 # --- peak_detection: header, FWFLength values, samples (see FuzzPeakDetection.cpp) --------
 rm -rf "$corpus/peak_detection" && mkdir -p "$corpus/peak_detection"
-waves=/slices/0/grids/Waveforms/charts/ScannerCoordinateSystem/fields/Waveforms/fragments
-h5dump -d "$waves/Fragment_0" -b LE -o "$scratch/rows.bin" \
+waves=/slices/0/grids/Waveforms/charts/ScannerCoordinateSystem/fields/Waveforms/values
+h5dump -d "$waves" -b LE -o "$scratch/rows.bin" \
   "$corpus/kq_run/linewise-40.kq" >/dev/null
 python3 "$here/peak_rows.py" "$scratch/rows.bin" "$corpus/peak_detection"
 

@@ -195,8 +195,8 @@ Tessal::BundlePtr surveyBundle(const SurveyConfig& config, SurveyProgress progre
 }
 
 std::string writeSurvey(const SurveyConfig& config, const std::string& fileName,
-                        SurveyProgress progress) {
-  return Tessal::Bundle::save(surveyBundle(config, std::move(progress)), fileName);
+                        SurveyProgress progress, Tessal::KqLayout layout) {
+  return Tessal::Bundle::save(surveyBundle(config, std::move(progress)), fileName, layout);
 }
 
 }  // namespace quillo::sim

@@ -43,6 +43,7 @@ Tessal::BundlePtr surveyBundle(const SurveyConfig& config, SurveyProgress progre
 
 // Writes the survey to `fileName`; returns the empty text or the error.
 std::string writeSurvey(const SurveyConfig& config, const std::string& fileName,
-                        SurveyProgress progress = {});
+                        SurveyProgress progress = {},
+                        Tessal::KqLayout layout = Tessal::KqLayout::DatasetPerField);
 
 }  // namespace quillo::sim

@@ -148,4 +148,25 @@ bool readChunksDirectly(hid_t set, hid_t memoryType, void* out, std::size_t byte
   return true;
 }
 
+bool directlyReadable(hid_t set, hid_t memoryType, hsize_t& chunkRows, bool& shuffled) {
+  Hid stored(H5Dget_type(set), H5Tclose);
+  ChunkLayout layout;
+  if (!stored.ok() || H5Tequal(stored.get(), memoryType) <= 0 || !chunkLayout(set, layout))
+    return false;
+  chunkRows = layout.chunk[0], shuffled = layout.shuffled;
+  return true;
+}
+
+bool fetchChunk(hid_t set, hsize_t row, std::size_t chunkBytes,
+                std::vector<unsigned char>& packed) {
+  hsize_t offset[kMaxRank] = {row, 0, 0};
+  hsize_t storedBytes = 0;
+  uint32_t skipped = 0;
+  if (H5Dget_chunk_storage_size(set, offset, &storedBytes) < 0 || storedBytes == 0 ||
+      storedBytes > chunkBytes + chunkBytes / 16 + 1024)
+    return false;
+  packed.resize(storedBytes);
+  return H5Dread_chunk(set, H5P_DEFAULT, offset, &skipped, packed.data()) >= 0 && skipped == 0;
+}
+
 }  // namespace Tessal::kq

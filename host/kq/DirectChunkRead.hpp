@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <mutex>
+#include <vector>
 
 namespace Tessal::kq {
 
@@ -17,5 +18,14 @@ namespace Tessal::kq {
 // chunks are unpacked with it released, batch by batch; it is held again on return.
 bool readChunksDirectly(hid_t set, hid_t memoryType, void* out, std::size_t bytes,
                         std::unique_lock<std::recursive_mutex>* lock = nullptr);
+
+// Whether the dataset's chunks can be fetched and unpacked here when read as `memoryType`:
+// chunks of whole rows, shuffle and deflate (or deflate alone), the values in that type.
+// Gives the rows per chunk and whether the chunks are shuffled.
+bool directlyReadable(hid_t set, hid_t memoryType, hsize_t& chunkRows, bool& shuffled);
+
+// The stored bytes of the chunk starting at `row`, of at most `chunkBytes` unpacked; false
+// when the chunk is not stored, went through a filter skipped, or is of an impossible size.
+bool fetchChunk(hid_t set, hsize_t row, std::size_t chunkBytes, std::vector<unsigned char>& packed);
 
 }  // namespace Tessal::kq

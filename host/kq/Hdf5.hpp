@@ -14,7 +14,10 @@
 namespace Tessal::kq {
 
 inline constexpr const char* kFormatName = "kq";
-inline constexpr int kFormatVersion = 1;
+// kq_version of the layout with one dataset per field, and of the one with a dataset per
+// fragment, which is still read (and written on request).
+inline constexpr int kFormatVersion = 2;
+inline constexpr int kPerFragmentVersion = 1;
 
 std::recursive_mutex& hdf5Mutex();
 

@@ -13,8 +13,18 @@ namespace Tessal::kq {
 // of numbers, so any integer or float of up to 64 bits can.
 bool convertibleType(hid_t stored);
 
-// Reads the whole dataset into `out`, `components` values of t's component type; the empty
-// text on success, else which value does not fit.
-std::string readConverted(hid_t set, ElementType t, void* out, std::size_t components);
+// Rows `first` to `first + count` of a dataset (its first dimension).
+struct RowSelection {
+  hsize_t first = 0, count = 0;
+};
+
+// Reads the whole dataset (or the selected rows) into `out`, `components` values of t's
+// component type; the empty text on success, else which value does not fit.
+std::string readConverted(hid_t set, ElementType t, void* out, std::size_t components,
+                          const RowSelection* rows = nullptr);
+
+// File and memory dataspaces selecting `rows` of the dataset, for H5Dread.
+bool selectRows(hid_t set, const RowSelection& rows, std::size_t components, Hid& fileSpace,
+                Hid& memorySpace);
 
 }  // namespace Tessal::kq

@@ -9,6 +9,7 @@
 #include "kq/GlobalHeapCheck.hpp"
 #include "kq/KqAttributes.hpp"
 #include "kq/KqConversion.hpp"
+#include "kq/KqFieldReader.hpp"
 #include "tessal/Bundle.hpp"
 #include "vorlap/Console.hpp"
 
@@ -18,20 +19,8 @@ namespace {
 
 using kq::Hid;
 
-// Fragments larger than this are refused before anything is allocated.
-constexpr std::uint64_t kMaxFragmentElements = std::uint64_t(1) << 31;
-// Deflate packs at most about 1032:1; below the slack any declared size is believed.
-constexpr std::uint64_t kMaxCompressionRatio = 2048;
-constexpr std::uint64_t kStorageSlack = std::uint64_t(1) << 20;
-
-struct KqFile {
-  hid_t id = -1;
-  std::string name;
-  ~KqFile() {
-    std::lock_guard<std::recursive_mutex> lock(kq::hdf5Mutex());
-    if (id >= 0) H5Fclose(id);
-  }
-};
+using KqFile = kq::OpenFile;
+using kq::kMaxFragmentElements;
 
 // A field's "fragments" group, open while any of its fragments may be read: opening a
 // dataset by its name in the group costs one link look-up instead of a walk from the root
@@ -290,8 +279,9 @@ class Reader {
     if (kq::singleText(a, "kq_format", format) != kq::Single::Ok || format != kq::kFormatName)
       return fail("/", "not a .kq file (no format marker: attribute kq_format = \"kq\")");
     if (kq::singleInteger(a, "kq_version", version) != kq::Single::Ok ||
-        version != kq::kFormatVersion)
-      return fail("/", "unsupported .kq layout version (attribute kq_version must be 1)");
+        (version != kq::kFormatVersion && version != kq::kPerFragmentVersion))
+      return fail("/", "unsupported .kq layout version (attribute kq_version must be 1 or 2)");
+    perField_ = version == kq::kFormatVersion;
     return true;
   }
 
@@ -340,6 +330,11 @@ class Reader {
   bool readField(const std::string& path, const std::string& name, Representation& rep) {
     Vorlap::StrongPtr<Field> field = rep.makeField(rep.makeFieldID(name), {}, {});
     if (!readAttributeGroup(path, field->attributes())) return false;
+    if (perField_) {
+      std::string where;
+      const std::string problem = kq::readFieldValues(file_, path, *field, where);
+      return problem.empty() || fail(where, problem);
+    }
     const std::string groupPath = path + "/fragments";
     auto group = Vorlap::makeStrong<FragmentGroup>();
     group->file = file_;
@@ -358,42 +353,9 @@ class Reader {
 
   Vorlap::StrongPtr<KqFile> file_;
   bool deferFragments_;
+  bool perField_ = false;  // one dataset per field (else one per fragment)
   std::string error_, where_;
 };
-
-constexpr const char* kElementTypes =
-    "int8, uint8, int16, uint16, int32, uint32, int64, uint64, float32, float64, point3, "
-    "vector3";
-
-std::string readElementType(const Vorlap::Attributes& meta, ElementType& type) {
-  std::string name;
-  switch (kq::singleText(meta, "element_type", name)) {
-    case kq::Single::Ok:
-      break;
-    case kq::Single::Missing:
-      return std::string("missing attribute \"element_type\" (one of ") + kElementTypes + ")";
-    default:
-      return "attribute \"element_type\" must be one text";
-  }
-  if (!elementTypeFromName(name, type))
-    return "unknown element type \"" + name + "\" (one of " + kElementTypes + ")";
-  return "";
-}
-
-std::string readRank(const Vorlap::Attributes& meta, int& rank) {
-  long long value = 0;
-  switch (kq::singleInteger(meta, "rank", value)) {
-    case kq::Single::Ok:
-      break;
-    case kq::Single::Missing:
-      return "missing attribute \"rank\" (1, or 2 for rows of samples)";
-    default:
-      return "attribute \"rank\" must be one whole number, 1 or 2";
-  }
-  if (value != 1 && value != 2) return "rank must be 1 or 2, is " + std::to_string(value);
-  rank = static_cast<int>(value);
-  return "";
-}
 
 // The extents (first extent varying fastest) of a dataset of `rank` holding `type`.
 std::string readExtents(hid_t set, ElementType type, int rank, std::vector<std::size_t>& out) {
@@ -411,13 +373,9 @@ std::string readExtents(hid_t set, ElementType type, int rank, std::vector<std::
     total *= dims[d];
   }
   if (total > kMaxFragmentElements) return "declares an absurd number of elements";
-  // Unwritten chunks read as fill values: a fragment declaring far more data than the file
-  // stores for it would only exhaust the memory when asked for.
-  const std::uint64_t bytes = total * elementBytes(type);
-  const std::uint64_t storedBytes = H5Dget_storage_size(set);
-  if (bytes > kStorageSlack + kMaxCompressionRatio * storedBytes)
-    return "declares " + std::to_string(total) + " elements but stores only " +
-           std::to_string(storedBytes) + " bytes";
+  if (std::string problem = kq::checkStoredSize(total, type, H5Dget_storage_size(set));
+      !problem.empty())
+    return problem;
   if (rank == 2)
     out = {std::size_t(dims[1]), std::size_t(dims[0])};
   else
@@ -426,20 +384,10 @@ std::string readExtents(hid_t set, ElementType type, int rank, std::vector<std::
 }
 
 std::string describeDataset(hid_t set, DatasetShape& shape) {
-  Vorlap::Attributes meta;
-  std::string error;
-  if (!kq::readAttributes(set, meta, error)) return error;
   int rank = 0;
-  if (error = readElementType(meta, shape.type); !error.empty()) return error;
-  if (error = readRank(meta, rank); !error.empty()) return error;
-  // Other number types are converted when the values are read; a value that does not fit
-  // refuses the fragment then.
-  Hid stored(H5Dget_type(set), H5Tclose);
-  const bool exact = stored.ok() && kq::storedTypeMatches(stored.get(), shape.type);
-  if (!exact && !(stored.ok() && kq::convertibleType(stored.get())))
-    return std::string("stored values are not of type ") + elementTypeName(shape.type) + " but " +
-           kq::describeType(stored.get()) + " (store integers or floats)";
-  shape.convert = !exact;
+  if (std::string problem = kq::readTypeAndRank(set, shape.type, rank, shape.convert);
+      !problem.empty())
+    return problem;
   return readExtents(set, shape.type, rank, shape.extents);
 }
 

@@ -2,7 +2,9 @@
 // position by position (fragment i of every field before fragment i + 1), each produced,
 // written and released in turn. A streaming save writes held fragments while the bundle is
 // still being filled and the structure at the end. Files are written under a temporary name
-// and renamed into place when complete.
+// and renamed into place when complete. In the layout with one dataset per field the
+// fragments are appended to their field's dataset in fragment order (see KqFieldWriter); in
+// the older one each is a dataset of its own.
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,6 +19,7 @@
 #include "kq/ChunkCodec.hpp"
 #include "kq/GlobalHeapCheck.hpp"
 #include "kq/KqAttributes.hpp"
+#include "kq/KqFieldWriter.hpp"
 #include "tessal/Bundle.hpp"
 #include "tessal/EncodedArray.hpp"
 
@@ -47,12 +50,23 @@ class WrittenCreator final : public CreativeArrayBase {
 
 struct FieldJob {
   Vorlap::StrongPtr<Field> field;
-  std::string path;  // group of the field's fragments
+  std::string path;  // group of the field's fragments (one dataset per fragment), else the field's
 };
+
+// A field of the one-dataset layout: its dataset being filled and its next fragment.
+struct FieldState {
+  explicit FieldState(const std::string& name) : values(name) {}
+  kq::FieldValuesWriter values;
+  std::size_t next = 0;
+};
+
+std::vector<hsize_t> storedShape(const MemBase& data);
 
 class Writer {
  public:
-  explicit Writer(hid_t file) : file_(file) {}
+  Writer(hid_t file, KqLayout layout)
+      : file_(file), perField_(layout == KqLayout::DatasetPerField) {}
+  bool perField() const { return perField_; }
 
   // With `groupsOnly` the walk makes the groups of every field's fragments and no attributes.
   bool structure(const Bundle& bundle, bool groupsOnly = false) {
@@ -60,7 +74,8 @@ class Writer {
     jobs_.clear();
     Hid root(H5Gopen2(file_, "/", H5P_DEFAULT), H5Gclose);
     if (!writeText(root.get(), "kq_format", kq::kFormatName) ||
-        !writeInt(root.get(), "kq_version", kq::kFormatVersion))
+        !writeInt(root.get(), "kq_version",
+                  perField_ ? kq::kFormatVersion : kq::kPerFragmentVersion))
       return fail("cannot write the format marker");
     Hid slices = group(file_, "slices");
     int index = 0;
@@ -70,6 +85,7 @@ class Writer {
   }
 
   bool fragments() {
+    if (perField_) return fieldFragments();
     for (std::size_t position = 0;; ++position) {
       bool any = false;
       for (const auto& job : jobs_) {
@@ -201,12 +217,76 @@ class Writer {
     if (!f.ok()) return fail("cannot create field \"" + field->getName() + "\"");
     if (!writeAttributeGroup(f.get(), field->attributes(), "field \"" + field->getName() + "\""))
       return false;
+    if (perField_) {
+      jobs_.push_back({field, prefix + link});
+      return true;
+    }
     Hid frags = group(f.get(), "fragments", false);
     jobs_.push_back({field, prefix + link + "/fragments"});
     return frags.ok() || fail("cannot create the fragments of \"" + field->getName() + "\"");
   }
 
   bool writeFragment(const FieldJob& job, const Vorlap::StrongPtr<FragmentID>& id);
+
+ public:
+  // One dataset per field, streaming: appends every field's fragments that are in hand, in
+  // fragment order, and compresses the chunks they fill. No HDF5 call, so no HDF5 lock.
+  bool stageHeld() {
+    for (const auto& job : jobs_) {
+      FieldState& state = stateOf(job);
+      auto ids = job.field->getFragmentIDCollection();
+      for (; state.next < ids->size(); ++state.next) {
+        auto id = ids->at(state.next);
+        auto creator = job.field->getCreator(id);
+        if (!creator || !(creator->heldData() || dynamic_cast<EncodedCreator*>(creator.get())))
+          break;  // a later pass or the finish takes it, and the fragments after it
+        if (!appendFragment(job, state, id)) return false;
+        job.field->setCreator(id, Vorlap::makeStrong<WrittenCreator>(*creator));
+      }
+    }
+    return true;
+  }
+  // Stores the chunks staged since the last call.
+  bool storeStaged() {
+    for (const auto& job : jobs_) {
+      const hid_t g = fragmentGroup(job.path);
+      if (g < 0 || !stateOf(job).values.store(g))
+        return fail("cannot write field \"" + job.field->getName() + "\"");
+    }
+    return true;
+  }
+
+ private:
+  FieldState& stateOf(const FieldJob& job) {
+    auto& state = fieldStates_[job.field.get()];
+    if (!state) state = std::make_unique<FieldState>(job.field->getName());
+    return *state;
+  }
+  bool appendFragment(const FieldJob& job, FieldState& state,
+                      const Vorlap::StrongPtr<FragmentID>& id);
+  // The rest of every field's fragments, position by position, then the tables.
+  bool fieldFragments() {
+    for (std::size_t position = 0;; ++position) {
+      bool any = false;
+      for (const auto& job : jobs_) {
+        FieldState& state = stateOf(job);
+        auto ids = job.field->getFragmentIDCollection();
+        if (position >= ids->size()) continue;
+        any = true;
+        if (position < state.next) continue;
+        if (!appendFragment(job, state, ids->at(position))) return false;
+        state.next = position + 1;
+      }
+      if (!any) break;
+      if (!storeStaged()) return false;
+    }
+    for (const auto& job : jobs_) {
+      const hid_t g = fragmentGroup(job.path);
+      if (g < 0 || !stateOf(job).values.finish(g))
+        return fail("cannot write field \"" + job.field->getName() + "\"");
+    }
+    return true;
+  }
 
   // The field's "fragments" group, opened once: a walk from the root per dataset written
   // cost more than the dataset itself in files of thousands of fragments.
@@ -221,6 +301,9 @@ class Writer {
   }
 
   hid_t file_;
+  bool perField_;
+  std::map<const Field*, std::unique_ptr<FieldState>> fieldStates_;
+  std::vector<unsigned char> scratch_;  // a fragment's stored bytes
   std::vector<FieldJob> jobs_;
   std::set<std::string> written_;  // datasets a streaming pass wrote
   FragmentChangeCursor changes_;   // how far the streaming passes have looked
@@ -293,7 +376,9 @@ bool writeEncodedDataset(hid_t parent, const std::string& name, const EncodedDat
   Hid props(H5Pcreate(H5P_DATASET_CREATE), H5Pclose);
   H5Pset_obj_track_times(props.get(), 0);  // same content, same bytes
   if (e.compact) {
-    H5Pset_layout(props.get(), H5D_COMPACT);
+    // Raw arrays handed over for the other layout may exceed what a header holds.
+    H5Pset_layout(props.get(),
+                  e.chunks.front().size() <= kCompactBytes ? H5D_COMPACT : H5D_CONTIGUOUS);
   } else if (!e.chunks.empty()) {
     H5Pset_chunk(props.get(), int(e.chunk.size()), e.chunk.data());
     H5Pset_shuffle(props.get());
@@ -347,6 +432,34 @@ bool Writer::writeFragment(const FieldJob& job, const Vorlap::StrongPtr<Fragment
   return true;
 }
 
+bool Writer::appendFragment(const FieldJob& job, FieldState& state,
+                            const Vorlap::StrongPtr<FragmentID>& id) {
+  const std::string where =
+      "fragment \"" + id->getName() + "\" of field \"" + job.field->getName() + "\"";
+  auto creator = job.field->getCreator(id);
+  if (!creator) return fail(where + " has no data");
+  kq::StoredRows rows;
+  if (const auto* given = dynamic_cast<const EncodedCreator*>(creator.get())) {
+    const EncodedArray& e = given->encoded();
+    if (!e.consistent()) return fail(where + " has chunks that do not fit its shape");
+    rows = {e.type, e.rank, e.dims, kq::storedBytes(e, scratch_)};
+    if (!rows.bytes) return fail(where + " has chunks that do not unpack");
+  } else {
+    Vorlap::StrongPtr<MemBase> data = creator->heldData();
+    if (!data) {
+      data = creator->create();  // produced for writing only, as in the other layout
+      creator->enableCaching(false);
+    }
+    if (!data) return fail(where + " could not be produced");
+    scratch_.resize(data->nElements() * elementBytes(data->elementType()));
+    if (!scratch_.empty()) data->copyOut(scratch_.data());
+    rows = {data->elementType(), data->rank(), storedShape(*data), scratch_.data()};
+  }
+  if (const std::string problem = state.values.append(id->getName(), rows); !problem.empty())
+    return fail(problem);
+  return true;
+}
+
 std::string temporaryName(const std::string& fileName) {
   static std::atomic<unsigned> counter{0};
   return fileName + ".tmp-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
@@ -358,7 +471,19 @@ EncodedArray encodeArray(const MemBase& data) {
   return encodeDataset(data);
 }
 
-std::string Bundle::save(const BundlePtr& bundle, const std::string& fileName) {
+EncodedArray rawArray(const MemBase& data) {
+  EncodedArray e;
+  e.type = data.elementType();
+  e.rank = data.rank();
+  e.dims = storedShape(data);
+  if (data.nElements() == 0) return e;
+  e.compact = true;
+  e.chunks.emplace_back(data.nElements() * elementBytes(e.type));
+  data.copyOut(e.chunks.front().data());
+  return e;
+}
+
+std::string Bundle::save(const BundlePtr& bundle, const std::string& fileName, KqLayout layout) {
   if (bundle.isEmpty()) return "cannot save " + fileName + ": no bundle";
   std::lock_guard<std::recursive_mutex> lock(kq::hdf5Mutex());
   kq::silenceHdf5Errors();
@@ -369,7 +494,7 @@ std::string Bundle::save(const BundlePtr& bundle, const std::string& fileName) {
                        kq::writerAccess().get()),
              H5Fclose);
     if (!file.ok()) return "cannot create " + fileName + ": the folder is missing or not writable";
-    Writer writer(file.get());
+    Writer writer(file.get(), layout);
     if (!writer.structure(*bundle.get()) || !writer.fragments()) error = writer.error();
     if (error.empty() && H5Fflush(file.get(), H5F_SCOPE_GLOBAL) < 0) error = "cannot flush";
   }
@@ -393,7 +518,8 @@ struct StreamingSave::State {
   std::string failure() const { return "cannot save " + fileName + ": " + error; }
 };
 
-StreamingSave::StreamingSave(BundlePtr bundle, std::string fileName) : state_(new State) {
+StreamingSave::StreamingSave(BundlePtr bundle, std::string fileName, KqLayout layout)
+    : state_(new State) {
   std::lock_guard<std::recursive_mutex> lock(kq::hdf5Mutex());
   kq::silenceHdf5Errors();
   State& s = *state_;
@@ -406,7 +532,7 @@ StreamingSave::StreamingSave(BundlePtr bundle, std::string fileName) : state_(ne
   if (!s.file.ok())
     s.error = "cannot create the file: the folder is missing or not writable";
   else
-    s.writer = std::make_unique<Writer>(s.file.get());
+    s.writer = std::make_unique<Writer>(s.file.get(), layout);
 }
 
 StreamingSave::~StreamingSave() {
@@ -418,15 +544,23 @@ StreamingSave::~StreamingSave() {
 }
 
 std::string StreamingSave::write() {
-  std::lock_guard<std::recursive_mutex> lock(kq::hdf5Mutex());
+  std::unique_lock<std::recursive_mutex> lock(kq::hdf5Mutex());
   State& s = *state_;
   if (s.error.empty() && s.bundle.isEmpty()) s.error = "no bundle";
   if (!s.error.empty()) return s.failure();
   // The groups are made again only when fields were added since the last pass: a walk
   // through HDF5 per pass cost more than a small fragment's datasets.
   const bool newFields = s.writer->fieldsChanged(*s.bundle.get());
-  if ((newFields && !s.writer->structure(*s.bundle.get(), true)) || !s.writer->heldFragments())
+  if (newFields && !s.writer->structure(*s.bundle.get(), true)) s.error = s.writer->error();
+  if (s.error.empty() && !s.writer->perField() && !s.writer->heldFragments())
     s.error = s.writer->error();
+  if (s.error.empty() && s.writer->perField()) {
+    // Chunks are filled and compressed while other threads may read their inputs.
+    lock.unlock();
+    const bool staged = s.writer->stageHeld();
+    lock.lock();
+    if (!staged || !s.writer->storeStaged()) s.error = s.writer->error();
+  }
   // HDF5's free lists would otherwise grow with every fragment written; collecting them walks
   // them all, so not after every one of thousands of small fragments.
   const auto now = std::chrono::steady_clock::now();

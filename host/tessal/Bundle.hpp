@@ -27,6 +27,11 @@ class Slice {
 
 class BundlePtr;
 
+// How a .kq file stores the fragments of a field: all in one dataset, one after the other,
+// with a table of their names and first rows (kq_version 2); or one dataset per fragment
+// (kq_version 1: files of earlier builds and of scripts that write that layout).
+enum class KqLayout { DatasetPerField, DatasetPerFragment };
+
 // Which files a load reads.
 class LoaderParameters {
  public:
@@ -63,7 +68,8 @@ class Bundle {
 
   // Writes the bundle to `fileName` through a temporary file renamed into place when
   // complete. Returns the empty text on success, else what went wrong.
-  static std::string save(const BundlePtr& bundle, const std::string& fileName);
+  static std::string save(const BundlePtr& bundle, const std::string& fileName,
+                          KqLayout layout = KqLayout::DatasetPerField);
 
  private:
   std::map<double, Vorlap::StrongPtr<Slice>> slices_;
@@ -82,7 +88,8 @@ BundlePtr copyForAnotherThread(const BundlePtr& bundle);
 // Methods return the empty text on success, else what went wrong.
 class StreamingSave {
  public:
-  StreamingSave(BundlePtr bundle, std::string fileName);
+  StreamingSave(BundlePtr bundle, std::string fileName,
+                KqLayout layout = KqLayout::DatasetPerField);
   ~StreamingSave();
   StreamingSave(const StreamingSave&) = delete;
   StreamingSave& operator=(const StreamingSave&) = delete;

@@ -34,6 +34,10 @@ struct EncodedArray {
 
 // Encodes `data` as a save would; safe on any thread.
 EncodedArray encodeArray(const MemBase& data);
+// The values of `data` as stored but neither shuffled nor deflated (`compact`): the layout
+// with one dataset per field compresses whole chunks of several fragments, so a fragment
+// handed to a save ahead of time carries its raw bytes. Safe on any thread.
+EncodedArray rawArray(const MemBase& data);
 
 // A fragment known only by its encoded array. It exists to be saved: its data cannot be
 // produced again (create() gives nothing), and a save lets the chunks go once written.

@@ -34,8 +34,9 @@ class CheckCommand : public ::testing::Test {
   static void SetUpTestSuite() {
     dir = new TempDir();
     original = dir->file("original_210315_093000.kq");
-    const auto r =
-        runQuillo("simulate --preset tiny --shots 3000 --fragment-shots 1000 --quiet " + original);
+    const auto r = runQuillo(
+        "simulate --preset tiny --shots 3000 --fragment-shots 1000 --kq-version 1 --quiet " +
+        original);
     ASSERT_EQ(r.exitCode, 0) << r.output;
   }
   static void TearDownTestSuite() { delete dir; }

@@ -48,7 +48,7 @@ std::string savedBigFile(const TempDir& dir) {
   storeFragment(*rep, "Positions", "Fragment_0", points);
   storeFragment(*rep, "Samples", "Fragment_0", samples);
   const std::string file = dir.file("big.kq");
-  EXPECT_EQ(Bundle::save(bundle, file), "");
+  EXPECT_EQ(Bundle::save(bundle, file, KqLayout::DatasetPerFragment), "");
   return file;
 }
 
@@ -190,7 +190,7 @@ TEST(KqChunks, OtherFilterChainsAndLayoutsAreReadThroughHdf5) {
       3, "ScannerCoordinateSystem", 0);
   storeFragment(*rep, "GPSTime", "Fragment_0", makeArray<double>({0.0}));
   const std::string file = dir.file("foreign.kq");
-  ASSERT_EQ(Bundle::save(bundle, file), "");
+  ASSERT_EQ(Bundle::save(bundle, file, KqLayout::DatasetPerFragment), "");
   std::vector<double> values(25'000);
   for (std::size_t i = 0; i < values.size(); ++i) values[i] = timeAt(i);
   struct Case {
@@ -240,7 +240,7 @@ TEST(KqChunks, SmallArraysAreCompactLargerOnesChunkedAndBothReadBack) {
   }
   storeFragment(*rep, "GPSTime", "Fragment_0", makeArray<double>({0.0}));
   const std::string file = dir.file("small.kq");
-  ASSERT_EQ(Bundle::save(bundle, file), "");
+  ASSERT_EQ(Bundle::save(bundle, file, KqLayout::DatasetPerFragment), "");
   auto check = [&](const std::string& field, std::size_t n, H5D_layout_t layout) {
     SCOPED_TRACE(field);
     auto times = loadedTimes(file, field);

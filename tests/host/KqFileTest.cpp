@@ -159,10 +159,9 @@ TEST(KqFile, BadFilesAreRefusedWithTheirName) {
   std::filesystem::copy_file(dir.file("whole.kq"), dir.file("retyped.kq"));
   {
     hid_t f = H5Fopen(dir.file("retyped.kq").c_str(), H5F_ACC_RDWR, H5P_DEFAULT);
-    hid_t d = H5Dopen2(
-        f,
-        "/slices/0/grids/Shots/charts/ScannerCoordinateSystem/fields/Channel/fragments/Fragment_0",
-        H5P_DEFAULT);
+    hid_t d =
+        H5Dopen2(f, "/slices/0/grids/Shots/charts/ScannerCoordinateSystem/fields/Channel/values",
+                 H5P_DEFAULT);
     H5Adelete(d, "element_type");
     hid_t t = H5Tcopy(H5T_C_S1);
     H5Tset_size(t, H5T_VARIABLE);
@@ -303,16 +302,16 @@ void indexCreationOrder(const std::string& file, const std::string& path) {
 
 }  // namespace
 
-// Fragments groups keep their creation order without indexing it (a group of few links is
-// stored compact, of many dense); files whose groups index it, as earlier builds wrote
-// them, load in the same order.
+// Files of the older layout: fragments groups keep their creation order without indexing it (a
+// group of few links is stored compact, of many dense); files whose groups index it, as earlier
+// builds wrote them, load in the same order.
 TEST(KqFile, FragmentsLoadInTheOrderTheyWereMade) {
   TempDir dir;
   const std::string fragments = "/slices/0/grids/Shots/charts/C/fields/GPSTime/fragments";
   for (int count : {3, 40}) {
     const std::string file = dir.file("f" + std::to_string(count) + ".kq");
     const auto made = reverseNamedFragments(count);
-    ASSERT_EQ(Bundle::save(made, file), "");
+    ASSERT_EQ(Bundle::save(made, file, KqLayout::DatasetPerFragment), "");
     bool ok = false;
     EXPECT_EQ(fragmentNames(load(file, ok)), fragmentNames(made)) << count;
     EXPECT_TRUE(ok);

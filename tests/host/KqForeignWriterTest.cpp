@@ -27,7 +27,7 @@ std::string savedFile(const TempDir& dir) {
   auto rep = shots->makeCartesianRepresentation(3, "ScannerCoordinateSystem", 0);
   storeFragment(*rep, "GPSTime", "Fragment_0", makeArray<double>({1.0, 2.0}));
   const std::string file = dir.file("a.kq");
-  EXPECT_EQ(Bundle::save(bundle, file), "");
+  EXPECT_EQ(Bundle::save(bundle, file, KqLayout::DatasetPerFragment), "");
   return file;
 }
 

@@ -64,7 +64,9 @@ void declare(const std::string& file, const Declared& d) {
 
 std::string savedSurvey(const TempDir& dir) {
   const std::string file = dir.file("survey_210315_093000.kq");
-  EXPECT_EQ(Tessal::Bundle::save(makeBundle(healthySurvey()), file), "");
+  EXPECT_EQ(
+      Tessal::Bundle::save(makeBundle(healthySurvey()), file, Tessal::KqLayout::DatasetPerFragment),
+      "");
   return file;
 }
 

@@ -1,0 +1,169 @@
+#include "kq/KqFieldWriter.hpp"
+
+#include <algorithm>
+#include <cstring>
+
+#include "kq/ChunkCodec.hpp"
+#include "kq/KqAttributes.hpp"
+
+namespace Tessal::kq {
+
+namespace {
+
+std::string shapeText(const std::vector<hsize_t>& inner) {
+  std::string text;
+  for (hsize_t d : inner) text += (text.empty() ? "" : " x ") + std::to_string(d);
+  return text.empty() ? "single values" : "rows of " + text;
+}
+
+bool writeTypeAttributes(hid_t set, ElementType type, unsigned rank) {
+  Vorlap::Attributes meta;
+  meta.setAttribute("element_type", Vorlap::makeChunk<std::string>({elementTypeName(type)}));
+  meta.setAttribute("rank", Vorlap::makeChunk<int>({int(rank)}));
+  std::string ignored;
+  return writeAttributes(set, meta, ignored);
+}
+
+// A one-dimensional dataset of `n` values, written whole.
+bool writeList(hid_t group, const char* name, hid_t type, hsize_t n, const void* values) {
+  Hid space(H5Screate_simple(1, &n, nullptr), H5Sclose);
+  Hid props(H5Pcreate(H5P_DATASET_CREATE), H5Pclose);
+  H5Pset_obj_track_times(props.get(), 0);  // same content, same bytes
+  Hid set(H5Dcreate2(group, name, type, space.get(), H5P_DEFAULT, props.get(), H5P_DEFAULT),
+          H5Dclose);
+  return set.ok() &&
+         (n == 0 || H5Dwrite(set.get(), type, H5S_ALL, H5S_ALL, H5P_DEFAULT, values) >= 0);
+}
+
+}  // namespace
+
+void FieldValuesWriter::fixShape(const StoredRows& rows) {
+  inner_.assign(rows.dims.begin() + 1, rows.dims.end());
+  component_ = elementBytes(type_) / componentCount(type_);
+  std::size_t rowValues = 1;
+  for (hsize_t d : inner_) rowValues *= d;
+  rowBytes_ = rowValues * component_;
+  chunkRows_ = rowValues ? std::max<hsize_t>(1, kFieldChunkValues / rowValues) : 0;
+  if (rowBytes_) tail_.reserve(chunkRows_ * rowBytes_);
+}
+
+std::string FieldValuesWriter::append(const std::string& fragment, const StoredRows& rows) {
+  const std::string where = "fragment \"" + fragment + "\" of field \"" + field_ + "\"";
+  if (rows.dims.empty()) return where + " has no shape";
+  if (!typed_) type_ = rows.type, rank_ = rows.rank, typed_ = true;
+  if (rows.type != type_ || rows.rank != rank_)
+    return where + " is of type " + elementTypeName(rows.type) + ", rank " +
+           std::to_string(rows.rank) + ", where the fragments before are of type " +
+           elementTypeName(type_) + ", rank " + std::to_string(rank_);
+  const std::vector<hsize_t> inner(rows.dims.begin() + 1, rows.dims.end());
+  // Empty fragments take the field's shape; the first fragment with rows fixes it.
+  if (rows.dims[0] > 0 && shaped_ && inner != inner_)
+    return where + " holds " + shapeText(inner) + " where the fragments before hold " +
+           shapeText(inner_) + ": the rows of one field are all of one shape";
+  if (!shaped_ && (rows.dims[0] > 0 || names_.empty())) {
+    fixShape(rows);
+    shaped_ = rows.dims[0] > 0;
+  }
+  names_.push_back(fragment);
+  offsets_.push_back(offsets_.back() + rows.dims[0]);
+  if (rows.dims[0] == 0 || rowBytes_ == 0) return "";
+  const unsigned char* next = rows.bytes;
+  std::size_t left = rows.dims[0] * rowBytes_;
+  const std::size_t chunkBytes = chunkRows_ * rowBytes_;
+  while (left > 0) {
+    const std::size_t take = std::min(left, chunkBytes - tail_.size());
+    tail_.insert(tail_.end(), next, next + take);
+    next += take, left -= take;
+    if (tail_.size() == chunkBytes) sealChunk();
+  }
+  return "";
+}
+
+// The tail as a stored chunk; a last chunk's rows past the end are zero, the fill value.
+void FieldValuesWriter::sealChunk() {
+  tail_.resize(chunkRows_ * rowBytes_, 0);
+  encodeChunk(tail_.data(), tail_.size(), component_, pending_.emplace_back());
+  tail_.clear();
+}
+
+bool FieldValuesWriter::createValues(hid_t fieldGroup, bool extendible) {
+  std::vector<hsize_t> dims{extendible ? 0 : offsets_.back()}, max{H5S_UNLIMITED};
+  dims.insert(dims.end(), inner_.begin(), inner_.end());
+  max.insert(max.end(), inner_.begin(), inner_.end());
+  Hid space(H5Screate_simple(int(dims.size()), dims.data(), extendible ? max.data() : nullptr),
+            H5Sclose);
+  Hid props(H5Pcreate(H5P_DATASET_CREATE), H5Pclose);
+  H5Pset_obj_track_times(props.get(), 0);  // same content, same bytes
+  if (extendible) {
+    std::vector<hsize_t> chunk = dims;
+    chunk[0] = chunkRows_;
+    H5Pset_chunk(props.get(), int(chunk.size()), chunk.data());
+    H5Pset_shuffle(props.get());
+    H5Pset_deflate(props.get(), kDeflateLevel);
+  }
+  values_ = Hid(H5Dcreate2(fieldGroup, kValuesName, nativeTypeOf(type_), space.get(), H5P_DEFAULT,
+                           props.get(), H5P_DEFAULT),
+                H5Dclose);
+  return values_.ok() && writeTypeAttributes(values_.get(), type_, rank_);
+}
+
+bool FieldValuesWriter::store(hid_t fieldGroup) {
+  if (pending_.empty()) return true;
+  if (!values_.ok() && !createValues(fieldGroup, true)) return false;
+  // Never past the rows appended: shrinking a dataset would make HDF5 rewrite its last chunk.
+  const hsize_t covered = (chunksStored_ + pending_.size()) * chunkRows_;
+  std::vector<hsize_t> extent{std::min<hsize_t>(covered, offsets_.back())};
+  extent.insert(extent.end(), inner_.begin(), inner_.end());
+  if (H5Dset_extent(values_.get(), extent.data()) < 0) return false;
+  std::vector<hsize_t> offset(extent.size(), 0);
+  for (const auto& chunk : pending_) {
+    offset[0] = chunksStored_++ * chunkRows_;
+    if (H5Dwrite_chunk(values_.get(), H5P_DEFAULT, 0, offset.data(), chunk.size(), chunk.data()) <
+        0)
+      return false;
+  }
+  pending_.clear();
+  return true;
+}
+
+bool FieldValuesWriter::finish(hid_t fieldGroup) {
+  if (!names_.empty()) {
+    if (!tail_.empty()) sealChunk();
+    // Without rows (or with rows of no values) there is no chunk to store.
+    const bool chunked = values_.ok() || !pending_.empty();
+    if (!chunked && !createValues(fieldGroup, false)) return false;
+    if (chunked && !store(fieldGroup)) return false;
+  }
+  return writeTable(fieldGroup);
+}
+
+bool FieldValuesWriter::writeTable(hid_t fieldGroup) const {
+  std::vector<const char*> names;
+  for (const auto& n : names_) names.push_back(n.c_str());
+  Hid text = variableStringType();
+  return writeList(fieldGroup, kFragmentNamesName, text.get(), names.size(), names.data()) &&
+         writeList(fieldGroup, kFragmentRowsName, H5T_NATIVE_UINT64, offsets_.size(),
+                   offsets_.data());
+}
+
+const unsigned char* storedBytes(const EncodedArray& e, std::vector<unsigned char>& scratch) {
+  if (e.compact) return e.chunks.front().data();
+  std::size_t total = 1;
+  for (auto d : e.dims) total *= d;
+  const std::size_t component = elementBytes(e.type) / componentCount(e.type);
+  scratch.resize(total * component);
+  if (total == 0) return scratch.data();
+  const std::size_t rowBytes = total / e.dims[0] * component, chunkBytes = e.chunk[0] * rowBytes;
+  std::vector<unsigned char> chunk(chunkBytes);
+  std::size_t at = 0;
+  for (const auto& stored : e.chunks) {
+    if (!decodeChunk(stored.data(), stored.size(), component, true, chunk.data(), chunkBytes))
+      return nullptr;
+    const std::size_t take = std::min(chunkBytes, scratch.size() - at);
+    std::memcpy(scratch.data() + at, chunk.data(), take);
+    at += take;
+  }
+  return scratch.data();
+}
+
+}  // namespace Tessal::kq
