@@ -168,7 +168,7 @@ RunSummary runOne(const std::string& inputPath, const RunSettings& settings,
       makeOutput(secondPath, settings.outDir, inputPath, toMap);
   std::vector<StreamedOutput*> outputs;
   for (StreamedOutput* o : {first.get(), second.get()})
-    if (o) outputs.push_back(o);
+    if (o) outputs.push_back(o), o->setSaveThreads(settings.threads);
   auto bar =
       Vorlap::makeStrong<ProgressBar>(fs::path(inputPath).filename().string(), settings.quiet);
   WaveCounts waves = countWaves(bundle);

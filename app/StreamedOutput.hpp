@@ -32,6 +32,8 @@ class StreamedOutput {
   void moveFragment(const std::string& name);
   // Gives the saved grid the run's attributes, set on the module's grid.
   void takeRunAttributes();
+  // Threads that compress what a write fills (the run's threads).
+  void setSaveThreads(unsigned threads) { save_->setPackThreads(threads); }
   const Transform& toMap() const { return toMap_; }
   // Counts of fragments that reach the grid encoded (counted where they were encoded).
   void addCounts(const OutputSummary& counts);

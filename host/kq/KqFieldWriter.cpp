@@ -1,7 +1,9 @@
 #include "kq/KqFieldWriter.hpp"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
+#include <thread>
 
 #include "kq/ChunkCodec.hpp"
 #include "kq/KqAttributes.hpp"
@@ -82,8 +84,33 @@ std::string FieldValuesWriter::append(const std::string& fragment, const StoredR
 // The tail as a stored chunk; a last chunk's rows past the end are zero, the fill value.
 void FieldValuesWriter::sealChunk() {
   tail_.resize(chunkRows_ * rowBytes_, 0);
-  encodeChunk(tail_.data(), tail_.size(), component_, pending_.emplace_back());
-  tail_.clear();
+  pending_.push_back({std::move(tail_), false});
+  tail_ = {};
+  tail_.reserve(chunkRows_ * rowBytes_);
+}
+
+void FieldValuesWriter::pack(std::size_t k) {
+  Sealed& chunk = pending_[k];
+  if (chunk.packed) return;
+  std::vector<unsigned char> stored;
+  encodeChunk(chunk.bytes.data(), chunk.bytes.size(), component_, stored);
+  chunk.bytes.swap(stored);
+  chunk.packed = true;
+}
+
+void packChunks(const std::vector<FieldValuesWriter*>& fields, unsigned threads) {
+  std::vector<std::pair<FieldValuesWriter*, std::size_t>> work;
+  for (FieldValuesWriter* f : fields)
+    for (std::size_t k = 0; k < f->pendingChunks(); ++k) work.emplace_back(f, k);
+  std::atomic<std::size_t> next{0};
+  const auto packSome = [&] {
+    for (std::size_t k; (k = next++) < work.size();) work[k].first->pack(work[k].second);
+  };
+  std::vector<std::thread> helpers;
+  for (std::size_t t = 1; t < std::min<std::size_t>(threads, work.size()); ++t)
+    helpers.emplace_back(packSome);
+  packSome();
+  for (std::thread& h : helpers) h.join();
 }
 
 bool FieldValuesWriter::createValues(hid_t fieldGroup, bool extendible) {
@@ -116,7 +143,9 @@ bool FieldValuesWriter::store(hid_t fieldGroup) {
   extent.insert(extent.end(), inner_.begin(), inner_.end());
   if (H5Dset_extent(values_.get(), extent.data()) < 0) return false;
   std::vector<hsize_t> offset(extent.size(), 0);
-  for (const auto& chunk : pending_) {
+  for (std::size_t k = 0; k < pending_.size(); ++k) {
+    pack(k);
+    const std::vector<unsigned char>& chunk = pending_[k].bytes;
     offset[0] = chunksStored_++ * chunkRows_;
     if (H5Dwrite_chunk(values_.get(), H5P_DEFAULT, 0, offset.data(), chunk.size(), chunk.data()) <
         0)

@@ -2,7 +2,8 @@
 // arrive: their rows are appended to a tail chunk held in memory, each chunk that fills is
 // shuffled and deflated without any HDF5 call, and store() writes the finished chunks into
 // the field's extendible "values" dataset. finish() writes the last, partly filled chunk and
-// the table of fragment names and row offsets.
+// the table of fragment names and row offsets. packChunks() shuffles and deflates the sealed
+// chunks of several fields on several threads.
 #pragma once
 
 #include <cstdint>
@@ -37,6 +38,10 @@ class FieldValuesWriter {
   // Appends the fragment's rows after those of the fragments before; no HDF5 call. The empty
   // text, else why the fragment does not fit the field's dataset.
   std::string append(const std::string& fragment, const StoredRows& rows);
+  // Chunks filled since the last store(); pack(k) shuffles and deflates the k-th of them
+  // (no HDF5 call: threads may pack different chunks at once). store() packs any left.
+  std::size_t pendingChunks() const { return pending_.size(); }
+  void pack(std::size_t k);
   // Writes the chunks filled since the last call into the field group's dataset.
   bool store(hid_t fieldGroup);
   // Writes the last chunk, the dataset's final extent and the fragment table.
@@ -57,8 +62,12 @@ class FieldValuesWriter {
   hsize_t chunkRows_ = 0;
   std::vector<std::string> names_;
   std::vector<std::uint64_t> offsets_{0};
-  std::vector<unsigned char> tail_;                  // rows after the last sealed chunk
-  std::vector<std::vector<unsigned char>> pending_;  // sealed chunks not yet stored
+  std::vector<unsigned char> tail_;  // rows after the last sealed chunk
+  struct Sealed {
+    std::vector<unsigned char> bytes;  // the chunk's values, or once packed its stored bytes
+    bool packed = false;
+  };
+  std::vector<Sealed> pending_;  // sealed chunks not yet stored
   hsize_t chunksStored_ = 0;
   Hid values_;
 };
@@ -66,5 +75,8 @@ class FieldValuesWriter {
 // The stored bytes of an array as a save hands it over: `scratch` receives them unless the
 // array holds them as they are. Empty when encoded chunks do not unpack.
 const unsigned char* storedBytes(const EncodedArray& e, std::vector<unsigned char>& scratch);
+
+// Packs every pending chunk of the given fields, on up to `threads` threads (this one too).
+void packChunks(const std::vector<FieldValuesWriter*>& fields, unsigned threads);
 
 }  // namespace Tessal::kq

@@ -244,8 +244,12 @@ class Writer {
         job.field->setCreator(id, Vorlap::makeStrong<WrittenCreator>(*creator));
       }
     }
+    std::vector<kq::FieldValuesWriter*> fields;
+    for (const auto& job : jobs_) fields.push_back(&stateOf(job).values);
+    kq::packChunks(fields, packThreads_);
     return true;
   }
+  void setPackThreads(unsigned threads) { packThreads_ = std::max(1u, threads); }
   // Stores the chunks staged since the last call.
   bool storeStaged() {
     for (const auto& job : jobs_) {
@@ -302,6 +306,7 @@ class Writer {
 
   hid_t file_;
   bool perField_;
+  unsigned packThreads_ = 1;  // threads that compress a pass's chunks
   std::map<const Field*, std::unique_ptr<FieldState>> fieldStates_;
   std::vector<unsigned char> scratch_;  // a fragment's stored bytes
   std::vector<FieldJob> jobs_;
@@ -541,6 +546,10 @@ StreamingSave::~StreamingSave() {
   state_->file = Hid();
   std::error_code ec;
   if (!state_->finished) std::filesystem::remove(state_->temporary, ec);
+}
+
+void StreamingSave::setPackThreads(unsigned threads) {
+  if (state_->writer) state_->writer->setPackThreads(threads);
 }
 
 std::string StreamingSave::write() {

@@ -94,6 +94,9 @@ class StreamingSave {
   StreamingSave(const StreamingSave&) = delete;
   StreamingSave& operator=(const StreamingSave&) = delete;
 
+  // Threads (this one included) that compress the chunks a write() fills: a run on several
+  // threads gives its writer as many, the same bytes whatever the count.
+  void setPackThreads(unsigned threads);
   std::string write();
   std::string finish();
 
