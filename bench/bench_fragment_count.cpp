@@ -2,7 +2,8 @@
 // end to end by `quillo run` (one input, fast mode unless told otherwise); prints the waves per
 // second of each and their ratio. A run whose bookkeeping walks every fragment per fragment
 // falls far behind with many fragments.
-//   bench_fragment_count [SHOTS] [FEW] [MANY] [MODE] [--threads N]
+// The runs leave out the zone refinement (the work the module does alone) unless --refine.
+//   bench_fragment_count [SHOTS] [FEW] [MANY] [MODE] [--threads N] [--refine]
 //   (default: 1000000 20 5000 fast, the run's default threads)
 #include <chrono>
 #include <cstdio>
@@ -62,9 +63,10 @@ struct Settings {
   std::uint32_t few = 20, many = 5000;
   std::string mode = "fast";
   std::string threads;  // empty: the run's default
+  bool refine = false;
 };
 
-// Positional settings in their order; "--threads N" anywhere.
+// Positional settings in their order; "--threads N" and "--refine" anywhere.
 Settings parse(int argc, char** argv) {
   Settings s;
   int position = 0;
@@ -72,6 +74,10 @@ Settings parse(int argc, char** argv) {
     const std::string arg = argv[i];
     if (arg == "--threads" && i + 1 < argc) {
       s.threads = argv[++i];
+      continue;
+    }
+    if (arg == "--refine") {
+      s.refine = true;
       continue;
     }
     switch (position++) {
@@ -106,8 +112,9 @@ bool runOnce(const fs::path& dir, std::uint32_t fragments, const Settings& setti
   const fs::path out = dir / ("out" + std::to_string(fragments)), report = out / "run.json";
   const std::string threads = settings.threads.empty() ? "" : " --threads " + settings.threads;
   const std::string command = std::string(QUILLO_CLI) + " run --quiet --mode " + settings.mode +
-                              threads + " --out-dir " + out.string() + " --report " +
-                              report.string() + " " + input.string() + " >/dev/null";
+                              threads + (settings.refine ? " --refine" : " --no-refine") +
+                              " --out-dir " + out.string() + " --report " + report.string() + " " +
+                              input.string() + " >/dev/null";
   const auto start = Clock::now();
   if (std::system(command.c_str()) != 0)
     return std::fprintf(stderr, "failed: %s\n", command.c_str()), false;
