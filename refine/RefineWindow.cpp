@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "refine/ScanLines.hpp"
+
 namespace FullWaveform {
 
 RefineWindow::RefineWindow(double lightSpeed, bool radial, const RefineSettings& settings,

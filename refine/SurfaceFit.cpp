@@ -11,6 +11,7 @@
 #include "classify/NoiseClassification.hpp"
 #include "output/PointGeometry.hpp"
 #include "refine/LargeArrays.hpp"
+#include "refine/ScanLines.hpp"
 
 namespace FullWaveform {
 
@@ -18,8 +19,6 @@ namespace {
 
 using Gemwold::PhysicalSpace::point;
 
-constexpr double kLineJump = std::numbers::pi / 4;
-constexpr double kFlightJump = 5.0;  // m between two shots' origins
 constexpr int kMinLinesToJudge = 3;  // fewer lines with echoes nearby: too little to judge
 constexpr int kStraddleShots = 2;    // shots either side of a line change: no neighbour
 constexpr int kBlockReach = 1;       // a wrong block: its own line and at most one each side
@@ -31,37 +30,6 @@ double squared(const A& a, const A& b) {
   const double dx = a.x - b.x, dy = a.y - b.y, dz = a.z - b.z;
   return dx * dx + dy * dy + dz * dz;
 }
-
-// Scan line and angle bin of every shot.
-struct ShotCells {
-  LargeVector<std::uint32_t> line;
-  LargeVector<std::int32_t> bin;
-  LargeVector<double> angle;      // the scan angle the bins divide
-  std::vector<point> lineOrigin;  // origin of each line's first shot
-  std::int32_t firstBin = 0, binCount = 1;
-
-  ShotCells(const ShotTable& t, double binDegrees)
-      : line(t.time.size()), bin(t.time.size()), angle(t.time.size()) {
-    double previous = 0.0;
-    std::uint32_t current = 0;
-    std::int32_t lo = 0, hi = 0;
-    for (std::size_t s = 0; s < t.time.size(); ++s) {
-      const double a = scanAngleOf(t.direction[s], t.radial, previous);
-      if (s > 0 && startsScanLine(previous, a, t.origin[s - 1], t.origin[s])) ++current;
-      if (current == lineOrigin.size()) lineOrigin.push_back(t.origin[s]);
-      previous = a;
-      line[s] = current;
-      angle[s] = a;
-      bin[s] = std::int32_t(std::floor(a * 180.0 / std::numbers::pi / binDegrees));
-      lo = s ? std::min(lo, bin[s]) : bin[s], hi = s ? std::max(hi, bin[s]) : bin[s];
-    }
-    firstBin = lo - 1, binCount = hi - lo + 3;  // a spare bin each side for the +-1 search
-  }
-  std::size_t cellOf(std::uint32_t shot) const {
-    return std::size_t(line[shot]) * std::size_t(binCount) + std::size_t(bin[shot] - firstBin);
-  }
-  std::size_t cellCount() const { return lineOrigin.size() * std::size_t(binCount); }
-};
 
 // A neighbour as the fit test reads it: its position, range, scan angle and emitting shot;
 // stored by cell so that a line's adjacent bins are contiguous.
@@ -651,18 +619,6 @@ RefineResult Refiner::run() {
 }
 
 }  // namespace
-
-double scanAngleOf(const Gemwold::PhysicalSpace::vector& d, bool radial, double previous) {
-  double a = radial ? std::atan2(d.y, d.x) : std::atan2(d.x, d.z);
-  if (!std::isfinite(a)) a = previous;
-  return a <= 0.0 ? a + 2 * std::numbers::pi : a;
-}
-
-bool startsScanLine(double previousAngle, double angle, const point& previousOrigin,
-                    const point& origin) {
-  return std::abs(angle - previousAngle) > kLineJump ||
-         squared(origin, previousOrigin) > kFlightJump * kFlightJump;
-}
 
 RefineResult refineEchoZones(const ShotTable& shots, const RefineEchoes& echoes,
                              const RefineSettings& settings) {

@@ -76,15 +76,6 @@ struct RefineResult {
   std::uint64_t moved = 0, markedNoise = 0, judged = 0;
 };
 
-// The scan angle the refinement bins, in (0, 2 pi]: across the track, or for a radial
-// scanner the azimuth around the cone's axis (the frame's z); `previous` where `d` gives none.
-QUILLO_API double scanAngleOf(const Gemwold::PhysicalSpace::vector& d, bool radial,
-                              double previous);
-// Whether a shot starts a scan line after the shot before it: the angle jumps back, or the
-// aircraft jumps (another flight line).
-QUILLO_API bool startsScanLine(double previousAngle, double angle,
-                               const Gemwold::PhysicalSpace::point& previousOrigin,
-                               const Gemwold::PhysicalSpace::point& origin);
 QUILLO_API RefineResult refineEchoZones(const ShotTable& shots, const RefineEchoes& echoes,
                                         const RefineSettings& settings = {});
 
