@@ -7,6 +7,7 @@
 #include "app/CaughtError.hpp"
 #include "app/CliError.hpp"
 #include "app/Commands.hpp"
+#include "app/HugePageHeap.hpp"
 #include "app/Progress.hpp"
 
 namespace {
@@ -26,6 +27,7 @@ int usageError(const CLI::App& app, const CLI::ParseError& e) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  useHugePagesForHeap();
   CLI::App app{"quillo: resolves multiple-time-around (MTA) zones of airborne full-waveform LiDAR"};
   app.set_version_flag("--version", "quillo " QUILLO_VERSION);
   app.require_subcommand(0, 1);
