@@ -38,7 +38,7 @@ using FullWaveform::ShotTable;
 
 namespace {
 
-constexpr std::uint32_t kMagic = 0x51524631;  // "QRF1"
+constexpr std::uint32_t kMagic = 0x51524632;  // "QRF2"
 constexpr std::int8_t kUntraced = -1;
 
 struct Stored {
@@ -46,7 +46,18 @@ struct Stored {
   FullWaveform::RefineEchoes echoes;
   std::vector<std::int8_t> trueZone;  // kUntraced where the echo traces to no truth
   std::vector<std::uint8_t> target;
+  // Another echo of another zone at the same arrival (one return), else kUntraced: the echo is
+  // right in either zone, as the scorer judges it.
+  std::vector<std::int8_t> otherZone;
+  std::vector<std::uint8_t> otherTarget;
   double runSeconds = 0.0;
+
+  bool rightIn(std::size_t i, std::uint8_t zone) const {
+    return trueZone[i] == zone || otherZone[i] == zone;
+  }
+  std::uint8_t targetIn(std::size_t i, std::uint8_t zone) const {
+    return otherZone[i] == zone ? otherTarget[i] : target[i];
+  }
 };
 
 template <class T>
@@ -87,6 +98,8 @@ bool save(const Stored& s, const std::string& file) {
   }
   putAll(out, s.trueZone);
   putAll(out, s.target);
+  putAll(out, s.otherZone);
+  putAll(out, s.otherTarget);
   return bool(out);
 }
 
@@ -111,6 +124,8 @@ bool load(const std::string& file, Stored& s) {
   }
   getAll(in, s.trueZone, echoes);
   getAll(in, s.target, echoes);
+  getAll(in, s.otherZone, echoes);
+  getAll(in, s.otherTarget, echoes);
   return bool(in);
 }
 
@@ -147,9 +162,14 @@ int dump(int argc, char** argv) {
       for (const RefineEcho& e : s.echoes) {
         const ScoredPoint p{s.shots.time[e.emitter], e.oneWayTime * s.shots.lightSpeed, e.zone,
                             std::uint8_t(e.noise ? 7 : 1)};
-        const TruthEcho* t = scorer.traceEcho(p);
+        const std::vector<const TruthEcho*> at = scorer.echoesAt(p);
+        const TruthEcho* t = at.empty() ? nullptr : at.front();
+        const auto other = std::find_if(at.begin(), at.end(),
+                                        [&](const TruthEcho* o) { return o->zone != t->zone; });
         s.trueZone.push_back(t ? std::int8_t(t->zone) : kUntraced);
         s.target.push_back(t ? std::uint8_t(t->target) : std::uint8_t(0));
+        s.otherZone.push_back(other != at.end() ? std::int8_t((*other)->zone) : kUntraced);
+        s.otherTarget.push_back(other != at.end() ? std::uint8_t((*other)->target) : 0);
       }
     };
     const auto result = quillo::test::runScene(scene.config, temp.path().string(), false, keep);
@@ -192,10 +212,9 @@ void printBroken(const Stored& s, const FullWaveform::RefineResult& r, bool mark
   std::vector<std::vector<std::uint32_t>> byShot(shots);
   for (std::uint32_t i = 0; i < s.echoes.size(); ++i) byShot[s.echoes[i].emitter].push_back(i);
   for (std::size_t i = 0; i < s.echoes.size(); ++i) {
-    const bool rightMarked = !isOffSurface(s.target[i]) && s.trueZone[i] == r.zone[i] &&
+    const bool rightMarked = !isOffSurface(s.targetIn(i, r.zone[i])) && s.rightIn(i, r.zone[i]) &&
                              !s.echoes[i].noise && (r.flag[i] & FullWaveform::kMarkedNoise);
-    if (marked ? !rightMarked
-               : (s.trueZone[i] != s.echoes[i].zone || r.zone[i] == s.echoes[i].zone))
+    if (marked ? !rightMarked : (!s.rightIn(i, s.echoes[i].zone) || r.zone[i] == s.echoes[i].zone))
       continue;
     const std::uint32_t e = s.echoes[i].emitter, l = line[e];
     const double a = scanAngle(s.shots, e);
@@ -206,15 +225,15 @@ void printBroken(const Stored& s, const FullWaveform::RefineResult& r, bool mark
           for (const std::uint32_t j : byShot[k]) {
             if (s.echoes[j].noise) continue;
             ++around;
-            wrong += s.trueZone[j] != s.echoes[j].zone;
-            wrongAfter += s.trueZone[j] != r.zone[j];
+            wrong += !s.rightIn(j, s.echoes[j].zone);
+            wrongAfter += !s.rightIn(j, r.zone[j]);
           }
     std::printf(
         "  %s %zu shot %u line %u at %u of %u zone %d -> %d (%s) flag %d; around %d, wrong %d, "
         "after %d\n",
         marked ? "marked" : "broken", i, e, l, e - lineStart[l], lineStart[l + 1] - lineStart[l],
-        s.echoes[i].zone, r.zone[i], targetName(Target(s.target[i])), r.flag[i], around, wrong,
-        wrongAfter);
+        s.echoes[i].zone, r.zone[i], targetName(Target(s.targetIn(i, r.zone[i]))), r.flag[i],
+        around, wrong, wrongAfter);
   }
 }
 
@@ -232,12 +251,12 @@ void report(const std::string& file, const Stored& s, const FullWaveform::Refine
                 offSurface = 0, offMarked = 0, notNoiseBefore = 0, surfaceMarked = 0,
                 rightMarked = 0;
   for (std::size_t i = 0; i < s.echoes.size(); ++i) {
-    const bool wasRight = s.trueZone[i] == s.echoes[i].zone, isRight = s.trueZone[i] == r.zone[i];
+    const bool wasRight = s.rightIn(i, s.echoes[i].zone), isRight = s.rightIn(i, r.zone[i]);
     const bool noise = s.echoes[i].noise || (r.flag[i] & FullWaveform::kMarkedNoise);
     right += wasRight, fixed += !wasRight && isRight, broken += wasRight && !isRight;
     notNoiseBefore += !s.echoes[i].noise, wrongBefore += !s.echoes[i].noise && !wasRight;
     notNoise += !noise, wrongAfter += !noise && !isRight;
-    if (s.trueZone[i] != kUntraced && isOffSurface(s.target[i]))
+    if (s.trueZone[i] != kUntraced && isOffSurface(s.targetIn(i, r.zone[i])))
       ++offSurface, offMarked += noise;
     else if (!s.echoes[i].noise && (r.flag[i] & FullWaveform::kMarkedNoise))
       ++surfaceMarked, rightMarked += isRight;

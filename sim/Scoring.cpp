@@ -57,20 +57,34 @@ struct ZoneScorer::Index {
     return truth.shotTimes[emitter] + 2.0 * range / truth.lightSpeed;
   }
 
-  // The echo recorded after shot + zone that arrived nearest the point's arrival.
-  const Entry* trace(const ScoredPoint& p, std::uint64_t shot) const {
+  // The echoes recorded after shot + zone within the tolerance of the point's arrival,
+  // nearest first.
+  std::vector<const Entry*> near(const ScoredPoint& p, std::uint64_t shot) const {
+    std::vector<const Entry*> found;
     const std::uint64_t recorder = shot + p.zone;
-    if (recorder >= truth.shotTimes.size()) return nullptr;
+    if (recorder >= truth.shotTimes.size()) return found;
     const double offset = arrival(shot, p.range) - truth.shotTimes[recorder];
-    auto it = std::lower_bound(entries.begin(), entries.end(), Entry{recorder, offset, 0});
-    const Entry* best = nullptr;
-    double bestGap = kTraceTolerance * 2.0 / truth.lightSpeed;
-    for (auto c : {it, it == entries.begin() ? entries.end() : std::prev(it)}) {
-      if (c == entries.end() || c->recorder != recorder) continue;
-      const double gap = std::fabs(c->offset - offset);
-      if (gap <= bestGap) best = &*c, bestGap = gap;
+    const double tolerance = kTraceTolerance * 2.0 / truth.lightSpeed;
+    const auto first =
+        std::lower_bound(entries.begin(), entries.end(), Entry{recorder, offset - tolerance, 0});
+    for (auto c = first; c != entries.end() && c->recorder == recorder; ++c) {
+      if (c->offset > offset + tolerance) break;
+      found.push_back(&*c);
     }
-    return best;
+    std::stable_sort(found.begin(), found.end(), [&](const Entry* a, const Entry* b) {
+      return std::fabs(a->offset - offset) < std::fabs(b->offset - offset);
+    });
+    return found;
+  }
+
+  // The point's own echo: of the echoes at its arrival, the nearest one in the point's zone,
+  // else the nearest. Two echoes within the tolerance (a bird or dust echo arriving with a
+  // ground echo of another shot) make one return that the point stands for either way.
+  const Entry* trace(const ScoredPoint& p, std::uint64_t shot) const {
+    const std::vector<const Entry*> found = near(p, shot);
+    for (const Entry* c : found)
+      if (truth.echoes[c->echo].zone == p.zone) return c;
+    return found.empty() ? nullptr : found.front();
   }
 
   SurveyTruth truth;
@@ -96,6 +110,16 @@ const TruthEcho* ZoneScorer::traceEcho(const ScoredPoint& p) const {
   const auto shot = index_->shotByTime.find(p.gpsTime);
   const auto* entry = shot == index_->shotByTime.end() ? nullptr : index_->trace(p, shot->second);
   return entry ? &index_->truth.echoes[entry->echo] : nullptr;
+}
+
+std::vector<const TruthEcho*> ZoneScorer::echoesAt(const ScoredPoint& p) const {
+  std::vector<const TruthEcho*> echoes;
+  if (p.zone == kNoZone) return echoes;
+  const auto shot = index_->shotByTime.find(p.gpsTime);
+  if (shot == index_->shotByTime.end()) return echoes;
+  for (const auto* entry : index_->near(p, shot->second))
+    echoes.push_back(&index_->truth.echoes[entry->echo]);
+  return echoes;
 }
 
 void ZoneScorer::add(const std::vector<ScoredPoint>& points) {
@@ -127,6 +151,7 @@ void ZoneScorer::add(const std::vector<ScoredPoint>& points) {
     r.offSurfaceMarkedNoise += noise && isOffSurface(echo.target);
     if (echo.zone == p.zone) {
       ++r.correct;
+      r.sharedArrival += entry != index_->near(p, shot->second).front();
       index_->reached[entry->echo] = true;
       r.realMarkedNoise += noise && !isOffSurface(echo.target);
       index_->rangeErrors.push_back(std::fabs(p.range - echo.range));
@@ -193,6 +218,13 @@ std::string reportAsText(const ZoneScoreReport& r) {
                 ull(r.points), 100.0 * r.zoneAccuracy(), ull(r.correct), ull(r.wrongZone),
                 ull(r.noZone), ull(r.untraceable));
   s += line;
+  if (r.sharedArrival) {
+    std::snprintf(line, sizeof line,
+                  "of the true: %llu share their arrival with another echo of another zone "
+                  "(within %.0f m)\n",
+                  ull(r.sharedArrival), kTraceTolerance);
+    s += line;
+  }
   std::snprintf(line, sizeof line,
                 "lenient (any echo of the emitting shot in that zone): true zone %.3f %% (%llu)\n",
                 100.0 * r.lenientAccuracy(), ull(r.lenientCorrect));
@@ -235,6 +267,7 @@ std::string reportAsJson(const ZoneScoreReport& r) {
                                     {"wrong_zone", r.wrongZone},
                                     {"no_zone", r.noZone},
                                     {"untraceable", r.untraceable},
+                                    {"shared_arrival", r.sharedArrival},
                                     {"lenient_correct", r.lenientCorrect},
                                     {"lenient_zone_accuracy", r.lenientAccuracy()},
                                     {"not_noise", r.notNoise},

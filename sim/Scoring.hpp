@@ -2,8 +2,10 @@
 // "GPSTime" (its emitting shot) plus its "MTA" give the shot after which its echo was recorded,
 // whatever zone was chosen, and "GPSTime" + 2 "Range" / c its arrival; the truth's echo recorded
 // after that shot nearest that arrival is the point's own echo, and the point has the true zone
-// when the zones agree. The lenient count (any echo of the emitting shot in the point's zone)
-// is kept beside it for comparison.
+// when the zones agree. Where two echoes arrived within the trace tolerance of each other (one
+// return), the point is traced to the one in its own zone; the report counts these apart. The
+// lenient count (any echo of the emitting shot in the point's zone) is kept beside it for
+// comparison.
 #pragma once
 
 #include <array>
@@ -22,7 +24,10 @@ using TargetCounts = std::array<std::uint64_t, kTargetCount>;
 struct ZoneScoreReport {
   // Every point is one of: correct, wrongZone, noZone, untraceable.
   std::uint64_t points = 0, correct = 0, wrongZone = 0, noZone = 0;
-  std::uint64_t untraceable = 0;                   // no echo of the truth near the point's arrival
+  std::uint64_t untraceable = 0;  // no echo of the truth near the point's arrival
+  // Of the correct ones: another echo, of another zone, arrived nearer the point (the two made
+  // one return; the point is right for the one in its zone).
+  std::uint64_t sharedArrival = 0;
   std::uint64_t lenientCorrect = 0;                // by the lenient rule
   TargetCounts pointsByTarget{}, wrongByTarget{};  // traced points, by their echo's target
   std::uint64_t notNoise = 0, notNoiseWrong = 0;   // points not classified as noise
@@ -97,6 +102,8 @@ class ZoneScorer {
   bool isCorrect(const ScoredPoint& point) const;
   // The echo of the truth the point traces to; nullptr when it cannot be traced.
   const TruthEcho* traceEcho(const ScoredPoint& point) const;
+  // Every echo of the truth within the trace tolerance of the point's arrival, nearest first.
+  std::vector<const TruthEcho*> echoesAt(const ScoredPoint& point) const;
 
  private:
   struct Index;

@@ -106,3 +106,26 @@ TEST(StrictScoring, ReportsGiveBothCountsAndTheSplitByTarget) {
   EXPECT_EQ(json["lenient_correct"], 2);
   EXPECT_EQ(json["wrong_zone_by_target"]["ground"], 1);
 }
+
+// A bird of shot 8 and a ground echo of shot 5 reach the receiver after shot 8 half a metre
+// apart: one return. A point there is right in either echo's zone, and wrong in any other.
+TEST(StrictScoring, TwoEchoesOfOneArrivalMakeEitherZoneRight) {
+  SurveyTruth t = handMadeTruth();
+  const double birdArrival = t.shotTimes[8] + 2.0 * 60.0 / kC;
+  const double groundRange = 0.5 * kC * (birdArrival + 1.0 / kC - t.shotTimes[5]);
+  t.echoes.push_back({5, 3, groundRange, Target::Ground, true});
+  const TruthEcho bird = t.echoes[2], ground = t.echoes.back();
+  ZoneScorer scorer(t);
+  const ScoredPoint asGround = pointOf(t, bird, 3), asBird = pointOf(t, bird, 0),
+                    neither = pointOf(t, ground, 1);
+  EXPECT_EQ(scorer.traceEcho(asGround)->target, Target::Ground);
+  EXPECT_EQ(scorer.traceEcho(asBird)->target, Target::Bird);
+  ASSERT_EQ(scorer.echoesAt(neither).size(), 2u);
+  EXPECT_EQ(scorer.echoesAt(neither).front()->target, Target::Ground);  // nearest first
+  scorer.add({asGround, asBird, neither});
+  const ZoneScoreReport r = scorer.finish();
+  EXPECT_EQ(r.correct, 2u);
+  EXPECT_EQ(r.sharedArrival, 1u);  // the point in the ground's zone, nearer the bird
+  EXPECT_EQ(r.wrongByTarget[std::size_t(Target::Ground)], 1u);
+  EXPECT_NE(reportAsText(r).find("1 share their arrival"), std::string::npos) << reportAsText(r);
+}
