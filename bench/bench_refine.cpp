@@ -262,7 +262,7 @@ void report(const std::string& file, const Stored& s, const FullWaveform::Refine
       ++surfaceMarked, rightMarked += isRight;
   }
   std::printf(
-      "%-40s wrong/!7 %.3f %% -> %.3f %%  moved %llu fixed %llu broken %llu (%.2f per 100,000)  "
+      "%-40s wrong/!7 %.3f %% -> %.4f %%  moved %llu fixed %llu broken %llu (%.2f per 100,000)  "
       "noise %llu (off-surface %.1f %%, surface %llu of which right %llu)  refine %.2f s (cpu %.2f "
       "s) / run %.1f s  result %016llx\n",
       std::filesystem::path(file).stem().c_str(),
