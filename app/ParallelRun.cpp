@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <ctime>
@@ -272,15 +273,21 @@ std::string tenths(double seconds) {
   return text;
 }
 
-// How the work was shared: each range's fragments and CPU time, and the writer's.
+// What a thread took: its CPU time and when it ended (wall seconds from the start).
+struct ThreadTimes {
+  double cpu = 0.0, ended = 0.0;
+};
+
+// How the work was shared: each range's fragments and times, and the writer's. Ranges that
+// end well before the writer show a split to rebalance.
 void describeSharing(const ParallelRun& run, const std::vector<Range>& ranges,
-                     const std::vector<double>& cpu, double writerCpu) {
+                     const std::vector<ThreadTimes>& workers, ThreadTimes writer) {
   Vorlap::Console say;
   say << run.inputPath << ": " << ranges.size() << " threads:";
   for (std::size_t r = 0; r < ranges.size(); ++r)
-    say << " fragments " << ranges[r].begin << "-" << ranges[r].end - 1 << " " << tenths(cpu[r])
-        << " s CPU;";
-  say << " writing " << tenths(writerCpu) << " s CPU";
+    say << " fragments " << ranges[r].begin << "-" << ranges[r].end - 1 << " "
+        << tenths(workers[r].cpu) << " s CPU, ended at " << tenths(workers[r].ended) << " s;";
+  say << " writing " << tenths(writer.cpu) << " s CPU, ended at " << tenths(writer.ended) << " s";
 }
 
 // The input as a later range reads it: the structure of the first load with readers of its
@@ -339,7 +346,11 @@ std::string runRanges(const ParallelRun& run, Range all, const std::vector<Range
   std::vector<std::unique_ptr<CliError>> errors(ranges.size());
   Vorlap::StrongPtr<Tessal::Grid> attributeSource[2];
   std::vector<std::thread> threads;
-  std::vector<double> cpu(ranges.size(), 0.0);
+  std::vector<ThreadTimes> times(ranges.size());
+  const auto start = std::chrono::steady_clock::now();
+  const auto sinceStart = [&] {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  };
   // Copied before any worker reads the input: a copy made while one runs would race with it.
   std::vector<Tessal::BundlePtr> inputs(ranges.size());
   for (std::size_t r = 0; r < ranges.size(); ++r) inputs[r] = inputOfRange(run, r);
@@ -350,7 +361,7 @@ std::string runRanges(const ParallelRun& run, Range all, const std::vector<Range
                  r + 1 == ranges.size() ? attributeSource : nullptr);
       });
       if (errors[r]) queue.finish(r, errors[r]->what());
-      cpu[r] = threadCpuSeconds();
+      times[r] = {threadCpuSeconds(), sinceStart()};
     };
     try {
       threads.emplace_back(work);
@@ -364,9 +375,9 @@ std::string runRanges(const ParallelRun& run, Range all, const std::vector<Range
   const double writerStart = threadCpuSeconds();
   auto writeError = caughtError("", [&] { written = writeInOrder(run, all, queue); });
   queue.abandon();
-  const double writerCpu = threadCpuSeconds() - writerStart;
+  const ThreadTimes writer{threadCpuSeconds() - writerStart, sinceStart()};
   for (auto& t : threads) t.join();
-  if (run.verbose) describeSharing(run, ranges, cpu, writerCpu);
+  if (run.verbose) describeSharing(run, ranges, times, writer);
   if (writeError) throw *writeError;
   for (auto& e : errors)
     if (e) throw *e;
