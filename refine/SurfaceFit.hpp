@@ -61,6 +61,9 @@ struct RefineSettings {
   // has this many times the echoes near it (a share of 0: never).
   double outnumberedShare = 0.625;
   double outnumberedSupport = 4.0;
+  // Threads that judge the echoes (each echo's verdict is its own); the result is the same
+  // for any number.
+  unsigned threads = 1;
 };
 
 // Bits of a point's "Refined" value.
