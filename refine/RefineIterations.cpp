@@ -10,8 +10,9 @@
 
 namespace FullWaveform::surface_fit {
 
-Refiner::Refiner(const ShotTable& t, const RefineEchoes& e, const RefineSettings& s)
-    : shots_(t), echoes_(e), settings_(s), cells_(t, s.binDegrees) {
+Refiner::Refiner(const ShotTable& t, const RefineEchoes& e, const RefineSettings& s,
+                 std::size_t settled)
+    : shots_(t), echoes_(e), settings_(s), cells_(t, s.binDegrees), settled_(settled) {
   result_.zone.resize(e.size());
   result_.flag.assign(e.size(), kUntouched);
   emitter_.resize(e.size());
@@ -227,7 +228,7 @@ void Refiner::judgeMarked(const std::vector<std::uint8_t>& judgeNow, std::uint16
 RefineResult Refiner::run() {
   const std::size_t n = echoes_.size();
   std::vector<std::uint8_t> judgeNow(n);
-  for (std::size_t i = 0; i < n; ++i) judgeNow[i] = active(i), result_.judged += active(i);
+  for (std::size_t i = settled_; i < n; ++i) judgeNow[i] = active(i), result_.judged += active(i);
   std::vector<std::pair<std::uint32_t, Verdict>> moves;
   std::vector<std::uint32_t> changedCells;
   std::vector<std::uint8_t> nearChange(cells_.cellCount(), 0);
@@ -240,7 +241,7 @@ RefineResult Refiner::run() {
     applyMoves(moves, stamp, changedCells);
     // Only echoes near a move see a changed neighbourhood.
     markNearChanges(changedCells, nearChange);
-    for (std::size_t i = 0; i < n; ++i)
+    for (std::size_t i = settled_; i < n; ++i)
       judgeNow[i] = active(i) && nearChange[cells_.cellOf(emitter_[i])];
   }
   markNoise();

@@ -15,16 +15,20 @@
 namespace FullWaveform {
 
 struct WindowSettings {
-  // Scan lines refined along on each side of a block, their results dropped. A move reaches
-  // the four lines each side, but moves chain over the iterations: on the 13 full-size
-  // scenes 12 lines leave 0 to 8 echoes of 2 to 4 million with another zone or flag than the
-  // whole strip gives, 8 lines up to 13 on the demo scene, 24 lines none
+  // Scan lines after a block refined along, their results dropped. A move reaches the four
+  // lines each side, but moves chain over the iterations: on the 13 full-size scenes 12
+  // lines leave 0 to 8 echoes of 2 to 4 million with another zone or flag than the whole
+  // strip gives, 8 lines up to 13 on the demo scene, 24 lines none
   // (bench_refine --window --context N).
   int contextLines = 12;
   // Scan lines a block gathers at least (whole fragments). A block's output is held until
   // the lines after it are in; fewer lines hold less but refine the context lines more often
-  // (each block refines 2 x contextLines more). 0: one block of everything (the whole strip).
+  // (each block refines contextLines more). 0: one block of everything (the whole strip).
   int blockLines = 30;
+  // Scan lines before a block read as neighbours with their final zones (refined with the
+  // block before); never judged again. They must cover the lines a judgement reads: the four
+  // each side of an echo's own line and of its candidates' (bench_refine --window --settled N).
+  int settledLines = 6;
 };
 
 // An echo as a fragment's output gives it: its emitting shot by GPS time.
@@ -88,6 +92,8 @@ class RefineWindow {
   };
   bool nextSpan(bool last, Span& span) const;
   void refineSpan(const Span& span, const std::function<void(const RefinedBlock&)>& apply);
+  static void settle(Held& h, const std::vector<std::int64_t>& at, const ShotTable& table,
+                     const RefineEchoes& echoes, const RefineResult& result);
   void dropBefore(std::uint64_t position);
   std::vector<std::uint64_t> lineStarts() const;
 

@@ -66,7 +66,7 @@ inline std::uint32_t lineBit(int side, int k) {
 
 class Refiner {
  public:
-  Refiner(const ShotTable& t, const RefineEchoes& e, const RefineSettings& s);
+  Refiner(const ShotTable& t, const RefineEchoes& e, const RefineSettings& s, std::size_t settled);
 
   RefineResult run();
 
@@ -153,6 +153,7 @@ class Refiner {
   LargeVector<std::uint32_t> emitter_;
   LargeVector<double> oneWay_;
   int maxZone_ = 0;
+  std::size_t settled_ = 0;  // echoes [0, settled_) are final: neighbours, never judged
   std::vector<bool> active_, straddles_;
   LargeVector<std::uint32_t> byShot_;        // echoes by first emitting shot
   std::vector<std::uint8_t> moving_echoes_;  // echoes about to move, marked for a while

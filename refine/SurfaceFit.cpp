@@ -262,14 +262,14 @@ bool Refiner::placeAsZone(std::size_t i, int zone, Candidate& out) const {
 }  // namespace surface_fit
 
 RefineResult refineEchoZones(const ShotTable& shots, const RefineEchoes& echoes,
-                             const RefineSettings& settings) {
+                             const RefineSettings& settings, std::size_t settled) {
   if (shots.time.empty() || echoes.empty()) {
     RefineResult r;
     for (const auto& e : echoes) r.zone.push_back(e.zone);
     r.flag.assign(echoes.size(), kUntouched);
     return r;
   }
-  return surface_fit::Refiner(shots, echoes, settings).run();
+  return surface_fit::Refiner(shots, echoes, settings, settled).run();
 }
 
 }  // namespace FullWaveform

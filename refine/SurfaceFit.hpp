@@ -79,7 +79,10 @@ struct RefineResult {
   std::uint64_t moved = 0, markedNoise = 0, judged = 0;
 };
 
+// The first `settled` echoes are final already (refined with an earlier block of a window):
+// they are neighbours with their zones as given, never judged, moved nor made noise.
 QUILLO_API RefineResult refineEchoZones(const ShotTable& shots, const RefineEchoes& echoes,
-                                        const RefineSettings& settings = {});
+                                        const RefineSettings& settings = {},
+                                        std::size_t settled = 0);
 
 }  // namespace FullWaveform

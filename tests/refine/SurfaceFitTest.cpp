@@ -235,6 +235,21 @@ TEST(SurfaceFit, EchoesNamingNoShotOfTheTableAreLeftAlone) {
   EXPECT_EQ(r.moved, 0u);
 }
 
+TEST(SurfaceFit, SettledEchoesAreNeighboursButNeverJudged) {
+  Scan scan(kFlat, 14, 300);
+  scan.spoilBlock(1, 1, 100, 30);  // among the settled lines: stays as given
+  scan.spoilBlock(8, 1, 100, 30);
+  const std::size_t settled = 4 * 300;
+  const RefineResult r = refineEchoZones(scan.shots, scan.echoes, {}, settled);
+  for (std::size_t i = 0; i < settled; ++i) {
+    ASSERT_EQ(r.zone[i], scan.echoes[i].zone) << i;
+    ASSERT_EQ(r.flag[i], kUntouched) << i;
+  }
+  EXPECT_EQ(r.moved, 30u);
+  EXPECT_EQ(scan.wrong(r), 30u);  // only the settled block
+  EXPECT_EQ(r.judged, scan.echoes.size() - settled);
+}
+
 TEST(SurfaceFit, TheResultIsTheSameOnAnyNumberOfThreads) {
   // Enough echoes for several chunks, with wrong blocks and birds in each.
   Scan scan(kFlat, 60, 300);
