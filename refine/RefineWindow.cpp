@@ -18,9 +18,10 @@ RefineWindow::RefineWindow(double lightSpeed, bool radial, const RefineSettings&
     : lightSpeed_(lightSpeed), radial_(radial), settings_(settings), window_(window) {}
 
 void RefineWindow::add(std::uint64_t key, FragmentShots shots, std::vector<WindowEcho> echoes) {
-  Held h{key, shotsSeen_, std::move(shots), std::move(echoes), {}};
+  Held h{key, shotsSeen_, std::move(shots), {}, std::move(echoes), {}};
+  h.angle.resize(h.shots.time.size());
   for (std::size_t s = 0; s < h.shots.time.size(); ++s) {
-    const double a = scanAngleOf(h.shots.direction[s], radial_, lastAngle_);
+    const double a = h.angle[s] = scanAngleOf(h.shots.direction[s], radial_, lastAngle_);
     if (shotsSeen_ == 0 || startsScanLine(lastAngle_, a, lastOrigin_, h.shots.origin[s]))
       h.lineStarts.push_back(shotsSeen_);
     lastAngle_ = a, lastOrigin_ = h.shots.origin[s];
@@ -75,7 +76,9 @@ bool RefineWindow::nextSpan(bool last, Span& span) const {
 
 namespace {
 
-void appendShots(const FragmentShots& from, std::size_t lo, std::size_t hi, ShotTable& to) {
+void appendShots(const FragmentShots& from, const LargeVector<double>& angle, std::size_t lo,
+                 std::size_t hi, ShotTable& to) {
+  to.angle.insert(to.angle.end(), angle.begin() + lo, angle.begin() + hi);
   to.time.insert(to.time.end(), from.time.begin() + lo, from.time.begin() + hi);
   to.origin.insert(to.origin.end(), from.origin.begin() + lo, from.origin.begin() + hi);
   to.direction.insert(to.direction.end(), from.direction.begin() + lo, from.direction.begin() + hi);
@@ -90,7 +93,7 @@ void RefineWindow::refineSpan(const Span& span,
   for (const Held& h : held_) {
     const std::uint64_t lo = std::max(h.firstShot, span.first);
     const std::uint64_t hi = std::min(h.firstShot + h.shots.time.size(), span.end);
-    if (lo < hi) appendShots(h.shots, lo - h.firstShot, hi - h.firstShot, table);
+    if (lo < hi) appendShots(h.shots, h.angle, lo - h.firstShot, hi - h.firstShot, table);
   }
   sortByTime(table);
   RefineEchoes echoes;
@@ -169,13 +172,15 @@ void sortByTime(ShotTable& table) {
   ShotTable sorted;
   sorted.time.reserve(order.size()), sorted.origin.reserve(order.size());
   sorted.direction.reserve(order.size());
+  const bool angles = table.angle.size() == table.time.size();
   for (const std::uint32_t k : order) {
     sorted.time.push_back(table.time[k]);
     sorted.origin.push_back(table.origin[k]);
     sorted.direction.push_back(table.direction[k]);
+    if (angles) sorted.angle.push_back(table.angle[k]);
   }
   table.time.swap(sorted.time), table.origin.swap(sorted.origin);
-  table.direction.swap(sorted.direction);
+  table.direction.swap(sorted.direction), table.angle.swap(sorted.angle);
 }
 
 bool findShot(const LargeVector<double>& times, double t, std::uint32_t& hint) {

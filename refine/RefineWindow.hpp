@@ -82,6 +82,7 @@ class RefineWindow {
     std::uint64_t key;
     std::uint64_t firstShot;  // position of its first shot in the strip
     FragmentShots shots;
+    LargeVector<double> angle;  // each shot's scan angle: worked out once, read by every block
     std::vector<WindowEcho> echoes;
     std::vector<std::uint64_t> lineStarts;  // strip positions of the lines starting in it
     bool done = false;

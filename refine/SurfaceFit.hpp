@@ -25,6 +25,8 @@ struct ShotTable {
   LargeVector<Gemwold::PhysicalSpace::vector> direction;
   double lightSpeed = 0.0;
   bool radial = false;  // scan angle: the azimuth around the cone instead of across the track
+  // Each shot's scan angle (scanAngleOf) where the caller has it already; empty: worked out.
+  LargeVector<double> angle;
 };
 
 struct RefineEcho {
