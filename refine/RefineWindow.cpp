@@ -88,15 +88,27 @@ void appendShots(const FragmentShots& from, const LargeVector<double>& angle, st
 
 void RefineWindow::refineSpan(const Span& span,
                               const std::function<void(const RefinedBlock&)>& apply) {
-  ShotTable table;
+  // The arrays of the last block are filled again: their memory is not asked for anew (fresh
+  // pages cost as much as copying into them).
+  ShotTable& table = table_;
+  RefineEchoes& echoes = echoes_;
   table.lightSpeed = lightSpeed_, table.radial = radial_;
+  table.time.clear(), table.origin.clear(), table.direction.clear(), table.angle.clear();
+  echoes.clear();
+  std::size_t shots = 0, given = 0;
+  for (const Held& h : held_) {
+    const std::uint64_t lo = std::max(h.firstShot, span.first);
+    const std::uint64_t hi = std::min(h.firstShot + h.shots.time.size(), span.end);
+    shots += lo < hi ? hi - lo : 0, given += h.echoes.size();
+  }
+  table.time.reserve(shots), table.origin.reserve(shots), table.direction.reserve(shots);
+  table.angle.reserve(shots), echoes.reserve(given);
   for (const Held& h : held_) {
     const std::uint64_t lo = std::max(h.firstShot, span.first);
     const std::uint64_t hi = std::min(h.firstShot + h.shots.time.size(), span.end);
     if (lo < hi) appendShots(h.shots, h.angle, lo - h.firstShot, hi - h.firstShot, table);
   }
   sortByTime(table);
-  RefineEchoes echoes;
   std::vector<RefinedBlock::Fragment> block;
   std::uint32_t hint = 0;
   std::size_t settled = 0;  // the echoes of refined fragments come first

@@ -103,6 +103,8 @@ class RefineWindow {
   RefineSettings settings_;
   WindowSettings window_;
   std::vector<Held> held_;
+  ShotTable table_;  // the last block's shots and echoes, their memory kept for the next
+  RefineEchoes echoes_;
   std::uint64_t shotsSeen_ = 0;
   double lastAngle_ = 0.0;
   Gemwold::PhysicalSpace::point lastOrigin_{};
