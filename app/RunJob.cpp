@@ -101,11 +101,13 @@ class RunRefinement {
  public:
   // The run covers fragments [first, end).
   RunRefinement(Tessal::BundlePtr& input, const std::vector<StreamedOutput*>& outputs,
-                std::uint32_t first, std::uint32_t end)
+                std::uint32_t first, std::uint32_t end, unsigned threads)
       : outputs_(outputs), end_(end) {
     std::vector<Vorlap::StrongPtr<Tessal::Grid>> grids;
     for (StreamedOutput* o : outputs) o->holdForRefinement(), grids.push_back(o->moduleGrid());
-    refinement_ = std::make_unique<FullWaveform::WindowedRefinement>(input, grids, first);
+    FullWaveform::RefineSettings settings;
+    settings.threads = threads;  // judges the echoes on the run's threads; same result
+    refinement_ = std::make_unique<FullWaveform::WindowedRefinement>(input, grids, first, settings);
   }
   void advance(std::uint32_t finishedBelow, bool last = false) {
     const auto start = std::chrono::steady_clock::now();
@@ -177,7 +179,8 @@ RunSummary runOne(const std::string& inputPath, const RunSettings& settings,
   std::unique_ptr<RunRefinement> refinement;
   if (settings.refine)
     refinement = std::make_unique<RunRefinement>(
-        bundle, outputs, std::uint32_t(std::max<std::int32_t>(input.fragBegin, 0)), input.fragEnd);
+        bundle, outputs, std::uint32_t(std::max<std::int32_t>(input.fragBegin, 0)), input.fragEnd,
+        settings.threads);
   auto sink = Vorlap::makeStrong<StreamingProgress>(bar, outputs, settings.threads < 2);
   if (refinement) sink->setBeforeWrite([&](unsigned current) { refinement->advance(current); });
   input.progress = Vorlap::WeakPtr<Vorlap::ProgressSink>(sink);

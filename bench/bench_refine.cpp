@@ -6,8 +6,9 @@
 // points it classified as noise are counted apart, with how many of them had the right zone.
 // --broken lists the right points it moved, --marked the right surface points it made noise.
 //   bench_refine --dump DIR [--small] [--shots N] [NAME-PART]
-//   bench_refine [--repeat N] [--broken] [--marked] [--window [--context L] [--block L]
-//                [--fragment-shots N]] FILE...
+//   bench_refine [--repeat N] [--threads N] [--broken] [--marked] [--window [--context L]
+//                [--settled L] [--block L] [--fragment-shots N]] FILE...
+// --threads: threads that judge the echoes (the result is the same for any number).
 // With --window the arrays are cut into fragments of N shots (by recording shot; default
 // 100,000 as the scenes' surveys) and refined over the moving window as `quillo run` does;
 // it prints the figures of the windowed result and how many echoes got another zone or flag
@@ -377,8 +378,12 @@ int main(int argc, char** argv) {
       marked = true;
     else if (!std::strcmp(argv[i], "--window"))
       windowed = true;
+    else if (!std::strcmp(argv[i], "--threads") && i + 1 < argc)
+      settings.threads = unsigned(std::max(1, std::atoi(argv[++i])));
     else if (!std::strcmp(argv[i], "--context") && i + 1 < argc)
       w.window.contextLines = std::atoi(argv[++i]);
+    else if (!std::strcmp(argv[i], "--settled") && i + 1 < argc)
+      w.window.settledLines = std::atoi(argv[++i]);
     else if (!std::strcmp(argv[i], "--block") && i + 1 < argc)
       w.window.blockLines = std::atoi(argv[++i]);
     else if (!std::strcmp(argv[i], "--fragment-shots") && i + 1 < argc)
@@ -389,7 +394,8 @@ int main(int argc, char** argv) {
   if (files.empty()) {
     std::fprintf(stderr,
                  "usage: bench_refine --dump DIR [--small] [--shots N] [NAME-PART]\n"
-                 "       bench_refine [--repeat N] [--broken] [--marked] [--window [--context L] "
+                 "       bench_refine [--repeat N] [--threads N] [--broken] [--marked] "
+                 "[--window [--context L] [--settled L] "
                  "[--block L] [--fragment-shots N]] FILE...\n");
     return 2;
   }

@@ -1,12 +1,14 @@
 // The refinement over a moving window of fragments. Reads the fragments' shots and echoes as
 // they are added; writes, per block of fragments, the block's new zones and flags. Each
-// block is refined with `contextLines` scan lines either side (their results dropped), so an
-// echo near a block's edge is judged against the same neighbours as over the whole strip.
+// block is refined with `contextLines` scan lines after it (their results dropped) and
+// `settledLines` before it (final already, read as neighbours), so an echo near a block's
+// edge is judged against nearly the same neighbours as over the whole strip.
 #include "refine/RefineWindow.hpp"
 
 #include <algorithm>
 #include <cmath>
 
+#include "output/PointGeometry.hpp"
 #include "refine/ScanLines.hpp"
 
 namespace FullWaveform {
@@ -16,9 +18,10 @@ RefineWindow::RefineWindow(double lightSpeed, bool radial, const RefineSettings&
     : lightSpeed_(lightSpeed), radial_(radial), settings_(settings), window_(window) {}
 
 void RefineWindow::add(std::uint64_t key, FragmentShots shots, std::vector<WindowEcho> echoes) {
-  Held h{key, shotsSeen_, std::move(shots), std::move(echoes), {}};
+  Held h{key, shotsSeen_, std::move(shots), {}, std::move(echoes), {}};
+  h.angle.resize(h.shots.time.size());
   for (std::size_t s = 0; s < h.shots.time.size(); ++s) {
-    const double a = scanAngleOf(h.shots.direction[s], radial_, lastAngle_);
+    const double a = h.angle[s] = scanAngleOf(h.shots.direction[s], radial_, lastAngle_);
     if (shotsSeen_ == 0 || startsScanLine(lastAngle_, a, lastOrigin_, h.shots.origin[s]))
       h.lineStarts.push_back(shotsSeen_);
     lastAngle_ = a, lastOrigin_ = h.shots.origin[s];
@@ -57,7 +60,7 @@ bool RefineWindow::nextSpan(bool last, Span& span) const {
   const auto context = std::int64_t(window_.contextLines);
   const std::uint64_t blockFirst = held_[p].firstShot, held = shotsSeen_;
   const std::uint64_t blockEnd = held_[q - 1].firstShot + held_[q - 1].shots.time.size();
-  const std::int64_t first = lineOf(starts, blockFirst) - context;
+  const std::int64_t first = lineOf(starts, blockFirst) - window_.settledLines;
   span.blockEnd = q;
   span.first = first >= 0 ? starts[std::size_t(first)] : held_.front().firstShot;
   if (window_.blockLines <= 0) span.first = held_.front().firstShot;
@@ -73,7 +76,9 @@ bool RefineWindow::nextSpan(bool last, Span& span) const {
 
 namespace {
 
-void appendShots(const FragmentShots& from, std::size_t lo, std::size_t hi, ShotTable& to) {
+void appendShots(const FragmentShots& from, const LargeVector<double>& angle, std::size_t lo,
+                 std::size_t hi, ShotTable& to) {
+  to.angle.insert(to.angle.end(), angle.begin() + lo, angle.begin() + hi);
   to.time.insert(to.time.end(), from.time.begin() + lo, from.time.begin() + hi);
   to.origin.insert(to.origin.end(), from.origin.begin() + lo, from.origin.begin() + hi);
   to.direction.insert(to.direction.end(), from.direction.begin() + lo, from.direction.begin() + hi);
@@ -83,17 +88,30 @@ void appendShots(const FragmentShots& from, std::size_t lo, std::size_t hi, Shot
 
 void RefineWindow::refineSpan(const Span& span,
                               const std::function<void(const RefinedBlock&)>& apply) {
-  ShotTable table;
+  // The arrays of the last block are filled again: their memory is not asked for anew (fresh
+  // pages cost as much as copying into them).
+  ShotTable& table = table_;
+  RefineEchoes& echoes = echoes_;
   table.lightSpeed = lightSpeed_, table.radial = radial_;
+  table.time.clear(), table.origin.clear(), table.direction.clear(), table.angle.clear();
+  echoes.clear();
+  std::size_t shots = 0, given = 0;
   for (const Held& h : held_) {
     const std::uint64_t lo = std::max(h.firstShot, span.first);
     const std::uint64_t hi = std::min(h.firstShot + h.shots.time.size(), span.end);
-    if (lo < hi) appendShots(h.shots, lo - h.firstShot, hi - h.firstShot, table);
+    shots += lo < hi ? hi - lo : 0, given += h.echoes.size();
+  }
+  table.time.reserve(shots), table.origin.reserve(shots), table.direction.reserve(shots);
+  table.angle.reserve(shots), echoes.reserve(given);
+  for (const Held& h : held_) {
+    const std::uint64_t lo = std::max(h.firstShot, span.first);
+    const std::uint64_t hi = std::min(h.firstShot + h.shots.time.size(), span.end);
+    if (lo < hi) appendShots(h.shots, h.angle, lo - h.firstShot, hi - h.firstShot, table);
   }
   sortByTime(table);
-  RefineEchoes echoes;
   std::vector<RefinedBlock::Fragment> block;
   std::uint32_t hint = 0;
+  std::size_t settled = 0;  // the echoes of refined fragments come first
   for (std::size_t k = 0; k < held_.size(); ++k) {
     const bool inBlock = !held_[k].done && k < span.blockEnd;
     if (inBlock) block.push_back({held_[k].key, {}});
@@ -103,10 +121,31 @@ void RefineWindow::refineSpan(const Span& span,
       if (inBlock) block.back().echo.push_back(found ? std::int64_t(echoes.size()) : -1);
       if (found) echoes.push_back({hint, e.oneWayTime, e.zone, e.noise});
     }
+    if (held_[k].done) settled = echoes.size();
   }
-  const RefineResult result = refineEchoZones(table, echoes, settings_);
+  const RefineResult result = refineEchoZones(table, echoes, settings_, settled);
+  std::vector<std::vector<std::int64_t>> at;
+  for (const RefinedBlock::Fragment& f : block) at.push_back(f.echo);
   apply(RefinedBlock{table, echoes, result, std::move(block)});
-  for (std::size_t k = 0; k < span.blockEnd; ++k) held_[k].done = true;
+  for (std::size_t k = 0, f = 0; k < span.blockEnd; ++k)
+    if (!held_[k].done) settle(held_[k], at[f++], table, echoes, result), held_[k].done = true;
+}
+
+// Gives a refined fragment's echoes their final zones (`at`: each echo's position in the
+// block's arrays, -1 where it was not placed): the next block reads them as they are, as
+// neighbours, instead of refining them again.
+void RefineWindow::settle(Held& h, const std::vector<std::int64_t>& at, const ShotTable& table,
+                          const RefineEchoes& echoes, const RefineResult& result) {
+  for (std::size_t j = 0; j < at.size(); ++j) {
+    if (at[j] < 0) continue;
+    const auto k = std::size_t(at[j]);
+    const RefineEcho& was = echoes[k];
+    if (result.zone[k] == was.zone) continue;
+    const auto to = std::uint32_t(std::int64_t(was.emitter) + was.zone - result.zone[k]);
+    WindowEcho& e = h.echoes[j];
+    e.oneWayTime = oneWayTimeFrom(was.oneWayTime, table.time[was.emitter], table.time[to]);
+    e.shotTime = table.time[to], e.zone = result.zone[k];
+  }
 }
 
 // Lets go of the refined fragments whose shots all lie before `position`.
@@ -125,12 +164,12 @@ std::size_t RefineWindow::refineReady(bool last,
   while (nextSpan(last, span)) {
     for (std::size_t k = 0; k < span.blockEnd; ++k) handed += !held_[k].done;
     refineSpan(span, apply);
-    // The next block's context starts `contextLines` lines before its first shot.
+    // The next block reads `settledLines` lines before its first shot.
     const std::vector<std::uint64_t> starts = lineStarts();
     std::size_t p = 0;
     while (p < held_.size() && held_[p].done) ++p;
     const std::uint64_t next = p < held_.size() ? held_[p].firstShot : shotsSeen_;
-    const std::int64_t first = lineOf(starts, next) - window_.contextLines;
+    const std::int64_t first = lineOf(starts, next) - window_.settledLines;
     if (first >= 0) dropBefore(starts[std::size_t(first)]);
   }
   return handed;
@@ -145,13 +184,15 @@ void sortByTime(ShotTable& table) {
   ShotTable sorted;
   sorted.time.reserve(order.size()), sorted.origin.reserve(order.size());
   sorted.direction.reserve(order.size());
+  const bool angles = table.angle.size() == table.time.size();
   for (const std::uint32_t k : order) {
     sorted.time.push_back(table.time[k]);
     sorted.origin.push_back(table.origin[k]);
     sorted.direction.push_back(table.direction[k]);
+    if (angles) sorted.angle.push_back(table.angle[k]);
   }
   table.time.swap(sorted.time), table.origin.swap(sorted.origin);
-  table.direction.swap(sorted.direction);
+  table.direction.swap(sorted.direction), table.angle.swap(sorted.angle);
 }
 
 bool findShot(const LargeVector<double>& times, double t, std::uint32_t& hint) {

@@ -15,16 +15,20 @@
 namespace FullWaveform {
 
 struct WindowSettings {
-  // Scan lines refined along on each side of a block, their results dropped. A move reaches
-  // the four lines each side, but moves chain over the iterations: on the 13 full-size
-  // scenes 12 lines leave 0 to 8 echoes of 2 to 4 million with another zone or flag than the
-  // whole strip gives, 8 lines up to 13 on the demo scene, 24 lines none
+  // Scan lines after a block refined along, their results dropped. A move reaches the four
+  // lines each side, but moves chain over the iterations: on the 13 full-size scenes 12
+  // lines leave 0 to 8 echoes of 2 to 4 million with another zone or flag than the whole
+  // strip gives, 8 lines up to 13 on the demo scene, 24 lines none
   // (bench_refine --window --context N).
   int contextLines = 12;
   // Scan lines a block gathers at least (whole fragments). A block's output is held until
   // the lines after it are in; fewer lines hold less but refine the context lines more often
-  // (each block refines 2 x contextLines more). 0: one block of everything (the whole strip).
+  // (each block refines contextLines more). 0: one block of everything (the whole strip).
   int blockLines = 30;
+  // Scan lines before a block read as neighbours with their final zones (refined with the
+  // block before); never judged again. They must cover the lines a judgement reads: the four
+  // each side of an echo's own line and of its candidates' (bench_refine --window --settled N).
+  int settledLines = 6;
 };
 
 // An echo as a fragment's output gives it: its emitting shot by GPS time.
@@ -78,6 +82,7 @@ class RefineWindow {
     std::uint64_t key;
     std::uint64_t firstShot;  // position of its first shot in the strip
     FragmentShots shots;
+    LargeVector<double> angle;  // each shot's scan angle: worked out once, read by every block
     std::vector<WindowEcho> echoes;
     std::vector<std::uint64_t> lineStarts;  // strip positions of the lines starting in it
     bool done = false;
@@ -88,6 +93,8 @@ class RefineWindow {
   };
   bool nextSpan(bool last, Span& span) const;
   void refineSpan(const Span& span, const std::function<void(const RefinedBlock&)>& apply);
+  static void settle(Held& h, const std::vector<std::int64_t>& at, const ShotTable& table,
+                     const RefineEchoes& echoes, const RefineResult& result);
   void dropBefore(std::uint64_t position);
   std::vector<std::uint64_t> lineStarts() const;
 
@@ -96,6 +103,8 @@ class RefineWindow {
   RefineSettings settings_;
   WindowSettings window_;
   std::vector<Held> held_;
+  ShotTable table_;  // the last block's shots and echoes, their memory kept for the next
+  RefineEchoes echoes_;
   std::uint64_t shotsSeen_ = 0;
   double lastAngle_ = 0.0;
   Gemwold::PhysicalSpace::point lastOrigin_{};

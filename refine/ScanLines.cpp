@@ -37,8 +37,9 @@ ShotCells::ShotCells(const ShotTable& t, double binDegrees)
   double previous = 0.0;
   std::uint32_t current = 0;
   std::int32_t lo = 0, hi = 0;
+  const bool known = t.angle.size() == t.time.size();
   for (std::size_t s = 0; s < t.time.size(); ++s) {
-    const double a = scanAngleOf(t.direction[s], t.radial, previous);
+    const double a = known ? t.angle[s] : scanAngleOf(t.direction[s], t.radial, previous);
     if (s > 0 && startsScanLine(previous, a, t.origin[s - 1], t.origin[s])) ++current;
     if (current == lineOrigin.size()) lineOrigin.push_back(t.origin[s]);
     previous = a;

@@ -25,6 +25,8 @@ struct ShotTable {
   LargeVector<Gemwold::PhysicalSpace::vector> direction;
   double lightSpeed = 0.0;
   bool radial = false;  // scan angle: the azimuth around the cone instead of across the track
+  // Each shot's scan angle (scanAngleOf) where the caller has it already; empty: worked out.
+  LargeVector<double> angle;
 };
 
 struct RefineEcho {
@@ -61,6 +63,9 @@ struct RefineSettings {
   // has this many times the echoes near it (a share of 0: never).
   double outnumberedShare = 0.625;
   double outnumberedSupport = 4.0;
+  // Threads that judge the echoes (each echo's verdict is its own); the result is the same
+  // for any number.
+  unsigned threads = 1;
 };
 
 // Bits of a point's "Refined" value.
@@ -76,7 +81,10 @@ struct RefineResult {
   std::uint64_t moved = 0, markedNoise = 0, judged = 0;
 };
 
+// The first `settled` echoes are final already (refined with an earlier block of a window):
+// they are neighbours with their zones as given, never judged, moved nor made noise.
 QUILLO_API RefineResult refineEchoZones(const ShotTable& shots, const RefineEchoes& echoes,
-                                        const RefineSettings& settings = {});
+                                        const RefineSettings& settings = {},
+                                        std::size_t settled = 0);
 
 }  // namespace FullWaveform

@@ -3,10 +3,12 @@
 // wrong (whole blocks in a few consecutive lines), and off-surface echoes added.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cmath>
 #include <functional>
 
 #include "output/PointGeometry.hpp"
+#include "refine/ParallelChunks.hpp"
 #include "refine/SurfaceFit.hpp"
 
 namespace FullWaveform {
@@ -231,6 +233,53 @@ TEST(SurfaceFit, EchoesNamingNoShotOfTheTableAreLeftAlone) {
   EXPECT_EQ(r.flag[stray], kUntouched);
   EXPECT_EQ(r.flag[stray + 1], kUntouched);
   EXPECT_EQ(r.moved, 0u);
+}
+
+TEST(SurfaceFit, SettledEchoesAreNeighboursButNeverJudged) {
+  Scan scan(kFlat, 14, 300);
+  scan.spoilBlock(1, 1, 100, 30);  // among the settled lines: stays as given
+  scan.spoilBlock(8, 1, 100, 30);
+  const std::size_t settled = 4 * 300;
+  const RefineResult r = refineEchoZones(scan.shots, scan.echoes, {}, settled);
+  for (std::size_t i = 0; i < settled; ++i) {
+    ASSERT_EQ(r.zone[i], scan.echoes[i].zone) << i;
+    ASSERT_EQ(r.flag[i], kUntouched) << i;
+  }
+  EXPECT_EQ(r.moved, 30u);
+  EXPECT_EQ(scan.wrong(r), 30u);  // only the settled block
+  EXPECT_EQ(r.judged, scan.echoes.size() - settled);
+}
+
+TEST(SurfaceFit, TheResultIsTheSameOnAnyNumberOfThreads) {
+  // Enough echoes for several chunks, with wrong blocks and birds in each.
+  Scan scan(kFlat, 60, 300);
+  for (int first = 4; first < 56; first += 9) scan.spoilBlock(first, 2, 40 + 3 * first, 25);
+  for (int l = 6; l < 60; l += 11) scan.addEcho(std::uint32_t(l * 300 + 150), 60.0);
+  const RefineResult one = refineEchoZones(scan.shots, scan.echoes);
+  EXPECT_GT(one.moved, 200u);
+  EXPECT_GE(one.markedNoise, 4u);
+  for (unsigned threads : {2u, 3u}) {
+    RefineSettings settings;
+    settings.threads = threads;
+    const RefineResult r = refineEchoZones(scan.shots, scan.echoes, settings);
+    EXPECT_EQ(r.zone, one.zone) << threads;
+    EXPECT_EQ(r.flag, one.flag) << threads;
+    EXPECT_EQ(r.judged, one.judged) << threads;
+  }
+}
+
+TEST(SurfaceFit, ChunksCoverEveryIndexOnceOnAnyNumberOfThreads) {
+  for (std::size_t n : {0u, 1u, 7u, 10000u})
+    for (unsigned threads : {1u, 2u, 5u}) {
+      std::vector<std::atomic<int>> seen(n);
+      forEachChunk(n, chunkCount(n, 1000), threads,
+                   [&](std::size_t, std::size_t lo, std::size_t hi) {
+                     for (std::size_t i = lo; i < hi; ++i) ++seen[i];
+                   });
+      for (std::size_t i = 0; i < n; ++i) ASSERT_EQ(seen[i].load(), 1) << n << " " << threads;
+    }
+  EXPECT_EQ(chunkCount(0), 1u);
+  EXPECT_EQ(chunkCount(1000000, 1000, 64), 64u);
 }
 
 }  // namespace

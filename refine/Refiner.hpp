@@ -1,0 +1,172 @@
+// The surface-continuity refiner shared by its two files: the fit test and the judgement
+// (SurfaceFit.cpp), the placement of the neighbours in cells and the iterations of moves
+// (RefineIterations.cpp). Internal to the refinement.
+#pragma once
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+#include "output/PointGeometry.hpp"
+#include "refine/LargeArrays.hpp"
+#include "refine/ScanLines.hpp"
+#include "refine/SurfaceFit.hpp"
+
+namespace FullWaveform::surface_fit {
+
+using Gemwold::PhysicalSpace::point;
+
+constexpr int kMinLinesToJudge = 3;  // fewer lines with echoes nearby: too little to judge
+constexpr int kStraddleShots = 2;    // shots either side of a line change: no neighbour
+constexpr int kBlockReach = 1;       // a wrong block: its own line and at most one each side
+constexpr int kSurfaceBeyond = 2;    // lines each side of a wrong block that must fit the move
+constexpr int kFarthestBin = 10;     // bins searched each side where the near ones hold none
+
+template <class A>
+inline double squared(const A& a, const A& b) {
+  const double dx = a.x - b.x, dy = a.y - b.y, dz = a.z - b.z;
+  return dx * dx + dy * dy + dz * dz;
+}
+
+// A neighbour as the fit test reads it: its position, range, scan angle and emitting shot;
+// stored by cell so that a line's adjacent bins are contiguous.
+struct Neighbour {
+  point position;
+  double reach;
+  float angle;
+  std::uint32_t echo, emitter;
+};
+
+// The neighbours of each cell, placed with their current zones.
+struct Placement {
+  LargeVector<std::uint32_t> start, fill;  // cell c holds members[start[c], start[c+1])
+  LargeVector<Neighbour> members;
+  // One line's neighbours while it is sorted again: those that stay and those that join.
+  std::vector<Neighbour> line, joining;
+};
+
+// Cells in line order, a cell's neighbours in scan-angle order.
+inline bool byCellAndAngle(const Neighbour& a, const Neighbour& b, const ShotCells& cells) {
+  const std::int32_t binA = cells.bin[a.emitter], binB = cells.bin[b.emitter];
+  if (binA != binB) return binA < binB;
+  return a.angle != b.angle ? a.angle < b.angle : a.echo < b.echo;
+}
+
+struct Fit {
+  int lines = 0, fitting = 0;
+  // Which lines hold echoes, and which fit: bit k - 1 for the line k before, 16 + k - 1 after.
+  std::uint32_t lineMask = 0, fitMask = 0;
+};
+
+inline std::uint32_t lineBit(int side, int k) {
+  return 1u << ((side < 0 ? 0 : 16) + k - 1);
+}
+
+class Refiner {
+ public:
+  Refiner(const ShotTable& t, const RefineEchoes& e, const RefineSettings& s, std::size_t settled);
+
+  RefineResult run();
+
+ private:
+  bool active(std::size_t i) const { return active_[i]; }
+  // An echo placed within two shots of a line change (as first placed) may belong to the
+  // other line, and such echoes go wrong together, line after line, into a ghost strip that
+  // fits itself: they are judged, but are no neighbours.
+  bool straddlesLines(std::size_t i) const {
+    const std::int64_t e = emitter_[i], last = std::int64_t(shots_.time.size()) - 1;
+    const auto shot = [&](std::int64_t k) {
+      return std::size_t(std::clamp<std::int64_t>(k, 0, last));
+    };
+    return cells_.line[shot(e - kStraddleShots)] != cells_.line[shot(e + kStraddleShots)];
+  }
+  bool isNeighbour(std::size_t i) const { return active(i) && !straddles_[i]; }
+  point positionOf(std::size_t i) const {
+    const std::uint32_t e = emitter_[i];
+    return placeEcho(oneWay_[i], shots_.direction[e], shots_.origin[e], shots_.lightSpeed).position;
+  }
+  Neighbour neighbourOf(std::uint32_t i) const {
+    const std::uint32_t e = emitter_[i];
+    const point at = positionOf(i);
+    return {at, std::sqrt(squared(at, shots_.origin[e])), float(cells_.angle[e]), i, e};
+  }
+  struct CellMove {
+    std::uint32_t echo, from, to;  // a neighbour and the cells it leaves and joins
+  };
+  void fillCells();
+  void updateCells(std::vector<CellMove>& moved);
+  bool unchangedSinceJudged(std::size_t i) const;
+  void markNoise();
+  void sortLine(std::size_t line);
+  bool fitsNothing(std::size_t i) const;
+  int linesBeyond(double share) const;
+  std::pair<int, int> candidateZones(int z) const;
+  int supportOf(std::size_t self, std::uint32_t emitter, const point& p) const;
+  // Echo i placed at the emitting shot `zone` would give (same arrival); false when that shot
+  // is not in the table or the echo would be nearer than the run accepts.
+  struct Candidate {
+    std::uint32_t emitter = 0;
+    double oneWay = 0.0;
+    point position{};
+  };
+  bool placeAsZone(std::size_t i, int zone, Candidate& out) const;
+  // What a candidate must still reach to matter: fitting lines and their share, and whether
+  // any fit at all is still to be found (for the noise test).
+  struct Hope {
+    int fitting = 0;
+    double share = 0.0;
+    bool needAny = false;
+  };
+  Fit fitOf(std::size_t self, std::uint32_t emitter, const point& p, int enough,
+            const Hope* hope = nullptr) const;
+  static bool hopeless(const Fit& fit, int remaining, const Hope& hope);
+  bool lineFits(std::uint32_t line, std::int32_t bin, std::size_t self, std::uint32_t emitter,
+                const point& p, bool& hasEchoes) const;
+  bool near(const Neighbour& m, const point& p, const point& origin,
+            const Gemwold::PhysicalSpace::vector& direction) const;
+  bool anyNear(std::size_t cellLo, std::size_t cellHi, std::size_t self, std::uint32_t emitter,
+               const point& p, bool& hasEchoes) const;
+  struct Verdict {
+    int zone = -1;       // the zone to move to; -1: stay
+    bool off = false;    // the current zone fits too few lines
+    bool unfit = false;  // no candidate fits any line
+    std::uint32_t emitter = 0;
+    double oneWay = 0.0;
+  };
+  Verdict outnumbered(std::size_t i, const Fit& now) const;
+  Verdict judge(std::size_t i) const;
+  void judgeMarked(const std::vector<std::uint8_t>& judgeNow, std::uint16_t stamp,
+                   std::vector<std::pair<std::uint32_t, Verdict>>& moves);
+  void keepSupportedMoves(std::vector<std::pair<std::uint32_t, Verdict>>& moves);
+  void applyMoves(const std::vector<std::pair<std::uint32_t, Verdict>>& moves, std::uint16_t stamp,
+                  std::vector<std::uint32_t>& changedCells);
+  void markNearChanges(const std::vector<std::uint32_t>& changedCells,
+                       std::vector<std::uint8_t>& near) const;
+
+  const ShotTable& shots_;
+  const RefineEchoes& echoes_;
+  RefineSettings settings_;
+  ShotCells cells_;
+  Placement placed_;
+  LargeVector<std::uint32_t> emitter_;
+  LargeVector<double> oneWay_;
+  int maxZone_ = 0;
+  std::size_t settled_ = 0;  // echoes [0, settled_) are final: neighbours, never judged
+  std::vector<bool> active_, straddles_;
+  LargeVector<std::uint32_t> byShot_;        // echoes by first emitting shot
+  std::vector<std::uint8_t> moving_echoes_;  // echoes about to move, marked for a while
+  std::vector<std::uint32_t> movingList_;
+  // While set, the echoes marked here count as no neighbours (they are about to move).
+  const std::vector<std::uint8_t>* moving_ = nullptr;
+  std::vector<CellMove> cellMoves_;
+  // Per echo its last verdict (off; no zone fits) and when it was given (iteration + 1); per
+  // cell the last iteration + 1 that changed it.
+  std::vector<std::uint8_t> off_, unfitWhenJudged_;  // bytes: written by several threads
+  std::vector<std::uint16_t> judgedAt_, changedAt_;
+  RefineResult result_;
+  std::vector<std::vector<std::pair<std::uint32_t, Verdict>>> chunkMoves_;  // per chunk judged
+};
+
+}  // namespace FullWaveform::surface_fit
