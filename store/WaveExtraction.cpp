@@ -61,7 +61,7 @@ std::string iniWavePoints(FatBoy<unsigned short>& fb) {
   }
   if (fb.OPP) online = evaluateOnline(fb);
   if (fb.FWF && fb.OPP) {
-    mergeWavePoints(fb, online, fromWaveforms);
+    mergeWavePoints(fb, std::move(online), std::move(fromWaveforms));
   } else if (fb.FWF) {
     fb.wavePoints = std::move(fromWaveforms);
     fb.fwfIndex.resize(fb.wavePoints.size());
@@ -73,8 +73,7 @@ std::string iniWavePoints(FatBoy<unsigned short>& fb) {
   return "";
 }
 
-void mergeWavePoints(FatBoy<unsigned short>& fb, const WaveList& online,
-                     const WaveList& fromWaveforms) {
+void mergeWavePoints(FatBoy<unsigned short>& fb, WaveList online, WaveList fromWaveforms) {
   struct Source {
     std::uint32_t index;
     bool fromWaveforms;
@@ -106,7 +105,7 @@ void mergeWavePoints(FatBoy<unsigned short>& fb, const WaveList& online,
   fb.fwfIndex.assign(count, -1);
   std::size_t k = 0;
   auto place = [&](const Source& s) {
-    fb.wavePoints[k] = s.fromWaveforms ? fromWaveforms[s.index] : online[s.index];
+    fb.wavePoints[k] = std::move(s.fromWaveforms ? fromWaveforms[s.index] : online[s.index]);
     if (s.fromWaveforms) fb.fwfIndex[k] = std::int32_t(s.index);
     ++k;
   };

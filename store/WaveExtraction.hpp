@@ -16,8 +16,8 @@ using WaveList = std::vector<Vorlap::StrongPtr<WavePoints<unsigned short>>>;
 QUILLO_API std::string iniWavePoints(FatBoy<unsigned short>& fatBoy);
 
 // Merges online waves `online` and waveform waves `fromWaveforms` by wave time (waveform
-// waves first among equal times), dropping empty entries and saturated high-gain waves.
-void mergeWavePoints(FatBoy<unsigned short>& fatBoy, const WaveList& online,
-                     const WaveList& fromWaveforms);
+// waves first among equal times), dropping empty entries and saturated high-gain waves. The
+// lists are taken: their waves move into the store without touching their reference counts.
+void mergeWavePoints(FatBoy<unsigned short>& fatBoy, WaveList online, WaveList fromWaveforms);
 
 }  // namespace FullWaveform

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 
 namespace FullWaveform {
 
@@ -107,6 +108,47 @@ ZoneScore scoreZones(const CandidateRows& rows, std::size_t count, std::uint32_t
   return s;
 }
 
+namespace {
+
+// The value after the last jump of more than `threshold` between sorted neighbours of
+// `values` (all within [low, high]), NaN when there is none. Values fall into buckets of the
+// threshold's width in value order (the bucket index is monotonic in the value); a bucket
+// whose values span no more than the threshold holds no such jump, so the jumps are between
+// one filled bucket's largest value and the next one's smallest, found without a sort. Too
+// many buckets (far outliers) or a wider bucket (rounding) take the sort.
+double lastJump(std::vector<double>& values, double low, double high, double threshold) {
+  const double none = std::numeric_limits<double>::quiet_NaN();
+  const double span = (high - low) / threshold;
+  if (threshold > 0.0 && span < 2.0 * double(values.size()) + 64.0) {
+    thread_local std::vector<double> lowest, highest;
+    lowest.assign(std::size_t(span) + 1, none);
+    highest.assign(lowest.size(), none);
+    for (double v : values) {
+      const auto b = std::size_t((v - low) / threshold);
+      lowest[b] = std::isnan(lowest[b]) ? v : std::min(lowest[b], v);
+      highest[b] = std::isnan(highest[b]) ? v : std::max(highest[b], v);
+    }
+    bool bucketsHoldNoJump = true;
+    for (std::size_t b = 0; b < lowest.size(); ++b)
+      bucketsHoldNoJump = bucketsHoldNoJump && !(highest[b] - lowest[b] > threshold);
+    if (bucketsHoldNoJump) {
+      double above = none;  // the smallest value of the next filled bucket up
+      for (std::size_t b = lowest.size(); b-- > 0;) {
+        if (std::isnan(lowest[b])) continue;
+        if (!std::isnan(above) && above - highest[b] > threshold) return above;
+        above = lowest[b];
+      }
+      return none;
+    }
+  }
+  std::sort(values.begin(), values.end());
+  TransitionTest test{threshold};
+  for (std::size_t p = 1; p < values.size(); ++p) test(values[p - 1], values[p], std::int32_t(p));
+  return test.transition < 0 ? none : values[std::size_t(test.transition)];
+}
+
+}  // namespace
+
 // Only the value at the last jump matters: the rows sorted below it are exactly those whose
 // travel time is less than it (NaN sorts after everything and is never less).
 void transitionShift(const CandidateRows& rows, std::size_t count, double threshold,
@@ -124,12 +166,8 @@ void transitionShift(const CandidateRows& rows, std::size_t count, double thresh
   // No step between sorted neighbours exceeds the whole span (rounding is monotonic): most
   // blocks lie within one zone and need no sort.
   if (high - low <= threshold) return;
-  std::sort(sortedLengths.begin(), sortedLengths.end());
-  TransitionTest test{threshold};
-  for (std::size_t p = 1; p < sortedLengths.size(); ++p)
-    test(sortedLengths[p - 1], sortedLengths[p], std::int32_t(p));
-  if (test.transition < 0) return;
-  const double cut = sortedLengths[std::size_t(test.transition)];
+  const double cut = lastJump(sortedLengths, low, high, threshold);
+  if (std::isnan(cut)) return;
   for (std::size_t k = 0; k < count; ++k)
     if (rows.at(k, 0, 0) < cut) shift[k] = -1;
 }

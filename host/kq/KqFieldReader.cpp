@@ -95,6 +95,19 @@ bool readRowsByChunk(FieldValues& v, hsize_t first, hsize_t count, unsigned char
   const std::size_t component = elementBytes(v.type) / componentCount(v.type);
   FieldValues::Cached& cache = v.cache();
   for (hsize_t c = first / v.chunkRows; c * v.chunkRows < first + count; ++c) {
+    // A chunk wholly inside the rows asked for unpacks straight into place; the cache keeps
+    // the chunks a fragment shares with its neighbours.
+    const bool whole = c * v.chunkRows >= first && (c + 1) * v.chunkRows <= first + count;
+    if (whole && cache.chunk != c) {
+      if (!fetchChunk(v.set, c * v.chunkRows, chunkBytes, cache.packed)) return false;
+      lock.unlock();
+      const bool unpacked =
+          decodeChunk(cache.packed.data(), cache.packed.size(), component, v.shuffled,
+                      out + (c * v.chunkRows - first) * v.rowBytes, chunkBytes);
+      lock.lock();
+      if (!unpacked) return false;
+      continue;
+    }
     if (cache.chunk != c) {
       cache.chunk = ~hsize_t(0);
       if (!fetchChunk(v.set, c * v.chunkRows, chunkBytes, cache.packed)) return false;

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstring>
 #include <thread>
+#include <unordered_map>
 
 #include "kq/ChunkCodec.hpp"
 #include "kq/KqAttributes.hpp"
@@ -89,6 +90,12 @@ void FieldValuesWriter::sealChunk() {
   tail_.reserve(chunkRows_ * rowBytes_);
 }
 
+void FieldValuesWriter::adoptPacked(std::size_t k, const FieldValuesWriter& from,
+                                    std::size_t fromK) {
+  pending_[k].bytes = from.pending_[fromK].bytes;
+  pending_[k].packed = true;
+}
+
 void FieldValuesWriter::pack(std::size_t k) {
   Sealed& chunk = pending_[k];
   if (chunk.packed) return;
@@ -98,19 +105,62 @@ void FieldValuesWriter::pack(std::size_t k) {
   chunk.packed = true;
 }
 
+namespace {
+
+using ChunkRef = std::pair<FieldValuesWriter*, std::size_t>;
+
+// Cheap first test of two chunks being the same: size, element size and a few sampled bytes.
+std::uint64_t sampleKey(const std::vector<unsigned char>& b, std::size_t component) {
+  std::uint64_t key = b.size() * 31 + component;
+  for (std::size_t i = 0; i < b.size(); i += 4093) key = key * 1099511628211ull + b[i];
+  return key * 1099511628211ull + (b.empty() ? 0 : b.back());
+}
+
+// For each chunk, the earlier one in `work` with the same values and element size, or itself.
+// A field saved in two charts (the map positions under the identity transform) then is
+// deflated once; deflate is deterministic, so the copy is the very bytes packing would give.
+std::vector<std::size_t> sameAsEarlier(const std::vector<ChunkRef>& work) {
+  std::vector<std::size_t> source(work.size());
+  std::unordered_map<std::uint64_t, std::vector<std::size_t>> byKey;
+  for (std::size_t i = 0; i < work.size(); ++i) {
+    source[i] = i;
+    const auto& [field, k] = work[i];
+    if (field->isPacked(k)) continue;
+    auto& candidates = byKey[sampleKey(field->chunkBytes(k), field->componentBytes())];
+    for (std::size_t j : candidates)
+      if (work[j].first->componentBytes() == field->componentBytes() &&
+          work[j].first->chunkBytes(work[j].second) == field->chunkBytes(k)) {
+        source[i] = j;
+        break;
+      }
+    if (source[i] == i) candidates.push_back(i);
+  }
+  return source;
+}
+
+}  // namespace
+
 void packChunks(const std::vector<FieldValuesWriter*>& fields, unsigned threads) {
-  std::vector<std::pair<FieldValuesWriter*, std::size_t>> work;
+  std::vector<ChunkRef> work;
   for (FieldValuesWriter* f : fields)
     for (std::size_t k = 0; k < f->pendingChunks(); ++k) work.emplace_back(f, k);
+  const std::vector<std::size_t> source = sameAsEarlier(work);
+  std::vector<std::size_t> unique;
+  for (std::size_t i = 0; i < work.size(); ++i)
+    if (source[i] == i) unique.push_back(i);
   std::atomic<std::size_t> next{0};
   const auto packSome = [&] {
-    for (std::size_t k; (k = next++) < work.size();) work[k].first->pack(work[k].second);
+    for (std::size_t k; (k = next++) < unique.size();)
+      work[unique[k]].first->pack(work[unique[k]].second);
   };
   std::vector<std::thread> helpers;
-  for (std::size_t t = 1; t < std::min<std::size_t>(threads, work.size()); ++t)
+  for (std::size_t t = 1; t < std::min<std::size_t>(threads, unique.size()); ++t)
     helpers.emplace_back(packSome);
   packSome();
   for (std::thread& h : helpers) h.join();
+  for (std::size_t i = 0; i < work.size(); ++i)
+    if (source[i] != i)
+      work[i].first->adoptPacked(work[i].second, *work[source[i]].first, work[source[i]].second);
 }
 
 bool FieldValuesWriter::createValues(hid_t fieldGroup, bool extendible) {

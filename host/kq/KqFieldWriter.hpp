@@ -42,6 +42,13 @@ class FieldValuesWriter {
   // (no HDF5 call: threads may pack different chunks at once). store() packs any left.
   std::size_t pendingChunks() const { return pending_.size(); }
   void pack(std::size_t k);
+  // The k-th pending chunk's bytes (its values, or once packed its stored bytes), whether it
+  // is packed, and the bytes per component; adoptPacked() takes another writer's packed chunk
+  // of the same values.
+  const std::vector<unsigned char>& chunkBytes(std::size_t k) const { return pending_[k].bytes; }
+  bool isPacked(std::size_t k) const { return pending_[k].packed; }
+  std::size_t componentBytes() const { return component_; }
+  void adoptPacked(std::size_t k, const FieldValuesWriter& from, std::size_t fromK);
   // Writes the chunks filled since the last call into the field group's dataset.
   bool store(hid_t fieldGroup);
   // Writes the last chunk, the dataset's final extent and the fragment table.

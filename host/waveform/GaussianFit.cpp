@@ -30,17 +30,20 @@ struct Count<0> {
   static std::size_t of(const std::vector<GaussianComponent>& c) { return c.size(); }
 };
 
-// Fills `values` with every component's Gaussian at every sample of the window and returns
-// the weighted sum of squared residuals.
+// Fills `values` with every component's Gaussian at every sample of the window, followed by
+// the samples' standardised offsets u (which the Jacobian needs again: one division less per
+// sample there), and returns the weighted sum of squared residuals.
 template <std::size_t K>
 double evaluate(const Window& win, const std::vector<GaussianComponent>& c,
                 std::vector<double>& values) {
   const std::size_t len = win.size(), count = Count<K>::of(c);
-  values.resize(count * len);
+  values.resize(2 * count * len);
   for (std::size_t k = 0; k < count; ++k) {
     double* out = values.data() + k * len;
+    double* offsets = values.data() + (count + k) * len;
     for (std::size_t i = 0; i < len; ++i) {
       const double u = (double(win.lo + i) - c[k].centre) / c[k].sigma;
+      offsets[i] = u;
       out[i] = std::exp(-0.5 * u * u);
     }
   }
@@ -101,10 +104,9 @@ void sumSamples(const Window& win, const std::vector<GaussianComponent>& c, cons
   for (std::size_t i = 0; i < len; ++i) {
     const double wi = win.w[win.lo + i];
     if (wi == 0.0) continue;
-    const double t = double(win.lo + i);
     double model = win.background;
     for (std::size_t k = 0; k < n / 3; ++k) {
-      const double u = (t - c[k].centre) / c[k].sigma, e = values[k * len + i];
+      const double u = values[(n / 3 + k) * len + i], e = values[k * len + i];
       j[3 * k] = e;
       j[3 * k + 1] = c[k].amplitude * e * u / c[k].sigma;
       j[3 * k + 2] = c[k].amplitude * e * u * u / c[k].sigma;

@@ -21,7 +21,8 @@ struct FitLimits {
 // every sample for the current and the trial parameters, so each is evaluated once per
 // iteration, and the normal equations.
 struct FitWorkspace {
-  std::vector<double> current, trial;  // component-major: [k * window + sample]
+  // Component-major Gaussians [k * window + sample], then the same for their offsets u.
+  std::vector<double> current, trial;
   std::vector<double> jtj, jtr, system, step, jacobianRow;
   std::vector<GaussianComponent> trialComponents;
 };

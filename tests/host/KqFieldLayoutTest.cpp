@@ -7,6 +7,7 @@
 
 #include <thread>
 
+#include "kq/ChunkCodec.hpp"
 #include "kq/KqFieldWriter.hpp"
 #include "support/Arrays.hpp"
 #include "support/BundleCompare.hpp"
@@ -184,6 +185,37 @@ TEST(KqFieldLayout, CopiesForOtherThreadsReadNeighbouringFragments) {
     threads.emplace_back([&, t] { differences[t] = firstDifference(made, copies[t]); });
   for (auto& t : threads) t.join();
   EXPECT_EQ(differences, (std::vector<std::string>{"", ""}));
+}
+
+// A field saved in two charts is deflated once: its chunks are stored alike. A chunk that
+// differs in one byte, away from the bytes compared first, keeps its own values.
+TEST(KqFieldLayout, ChunksOfEqualValuesArePackedOnce) {
+  std::vector<float> values(2 * kq::kFieldChunkValues), other;
+  for (std::size_t k = 0; k < values.size(); ++k) values[k] = valueAt<float>(k % 977, 1);
+  other = values;
+  other[kq::kFieldChunkValues + 5] += 1.0f;
+  const auto rowsOf = [](const std::vector<float>& v) {
+    return kq::StoredRows{
+        ElementType::Float, 1, {v.size()}, reinterpret_cast<const unsigned char*>(v.data())};
+  };
+  kq::FieldValuesWriter a("a"), b("b"), c("c");
+  for (auto [w, v] : {std::pair{&a, &values}, std::pair{&b, &values}, std::pair{&c, &other}})
+    ASSERT_EQ(w->append("F", rowsOf(*v)), "");
+  kq::packChunks({&a, &b, &c}, 2);
+  const std::size_t chunkBytes = kq::kFieldChunkValues * sizeof(float);
+  for (std::size_t k = 0; k < 2; ++k) {
+    ASSERT_TRUE(a.isPacked(k) && b.isPacked(k) && c.isPacked(k));
+    EXPECT_EQ(a.chunkBytes(k), b.chunkBytes(k));
+    std::vector<float> back(kq::kFieldChunkValues);
+    for (auto [w, v] : {std::pair{&a, &values}, std::pair{&c, &other}}) {
+      const auto& stored = w->chunkBytes(k);
+      ASSERT_TRUE(kq::decodeChunk(stored.data(), stored.size(), sizeof(float), true,
+                                  reinterpret_cast<unsigned char*>(back.data()), chunkBytes));
+      EXPECT_TRUE(std::equal(back.begin(), back.end(), v->begin() + k * back.size()));
+    }
+  }
+  EXPECT_EQ(a.chunkBytes(0), c.chunkBytes(0));
+  EXPECT_NE(a.chunkBytes(1), c.chunkBytes(1));
 }
 
 TEST(KqFieldLayout, FragmentsThatDoNotFitTheirFieldAreNotSaved) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <random>
 
 #include "waveform/RowStatistics.hpp"
@@ -38,7 +39,40 @@ std::int32_t directMedian(std::vector<std::int32_t> y) {
   return y[y.size() / 2];
 }
 
+// The noise sigma summed plainly in 64 bits, to check the 32-bit blocks against.
+double plainNoiseSigma(const std::vector<std::int32_t>& y, std::int32_t background) {
+  std::int64_t absSum = 0;
+  for (std::int32_t v : y) absSum += std::abs(std::int64_t(v) - background);
+  double sigma = 1.2533 * double(absSum) / double(y.size());
+  for (int pass = 0; pass < 2; ++pass) {
+    const auto limit = std::int64_t(std::floor(3.5 * std::max(sigma, 0.5)));
+    std::int64_t squares = 0, count = 0;
+    for (std::int32_t v : y)
+      if (std::abs(std::int64_t(v) - background) <= limit)
+        squares += (std::int64_t(v) - background) * (std::int64_t(v) - background), ++count;
+    if (count) sigma = std::sqrt(double(squares) / double(count));
+  }
+  return sigma;
+}
+
 }  // namespace
+
+// Deviations up to the full 16 bits, rows long enough for several 32-bit blocks, limits
+// beyond 65535: the same bits as plain 64-bit sums.
+TEST(RowStatistics, NoiseSigmaEqualsPlainSums) {
+  std::mt19937_64 random(7);
+  for (const std::size_t n : {std::size_t(1), std::size_t(64), std::size_t(70000)})
+    for (const int spread : {3, 300, 65535}) {
+      std::uniform_int_distribution<int> sample(0, spread);
+      std::vector<std::int32_t> y(n);
+      for (auto& v : y) v = sample(random);
+      for (const std::int32_t background : {0, spread / 2, spread, 65535}) {
+        SCOPED_TRACE(testing::Message()
+                     << "n " << n << " spread " << spread << " background " << background);
+        ASSERT_EQ(noiseSigmaAround(y.data(), n, background), plainNoiseSigma(y, background));
+      }
+    }
+}
 
 TEST(RowStatistics, CountedResultsEqualDirectOnes) {
   std::mt19937_64 random(42);

@@ -1,7 +1,9 @@
 // Block scoring and transition detection on waves with chosen travel times.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <random>
 
 #include "support/StoreFixture.hpp"
 #include "zones/BlockScoring.hpp"
@@ -150,4 +152,66 @@ TEST(BlockScoring, ABlockAcrossAZoneChangeIsScoredWithTheShift) {
   EXPECT_EQ(fromRows.zones, r.zones);
   buffer.push_back(0xFFFFFFFFu);
   EXPECT_EQ(evaluateBlock(buffer, s.fb(), 0, 5, workspace).zones.back(), -1);
+}
+
+namespace {
+
+// The shift as found by sorting every valid travel time and taking the last jump.
+std::vector<std::int32_t> shiftBySorting(const std::vector<double>& lengths, double threshold) {
+  std::vector<double> sorted;
+  for (double v : lengths)
+    if (v != NO_LENGTH && !std::isnan(v)) sorted.push_back(v);
+  std::sort(sorted.begin(), sorted.end());
+  TransitionTest test{threshold};
+  for (std::size_t p = 1; p < sorted.size(); ++p) test(sorted[p - 1], sorted[p], std::int32_t(p));
+  std::vector<std::int32_t> shift(lengths.size(), 0);
+  if (test.transition < 0) return shift;
+  for (std::size_t k = 0; k < lengths.size(); ++k)
+    if (lengths[k] < sorted[std::size_t(test.transition)]) shift[k] = -1;
+  return shift;
+}
+
+}  // namespace
+
+// Clusters a zone apart with scatter, values on a grid (neighbours exactly the threshold
+// apart are no jump), duplicates, far outliers, infinities and entries without a travel
+// time: the same shift as sorting.
+TEST(BlockScoring, TransitionWithoutSortingEqualsSorting) {
+  std::mt19937_64 random(11);
+  std::uniform_real_distribution<double> unit(0.0, 1.0);
+  for (int trial = 0; trial < 4000; ++trial) {
+    // Half the trials on a grid of 1/64 with a threshold of 1/4: exact differences.
+    const bool grid = trial % 2 == 0;
+    const double threshold = grid ? 0.25 : 0.2 * 6.67e-6, base = grid ? 8.0 : 3e-5;
+    const std::size_t n = 1 + random() % 60;
+    const double scatter = threshold * std::vector<double>{0.0, 0.5, 1.0, 2.5}[trial / 2 % 4];
+    std::vector<double> lengths;
+    for (std::size_t k = 0; k < n; ++k) {
+      double v = base + double(random() % 3) * 5.0 * threshold + scatter * unit(random);
+      if (grid) v = std::floor(v * 64.0) / 64.0;
+      switch (random() % 40) {
+        case 0:
+          v = NO_LENGTH;
+          break;
+        case 1:
+          v = std::nan("");
+          break;
+        case 2:
+          v = (trial % 7 == 0) ? INFINITY : 1e3;
+          break;  // a far outlier
+        case 3:
+          v = lengths.empty() ? v : lengths.back() + threshold;
+          break;
+        case 4:
+          v = lengths.empty() ? v : lengths.back();
+          break;
+      }
+      lengths.push_back(v);
+    }
+    CandidateRows rows{lengths, 1};
+    std::vector<double> work;
+    std::vector<std::int32_t> shift;
+    transitionShift(rows, n, threshold, work, shift);
+    ASSERT_EQ(shift, shiftBySorting(lengths, threshold)) << "trial " << trial;
+  }
 }
