@@ -84,8 +84,10 @@ std::string FieldValuesWriter::append(const std::string& fragment, const StoredR
 // The tail as a stored chunk; a last chunk's rows past the end are zero, the fill value.
 void FieldValuesWriter::sealChunk() {
   tail_.resize(chunkRows_ * rowBytes_, 0);
-  pending_.push_back({std::move(tail_), false});
-  tail_ = {};
+  pending_.push_back({std::move(tail_), false, {}});
+  tail_ = std::move(spare_);
+  spare_ = {};
+  tail_.clear();
   tail_.reserve(chunkRows_ * rowBytes_);
 }
 
@@ -94,7 +96,8 @@ void FieldValuesWriter::pack(std::size_t k) {
   if (chunk.packed) return;
   std::vector<unsigned char> stored;
   encodeChunk(chunk.bytes.data(), chunk.bytes.size(), component_, stored);
-  chunk.bytes.swap(stored);
+  chunk.spent = std::move(chunk.bytes);
+  chunk.bytes = std::move(stored);
   chunk.packed = true;
 }
 
@@ -150,6 +153,7 @@ bool FieldValuesWriter::store(hid_t fieldGroup) {
     if (H5Dwrite_chunk(values_.get(), H5P_DEFAULT, 0, offset.data(), chunk.size(), chunk.data()) <
         0)
       return false;
+    if (spare_.capacity() < pending_[k].spent.capacity()) spare_ = std::move(pending_[k].spent);
   }
   pending_.clear();
   return true;
