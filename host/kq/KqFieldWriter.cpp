@@ -50,18 +50,21 @@ void FieldValuesWriter::fixShape(const StoredRows& rows) {
 }
 
 std::string FieldValuesWriter::append(const std::string& fragment, const StoredRows& rows) {
-  const std::string where = "fragment \"" + fragment + "\" of field \"" + field_ + "\"";
-  if (rows.dims.empty()) return where + " has no shape";
+  // Made only for a message: an allocation per fragment and field otherwise.
+  const auto where = [&] { return "fragment \"" + fragment + "\" of field \"" + field_ + "\""; };
+  if (rows.dims.empty()) return where() + " has no shape";
   if (!typed_) type_ = rows.type, rank_ = rows.rank, typed_ = true;
   if (rows.type != type_ || rows.rank != rank_)
-    return where + " is of type " + elementTypeName(rows.type) + ", rank " +
+    return where() + " is of type " + elementTypeName(rows.type) + ", rank " +
            std::to_string(rows.rank) + ", where the fragments before are of type " +
            elementTypeName(type_) + ", rank " + std::to_string(rank_);
-  const std::vector<hsize_t> inner(rows.dims.begin() + 1, rows.dims.end());
   // Empty fragments take the field's shape; the first fragment with rows fixes it.
-  if (rows.dims[0] > 0 && shaped_ && inner != inner_)
-    return where + " holds " + shapeText(inner) + " where the fragments before hold " +
-           shapeText(inner_) + ": the rows of one field are all of one shape";
+  if (rows.dims[0] > 0 && shaped_ &&
+      !std::equal(rows.dims.begin() + 1, rows.dims.end(), inner_.begin(), inner_.end()))
+    return where() + " holds " +
+           shapeText(std::vector<hsize_t>(rows.dims.begin() + 1, rows.dims.end())) +
+           " where the fragments before hold " + shapeText(inner_) +
+           ": the rows of one field are all of one shape";
   if (!shaped_ && (rows.dims[0] > 0 || names_.empty())) {
     fixShape(rows);
     shaped_ = rows.dims[0] > 0;
