@@ -4,7 +4,6 @@
 #include <cstring>
 #include <map>
 #include <mutex>
-#include <set>
 #include <thread>
 
 #include "kq/ChunkCodec.hpp"
@@ -193,17 +192,21 @@ Vorlap::StrongPtr<MemBase> uninitialisedArray(ElementType t, const std::vector<s
 // One fragment: rows [first, first + count) of its field's values.
 class RowsCreator final : public CreativeArrayBase {
  public:
-  RowsCreator(std::shared_ptr<FieldValues> values, hsize_t first, hsize_t count,
-              std::vector<std::size_t> extents, std::string name)
+  // `width`: values per row of a two-dimensional field, 0 for a one-dimensional one.
+  RowsCreator(std::shared_ptr<FieldValues> values, hsize_t first, hsize_t count, std::size_t width,
+              std::string name)
       : values_(std::move(values)),
         first_(first),
         count_(count),
-        extents_(std::move(extents)),
+        width_(width),
         name_(std::move(name)) {}
   ElementType elementType() const override { return values_->type; }
-  std::vector<std::size_t> extents() const override { return extents_; }
+  std::vector<std::size_t> extents() const override {
+    if (width_ == 0) return {std::size_t(count_)};
+    return {width_, std::size_t(count_)};
+  }
   Vorlap::StrongPtr<CreativeArrayBase> unheldCopy() const override {
-    return Vorlap::makeStrong<RowsCreator>(values_, first_, count_, extents_, name_);
+    return Vorlap::makeStrong<RowsCreator>(values_, first_, count_, width_, name_);
   }
 
  protected:
@@ -212,7 +215,7 @@ class RowsCreator final : public CreativeArrayBase {
  private:
   std::shared_ptr<FieldValues> values_;
   hsize_t first_, count_;
-  std::vector<std::size_t> extents_;
+  std::size_t width_;  // kept instead of the extents: one allocation less per fragment
   std::string name_;
 };
 
@@ -223,7 +226,7 @@ Vorlap::StrongPtr<MemBase> RowsCreator::produce() {
   Vorlap::StrongPtr<MemBase> array;
   std::string problem;
   try {
-    array = uninitialisedArray(v.type, extents_, data);
+    array = uninitialisedArray(v.type, extents(), data);
   } catch (const std::bad_alloc&) {
     problem = "not enough memory";
   }
@@ -313,6 +316,18 @@ std::string describeValues(FieldValues& v, int& rank, std::vector<hsize_t>& dims
   return checkStoredSize(total / (triple ? 3 : 1), v.type, H5Dget_storage_size(v.set));
 }
 
+// Which names repeat one listed before them: sorted positions, no set of copied names.
+std::vector<bool> repeatedNames(const std::vector<std::string>& names) {
+  std::vector<std::uint32_t> order(names.size());
+  for (std::size_t i = 0; i < order.size(); ++i) order[i] = std::uint32_t(i);
+  std::stable_sort(order.begin(), order.end(),
+                   [&](std::uint32_t a, std::uint32_t b) { return names[a] < names[b]; });
+  std::vector<bool> repeated(names.size(), false);
+  for (std::size_t k = 1; k < order.size(); ++k)
+    if (names[order[k]] == names[order[k - 1]]) repeated[order[k]] = true;
+  return repeated;
+}
+
 // Checks the table against the dataset's rows: offsets from 0, never decreasing, ending at
 // the last row; each fragment within the size limit; no name twice.
 std::string checkTable(const std::vector<std::string>& names,
@@ -323,18 +338,18 @@ std::string checkTable(const std::vector<std::string>& names,
            " fragments: one per fragment and the end of the last are needed";
   if (offsets[0] != 0)
     return "the first fragment starts at row " + std::to_string(offsets[0]) + ", not 0";
-  std::set<std::string> seen;
+  const std::vector<bool> repeated = repeatedNames(names);
   for (std::size_t i = 0; i < names.size(); ++i) {
-    const std::string fragment = "fragment \"" + names[i] + "\"";
+    const auto fragment = [&] { return "fragment \"" + names[i] + "\""; };
     if (offsets[i + 1] < offsets[i])
-      return "row offsets are not increasing: " + fragment + " starts at row " +
+      return "row offsets are not increasing: " + fragment() + " starts at row " +
              std::to_string(offsets[i]) + " and ends at row " + std::to_string(offsets[i + 1]);
     if (std::uint64_t(offsets[i + 1]) > rows)
       return "row offsets run past the end of the values (" + std::to_string(rows) +
-             " rows): " + fragment + " ends at row " + std::to_string(offsets[i + 1]);
+             " rows): " + fragment() + " ends at row " + std::to_string(offsets[i + 1]);
     if (std::uint64_t(offsets[i + 1] - offsets[i]) * recordsPerRow > kMaxFragmentElements)
-      return fragment + " declares an absurd number of elements";
-    if (!seen.insert(names[i]).second) return fragment + " is listed twice";
+      return fragment() + " declares an absurd number of elements";
+    if (repeated[i]) return fragment() + " is listed twice";
   }
   if (std::uint64_t(offsets.back()) != rows)
     return "the values hold " + std::to_string(rows) + " rows but the fragments end at row " +
@@ -400,13 +415,12 @@ std::string readFieldValues(const Vorlap::StrongPtr<OpenFile>& file, const std::
     return problem;
   if (!values->convert)
     directlyReadable(values->set, nativeTypeOf(values->type), values->chunkRows, values->shuffled);
+  const std::size_t width = rank == 2 ? std::size_t(dims[1]) : 0;
   for (std::size_t i = 0; i < names.size(); ++i) {
-    const auto rows = std::size_t(offsets[i + 1] - offsets[i]);
-    std::vector<std::size_t> extents{rows};
-    if (rank == 2) extents = {std::size_t(dims[1]), rows};
-    field.setCreator(field.makeFragmentID(names[i]),
-                     Vorlap::makeStrong<RowsCreator>(values, hsize_t(offsets[i]), rows,
-                                                     std::move(extents), names[i]));
+    const auto rows = hsize_t(offsets[i + 1] - offsets[i]);
+    auto id = field.makeFragmentID(names[i]);
+    field.setCreator(id, Vorlap::makeStrong<RowsCreator>(values, hsize_t(offsets[i]), rows, width,
+                                                         std::move(names[i])));
   }
   return "";
 }

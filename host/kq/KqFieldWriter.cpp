@@ -51,18 +51,21 @@ void FieldValuesWriter::fixShape(const StoredRows& rows) {
 }
 
 std::string FieldValuesWriter::append(const std::string& fragment, const StoredRows& rows) {
-  const std::string where = "fragment \"" + fragment + "\" of field \"" + field_ + "\"";
-  if (rows.dims.empty()) return where + " has no shape";
+  // Made only for a message: an allocation per fragment and field otherwise.
+  const auto where = [&] { return "fragment \"" + fragment + "\" of field \"" + field_ + "\""; };
+  if (rows.dims.empty()) return where() + " has no shape";
   if (!typed_) type_ = rows.type, rank_ = rows.rank, typed_ = true;
   if (rows.type != type_ || rows.rank != rank_)
-    return where + " is of type " + elementTypeName(rows.type) + ", rank " +
+    return where() + " is of type " + elementTypeName(rows.type) + ", rank " +
            std::to_string(rows.rank) + ", where the fragments before are of type " +
            elementTypeName(type_) + ", rank " + std::to_string(rank_);
-  const std::vector<hsize_t> inner(rows.dims.begin() + 1, rows.dims.end());
   // Empty fragments take the field's shape; the first fragment with rows fixes it.
-  if (rows.dims[0] > 0 && shaped_ && inner != inner_)
-    return where + " holds " + shapeText(inner) + " where the fragments before hold " +
-           shapeText(inner_) + ": the rows of one field are all of one shape";
+  if (rows.dims[0] > 0 && shaped_ &&
+      !std::equal(rows.dims.begin() + 1, rows.dims.end(), inner_.begin(), inner_.end()))
+    return where() + " holds " +
+           shapeText(std::vector<hsize_t>(rows.dims.begin() + 1, rows.dims.end())) +
+           " where the fragments before hold " + shapeText(inner_) +
+           ": the rows of one field are all of one shape";
   if (!shaped_ && (rows.dims[0] > 0 || names_.empty())) {
     fixShape(rows);
     shaped_ = rows.dims[0] > 0;
@@ -85,8 +88,10 @@ std::string FieldValuesWriter::append(const std::string& fragment, const StoredR
 // The tail as a stored chunk; a last chunk's rows past the end are zero, the fill value.
 void FieldValuesWriter::sealChunk() {
   tail_.resize(chunkRows_ * rowBytes_, 0);
-  pending_.push_back({std::move(tail_), false});
-  tail_ = {};
+  pending_.push_back({std::move(tail_), false, {}});
+  tail_ = std::move(spare_);
+  spare_ = {};
+  tail_.clear();
   tail_.reserve(chunkRows_ * rowBytes_);
 }
 
@@ -101,7 +106,8 @@ void FieldValuesWriter::pack(std::size_t k) {
   if (chunk.packed) return;
   std::vector<unsigned char> stored;
   encodeChunk(chunk.bytes.data(), chunk.bytes.size(), component_, stored);
-  chunk.bytes.swap(stored);
+  chunk.spent = std::move(chunk.bytes);
+  chunk.bytes = std::move(stored);
   chunk.packed = true;
 }
 
@@ -200,6 +206,7 @@ bool FieldValuesWriter::store(hid_t fieldGroup) {
     if (H5Dwrite_chunk(values_.get(), H5P_DEFAULT, 0, offset.data(), chunk.size(), chunk.data()) <
         0)
       return false;
+    if (spare_.capacity() < pending_[k].spent.capacity()) spare_ = std::move(pending_[k].spent);
   }
   pending_.clear();
   return true;

@@ -73,8 +73,12 @@ class FieldValuesWriter {
   struct Sealed {
     std::vector<unsigned char> bytes;  // the chunk's values, or once packed its stored bytes
     bool packed = false;
+    std::vector<unsigned char> spent;  // the values' buffer once packed, for the next tail
   };
   std::vector<Sealed> pending_;  // sealed chunks not yet stored
+  // A chunk buffer given back by store(): the next tail reuses it instead of taking fresh
+  // pages from the system (faulting them in cost more than packing many small fragments).
+  std::vector<unsigned char> spare_;
   hsize_t chunksStored_ = 0;
   Hid values_;
 };

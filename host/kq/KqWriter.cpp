@@ -439,23 +439,25 @@ bool Writer::writeFragment(const FieldJob& job, const Vorlap::StrongPtr<Fragment
 
 bool Writer::appendFragment(const FieldJob& job, FieldState& state,
                             const Vorlap::StrongPtr<FragmentID>& id) {
-  const std::string where =
-      "fragment \"" + id->getName() + "\" of field \"" + job.field->getName() + "\"";
+  // Made only for a message: an allocation per fragment and field otherwise.
+  const auto where = [&] {
+    return "fragment \"" + id->getName() + "\" of field \"" + job.field->getName() + "\"";
+  };
   auto creator = job.field->getCreator(id);
-  if (!creator) return fail(where + " has no data");
+  if (!creator) return fail(where() + " has no data");
   kq::StoredRows rows;
   if (const auto* given = dynamic_cast<const EncodedCreator*>(creator.get())) {
     const EncodedArray& e = given->encoded();
-    if (!e.consistent()) return fail(where + " has chunks that do not fit its shape");
+    if (!e.consistent()) return fail(where() + " has chunks that do not fit its shape");
     rows = {e.type, e.rank, e.dims, kq::storedBytes(e, scratch_)};
-    if (!rows.bytes) return fail(where + " has chunks that do not unpack");
+    if (!rows.bytes) return fail(where() + " has chunks that do not unpack");
   } else {
     Vorlap::StrongPtr<MemBase> data = creator->heldData();
     if (!data) {
       data = creator->create();  // produced for writing only, as in the other layout
       creator->enableCaching(false);
     }
-    if (!data) return fail(where + " could not be produced");
+    if (!data) return fail(where() + " could not be produced");
     scratch_.resize(data->nElements() * elementBytes(data->elementType()));
     if (!scratch_.empty()) data->copyOut(scratch_.data());
     rows = {data->elementType(), data->rank(), storedShape(*data), scratch_.data()};

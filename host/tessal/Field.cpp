@@ -2,27 +2,55 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
+#include <string_view>
 
 namespace Tessal {
 
 using Vorlap::StrongPtr;
 
+namespace {
+
+std::size_t hashOf(const std::string& name) {
+  return std::hash<std::string_view>{}(name);
+}
+
+}  // namespace
+
+std::size_t FragmentIDCollection::indexOfName(const std::string& name) const {
+  if (table_.empty()) return ids_.size();
+  const std::size_t mask = table_.size() - 1;
+  for (std::size_t s = hashOf(name) & mask;; s = (s + 1) & mask) {
+    const std::uint32_t entry = table_[s];
+    if (entry == 0) return ids_.size();
+    if (ids_[entry - 1]->getName() == name) return entry - 1;
+  }
+}
+
 StrongPtr<FragmentID> FragmentIDCollection::findFragmentIDByName(const std::string& name) const {
-  const auto found = byName_.find(name);
-  return found == byName_.end() ? StrongPtr<FragmentID>() : ids_[found->second];
+  const std::size_t i = indexOfName(name);
+  return i < ids_.size() ? ids_[i] : StrongPtr<FragmentID>();
+}
+
+void FragmentIDCollection::placeInTable(std::size_t position) {
+  const std::size_t mask = table_.size() - 1;
+  std::size_t s = hashOf(ids_[position]->getName()) & mask;
+  while (table_[s] != 0) s = (s + 1) & mask;
+  table_[s] = std::uint32_t(position + 1);
 }
 
 StrongPtr<FragmentID> FragmentIDCollection::makeFragmentID(const std::string& name) {
-  if (auto found = findFragmentIDByName(name)) return found;
-  ids_.push_back(Vorlap::makeStrong<FragmentID>(name));
-  byName_.emplace(name, ids_.size() - 1);
-  byId_.emplace(ids_.back().get(), ids_.size() - 1);
-  return ids_.back();
-}
-
-std::size_t FragmentIDCollection::indexOf(const FragmentID* id) const {
-  const auto found = byId_.find(id);
-  return found == byId_.end() ? ids_.size() : found->second;
+  if (const std::size_t i = indexOfName(name); i < ids_.size()) return ids_[i];
+  auto id = Vorlap::makeStrong<FragmentID>(name);
+  id->position_ = ids_.size();
+  ids_.push_back(id);
+  if (2 * ids_.size() <= table_.size()) {
+    placeInTable(ids_.size() - 1);
+    return id;
+  }
+  table_.assign(std::max<std::size_t>(16, 2 * table_.size()), 0);
+  for (std::size_t i = 0; i < ids_.size(); ++i) placeInTable(i);
+  return id;
 }
 
 StrongPtr<MemBase> CreativeArrayBase::create() {
@@ -62,11 +90,8 @@ void Field::setCreator(const StrongPtr<FragmentID>& fragment,
                        const StrongPtr<CreativeArrayBase>& creator) {
   if (fragment.isEmpty()) return;
   std::size_t i = fragments_->indexOf(fragment.get());
-  if (i == fragments_->size()) {
-    // An identifier of another field: adopt its name here.
-    makeFragmentID(fragment->getName());
-    i = fragments_->indexOf(fragments_->findFragmentIDByName(fragment->getName()).get());
-  }
+  // An identifier of another field: adopt its name here.
+  if (i == fragments_->size()) i = fragments_->indexOf(makeFragmentID(fragment->getName()).get());
   creators_.resize(fragments_->size());
   creators_[i] = creator;
   changeLog_.push_back(i);
@@ -91,11 +116,7 @@ std::vector<std::size_t> FragmentChangeCursor::newlyChanged(const Field& field) 
 StrongPtr<CreativeArrayBase> Field::getCreator(const StrongPtr<FragmentID>& fragment) const {
   if (fragment.isEmpty()) return {};
   std::size_t i = fragments_->indexOf(fragment.get());
-  if (i == fragments_->size()) {
-    auto byName = fragments_->findFragmentIDByName(fragment->getName());
-    if (!byName) return {};
-    i = fragments_->indexOf(byName.get());
-  }
+  if (i == fragments_->size()) i = fragments_->indexOfName(fragment->getName());
   return i < creators_.size() ? creators_[i] : StrongPtr<CreativeArrayBase>();
 }
 

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -29,11 +30,17 @@ class FragmentID {
   const std::string& getName() const { return name_; }
 
  private:
+  friend class FragmentIDCollection;
   std::string name_;
+  // Where the collection that made it keeps it, so that a look-up by identifier is one
+  // comparison instead of a search.
+  std::size_t position_ = ~std::size_t(0);
 };
 
-// The fragment identifiers of a field, in creation order. Look-ups by name and by identifier
-// are hashed: a strip may hold tens of thousands of fragments.
+// The fragment identifiers of a field, in creation order. A strip may hold tens of thousands
+// of fragments and every field is asked for each of them, so a look-up by identifier reads
+// the position the identifier carries, and one by name probes a flat table of positions (no
+// node, no copy of the name per fragment).
 class FragmentIDCollection {
  public:
   Vorlap::StrongPtr<FragmentID> findFragmentIDByName(const std::string& name) const;
@@ -42,12 +49,19 @@ class FragmentIDCollection {
   std::size_t size() const { return ids_.size(); }
   const Vorlap::StrongPtr<FragmentID>& at(std::size_t i) const { return ids_[i]; }
   // Position of the identifier, or size() when it is not in this collection.
-  std::size_t indexOf(const FragmentID* id) const;
+  std::size_t indexOf(const FragmentID* id) const {
+    const std::size_t i = id ? id->position_ : ids_.size();
+    return i < ids_.size() && ids_[i].get() == id ? i : ids_.size();
+  }
+  // Position of the identifier of that name, or size() when there is none.
+  std::size_t indexOfName(const std::string& name) const;
 
  private:
+  void placeInTable(std::size_t position);
   std::vector<Vorlap::StrongPtr<FragmentID>> ids_;
-  std::unordered_map<std::string, std::size_t> byName_;
-  std::unordered_map<const FragmentID*, std::size_t> byId_;
+  // Open addressing by the name's hash: position + 1 of an identifier, 0 when free. Its size
+  // is a power of two, at least twice the identifiers.
+  std::vector<std::uint32_t> table_;
 };
 
 // Per component minimum and maximum of a fragment's values.

@@ -282,6 +282,30 @@ TEST(KqFieldLayout, BrokenTablesAndCutValuesAreRefused) {
                 "3 row offsets for 3 fragments");
   expectRefused(edited("negative", setOffsets({-5, 40000, 80000, 120000})), "fragment_rows",
                 "starts at row -5");
+  auto setNames = [](std::vector<const char*> names) {
+    return [names](hid_t f) {
+      const std::string path = kFields + "T/fragment_names";
+      H5Ldelete(f, path.c_str(), H5P_DEFAULT);
+      const hsize_t n = names.size();
+      hid_t s = H5Screate_simple(1, &n, nullptr), t = H5Tcopy(H5T_C_S1);
+      H5Tset_size(t, H5T_VARIABLE);
+      hid_t d = H5Dcreate2(f, path.c_str(), t, s, H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT);
+      H5Dwrite(d, t, H5S_ALL, H5S_ALL, H5P_DEFAULT, names.data());
+      H5Dclose(d), H5Tclose(t), H5Sclose(s);
+    };
+  };
+  // The second of two equal names is the one named, wherever the first stands.
+  expectRefused(edited("twiceLast", setNames({"F2", "F1", "F2"})), "fragment_rows",
+                "fragment \"F2\" is listed twice");
+  expectRefused(edited("twiceNext", setNames({"F0", "F0", "F2"})), "fragment_rows",
+                "fragment \"F0\" is listed twice");
+  // Faults are reported in fragment order: the offsets of F1 before the repeat in F2.
+  expectRefused(edited("twiceAndDown",
+                       [&](hid_t f) {
+                         setNames({"F0", "F1", "F0"})(f);
+                         setOffsets({0, 50000, 40000, 120000})(f);
+                       }),
+                "fragment_rows", "not increasing: fragment \"F1\"");
   expectRefused(edited("cut",
                        [](hid_t f) {
                          hid_t d = H5Dopen2(f, (kFields + "T/values").c_str(), H5P_DEFAULT);
