@@ -22,21 +22,18 @@ inline double expNonPositive(double x) {
   const double t = x * log2e + shifter;
   const double k = t - shifter;                  // round(x / ln 2)
   const double r = (x - k * ln2Hi) - k * ln2Lo;  // |r| <= ln 2 / 2
-  // Taylor series of e^r to r^13: the remainder is below 4e-18 for |r| <= ln 2 / 2.
-  double p = 1.0 / 6227020800.0;
-  p = p * r + 1.0 / 479001600.0;
-  p = p * r + 1.0 / 39916800.0;
-  p = p * r + 1.0 / 3628800.0;
-  p = p * r + 1.0 / 362880.0;
-  p = p * r + 1.0 / 40320.0;
-  p = p * r + 1.0 / 5040.0;
-  p = p * r + 1.0 / 720.0;
-  p = p * r + 1.0 / 120.0;
-  p = p * r + 1.0 / 24.0;
-  p = p * r + 1.0 / 6.0;
-  p = p * r + 0.5;
-  p = p * r + 1.0;
-  p = p * r + 1.0;
+  // Taylor series of e^r to r^13 (the remainder is below 4e-18 for |r| <= ln 2 / 2) as
+  // 1 + (r + r^2 q(r)), q summed in Estrin's scheme: pairs of terms, then pairs of pairs,
+  // which keeps the chain of dependent operations short (Horner's is thirteen deep). The
+  // leading 1 comes last, so r is not rounded against it.
+  const double r2 = r * r, r4 = r2 * r2;
+  const double p23 = 0.5 + r * (1.0 / 6.0), p45 = 1.0 / 24.0 + r * (1.0 / 120.0);
+  const double p67 = 1.0 / 720.0 + r * (1.0 / 5040.0);
+  const double p89 = 1.0 / 40320.0 + r * (1.0 / 362880.0);
+  const double p1011 = 1.0 / 3628800.0 + r * (1.0 / 39916800.0);
+  const double p1213 = 1.0 / 479001600.0 + r * (1.0 / 6227020800.0);
+  const double q = (p23 + r2 * p45) + r4 * ((p67 + r2 * p89) + r4 * (p1011 + r2 * p1213));
+  const double p = 1.0 + (r + r2 * q);
   // 2^k from the integer in t's low bits: its exponent field is k + 1023.
   const std::uint64_t kBits =
       std::bit_cast<std::uint64_t>(t) - std::bit_cast<std::uint64_t>(shifter);

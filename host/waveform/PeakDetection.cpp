@@ -173,9 +173,10 @@ double PeakDetectionFamily<T>::Impl::largestResidual(std::size_t lo, std::size_t
   double* __restrict m = model.data();
   for (int i = 0; i < len; ++i) m[i] = s.background;
   for (const auto& g : components) {
-    const double first = double(lo), centre = g.centre, sigma = g.sigma, amplitude = g.amplitude;
+    const double first = double(lo), centre = g.centre, inverse = 1.0 / g.sigma;
+    const double amplitude = g.amplitude;
     for (int i = 0; i < len; ++i) {  // an int counter: its conversion to double vectorises
-      const double u = (first + double(i) - centre) / sigma;
+      const double u = (first + double(i) - centre) * inverse;
       m[i] += amplitude * expNonPositive(-0.5 * u * u);
     }
   }
