@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "waveform/FastExp.hpp"
+
 namespace FullWaveform {
 
 namespace {
@@ -41,10 +43,13 @@ double evaluate(const Window& win, const std::vector<GaussianComponent>& c,
   for (std::size_t k = 0; k < count; ++k) {
     double* out = values.data() + k * len;
     double* offsets = values.data() + (count + k) * len;
-    for (std::size_t i = 0; i < len; ++i) {
-      const double u = (double(win.lo + i) - c[k].centre) / c[k].sigma;
+    // An int counter: its conversion to double vectorises, a size_t's does not. lo + i is
+    // exact in either form.
+    const double first = double(win.lo), centre = c[k].centre, sigma = c[k].sigma;
+    for (int i = 0; i < int(len); ++i) {
+      const double u = (first + double(i) - centre) / sigma;
       offsets[i] = u;
-      out[i] = std::exp(-0.5 * u * u);
+      out[i] = expNonPositive(-0.5 * u * u);
     }
   }
   double sum = 0.0;
@@ -207,6 +212,75 @@ double fit(const Window& win, std::vector<GaussianComponent>& c, const FitLimits
   return cost;
 }
 
+// One Gaussian, almost every fit: with J = [e, a e u, a e u^2] (a = A / sigma) the normal
+// equations are sums of w e^2 u^p and w e u^p r, so one pass over the window gives a trial's
+// cost and, should the trial be accepted, the next iteration's normal equations.
+struct OneSums {
+  double cost, ee[5], er[3];  // sum w r^2; sum w e^2 u^p (p = 0..4); sum w e u^p r (p = 0..2)
+};
+
+OneSums sumsOne(const Window& win, const GaussianComponent& g, FitWorkspace& ws) {
+  // Vectorises (see evaluate()); an even count leaves no sample to the scalar tail, and
+  // one division per pass is cheaper than one per sample.
+  const int len = int(win.size()), even = (len + 1) & ~1;
+  ws.current.resize(2 * std::size_t(even));
+  double* __restrict u = ws.current.data(), * __restrict e = u + even;
+  const double first = double(win.lo), inverse = 1.0 / g.sigma;
+  for (int i = 0; i < even; ++i) {
+    u[i] = (first + double(i) - g.centre) * inverse;
+    e[i] = expNonPositive(-0.5 * u[i] * u[i]);
+  }
+  const double *y = win.y.data() + win.lo, *w = win.w.data() + win.lo;
+  OneSums s{};
+  for (int i = 0; i < len; ++i) {
+    const double r = y[i] - (win.background + g.amplitude * e[i]);
+    const double we = w[i] * e[i], wee = we * e[i], wer = we * r;
+    s.cost += w[i] * r * r;
+    s.ee[0] += wee, s.ee[1] += wee * u[i], s.ee[2] += wee * u[i] * u[i];
+    s.ee[3] += wee * u[i] * u[i] * u[i], s.ee[4] += wee * (u[i] * u[i]) * (u[i] * u[i]);
+    s.er[0] += wer, s.er[1] += wer * u[i], s.er[2] += wer * u[i] * u[i];
+  }
+  return s;
+}
+
+// The damped step from the sums at `g`; false when the system is singular.
+bool stepOne(const OneSums& s, const GaussianComponent& g, double lambda, double step[3]) {
+  const double a = g.amplitude / g.sigma, aa = a * a;
+  double m[9] = {s.ee[0],      a * s.ee[1], a * s.ee[2],  a * s.ee[1], aa * s.ee[2],
+                 aa * s.ee[3], a * s.ee[2], aa * s.ee[3], aa * s.ee[4]};
+  for (int d = 0; d < 3; ++d) m[4 * d] *= 1.0 + lambda;
+  step[0] = s.er[0], step[1] = a * s.er[1], step[2] = a * s.er[2];
+  return solve<3>(m, step, 3);
+}
+
+double fitOne(const Window& win, GaussianComponent& g, const FitLimits& limits, FitWorkspace& ws) {
+  OneSums now = sumsOne(win, g, ws);
+  double lambda = 1e-3;
+  for (int it = 0; it < limits.maxIterations; ++it) {
+    bool improved = false;
+    for (int attempt = 0; attempt < 8 && !improved; ++attempt) {
+      double step[3];
+      GaussianComponent trial = g;
+      if (stepOne(now, g, lambda, step)) {
+        trial.amplitude = std::max(g.amplitude + step[0], 1e-3);
+        trial.centre = std::clamp(g.centre + step[1], double(win.lo), double(win.hi - 1));
+        trial.sigma = std::clamp(g.sigma + step[2], limits.minSigma, limits.maxSigma);
+        const OneSums next = sumsOne(win, trial, ws);
+        improved = next.cost < now.cost;
+        if (improved) {
+          const double before = now.cost;
+          g = trial, now = next;
+          lambda = std::max(lambda * 0.3, 1e-9);
+          if (before - now.cost < 1e-9 * now.cost) return now.cost;
+        }
+      }
+      if (!improved) lambda *= 10;
+    }
+    if (!improved) break;
+  }
+  return now.cost;
+}
+
 }  // namespace
 
 double fitGaussians(const std::vector<double>& y, const std::vector<double>& w, std::size_t lo,
@@ -215,7 +289,7 @@ double fitGaussians(const std::vector<double>& y, const std::vector<double>& w, 
   const Window win{y, w, lo, hi, background};
   switch (c.size()) {
     case 1:
-      return fit<1>(win, c, limits, ws);
+      return fitOne(win, c[0], limits, ws);
     case 2:
       return fit<2>(win, c, limits, ws);
     case 3:

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "waveform/FastExp.hpp"
 #include "waveform/GaussianFit.hpp"
 #include "waveform/PeakSettings.hpp"
 #include "waveform/PulseShape.hpp"
@@ -36,6 +37,7 @@ struct PeakDetectionFamily<T>::Impl {
   std::vector<std::int32_t> y;       // the row's samples
   std::vector<std::int32_t> smooth;  // four times the 1-2-1 smoothed row (exact in integers)
   std::vector<double> fitY, weight;  // the row and its fit weights (decomposition only)
+  std::vector<double> model;         // the fitted components over a window
   std::vector<Candidate> candidates;
   // Reused from row to row: a row allocates nothing once the first rows have run.
   std::vector<Candidate> decomposed, clusterBuffer;
@@ -48,6 +50,7 @@ struct PeakDetectionFamily<T>::Impl {
   double halfWidth(std::size_t n, const RowStats& s, double position, double height);
   void decompose(std::size_t n, const RowStats& s, std::vector<Candidate>& cands);
   void fitCluster(std::size_t n, const RowStats& s, std::vector<Candidate>& cluster);
+  double largestResidual(std::size_t lo, std::size_t hi, const RowStats& s, std::size_t& at);
   float damping(std::size_t n, const RowStats& s, const std::vector<Candidate>& echoes);
   Vorlap::StrongPtr<WavePoints<T>> detectRow(const Tessal::MemArray<2, T>& samples, std::size_t row,
                                              std::size_t valid, std::int32_t noiseLevel);
@@ -161,6 +164,28 @@ void PeakDetectionFamily<T>::Impl::refineFast(std::size_t n, const RowStats& s, 
   c.sigma = std::max(width / kFwhmPerSigma, 0.3);
 }
 
+// The largest residual of the fitted components over [lo, hi) among weighted samples, and
+// where (`at`). The model is summed per component over the window, which vectorises.
+template <class T>
+double PeakDetectionFamily<T>::Impl::largestResidual(std::size_t lo, std::size_t hi,
+                                                     const RowStats& s, std::size_t& at) {
+  const int len = int(hi - lo);
+  double* __restrict m = model.data();
+  for (int i = 0; i < len; ++i) m[i] = s.background;
+  for (const auto& g : components) {
+    const double first = double(lo), centre = g.centre, inverse = 1.0 / g.sigma;
+    const double amplitude = g.amplitude;
+    for (int i = 0; i < len; ++i) {  // an int counter: its conversion to double vectorises
+      const double u = (first + double(i) - centre) * inverse;
+      m[i] += amplitude * expNonPositive(-0.5 * u * u);
+    }
+  }
+  double worst = 0.0;
+  for (std::size_t i = lo; i < hi; ++i)
+    if (weight[i] > 0 && fitY[i] - m[i - lo] > worst) worst = fitY[i] - m[i - lo], at = i;
+  return worst;
+}
+
 template <class T>
 void PeakDetectionFamily<T>::Impl::fitCluster(std::size_t n, const RowStats& s,
                                               std::vector<Candidate>& cluster) {
@@ -178,14 +203,8 @@ void PeakDetectionFamily<T>::Impl::fitCluster(std::size_t n, const RowStats& s,
   fitGaussians(fitY, weight, lo, hi, s.background, comps, limits, fitWorkspace);
   // An echo the candidates missed (a shoulder) still shows in the residual.
   if (comps.size() < std::size_t(settings.maxEchoes)) {
-    double worst = 0.0;
     std::size_t at = lo;
-    for (std::size_t i = lo; i < hi; ++i) {
-      double model = s.background;
-      for (const auto& g : comps)
-        model += gaussianPulse(double(i), g.centre, g.amplitude, g.sigma * kFwhmPerSigma);
-      if (weight[i] > 0 && fitY[i] - model > worst) worst = fitY[i] - model, at = i;
-    }
+    const double worst = largestResidual(lo, hi, s, at);
     if (worst > s.threshold) {
       comps.push_back({worst, double(at), refSigma});
       fitGaussians(fitY, weight, lo, hi, s.background, comps, limits, fitWorkspace);
@@ -320,11 +339,13 @@ PeakDetectionFamily<T>::PeakDetectionFamily(FWFModus mode, const ScannerDevice& 
                    {},
                    {},
                    {},
+                   {},
                    {}};
   impl_->y.resize(samplesPerWaveform);
   impl_->smooth.resize(samplesPerWaveform);
   impl_->fitY.resize(samplesPerWaveform);
   impl_->weight.resize(samplesPerWaveform);
+  impl_->model.resize(samplesPerWaveform);
 }
 
 template <class T>

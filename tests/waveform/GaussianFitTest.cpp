@@ -1,11 +1,10 @@
 // The Gaussian fit against a plain Levenberg-Marquardt written out directly (every Gaussian
-// evaluated where it is needed, the whole normal matrix summed): the same numbers bit for
-// bit, for one to six components, unit weights with clipped samples and other weights.
+// evaluated where it is needed with libm's exp, the whole normal matrix summed), for one to
+// six components, unit weights with clipped samples and other weights.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <random>
 
 #include "waveform/GaussianFit.hpp"
@@ -135,11 +134,10 @@ Problem makeProblem(std::mt19937& rng, std::size_t echoes, bool unitWeights) {
   return p;
 }
 
-bool sameBits(double a, double b) {
-  return std::memcmp(&a, &b, sizeof a) == 0;
-}
-
-TEST(GaussianFitTest, MatchesTheDirectFitBitForBit) {
+// The fit rounds differently from the direct one (its own exp, the one-component sums), so
+// the two differ in the last digits (about 1e-11 here). A wrong Jacobian or a fit stopping
+// an iteration early ends farther off the minimum: the tolerances lie between the two.
+TEST(GaussianFitTest, MatchesTheDirectFit) {
   std::mt19937 rng(7);
   const FitLimits limits{0.5, 6.0, 30};
   FitWorkspace ws;  // shared, as peak detection shares it between rows
@@ -152,12 +150,12 @@ TEST(GaussianFitTest, MatchesTheDirectFitBitForBit) {
         const double expected = directFit(p, direct, limits);
         SCOPED_TRACE(testing::Message() << echoes << " echoes, trial " << trial
                                         << (unitWeights ? ", unit weights" : ", weighted"));
-        ASSERT_TRUE(sameBits(cost, expected)) << cost << " against " << expected;
-        ASSERT_LT(cost, directCost(p, p.start));
+        ASSERT_NEAR(cost, directCost(p, fitted), 1e-12 * cost) << "the returned cost is the fit's";
+        ASSERT_NEAR(cost, expected, 1e-10 * expected);
         for (std::size_t k = 0; k < echoes; ++k) {
-          EXPECT_TRUE(sameBits(fitted[k].amplitude, direct[k].amplitude));
-          EXPECT_TRUE(sameBits(fitted[k].centre, direct[k].centre));
-          EXPECT_TRUE(sameBits(fitted[k].sigma, direct[k].sigma));
+          EXPECT_NEAR(fitted[k].centre, direct[k].centre, 1e-8);
+          EXPECT_NEAR(fitted[k].sigma, direct[k].sigma, 1e-8);
+          EXPECT_NEAR(fitted[k].amplitude, direct[k].amplitude, 1e-8 * direct[k].amplitude);
         }
       }
 }
