@@ -21,7 +21,7 @@ WaveIndexLists splitWaves(FatBoy<unsigned short>& fb) {
       if (fb.scannerDevice.isRadial()) {
         side = fb.getDir(i).y < 0.0;
       } else if (fb.scannerDevice.isLineWise()) {
-        const double angle = scanAngle(fb.getDir(i));
+        const double angle = scanAngle(fb, i);
         if (std::abs(angle - previous) > std::numbers::pi / 2) side = !side;
         if (i == fb.nWaves - 1) side = !side;
         previous = angle;

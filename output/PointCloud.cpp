@@ -124,7 +124,7 @@ WaveContext contextOf(FatBoy<unsigned short>& fb, std::uint32_t w) {
                 fb.getMTA(w),
                 0};
   c.length = fb.getLength(w, c.t0);
-  c.scanAngleRank = scanAngleRankOf(c.dir);
+  c.scanAngleRank = scanAngleRankFromAtan2(fb.directionAtan2ZX(w));
   return c;
 }
 

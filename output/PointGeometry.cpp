@@ -13,7 +13,11 @@ EchoPlacement placeEcho(double d, const Gemwold::PhysicalSpace::vector& dir,
 }
 
 std::int16_t scanAngleRankOf(const Gemwold::PhysicalSpace::vector& dir) {
-  const double angle = std::atan2(dir.z, dir.x) * 180.0 / std::numbers::pi / 0.006;
+  return scanAngleRankFromAtan2(std::atan2(dir.z, dir.x));
+}
+
+std::int16_t scanAngleRankFromAtan2(double atan2ZX) {
+  const double angle = atan2ZX * 180.0 / std::numbers::pi / 0.006;
   if (!(std::fabs(angle) < 2147483648.0)) return 0;  // NaN or out of 32-bit range
   return static_cast<std::int16_t>(static_cast<std::uint16_t>(static_cast<std::int32_t>(angle)));
 }

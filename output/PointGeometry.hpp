@@ -28,6 +28,8 @@ inline double oneWayTimeFrom(double oneWayTime, double fromShotTime, double toSh
 }
 
 QUILLO_API std::int16_t scanAngleRankOf(const Gemwold::PhysicalSpace::vector& dir);
+// The same from atan2(dir.z, dir.x), where the caller has it.
+QUILLO_API std::int16_t scanAngleRankFromAtan2(double atan2ZX);
 
 // The range step of one waveform sample (1 when the scanner gives none).
 QUILLO_API double sampleRangeStep(double sampleInterval, double lightSpeed);

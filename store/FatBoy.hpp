@@ -52,6 +52,9 @@ class QUILLO_API FatBoy {
   Gemwold::PhysicalSpace::point getBeamCoords(const unsigned& i) const;
   Gemwold::PhysicalSpace::vector getDir(const unsigned& i) const;
   double getLength(const unsigned& i, const double& t) const;
+  // atan2(d.x, d.z) and atan2(d.z, d.x) of wave i's direction d (that of getDir).
+  double directionAtan2XZ(const unsigned& i) const;
+  double directionAtan2ZX(const unsigned& i) const;
   void getLengthAccordingMTA(const unsigned& i, const int& dir, const unsigned& n,
                              const double& maxLength, double* out, const double& threshold) const;
   int getMTA(const unsigned& i) const { return mta[i]; }
@@ -128,6 +131,14 @@ class QUILLO_API FatBoy {
   std::vector<CarriedShot> pendingCarry;
 
  private:
+  // The angles of directionAtan2XZ and ZX per shot of the fragment, worked out on first use
+  // (kAngleUnset before): the scan-line stages take them several times per wave. They are
+  // kept per shot, not per wave, as a wave's shot changes with its zone.
+  static constexpr double kAngleUnset = 100.0;  // outside atan2's range
+  mutable std::vector<double> shotAtan2XZ, shotAtan2ZX;
+  template <class F>
+  double cachedAngle(const unsigned& i, std::vector<double>& cache, F angle) const;
+
   // One attribute of shot s: from this fragment's Shots arrays or from a carried shot.
   template <class V>
   bool readShot(std::uint32_t s, Array1<V> SHOT_Data::*array, V CarriedShot::*member, V& out) const;

@@ -23,12 +23,44 @@ bool keyedLess(const Keyed<V>& a, const Keyed<V>& b) {
   return a.key < b.key;
 }
 
-// Orders by key; equal keys keep their order. Input that is already in order (the usual
-// case: waves and shots come in time order) costs one pass.
+// A stable sort for input made of few ascending runs (waves come in time order; their
+// shot times step back where the zone changes): the runs are merged pairwise, so the cost
+// grows with the log of the run count, not of the size. Sorted input costs one pass; many
+// runs take std::stable_sort. A stable sort has one result, so both give the same order.
+template <class T, class Less>
+void stableSortRuns(std::vector<T>& values, Less less) {
+  const std::size_t n = values.size();
+  std::vector<std::size_t> bounds{0};
+  for (std::size_t i = 1; i < n; ++i)
+    if (less(values[i], values[i - 1])) bounds.push_back(i);
+  if (bounds.size() == 1) return;
+  if (bounds.size() > n / 16) {
+    std::stable_sort(values.begin(), values.end(), less);
+    return;
+  }
+  bounds.push_back(n);
+  std::vector<T> buffer(n);
+  T* from = values.data();
+  T* to = buffer.data();
+  std::vector<std::size_t> merged;
+  while (bounds.size() > 2) {
+    merged.assign(1, 0);
+    for (std::size_t r = 0; r + 1 < bounds.size(); r += 2) {
+      const std::size_t mid = bounds[r + 1];
+      const std::size_t end = r + 2 < bounds.size() ? bounds[r + 2] : mid;
+      std::merge(from + bounds[r], from + mid, from + mid, from + end, to + bounds[r], less);
+      merged.push_back(end);
+    }
+    bounds.swap(merged);
+    std::swap(from, to);
+  }
+  if (from != values.data()) std::copy(from, from + n, values.data());
+}
+
+// Orders by key; equal keys keep their order.
 template <class V>
 void stableOrderByKey(std::vector<Keyed<V>>& entries) {
-  if (!std::is_sorted(entries.begin(), entries.end(), keyedLess<V>))
-    std::stable_sort(entries.begin(), entries.end(), keyedLess<V>);
+  stableSortRuns(entries, keyedLess<V>);
 }
 
 // Orders entries [0, mid) and [mid, end) as one list added in that order: of equal keys,

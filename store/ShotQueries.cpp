@@ -1,5 +1,6 @@
 // Shot geometry and travel-time queries of one wave. Reads the Shots arrays through their
-// offset and stride, the shot-time index and the per-wave zone state; allocates nothing.
+// offset and stride, the shot-time index and the per-wave zone state; allocates nothing
+// (the angle caches are sized by iniMTA).
 // A shot index with kCarriedShotBit names a shot of the previous fragment that a zone walk
 // reached; any other index not below nShots has the neutral answers.
 #include <cmath>
@@ -78,6 +79,25 @@ double FatBoy<T>::getLength(const unsigned& i, const double& t) const {
 }
 
 template <class T>
+template <class F>
+double FatBoy<T>::cachedAngle(const unsigned& i, std::vector<double>& cache, F angle) const {
+  const std::uint32_t s = i < shotIndex.size() ? shotIndex[i] : ~0u;
+  if (s >= cache.size()) return angle(getDir(i));
+  if (cache[s] == kAngleUnset) cache[s] = angle(getDir(i));
+  return cache[s];
+}
+
+template <class T>
+double FatBoy<T>::directionAtan2XZ(const unsigned& i) const {
+  return cachedAngle(i, shotAtan2XZ, [](const vector& d) { return std::atan2(d.x, d.z); });
+}
+
+template <class T>
+double FatBoy<T>::directionAtan2ZX(const unsigned& i) const {
+  return cachedAngle(i, shotAtan2ZX, [](const vector& d) { return std::atan2(d.z, d.x); });
+}
+
+template <class T>
 void FatBoy<T>::getLengthAccordingMTA(const unsigned& i, const int& dir, const unsigned& n,
                                       const double& maxLength, double* out,
                                       const double& threshold) const {
@@ -107,6 +127,8 @@ template double FatBoy<unsigned short>::getShotTime(const unsigned&) const;
 template point FatBoy<unsigned short>::getBeamCoords(const unsigned&) const;
 template vector FatBoy<unsigned short>::getDir(const unsigned&) const;
 template double FatBoy<unsigned short>::getLength(const unsigned&, const double&) const;
+template double FatBoy<unsigned short>::directionAtan2XZ(const unsigned&) const;
+template double FatBoy<unsigned short>::directionAtan2ZX(const unsigned&) const;
 template void FatBoy<unsigned short>::getLengthAccordingMTA(const unsigned&, const int&,
                                                             const unsigned&, const double&, double*,
                                                             const double&) const;

@@ -183,7 +183,9 @@ const BlockResult& evaluateBlock(const std::vector<std::uint32_t>& buffer,
   const ZoneScore first = scoreZones(ws.rows, n, minZone, maxZone, {});
   transitionShift(ws.rows, n, 0.2 * fb.scannerDevice.getMTALengthAsTime(), ws.sortedLengths,
                   ws.shift);
-  const ZoneScore second = scoreZones(ws.rows, n, minZone, maxZone, ws.shift);
+  // Most blocks lie within one zone: with no row shifted the second scoring is the first.
+  const bool shifted = std::find(ws.shift.begin(), ws.shift.end(), -1) != ws.shift.end();
+  const ZoneScore second = shifted ? scoreZones(ws.rows, n, minZone, maxZone, ws.shift) : first;
   const bool useSecond = first.score > second.score;
   const ZoneScore& chosen = useSecond ? second : first;
   BlockResult& r = ws.result;

@@ -40,9 +40,9 @@ ZoneRange dominantZoneRange(FatBoy<unsigned short>& fb, std::uint32_t bs, std::i
 // A line-wise block ends at the first scan-line break inside it.
 bool findLineBreak(FatBoy<unsigned short>& fb, std::uint32_t start, std::uint32_t end,
                    std::uint32_t& at) {
-  double previous = scanAngle(fb.getDir(start));
+  double previous = scanAngle(fb, start);
   for (std::uint32_t w = start; w < end; ++w) {
-    const double angle = scanAngle(fb.getDir(w));
+    const double angle = scanAngle(fb, w);
     if ((previous != 0.0 && std::abs(angle - previous) > std::numbers::pi / 4) ||
         w == fb.nWaves - 1) {
       at = w;

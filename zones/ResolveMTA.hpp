@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdint>
+#include <numbers>
 #include <string>
 
 #include "run/Export.hpp"
@@ -11,7 +12,12 @@
 namespace FullWaveform {
 
 // Angle of a beam direction, atan2(x, z), mapped to [0, 2 pi).
+inline double scanAngleFromAtan2(double a) {
+  return a < 0.0 ? a + 2 * std::numbers::pi : a;
+}
 double scanAngle(const Gemwold::PhysicalSpace::vector& direction);
+// The same for wave i's direction, from the store's per-shot cache.
+double scanAngle(const FatBoy<unsigned short>& fatBoy, std::uint32_t i);
 
 // Zones minZone to maxZone - 1 are evaluated in the block pass.
 struct ZoneRange {

@@ -15,8 +15,13 @@ constexpr double kLineJump = std::numbers::pi / 4;
 using Ring = std::vector<std::vector<std::vector<std::uint32_t>>>;
 
 double neighbourAngle(const FatBoy<unsigned short>& fb, std::uint32_t i) {
-  const auto d = fb.getDir(i);
-  double a = std::atan2(fb.scannerDevice.isRadial() ? d.y : d.x, d.z);
+  double a;
+  if (fb.scannerDevice.isRadial()) {
+    const auto d = fb.getDir(i);
+    a = std::atan2(d.y, d.z);
+  } else {
+    a = fb.directionAtan2XZ(i);
+  }
   if (a <= 0.0) a += 2 * std::numbers::pi;
   return a;
 }
@@ -44,9 +49,11 @@ void linkLines(FatBoy<unsigned short>& fb, const Ring& ring, int current) {
 }  // namespace
 
 double scanAngle(const Gemwold::PhysicalSpace::vector& direction) {
-  double a = std::atan2(direction.x, direction.z);
-  if (a < 0.0) a += 2 * std::numbers::pi;
-  return a;
+  return scanAngleFromAtan2(std::atan2(direction.x, direction.z));
+}
+
+double scanAngle(const FatBoy<unsigned short>& fb, std::uint32_t i) {
+  return scanAngleFromAtan2(fb.directionAtan2XZ(i));
 }
 
 void buildTransitionTables(FatBoy<unsigned short>& fb) {

@@ -1,7 +1,7 @@
 // Zone state of a fragment: iniMTA extends the run-long shot-time index and gives every
 // wave zone 0, its recording shot and certainty; setMTA is the one writer of zones. Reads
 // the waves and the Shots arrays; writes nWaves, shotTimeIndex, recordingShot, mta, shotIndex,
-// certainMTA, maxTravelTime and the carried shots.
+// certainMTA, maxTravelTime, the carried shots and the per-shot angle caches.
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -55,6 +55,8 @@ template <class T>
 bool FatBoy<T>::iniMTA() {
   nWaves = static_cast<std::uint32_t>(wavePoints.size());
   recordingShot.clear();
+  shotAtan2XZ.clear();
+  shotAtan2ZX.clear();
   if (nWaves <= 2) return false;
   const auto& times = *SHOT->arrays.GPSTime;
   const std::size_t count = times.size();
@@ -98,6 +100,8 @@ bool FatBoy<T>::iniMTA() {
   lastShot = std::prev(shotTimeIndex.cend());
   shotEnd = shotTimeIndex.cend();
   nShots = static_cast<std::uint32_t>(count);
+  shotAtan2XZ.assign(nShots, kAngleUnset);
+  shotAtan2ZX.assign(nShots, kAngleUnset);
   maxTravelTime = scannerDevice.getMTALengthAsTime() * 9.0;
   return true;
 }

@@ -220,6 +220,15 @@ class MemArray final : public MemBase {
   void widenRange(double* min, double* max) const override {
     const unsigned nc = componentCount(ElementTraits<T>::type);
     const std::size_t n = size();
+    if constexpr (std::is_integral_v<T>) {
+      // Every integer converts to double in order, so the extremes of the values give the
+      // same range as the values one by one, in a loop that vectorises.
+      if (n == 0) return;
+      const auto [lo, hi] = integerRange();
+      min[0] = std::min(min[0], double(lo));
+      max[0] = std::max(max[0], double(hi));
+      return;
+    }
     for (std::size_t k = 0; k < n; ++k) {
       const T value = get(k);
       for (unsigned c = 0; c < nc; ++c) {
@@ -235,6 +244,24 @@ class MemArray final : public MemBase {
   }
 
  private:
+  // The smallest and largest element of a non-empty integer array.
+  std::pair<T, T> integerRange() const {
+    const std::size_t n = size();
+    T lo = get(0), hi = lo;
+    if (const T* p = contiguousData()) {
+      for (std::size_t k = 1; k < n; ++k) {
+        lo = std::min(lo, p[k]);
+        hi = std::max(hi, p[k]);
+      }
+      return {lo, hi};
+    }
+    for (std::size_t k = 1; k < n; ++k) {
+      lo = std::min(lo, get(k));
+      hi = std::max(hi, get(k));
+    }
+    return {lo, hi};
+  }
+
   static std::size_t countOf(const Extents& e) {
     std::size_t n = 1;
     for (auto x : e) n *= x;

@@ -2,7 +2,9 @@
 // included, since the outputs depend on it.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <random>
 #include <vector>
 
 #include "store/KeyedOrder.hpp"
@@ -50,4 +52,24 @@ TEST(KeyedOrder, LooksUpTheEntriesOfOneKeyInOrder) {
   // NaN equals no key (an ordered search would otherwise match everything).
   EXPECT_TRUE(entriesWithKey(entries, std::nan("")).empty());
   EXPECT_TRUE(entriesWithKey(std::vector<Keyed<int>>{}, 1.0).empty());
+}
+
+TEST(KeyedOrder, RunsMergeToTheStableSortsOrder) {
+  // Ascending runs (with ties inside and across runs) from one run up to many, where the
+  // sort takes over; ties must keep their order like std::stable_sort's.
+  std::mt19937 random(7);
+  const std::pair<int, int> shapes[] = {{1, 40},  {2, 40},   {3, 40}, {5, 40},
+                                        {17, 40}, {400, 40}, {300, 3}};
+  for (const auto& [runs, length] : shapes) {
+    std::vector<Keyed<int>> entries;
+    for (int r = 0; r < runs; ++r) {
+      double key = double(random() % 50);
+      for (int k = 0; k < length; ++k, key += double(random() % 3))
+        entries.push_back({key, int(entries.size())});
+    }
+    auto expected = entries;
+    std::stable_sort(expected.begin(), expected.end(), keyedLess<int>);
+    stableOrderByKey(entries);
+    EXPECT_EQ(valuesOf(entries), valuesOf(expected)) << runs << " runs";
+  }
 }
