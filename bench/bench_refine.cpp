@@ -5,8 +5,10 @@
 // every echo's new zone and flag (a rework of the stage must leave it unchanged). Surface
 // points it classified as noise are counted apart, with how many of them had the right zone.
 // --broken lists the right points it moved, --marked the right surface points it made noise.
+// --save DIR writes each result (every echo's new zone, then its flag) to DIR/NAME.result.
 //   bench_refine --dump DIR [--small] [--shots N] [NAME-PART]
-//   bench_refine [--repeat N] [--threads N] [--broken] [--marked] [--window [--context L]
+//   bench_refine [--repeat N] [--threads N] [--broken] [--marked] [--save DIR] [--window [--context
+//   L]
 //                [--settled L] [--block L] [--fragment-shots N]] FILE...
 // --threads: threads that judge the echoes (the result is the same for any number).
 // With --window the arrays are cut into fragments of N shots (by recording shot; default
@@ -343,6 +345,7 @@ int main(int argc, char** argv) {
   if (argc >= 3 && !std::strcmp(argv[1], "--dump")) return dump(argc, argv);
   int repeat = 1;
   bool broken = false, marked = false, windowed = false;
+  std::string saveDir;
   WindowRun w;
   FullWaveform::RefineSettings settings;
   std::vector<std::string> files;
@@ -370,6 +373,8 @@ int main(int argc, char** argv) {
         settings.zeroReachesAll = value != 0.0;
       else if (name == "zoneReach")
         settings.zoneReach = int(value);
+      else if (name == "loneLines")
+        settings.loneLines = int(value);
       else
         return std::fprintf(stderr, "unknown setting %s\n", name.c_str()), 2;
     } else if (!std::strcmp(argv[i], "--broken"))
@@ -378,6 +383,8 @@ int main(int argc, char** argv) {
       marked = true;
     else if (!std::strcmp(argv[i], "--window"))
       windowed = true;
+    else if (!std::strcmp(argv[i], "--save") && i + 1 < argc)
+      saveDir = argv[++i];
     else if (!std::strcmp(argv[i], "--threads") && i + 1 < argc)
       settings.threads = unsigned(std::max(1, std::atoi(argv[++i])));
     else if (!std::strcmp(argv[i], "--context") && i + 1 < argc)
@@ -392,11 +399,12 @@ int main(int argc, char** argv) {
       files.push_back(argv[i]);
   }
   if (files.empty()) {
-    std::fprintf(stderr,
-                 "usage: bench_refine --dump DIR [--small] [--shots N] [NAME-PART]\n"
-                 "       bench_refine [--repeat N] [--threads N] [--broken] [--marked] "
-                 "[--window [--context L] [--settled L] "
-                 "[--block L] [--fragment-shots N]] FILE...\n");
+    std::fprintf(
+        stderr,
+        "usage: bench_refine --dump DIR [--small] [--shots N] [NAME-PART]\n"
+        "       bench_refine [--repeat N] [--threads N] [--broken] [--marked] [--save DIR] "
+        "[--window [--context L] [--settled L] "
+        "[--block L] [--fragment-shots N]] FILE...\n");
     return 2;
   }
   for (const std::string& file : files) {
@@ -432,6 +440,13 @@ int main(int argc, char** argv) {
       r = wr;
     }
     if (broken || marked) printBroken(s, r, marked);
+    if (!saveDir.empty()) {
+      std::ofstream out(std::filesystem::path(saveDir) /
+                            (std::filesystem::path(file).stem().string() + ".result"),
+                        std::ios::binary);
+      putAll(out, r.zone);
+      putAll(out, r.flag);
+    }
   }
   return 0;
 }

@@ -192,12 +192,12 @@ bool Refiner::unchangedSinceJudged(std::size_t i) const {
 void Refiner::markNoise() {
   const std::size_t n = echoes_.size();
   std::vector<std::uint8_t> unfit(n, 0);
-  forEachChunk(n, chunkCount(n), settings_.threads,
-               [&](std::size_t, std::size_t lo, std::size_t hi) {
-                 for (std::size_t i = lo; i < hi; ++i)
-                   unfit[i] = off_[i] && active(i) &&
-                              (unchangedSinceJudged(i) ? unfitWhenJudged_[i] : fitsNothing(i));
-               });
+  forEachChunk(
+      n, chunkCount(n), settings_.threads, [&](std::size_t, std::size_t lo, std::size_t hi) {
+        for (std::size_t i = lo; i < hi; ++i)
+          unfit[i] = off_[i] && active(i) &&
+                     ((unchangedSinceJudged(i) ? unfitWhenJudged_[i] : fitsNothing(i)) || lone(i));
+      });
   for (std::size_t i = 0; i < n; ++i) {
     const bool moved = result_.zone[i] != echoes_[i].zone;
     result_.flag[i] = std::uint8_t((moved ? kMovedZone : 0) | (unfit[i] ? kMarkedNoise : 0));

@@ -101,6 +101,10 @@ class Refiner {
   void markNoise();
   void sortLine(std::size_t line);
   bool fitsNothing(std::size_t i) const;
+  // Lone echoes (LoneEchoes.cpp): what an off echo fits, it fits by chance under every zone.
+  bool lone(std::size_t i) const;
+  bool byChance(std::size_t self, std::uint32_t emitter, const point& p) const;
+  bool ownLineBearsOut(std::size_t self, std::uint32_t emitter, const point& p) const;
   int linesBeyond(double share) const;
   std::pair<int, int> candidateZones(int z) const;
   int supportOf(std::size_t self, std::uint32_t emitter, const point& p) const;

@@ -63,6 +63,10 @@ struct RefineSettings {
   // has this many times the echoes near it (a share of 0: never).
   double outnumberedShare = 0.625;
   double outnumberedSupport = 4.0;
+  // An off echo is noise too where every placement of it fits fewer than this many lines
+  // and no echo of its own scan line lies near it: birds and dust fit a line by chance, a
+  // surface continues along the line (0: never).
+  int loneLines = 3;
   // Threads that judge the echoes (each echo's verdict is its own); the result is the same
   // for any number.
   unsigned threads = 1;

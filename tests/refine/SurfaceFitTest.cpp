@@ -213,6 +213,36 @@ TEST(SurfaceFit, BirdsAreNoiseAndKeepTheirZone) {
   EXPECT_EQ(r.moved, 0u);
 }
 
+TEST(SurfaceFit, BirdsThatFitEachOtherByChanceAreNoise) {
+  // Two birds two lines apart at the same scan angle and range fit each other's line: their
+  // zone fits one line of eight, but nothing of their own lines lies near them.
+  Scan scan(kFlat, 12, 1500);
+  const std::size_t first = scan.addEcho(5 * 1500 + 750, 60.0);
+  const std::size_t second = scan.addEcho(7 * 1500 + 750, 60.2);
+  const RefineResult r = refineEchoZones(scan.shots, scan.echoes);
+  EXPECT_EQ(r.flag[first], kMarkedNoise);
+  EXPECT_EQ(r.flag[second], kMarkedNoise);
+  EXPECT_EQ(r.markedNoise, 2u);
+  EXPECT_EQ(scan.wrong(r), 0u);
+  RefineSettings oneLineEnough;
+  oneLineEnough.loneLines = 0;
+  EXPECT_EQ(refineEchoZones(scan.shots, scan.echoes, oneLineEnough).markedNoise, 0u);
+}
+
+TEST(SurfaceFit, ARoofThatOnlyOneNeighbouringLineReachesStays) {
+  // A block 20 m high that lines 5 and 6 alone cross (the aircraft moves on while a line
+  // sweeps, hence the along-track offset): a roof echo fits one neighbouring line of eight,
+  // but the roof continues along its own line.
+  const Surface block = [](double x, double y) {
+    const double line = 2.0 * y - (std::atan(x / 480.0) + 0.4) / 0.8;
+    return x > 30.0 && line > 4.5 && line < 6.5 ? 20.0 : 0.0;
+  };
+  Scan scan(block, 12, 1500);
+  const RefineResult r = refineEchoZones(scan.shots, scan.echoes);
+  EXPECT_EQ(r.markedNoise, 0u);
+  EXPECT_EQ(scan.wrong(r), 0u);
+}
+
 TEST(SurfaceFit, EchoesAlreadyNoiseOrWithTooFewNeighboursAreLeftAlone) {
   Scan scan(kFlat, 2, 300);  // two lines: too few to judge any echo
   scan.spoilBlock(0, 1, 100, 20);
