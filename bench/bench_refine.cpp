@@ -6,8 +6,10 @@
 // points it classified as noise are counted apart, with how many of them had the right zone.
 // --broken lists the right points it moved, --marked the right surface points it made noise.
 //   bench_refine --dump DIR [--small] [--shots N] [NAME-PART]
-//   bench_refine [--repeat N] [--threads N] [--broken] [--marked] [--window [--context L]
+//   bench_refine [--repeat N] [--threads N] [--broken] [--marked] [--save DIR] [--window [--context
+//   L]
 //                [--settled L] [--block L] [--fragment-shots N]] FILE...
+// --save DIR writes every echo's new zone and flag to DIR/NAME.result (for study beside the input).
 // --threads: threads that judge the echoes (the result is the same for any number).
 // With --window the arrays are cut into fragments of N shots (by recording shot; default
 // 100,000 as the scenes' surveys) and refined over the moving window as `quillo run` does;
@@ -337,12 +339,25 @@ std::size_t differing(const FullWaveform::RefineResult& a, const FullWaveform::R
   return n;
 }
 
+// Every echo's new zone, then its flag (one byte each), for studying a result beside the input.
+bool saveResult(const FullWaveform::RefineResult& r, const std::string& dir,
+                const std::string& file) {
+  std::filesystem::create_directories(dir);
+  std::ofstream out(
+      std::filesystem::path(dir) / (std::filesystem::path(file).stem().string() + ".result"),
+      std::ios::binary);
+  putAll(out, r.zone);
+  putAll(out, r.flag);
+  return bool(out);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   if (argc >= 3 && !std::strcmp(argv[1], "--dump")) return dump(argc, argv);
   int repeat = 1;
   bool broken = false, marked = false, windowed = false;
+  std::string saveDir;
   WindowRun w;
   FullWaveform::RefineSettings settings;
   std::vector<std::string> files;
@@ -370,6 +385,16 @@ int main(int argc, char** argv) {
         settings.zeroReachesAll = value != 0.0;
       else if (name == "zoneReach")
         settings.zoneReach = int(value);
+      else if (name == "runMinEchoes")
+        settings.runMinEchoes = int(value);
+      else if (name == "runShotReach")
+        settings.runShotReach = int(value);
+      else if (name == "runTolerance")
+        settings.runTolerance = value;
+      else if (name == "runPairs")
+        settings.runPairs = int(value);
+      else if (name == "runShare")
+        settings.runShare = value;
       else
         return std::fprintf(stderr, "unknown setting %s\n", name.c_str()), 2;
     } else if (!std::strcmp(argv[i], "--broken"))
@@ -378,6 +403,8 @@ int main(int argc, char** argv) {
       marked = true;
     else if (!std::strcmp(argv[i], "--window"))
       windowed = true;
+    else if (!std::strcmp(argv[i], "--save") && i + 1 < argc)
+      saveDir = argv[++i];
     else if (!std::strcmp(argv[i], "--threads") && i + 1 < argc)
       settings.threads = unsigned(std::max(1, std::atoi(argv[++i])));
     else if (!std::strcmp(argv[i], "--context") && i + 1 < argc)
@@ -432,6 +459,10 @@ int main(int argc, char** argv) {
       r = wr;
     }
     if (broken || marked) printBroken(s, r, marked);
+    if (!saveDir.empty() && !saveResult(r, saveDir, file)) {
+      std::fprintf(stderr, "%s: cannot write the result to %s\n", file.c_str(), saveDir.c_str());
+      return 1;
+    }
   }
   return 0;
 }

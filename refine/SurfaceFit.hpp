@@ -63,6 +63,14 @@ struct RefineSettings {
   // has this many times the echoes near it (a share of 0: never).
   double outnumberedShare = 0.625;
   double outnumberedSupport = 4.0;
+  // Along-line runs (refine/AlongLineRuns.cpp): an echo whose range does not continue its
+  // line moves to the zone in which it and at least `runMinEchoes` echoes recorded within
+  // `runShotReach` shots of each other continue their line to `runTolerance` (0: never).
+  int runMinEchoes = 10;
+  int runShotReach = 4;
+  double runTolerance = 0.15;  // m
+  int runPairs = 5;            // pairs of echoes along the line an echo must continue
+  double runShare = 0.5;       // of the echoes a run spans that must be in it (or in its zone)
   // Threads that judge the echoes (each echo's verdict is its own); the result is the same
   // for any number.
   unsigned threads = 1;
