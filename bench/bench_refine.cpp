@@ -7,9 +7,8 @@
 // --broken lists the right points it moved, --marked the right surface points it made noise.
 // --save DIR writes each result (every echo's new zone, then its flag) to DIR/NAME.result.
 //   bench_refine --dump DIR [--small] [--shots N] [NAME-PART]
-//   bench_refine [--repeat N] [--threads N] [--broken] [--marked] [--save DIR] [--window [--context
-//   L]
-//                [--settled L] [--block L] [--fragment-shots N]] FILE...
+//   bench_refine [--repeat N] [--threads N] [--broken] [--marked] [--save DIR]
+//                [--window [--context L] [--settled L] [--block L] [--fragment-shots N]] FILE...
 // --threads: threads that judge the echoes (the result is the same for any number).
 // With --window the arrays are cut into fragments of N shots (by recording shot; default
 // 100,000 as the scenes' surveys) and refined over the moving window as `quillo run` does;
@@ -339,6 +338,18 @@ std::size_t differing(const FullWaveform::RefineResult& a, const FullWaveform::R
   return n;
 }
 
+// Every echo's new zone, then its flag (one byte each), for studying a result beside the input.
+bool saveResult(const FullWaveform::RefineResult& r, const std::string& dir,
+                const std::string& file) {
+  std::filesystem::create_directories(dir);
+  std::ofstream out(
+      std::filesystem::path(dir) / (std::filesystem::path(file).stem().string() + ".result"),
+      std::ios::binary);
+  putAll(out, r.zone);
+  putAll(out, r.flag);
+  return bool(out);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -375,6 +386,16 @@ int main(int argc, char** argv) {
         settings.zoneReach = int(value);
       else if (name == "loneLines")
         settings.loneLines = int(value);
+      else if (name == "runMinEchoes")
+        settings.runMinEchoes = int(value);
+      else if (name == "runShotReach")
+        settings.runShotReach = int(value);
+      else if (name == "runTolerance")
+        settings.runTolerance = value;
+      else if (name == "runPairs")
+        settings.runPairs = int(value);
+      else if (name == "runShare")
+        settings.runShare = value;
       else
         return std::fprintf(stderr, "unknown setting %s\n", name.c_str()), 2;
     } else if (!std::strcmp(argv[i], "--broken"))
@@ -440,12 +461,9 @@ int main(int argc, char** argv) {
       r = wr;
     }
     if (broken || marked) printBroken(s, r, marked);
-    if (!saveDir.empty()) {
-      std::ofstream out(std::filesystem::path(saveDir) /
-                            (std::filesystem::path(file).stem().string() + ".result"),
-                        std::ios::binary);
-      putAll(out, r.zone);
-      putAll(out, r.flag);
+    if (!saveDir.empty() && !saveResult(r, saveDir, file)) {
+      std::fprintf(stderr, "%s: cannot write the result to %s\n", file.c_str(), saveDir.c_str());
+      return 1;
     }
   }
   return 0;

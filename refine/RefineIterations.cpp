@@ -232,6 +232,7 @@ RefineResult Refiner::run() {
   std::vector<std::pair<std::uint32_t, Verdict>> moves;
   std::vector<std::uint32_t> changedCells;
   std::vector<std::uint8_t> nearChange(cells_.cellCount(), 0);
+  if (settings_.runMinEchoes > 0) shiftRoughRuns();
   fillCells();
   for (int iteration = 0; iteration < settings_.iterations; ++iteration) {
     const auto stamp = std::uint16_t(iteration + 1);

@@ -23,6 +23,13 @@ constexpr int kStraddleShots = 2;    // shots either side of a line change: no n
 constexpr int kBlockReach = 1;       // a wrong block: its own line and at most one each side
 constexpr int kSurfaceBeyond = 2;    // lines each side of a wrong block that must fit the move
 constexpr int kFarthestBin = 10;     // bins searched each side where the near ones hold none
+constexpr int kRunSamples = 8;       // echoes along a line an echo's continuity is tested on
+
+// An echo along its line under one assignment of zones: its emitting shot and range.
+struct RunSample {
+  std::int64_t shot;
+  double range;
+};
 
 template <class A>
 inline double squared(const A& a, const A& b) {
@@ -92,6 +99,12 @@ class Refiner {
     const point at = positionOf(i);
     return {at, std::sqrt(squared(at, shots_.origin[e])), float(cells_.angle[e]), i, e};
   }
+  // The shot after which echo i was recorded: the same for every zone.
+  std::int64_t recordOf(std::size_t i) const { return std::int64_t(emitter_[i]) + result_.zone[i]; }
+  void shiftRoughRuns();  // refine/AlongLineRuns.cpp
+  void smoothZones(std::vector<std::uint32_t>& zones) const;
+  bool smoothAlongLine(std::size_t k, int zone) const;
+  int alongLineSamples(std::size_t k, int zone, std::uint32_t line, RunSample* out) const;
   struct CellMove {
     std::uint32_t echo, from, to;  // a neighbour and the cells it leaves and joins
   };
@@ -160,6 +173,7 @@ class Refiner {
   std::size_t settled_ = 0;  // echoes [0, settled_) are final: neighbours, never judged
   std::vector<bool> active_, straddles_;
   LargeVector<std::uint32_t> byShot_;        // echoes by first emitting shot
+  std::vector<std::uint32_t> byRecord_;      // echoes by recording shot (along-line runs)
   std::vector<std::uint8_t> moving_echoes_;  // echoes about to move, marked for a while
   std::vector<std::uint32_t> movingList_;
   // While set, the echoes marked here count as no neighbours (they are about to move).

@@ -67,6 +67,14 @@ struct RefineSettings {
   // and no echo of its own scan line lies near it: birds and dust fit a line by chance, a
   // surface continues along the line (0: never).
   int loneLines = 3;
+  // Along-line runs (refine/AlongLineRuns.cpp): an echo whose range does not continue its
+  // line moves to the zone in which it and at least `runMinEchoes` echoes recorded within
+  // `runShotReach` shots of each other continue their line to `runTolerance` (0: never).
+  int runMinEchoes = 10;
+  int runShotReach = 4;
+  double runTolerance = 0.15;  // m
+  int runPairs = 5;            // pairs of echoes along the line an echo must continue
+  double runShare = 0.5;       // of the echoes a run spans that must be in it (or in its zone)
   // Threads that judge the echoes (each echo's verdict is its own); the result is the same
   // for any number.
   unsigned threads = 1;

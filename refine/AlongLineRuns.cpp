@@ -1,0 +1,148 @@
+// Along-line runs: reads every echo's recording shot, one-way time and current zone and the
+// shots' times and scan lines; writes new zones, emitters and one-way times (before the
+// surface test). A run of echoes the block method put in wrong zones, with no right
+// neighbour in the lines either side (the far end of every line of a swath), forms a ghost
+// surface across the lines, but not along its own line: there the pulse-position jitter
+// makes successive ranges jump by metres. Given one zone for all of them, the true zone
+// makes the run smooth again, to a few centimetres. An echo whose range does not continue
+// its neighbours along its line moves when, in that zone, it and enough echoes recorded
+// near it in its line continue each other; a single echo smooth by chance cannot, nor can
+// a right echo at a cliff or a wall, which continues the echoes on its own side.
+#include <algorithm>
+#include <cmath>
+
+#include "classify/NoiseClassification.hpp"
+#include "refine/ParallelChunks.hpp"
+#include "refine/Refiner.hpp"
+
+namespace FullWaveform::surface_fit {
+
+namespace {
+
+using Sample = RunSample;
+
+// Whether `self` continues `needed` pairs of `others` (shots on either side or both on one
+// side): its range lies within `tolerance` of the straight line through theirs.
+bool continues(const Sample& self, const Sample* others, int count, double tolerance, int needed) {
+  for (int a = 0; a < count; ++a)
+    for (int b = a + 1; b < count; ++b) {
+      const Sample &p = others[a], &q = others[b];
+      if (p.shot == q.shot) continue;
+      const double at = double(self.shot - p.shot) / double(q.shot - p.shot);
+      needed -= std::abs(self.range - (p.range + (q.range - p.range) * at)) < tolerance;
+      if (needed <= 0) return true;
+    }
+  return false;
+}
+
+}  // namespace
+
+// The echoes recorded within the reach of echo k's recording shot (in recording order), but
+// after other shots than its own, emitted in `line` under `zone` (-1: each its current zone).
+int Refiner::alongLineSamples(std::size_t k, int zone, std::uint32_t line, Sample* out) const {
+  const std::int64_t reach = settings_.runShotReach, lastShot = std::int64_t(shots_.time.size());
+  const std::uint32_t i = byRecord_[k];
+  const std::int64_t record = recordOf(i);
+  int count = 0;
+  const auto take = [&](std::size_t j) {
+    const std::uint32_t m = byRecord_[j];
+    if (recordOf(m) == record || count >= kRunSamples) return;
+    const std::int64_t shot = zone < 0 ? std::int64_t(emitter_[m]) : recordOf(m) - zone;
+    if (shot < 0 || shot >= lastShot || cells_.line[std::size_t(shot)] != line) return;
+    const double oneWay = oneWayTimeFrom(oneWay_[m], shots_.time[emitter_[m]], shots_.time[shot]);
+    if (oneWay > kNearRangeLimit) out[count++] = {shot, oneWay * shots_.lightSpeed};
+  };
+  for (std::size_t j = k; j-- > 0 && recordOf(byRecord_[j]) >= record - reach;) take(j);
+  for (std::size_t j = k + 1; j < byRecord_.size() && recordOf(byRecord_[j]) <= record + reach; ++j)
+    take(j);
+  return count;
+}
+
+// Whether echo k (in recording order) continues its line's echoes with every echo in `zone`
+// (-1: each in its current zone).
+bool Refiner::smoothAlongLine(std::size_t k, int zone) const {
+  const std::uint32_t i = byRecord_[k];
+  const std::int64_t shot = zone < 0 ? std::int64_t(emitter_[i]) : recordOf(i) - zone;
+  if (shot < 0 || shot >= std::int64_t(shots_.time.size())) return false;
+  const double oneWay = oneWayTimeFrom(oneWay_[i], shots_.time[emitter_[i]], shots_.time[shot]);
+  if (!(oneWay > kNearRangeLimit)) return false;
+  Sample others[kRunSamples];
+  const int count = alongLineSamples(k, zone, cells_.line[std::size_t(shot)], others);
+  return continues({shot, oneWay * shots_.lightSpeed}, others, count, settings_.runTolerance,
+                   settings_.runPairs);
+}
+
+// Per echo (recording order) the zones it is smooth in along its line, each with all its
+// neighbours; 0 where it is smooth in its current zone already (nothing to do).
+void Refiner::smoothZones(std::vector<std::uint32_t>& zones) const {
+  const std::size_t n = byRecord_.size();
+  zones.assign(n, 0);
+  forEachChunk(n, chunkCount(n), settings_.threads,
+               [&](std::size_t, std::size_t lo, std::size_t hi) {
+                 for (std::size_t k = lo; k < hi; ++k) {
+                   if (smoothAlongLine(k, -1)) continue;
+                   for (int z = 0; z <= std::min(maxZone_, 31); ++z)
+                     if (smoothAlongLine(k, z)) zones[k] |= 1u << z;
+                 }
+               });
+}
+
+// The echoes (recording order) of each run smooth in one zone: consecutive members recorded
+// within the reach of each other in one line. A run of enough echoes that are rough where
+// they are moves to that zone; the longest run wins where an echo is in two.
+void Refiner::shiftRoughRuns() {
+  byRecord_.clear();
+  for (std::uint32_t i = 0; i < echoes_.size(); ++i)
+    if (active(i)) byRecord_.push_back(i);
+  std::stable_sort(byRecord_.begin(), byRecord_.end(),
+                   [&](std::uint32_t a, std::uint32_t b) { return recordOf(a) < recordOf(b); });
+  std::vector<std::uint32_t> zones;
+  smoothZones(zones);
+  const std::size_t n = byRecord_.size();
+  std::vector<std::uint32_t> bestRun(n, 0);
+  std::vector<std::int8_t> bestZone(n, -1);
+  for (int z = 0; z <= std::min(maxZone_, 31); ++z)
+    for (std::size_t k = 0; k < n;) {
+      if (!(zones[k] >> z & 1u)) {
+        ++k;
+        continue;
+      }
+      std::size_t end = k + 1, last = k;
+      const std::uint32_t line = cells_.line[std::size_t(recordOf(byRecord_[k]) - z)];
+      for (; end < n &&
+             recordOf(byRecord_[end]) - recordOf(byRecord_[last]) <= settings_.runShotReach;
+           ++end)
+        if (zones[end] >> z & 1u) {
+          if (cells_.line[std::size_t(recordOf(byRecord_[end]) - z)] != line) break;
+          last = end;
+        }
+      // Members counted by their recording shots: several echoes of one shot (vegetation)
+      // make no run.
+      std::uint32_t members = 0, agreeing = 0;
+      std::int64_t lastShot = -1;
+      for (std::size_t j = k; j <= last; ++j) {
+        const bool member = zones[j] >> z & 1u;
+        members += member && recordOf(byRecord_[j]) != lastShot;
+        lastShot = member ? recordOf(byRecord_[j]) : lastShot;
+        agreeing += member || result_.zone[byRecord_[j]] == z;
+      }
+      // Among many echoes of a shot (vegetation) some continue each other by chance, in any
+      // zone: a run must hold most of the echoes it spans.
+      if (double(agreeing) < settings_.runShare * double(last + 1 - k)) members = 0;
+      for (std::size_t j = k; j <= last; ++j)
+        if ((zones[j] >> z & 1u) && members >= bestRun[j])
+          bestZone[j] = std::int8_t(members == bestRun[j] ? -2 : z), bestRun[j] = members;
+      k = last + 1;
+    }
+  for (std::size_t k = 0; k < n; ++k) {
+    const std::uint32_t i = byRecord_[k];
+    if (i < settled_ || bestZone[k] < 0 || bestRun[k] < std::uint32_t(settings_.runMinEchoes))
+      continue;
+    const std::int64_t shot = recordOf(i) - bestZone[k];
+    oneWay_[i] = oneWayTimeFrom(oneWay_[i], shots_.time[emitter_[i]], shots_.time[shot]);
+    emitter_[i] = std::uint32_t(shot), result_.zone[i] = std::uint8_t(bestZone[k]);
+    straddles_[i] = straddlesLines(i);
+  }
+}
+
+}  // namespace FullWaveform::surface_fit

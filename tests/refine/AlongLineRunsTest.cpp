@@ -1,0 +1,169 @@
+// Along-line runs on hand-made scans with pulse-position jitter: every line's far end given
+// wrong zones (no right neighbour in the lines either side), against cliffs, walls and
+// vegetation that the rule must leave as they are.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <functional>
+
+#include "output/PointGeometry.hpp"
+#include "refine/SurfaceFit.hpp"
+
+namespace FullWaveform {
+namespace {
+
+constexpr double kLight = 299792458.0;
+constexpr double kInterval = 1.0e-6;
+constexpr double kAltitude = 500.0;
+constexpr int kGapShots = 100;  // the last shots of each line, turning back: no echoes
+
+using Surface = std::function<double(double x)>;  // height across the track
+
+// A deterministic value in [-1, 1) per shot: the modulation.
+double jitterOf(std::uint64_t k) {
+  k = (k + 0x9e3779b97f4a7c15ull) * 0xbf58476d1ce4e5b9ull;
+  k ^= k >> 31;
+  k *= 0x94d049bb133111ebull;
+  k ^= k >> 29;
+  return double(k % 2000000) / 1000000.0 - 1.0;
+}
+
+// `lines` lines of `perLine` shots sweeping from -0.2 to 0.8 rad across the track (the far
+// end at about 720 m of range, zone 4), 3 % jitter; echoes with their true zones.
+struct JitteredScan {
+  ShotTable shots;
+  RefineEchoes echoes;
+  std::vector<std::uint8_t> trueZone;
+  int perLine;
+
+  JitteredScan(const Surface& surface, int lines, int perLine, int echoesPerShot = 1)
+      : perLine(perLine) {
+    shots.lightSpeed = kLight;
+    for (int l = 0; l < lines; ++l)
+      for (int s = 0; s < perLine; ++s) {
+        const std::uint64_t k = shots.time.size();
+        const double angle = -0.2 + 1.0 * s / (perLine - 1);
+        shots.time.push_back(kInterval * (double(k) + 0.03 * jitterOf(k)));
+        shots.origin.push_back({0.0, 0.5 * (l + double(s) / perLine), kAltitude});
+        shots.direction.push_back({std::sin(angle), 0.0, -std::cos(angle)});
+      }
+    for (std::uint32_t k = 0; k < shots.time.size(); ++k) {
+      if (int(k) % perLine >= perLine - kGapShots) continue;  // the scan gap: no echoes
+      const double angle = -0.2 + 1.0 * (k % std::uint32_t(perLine)) / (perLine - 1);
+      const double ground = rangeTo(surface, angle);
+      for (int e = 0; e < echoesPerShot; ++e)  // the others in a canopy up to 15 m above
+        addEcho(k, ground - (e == 0 ? 0.0 : 15.0 * (0.5 + 0.5 * jitterOf(k * 7 + e))));
+    }
+  }
+
+  // Metre steps to the surface, then halving to a millimetre.
+  static double rangeTo(const Surface& surface, double angle) {
+    const auto above = [&](double t) {
+      return kAltitude - t * std::cos(angle) > surface(t * std::sin(angle));
+    };
+    double lo = 0.0;
+    while (above(lo + 1.0)) lo += 1.0;
+    for (double step = 0.5; step > 1e-3; step *= 0.5)
+      if (above(lo + step)) lo += step;
+    return lo;
+  }
+
+  // The echo recorded after the last shot fired before it arrived.
+  void addEcho(std::uint32_t shot, double range) {
+    const double arrival = shots.time[shot] + 2.0 * range / kLight;
+    std::uint32_t record = shot;
+    while (record + 1 < shots.time.size() && shots.time[record + 1] <= arrival) ++record;
+    if (record + 1 == shots.time.size()) return;  // recorded after the last shot: not scanned
+    echoes.push_back({shot, range / kLight, std::uint8_t(record - shot), false});
+    trueZone.push_back(std::uint8_t(record - shot));
+  }
+
+  void assignZone(std::size_t i, int zone) {
+    RefineEcho& e = echoes[i];
+    const auto to = std::uint32_t(std::int64_t(e.emitter) + e.zone - zone);
+    e.oneWayTime = oneWayTimeFrom(e.oneWayTime, shots.time[e.emitter], shots.time[to]);
+    e.emitter = to;
+    e.zone = std::uint8_t(zone);
+  }
+
+  // Every line's echoes from shot `from` on `off` zones off (alternating with zone 0, as the
+  // block method leaves them where the true zone is beyond its reach).
+  std::size_t spoilLineEnds(int from, int off) {
+    std::size_t spoiled = 0;
+    for (std::size_t i = 0; i < echoes.size(); ++i) {
+      const int s = int(echoes[i].emitter) % perLine;
+      if (s < from || trueZone[i] + off < 0) continue;
+      assignZone(i, s % 7 == 0 ? 0 : trueZone[i] + off);
+      ++spoiled;
+    }
+    return spoiled;
+  }
+
+  std::size_t wrong(const RefineResult& r) const {
+    std::size_t n = 0;
+    for (std::size_t i = 0; i < trueZone.size(); ++i) n += r.zone[i] != trueZone[i];
+    return n;
+  }
+};
+
+const Surface kFlat = [](double) { return 0.0; };
+// A cliff 60 m high, and a wall 40 m high, crossed by every line.
+const Surface kCliff = [](double x) { return x > 150.0 ? 60.0 : 0.0; };
+const Surface kWall = [](double x) { return x > 300.0 && x < 303.0 ? 40.0 : 0.0; };
+
+RefineSettings withoutRuns() {
+  RefineSettings s;
+  s.runMinEchoes = 0;
+  return s;
+}
+
+TEST(AlongLineRuns, WrongRunsAtEveryLineEndMoveBack) {
+  // The same far end wrong in every line: the lines either side form the same ghost, so the
+  // surface test alone cannot move them.
+  for (int off : {-3, -2, 1}) {
+    JitteredScan scan(kFlat, 12, 3000);
+    const std::size_t spoiled = scan.spoilLineEnds(2500, off);
+    ASSERT_GT(spoiled, 11u * 300u);
+    EXPECT_GT(scan.wrong(refineEchoZones(scan.shots, scan.echoes, withoutRuns())), spoiled / 2);
+    const RefineResult r = refineEchoZones(scan.shots, scan.echoes);
+    EXPECT_EQ(scan.wrong(r), 0u) << off;
+    EXPECT_EQ(r.markedNoise, 0u);
+  }
+}
+
+TEST(AlongLineRuns, RealDiscontinuitiesStayAsTheyAre) {
+  // Cliffs and walls along the line, and a canopy of three echoes a shot (some continue each
+  // other by chance in any zone): right zones, nothing moves.
+  for (const Surface& surface : {kFlat, kCliff, kWall})
+    for (int perShot : {1, 3}) {
+      JitteredScan scan(surface, 12, 3000, perShot);
+      const RefineResult r = refineEchoZones(scan.shots, scan.echoes);
+      EXPECT_EQ(r.moved, 0u) << perShot;
+      EXPECT_EQ(scan.wrong(r), 0u);
+    }
+}
+
+TEST(AlongLineRuns, ShortRunsAndSettledEchoesStay) {
+  // Without the surface test: long runs move back by this rule alone, a run shorter than it
+  // asks for stays, and settled echoes are never moved.
+  RefineSettings runsOnly;
+  runsOnly.iterations = 0;
+  JitteredScan longRuns(kFlat, 12, 3000);
+  const std::size_t spoiled = longRuns.spoilLineEnds(2500, -2);
+  EXPECT_LT(longRuns.wrong(refineEchoZones(longRuns.shots, longRuns.echoes, runsOnly)),
+            spoiled / 100);
+  JitteredScan shortRuns(kFlat, 12, 3000);
+  const std::size_t few = shortRuns.spoilLineEnds(2893, -2);
+  const RefineResult r = refineEchoZones(shortRuns.shots, shortRuns.echoes, runsOnly);
+  EXPECT_EQ(shortRuns.wrong(r), few);
+  EXPECT_EQ(r.moved, 0u);
+  JitteredScan settled(kFlat, 12, 3000);
+  const std::size_t all = settled.spoilLineEnds(2500, -2);
+  EXPECT_EQ(settled.wrong(
+                refineEchoZones(settled.shots, settled.echoes, runsOnly, settled.echoes.size())),
+            all);
+}
+
+}  // namespace
+}  // namespace FullWaveform
