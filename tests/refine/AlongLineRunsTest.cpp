@@ -9,6 +9,7 @@
 
 #include "output/PointGeometry.hpp"
 #include "refine/SurfaceFit.hpp"
+#include "support/RefineEchoes.hpp"
 
 namespace FullWaveform {
 namespace {
@@ -79,13 +80,7 @@ struct JitteredScan {
     trueZone.push_back(std::uint8_t(record - shot));
   }
 
-  void assignZone(std::size_t i, int zone) {
-    RefineEcho& e = echoes[i];
-    const auto to = std::uint32_t(std::int64_t(e.emitter) + e.zone - zone);
-    e.oneWayTime = oneWayTimeFrom(e.oneWayTime, shots.time[e.emitter], shots.time[to]);
-    e.emitter = to;
-    e.zone = std::uint8_t(zone);
-  }
+  void assignZone(std::size_t i, int zone) { quillo::test::assignEchoZone(echoes[i], shots, zone); }
 
   // Every line's echoes from shot `from` on `off` zones off (alternating with zone 0, as the
   // block method leaves them where the true zone is beyond its reach).

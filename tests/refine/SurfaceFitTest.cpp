@@ -10,6 +10,7 @@
 #include "output/PointGeometry.hpp"
 #include "refine/ParallelChunks.hpp"
 #include "refine/SurfaceFit.hpp"
+#include "support/RefineEchoes.hpp"
 
 namespace FullWaveform {
 namespace {
@@ -57,13 +58,7 @@ struct Scan {
   }
 
   // Gives echo i the zone `zone`, as the block method would: same arrival, other emitter.
-  void assignZone(std::size_t i, int zone) {
-    RefineEcho& e = echoes[i];
-    const auto to = std::uint32_t(std::int64_t(e.emitter) + e.zone - zone);
-    e.oneWayTime = oneWayTimeFrom(e.oneWayTime, shots.time[e.emitter], shots.time[to]);
-    e.emitter = to;
-    e.zone = std::uint8_t(zone);
-  }
+  void assignZone(std::size_t i, int zone) { quillo::test::assignEchoZone(echoes[i], shots, zone); }
 
   // Gives a block of `width` shots in lines [first, first + count) the zone `off` too high.
   void spoilBlock(int first, int count, int fromShot, int width, int off = 1) {
