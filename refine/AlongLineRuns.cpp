@@ -24,7 +24,9 @@ using Sample = RunSample;
 // Whether `self` continues `needed` pairs of `others` (shots on either side or both on one
 // side): its range lies within `tolerance` of the straight line through theirs.
 bool continues(const Sample& self, const Sample* others, int count, double tolerance, int needed) {
-  for (int a = 0; a < count; ++a)
+  for (int a = 0; a < count; ++a) {
+    // Fewer pairs left than still needed: most zones tried are rough, and end here.
+    if (needed > (count - a) * (count - a - 1) / 2) return false;
     for (int b = a + 1; b < count; ++b) {
       const Sample &p = others[a], &q = others[b];
       if (p.shot == q.shot) continue;
@@ -32,42 +34,53 @@ bool continues(const Sample& self, const Sample* others, int count, double toler
       needed -= std::abs(self.range - (p.range + (q.range - p.range) * at)) < tolerance;
       if (needed <= 0) return true;
     }
+  }
   return false;
 }
 
 }  // namespace
 
-// The echoes recorded within the reach of echo k's recording shot (in recording order), but
-// after other shots than its own, emitted in `line` under `zone` (-1: each its current zone).
-int Refiner::alongLineSamples(std::size_t k, int zone, std::uint32_t line, Sample* out) const {
-  const std::int64_t reach = settings_.runShotReach, lastShot = std::int64_t(shots_.time.size());
-  const std::uint32_t i = byRecord_[k];
-  const std::int64_t record = recordOf(i);
+// The echoes recorded within the reach of echo k's recording shot, but after other shots
+// than its own: the nearer before it first, then those after it (recording order). Gathered
+// once, they serve the tests of every zone.
+void Refiner::gatherAlongLine(std::size_t k, std::vector<std::uint32_t>& near) const {
+  const std::int64_t reach = settings_.runShotReach, record = inRecord_.record[k];
+  const std::vector<std::int64_t>& at = inRecord_.record;
+  near.clear();
+  for (std::size_t j = k; j-- > 0 && at[j] >= record - reach;)
+    if (at[j] != record) near.push_back(std::uint32_t(j));
+  for (std::size_t j = k + 1; j < at.size() && at[j] <= record + reach; ++j)
+    if (at[j] != record) near.push_back(std::uint32_t(j));
+}
+
+// The first kRunSamples of the gathered echoes emitted in `line` under `zone` (-1: each its
+// current zone).
+int Refiner::alongLineSamples(const std::vector<std::uint32_t>& near, int zone, std::uint32_t line,
+                              Sample* out) const {
+  const std::int64_t lastShot = std::int64_t(shots_.time.size());
   int count = 0;
-  const auto take = [&](std::size_t j) {
-    const std::uint32_t m = byRecord_[j];
-    if (recordOf(m) == record || count >= kRunSamples) return;
-    const std::int64_t shot = zone < 0 ? std::int64_t(emitter_[m]) : recordOf(m) - zone;
-    if (shot < 0 || shot >= lastShot || cells_.line[std::size_t(shot)] != line) return;
-    const double oneWay = oneWayTimeFrom(oneWay_[m], shots_.time[emitter_[m]], shots_.time[shot]);
+  for (const std::uint32_t j : near) {
+    const std::int64_t shot = zone < 0 ? inRecord_.emitter[j] : inRecord_.record[j] - zone;
+    if (shot < 0 || shot >= lastShot || cells_.line[std::size_t(shot)] != line) continue;
+    const double oneWay =
+        oneWayTimeFrom(inRecord_.oneWay[j], inRecord_.emitTime[j], shots_.time[shot]);
     if (oneWay > kNearRangeLimit) out[count++] = {shot, oneWay * shots_.lightSpeed};
-  };
-  for (std::size_t j = k; j-- > 0 && recordOf(byRecord_[j]) >= record - reach;) take(j);
-  for (std::size_t j = k + 1; j < byRecord_.size() && recordOf(byRecord_[j]) <= record + reach; ++j)
-    take(j);
+    if (count == kRunSamples) break;
+  }
   return count;
 }
 
-// Whether echo k (in recording order) continues its line's echoes with every echo in `zone`
-// (-1: each in its current zone).
-bool Refiner::smoothAlongLine(std::size_t k, int zone) const {
-  const std::uint32_t i = byRecord_[k];
-  const std::int64_t shot = zone < 0 ? std::int64_t(emitter_[i]) : recordOf(i) - zone;
+// Whether echo k (in recording order) continues its line's echoes (`near`, gathered) with
+// every echo in `zone` (-1: each in its current zone).
+bool Refiner::smoothAlongLine(std::size_t k, int zone,
+                              const std::vector<std::uint32_t>& near) const {
+  const std::int64_t shot = zone < 0 ? inRecord_.emitter[k] : inRecord_.record[k] - zone;
   if (shot < 0 || shot >= std::int64_t(shots_.time.size())) return false;
-  const double oneWay = oneWayTimeFrom(oneWay_[i], shots_.time[emitter_[i]], shots_.time[shot]);
+  const double oneWay =
+      oneWayTimeFrom(inRecord_.oneWay[k], inRecord_.emitTime[k], shots_.time[shot]);
   if (!(oneWay > kNearRangeLimit)) return false;
   Sample others[kRunSamples];
-  const int count = alongLineSamples(k, zone, cells_.line[std::size_t(shot)], others);
+  const int count = alongLineSamples(near, zone, cells_.line[std::size_t(shot)], others);
   return continues({shot, oneWay * shots_.lightSpeed}, others, count, settings_.runTolerance,
                    settings_.runPairs);
 }
@@ -79,23 +92,42 @@ void Refiner::smoothZones(std::vector<std::uint32_t>& zones) const {
   zones.assign(n, 0);
   forEachChunk(n, chunkCount(n), settings_.threads,
                [&](std::size_t, std::size_t lo, std::size_t hi) {
+                 std::vector<std::uint32_t> near;
+                 near.reserve(64);
                  for (std::size_t k = lo; k < hi; ++k) {
-                   if (smoothAlongLine(k, -1)) continue;
+                   gatherAlongLine(k, near);
+                   if (smoothAlongLine(k, -1, near)) continue;
                    for (int z = 0; z <= std::min(maxZone_, 31); ++z)
-                     if (smoothAlongLine(k, z)) zones[k] |= 1u << z;
+                     if (smoothAlongLine(k, z, near)) zones[k] |= 1u << z;
                  }
                });
+}
+
+// The active echoes in recording order, with what the along-line tests read of each.
+void Refiner::orderByRecord() {
+  // Counted by recording shot (a stable sort: echo order within a shot).
+  std::vector<std::uint32_t> first(shots_.time.size() + 256 + 1, 0);
+  std::size_t n = 0;
+  for (std::uint32_t i = 0; i < echoes_.size(); ++i)
+    if (active(i)) ++first[std::size_t(recordOf(i)) + 1], ++n;
+  for (std::size_t r = 1; r < first.size(); ++r) first[r] += first[r - 1];
+  byRecord_.resize(n);
+  for (std::uint32_t i = 0; i < echoes_.size(); ++i)
+    if (active(i)) byRecord_[first[std::size_t(recordOf(i))]++] = i;
+  inRecord_.record.resize(n), inRecord_.emitter.resize(n);
+  inRecord_.oneWay.resize(n), inRecord_.emitTime.resize(n);
+  for (std::size_t k = 0; k < n; ++k) {
+    const std::uint32_t i = byRecord_[k];
+    inRecord_.record[k] = recordOf(i), inRecord_.emitter[k] = emitter_[i];
+    inRecord_.oneWay[k] = oneWay_[i], inRecord_.emitTime[k] = shots_.time[emitter_[i]];
+  }
 }
 
 // The echoes (recording order) of each run smooth in one zone: consecutive members recorded
 // within the reach of each other in one line. A run of enough echoes that are rough where
 // they are moves to that zone; the longest run wins where an echo is in two.
 void Refiner::shiftRoughRuns() {
-  byRecord_.clear();
-  for (std::uint32_t i = 0; i < echoes_.size(); ++i)
-    if (active(i)) byRecord_.push_back(i);
-  std::stable_sort(byRecord_.begin(), byRecord_.end(),
-                   [&](std::uint32_t a, std::uint32_t b) { return recordOf(a) < recordOf(b); });
+  orderByRecord();
   std::vector<std::uint32_t> zones;
   smoothZones(zones);
   const std::size_t n = byRecord_.size();
@@ -108,12 +140,11 @@ void Refiner::shiftRoughRuns() {
         continue;
       }
       std::size_t end = k + 1, last = k;
-      const std::uint32_t line = cells_.line[std::size_t(recordOf(byRecord_[k]) - z)];
-      for (; end < n &&
-             recordOf(byRecord_[end]) - recordOf(byRecord_[last]) <= settings_.runShotReach;
+      const std::uint32_t line = cells_.line[std::size_t(inRecord_.record[k] - z)];
+      for (; end < n && inRecord_.record[end] - inRecord_.record[last] <= settings_.runShotReach;
            ++end)
         if (zones[end] >> z & 1u) {
-          if (cells_.line[std::size_t(recordOf(byRecord_[end]) - z)] != line) break;
+          if (cells_.line[std::size_t(inRecord_.record[end] - z)] != line) break;
           last = end;
         }
       // Members counted by their recording shots: several echoes of one shot (vegetation)
@@ -122,8 +153,8 @@ void Refiner::shiftRoughRuns() {
       std::int64_t lastShot = -1;
       for (std::size_t j = k; j <= last; ++j) {
         const bool member = zones[j] >> z & 1u;
-        members += member && recordOf(byRecord_[j]) != lastShot;
-        lastShot = member ? recordOf(byRecord_[j]) : lastShot;
+        members += member && inRecord_.record[j] != lastShot;
+        lastShot = member ? inRecord_.record[j] : lastShot;
         agreeing += member || result_.zone[byRecord_[j]] == z;
       }
       // Among many echoes of a shot (vegetation) some continue each other by chance, in any

@@ -102,9 +102,12 @@ class Refiner {
   // The shot after which echo i was recorded: the same for every zone.
   std::int64_t recordOf(std::size_t i) const { return std::int64_t(emitter_[i]) + result_.zone[i]; }
   void shiftRoughRuns();  // refine/AlongLineRuns.cpp
+  void orderByRecord();
   void smoothZones(std::vector<std::uint32_t>& zones) const;
-  bool smoothAlongLine(std::size_t k, int zone) const;
-  int alongLineSamples(std::size_t k, int zone, std::uint32_t line, RunSample* out) const;
+  void gatherAlongLine(std::size_t k, std::vector<std::uint32_t>& near) const;
+  bool smoothAlongLine(std::size_t k, int zone, const std::vector<std::uint32_t>& near) const;
+  int alongLineSamples(const std::vector<std::uint32_t>& near, int zone, std::uint32_t line,
+                       RunSample* out) const;
   struct CellMove {
     std::uint32_t echo, from, to;  // a neighbour and the cells it leaves and joins
   };
@@ -172,8 +175,15 @@ class Refiner {
   int maxZone_ = 0;
   std::size_t settled_ = 0;  // echoes [0, settled_) are final: neighbours, never judged
   std::vector<bool> active_, straddles_;
-  LargeVector<std::uint32_t> byShot_;        // echoes by first emitting shot
-  std::vector<std::uint32_t> byRecord_;      // echoes by recording shot (along-line runs)
+  LargeVector<std::uint32_t> byShot_;    // echoes by first emitting shot
+  std::vector<std::uint32_t> byRecord_;  // echoes by recording shot (along-line runs)
+  // Per echo in recording order: its recording and emitting shots, one-way time and the
+  // emitting shot's time, read contiguously by the along-line tests of every zone.
+  struct RecordOrder {
+    std::vector<std::int64_t> record, emitter;
+    std::vector<double> oneWay, emitTime;
+  };
+  RecordOrder inRecord_;
   std::vector<std::uint8_t> moving_echoes_;  // echoes about to move, marked for a while
   std::vector<std::uint32_t> movingList_;
   // While set, the echoes marked here count as no neighbours (they are about to move).
