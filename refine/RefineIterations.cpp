@@ -63,6 +63,7 @@ void Refiner::fillCells() {
     const auto last = placed_.members.begin() + placed_.start[c + 1];
     if (!std::is_sorted(first, last, byAngle)) std::sort(first, last, byAngle);
   }
+  boundCells(0, cells_.cellCount());
 }
 
 // Brings the cells up to date after the moves (emitters already changed): only the lines a
@@ -107,6 +108,7 @@ void Refiner::sortLine(std::size_t line) {
     placed_.start[line * bins + b] = at;
     for (; m != end && std::size_t(cells_.bin[m->emitter] - cells_.firstBin) == b; ++m) ++at;
   }
+  boundCells(line * bins, (line + 1) * bins);
 }
 
 // Marks every cell within reach of a changed one (the searched lines, the bin and its

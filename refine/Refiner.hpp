@@ -46,10 +46,19 @@ struct Neighbour {
   std::uint32_t echo, emitter;
 };
 
+// What bounds the fit test's tolerance for every neighbour of a cell: the spread of their
+// shots' origins and directions around the first one's, and their farthest range.
+struct CellReach {
+  point origin{};
+  Gemwold::PhysicalSpace::vector direction{};
+  double originRadius = 0.0, directionRadius = 0.0, reach = 0.0;
+};
+
 // The neighbours of each cell, placed with their current zones.
 struct Placement {
   LargeVector<std::uint32_t> start, fill;  // cell c holds members[start[c], start[c+1])
   LargeVector<Neighbour> members;
+  LargeVector<CellReach> reach;  // per cell
   // One line's neighbours while it is sorted again: those that stay and those that join.
   std::vector<Neighbour> line, joining;
 };
@@ -116,6 +125,9 @@ class Refiner {
   bool unchangedSinceJudged(std::size_t i) const;
   void markNoise();
   void sortLine(std::size_t line);
+  void boundCells(std::size_t cellLo, std::size_t cellHi);  // refine/CellReach.cpp
+  double farGap(std::size_t cellLo, std::size_t cellHi, const point& origin,
+                const Gemwold::PhysicalSpace::vector& direction) const;
   bool fitsNothing(std::size_t i) const;
   // Lone echoes (LoneEchoes.cpp): what an off echo fits, it fits by chance under every zone.
   bool lone(std::size_t i) const;

@@ -65,12 +65,21 @@ bool Refiner::anyNear(std::size_t cellLo, std::size_t cellHi, std::size_t self,
   const Neighbour* up =
       std::partition_point(first, end, [a](const Neighbour& m) { return m.angle < a; });
   const Neighbour* down = up;
-  while (up != end || down != first) {
-    for (const Neighbour* m : {up != end ? up++ : nullptr, down != first ? --down : nullptr}) {
-      if (!m || m->echo == self || (moving_ && (*moving_)[m->echo])) continue;
-      hasEchoes = true;
-      if (near(*m, p, origin, direction)) return true;
+  // Worked out once a neighbour is not plainly near: many searches end at the first one.
+  double far = -1.0;
+  const auto fits = [&](const Neighbour& m) {
+    if (m.echo == self || (moving_ && (*moving_)[m.echo])) return false;
+    hasEchoes = true;
+    const double gap = squared(m.position, p);
+    if (gap >= settings_.fitTolerance * settings_.fitTolerance) {
+      if (far < 0.0) far = farGap(cellLo, cellHi, origin, direction);
+      if (gap >= far) return false;
     }
+    return near(m, p, origin, direction);
+  };
+  while (up != end || down != first) {
+    if (up != end && fits(*up++)) return true;
+    if (down != first && fits(*--down)) return true;
   }
   return false;
 }
