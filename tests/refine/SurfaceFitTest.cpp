@@ -93,6 +93,21 @@ TEST(SurfaceFit, CorrectScansStayAsTheyAre) {
   }
 }
 
+TEST(SurfaceFit, SlopesTheLinesApartAllowForFit) {
+  // Ground rising along the track, and a ridge across it: neighbours of the lines farther
+  // off lie beyond the fixed tolerance and fit only with what their shots' distance (origins
+  // half a metre per line apart, scan angles a bin or two apart) allows; echoes whose cells'
+  // shots spread more are no exception.
+  const Surface rising = [](double, double y) { return 0.75 * y; };
+  const Surface ridge = [](double x, double y) { return 0.7 * y - 0.05 * std::abs(x); };
+  for (const Surface& surface : {rising, ridge}) {
+    Scan scan(surface, 14, 300);
+    const RefineResult r = refineEchoZones(scan.shots, scan.echoes);
+    EXPECT_EQ(r.moved, 0u);
+    EXPECT_EQ(r.markedNoise, 0u);
+  }
+}
+
 TEST(SurfaceFit, WrongBlocksMoveToTheSurface) {
   // Consecutive lines with the same block wrong, as at a fragment's start, on flat ground and
   // across a cliff face: one line alone, and two lines that fit each other.
