@@ -38,6 +38,19 @@ bool wrongBlock(const Fit& now, const Fit& candidate, int reach) {
   }
   return true;
 }
+// The first of [first, end) (in angle order) at `angle` or beyond. Without branches: which
+// half holds it is a coin toss the processor cannot learn.
+const Neighbour* firstFromAngle(const Neighbour* first, const Neighbour* end, float angle) {
+  std::size_t n = std::size_t(end - first);
+  if (n == 0) return first;
+  while (n > 1) {
+    const std::size_t half = n / 2;
+    first = first[half].angle < angle ? first + half : first;
+    n -= half;
+  }
+  return first + (first->angle < angle);
+}
+
 }  // namespace
 
 // Whether `m` lies near `p`, seen from the shot at `origin` looking along `direction`.
@@ -62,8 +75,7 @@ bool Refiner::anyNear(std::size_t cellLo, std::size_t cellHi, std::size_t self,
   const Neighbour* first = placed_.members.data() + placed_.start[cellLo];
   const Neighbour* end = placed_.members.data() + placed_.start[cellHi + 1];
   const auto a = float(cells_.angle[emitter]);
-  const Neighbour* up =
-      std::partition_point(first, end, [a](const Neighbour& m) { return m.angle < a; });
+  const Neighbour* up = firstFromAngle(first, end, a);
   const Neighbour* down = up;
   // Worked out once a neighbour is not plainly near: many searches end at the first one.
   double far = -1.0;
