@@ -41,46 +41,52 @@ bool continues(const Sample& self, const Sample* others, int count, double toler
 }  // namespace
 
 // The echoes recorded within the reach of echo k's recording shot, but after other shots
-// than its own: the nearer before it first, then those after it (recording order). Gathered
-// once, they serve the tests of every zone.
-void Refiner::gatherAlongLine(std::size_t k, std::vector<std::uint32_t>& near) const {
+// than its own, in recording order: those before its shot and those after it. Found once,
+// they serve the tests of every zone.
+Refiner::AlongLine Refiner::alongLineOf(std::size_t k) const {
   const std::int64_t reach = settings_.runShotReach, record = inRecord_.record[k];
   const std::vector<std::int64_t>& at = inRecord_.record;
-  near.clear();
-  for (std::size_t j = k; j-- > 0 && at[j] >= record - reach;)
-    if (at[j] != record) near.push_back(std::uint32_t(j));
-  for (std::size_t j = k + 1; j < at.size() && at[j] <= record + reach; ++j)
-    if (at[j] != record) near.push_back(std::uint32_t(j));
+  AlongLine span{k, k, k + 1, k + 1};
+  while (span.own > 0 && at[span.own - 1] == record) --span.own;
+  span.before = span.own;
+  while (span.before > 0 && at[span.before - 1] >= record - reach) --span.before;
+  while (span.after < at.size() && at[span.after] == record) ++span.after;
+  span.end = span.after;
+  while (span.end < at.size() && at[span.end] <= record + reach) ++span.end;
+  return span;
 }
 
-// The first kRunSamples of the gathered echoes emitted in `line` under `zone` (-1: each its
-// current zone).
-int Refiner::alongLineSamples(const std::vector<std::uint32_t>& near, int zone, std::uint32_t line,
+// The first kRunSamples of the echoes along the line emitted in `line` under `zone` (-1:
+// each its current zone): the nearer before first, then those after.
+int Refiner::alongLineSamples(const AlongLine& span, int zone, std::uint32_t line,
                               Sample* out) const {
   const std::int64_t lastShot = std::int64_t(shots_.time.size());
   int count = 0;
-  for (const std::uint32_t j : near) {
+  const auto take = [&](std::size_t j) {
     const std::int64_t shot = zone < 0 ? inRecord_.emitter[j] : inRecord_.record[j] - zone;
-    if (shot < 0 || shot >= lastShot || cells_.line[std::size_t(shot)] != line) continue;
+    if (shot < 0 || shot >= lastShot || cells_.line[std::size_t(shot)] != line) return false;
     const double oneWay =
         oneWayTimeFrom(inRecord_.oneWay[j], inRecord_.emitTime[j], shots_.time[shot]);
     if (oneWay > kNearRangeLimit) out[count++] = {shot, oneWay * shots_.lightSpeed};
-    if (count == kRunSamples) break;
-  }
+    return count == kRunSamples;
+  };
+  for (std::size_t j = span.own; j-- > span.before;)
+    if (take(j)) return count;
+  for (std::size_t j = span.after; j < span.end; ++j)
+    if (take(j)) return count;
   return count;
 }
 
-// Whether echo k (in recording order) continues its line's echoes (`near`, gathered) with
+// Whether echo k (in recording order) continues the echoes along its line (`span`) with
 // every echo in `zone` (-1: each in its current zone).
-bool Refiner::smoothAlongLine(std::size_t k, int zone,
-                              const std::vector<std::uint32_t>& near) const {
+bool Refiner::smoothAlongLine(std::size_t k, int zone, const AlongLine& span) const {
   const std::int64_t shot = zone < 0 ? inRecord_.emitter[k] : inRecord_.record[k] - zone;
   if (shot < 0 || shot >= std::int64_t(shots_.time.size())) return false;
   const double oneWay =
       oneWayTimeFrom(inRecord_.oneWay[k], inRecord_.emitTime[k], shots_.time[shot]);
   if (!(oneWay > kNearRangeLimit)) return false;
   Sample others[kRunSamples];
-  const int count = alongLineSamples(near, zone, cells_.line[std::size_t(shot)], others);
+  const int count = alongLineSamples(span, zone, cells_.line[std::size_t(shot)], others);
   return continues({shot, oneWay * shots_.lightSpeed}, others, count, settings_.runTolerance,
                    settings_.runPairs);
 }
@@ -92,13 +98,11 @@ void Refiner::smoothZones(std::vector<std::uint32_t>& zones) const {
   zones.assign(n, 0);
   forEachChunk(n, chunkCount(n), settings_.threads,
                [&](std::size_t, std::size_t lo, std::size_t hi) {
-                 std::vector<std::uint32_t> near;
-                 near.reserve(64);
                  for (std::size_t k = lo; k < hi; ++k) {
-                   gatherAlongLine(k, near);
-                   if (smoothAlongLine(k, -1, near)) continue;
+                   const AlongLine span = alongLineOf(k);
+                   if (smoothAlongLine(k, -1, span)) continue;
                    for (int z = 0; z <= std::min(maxZone_, 31); ++z)
-                     if (smoothAlongLine(k, z, near)) zones[k] |= 1u << z;
+                     if (smoothAlongLine(k, z, span)) zones[k] |= 1u << z;
                  }
                });
 }

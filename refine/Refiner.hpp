@@ -113,10 +113,14 @@ class Refiner {
   void shiftRoughRuns();  // refine/AlongLineRuns.cpp
   void orderByRecord();
   void smoothZones(std::vector<std::uint32_t>& zones) const;
-  void gatherAlongLine(std::size_t k, std::vector<std::uint32_t>& near) const;
-  bool smoothAlongLine(std::size_t k, int zone, const std::vector<std::uint32_t>& near) const;
-  int alongLineSamples(const std::vector<std::uint32_t>& near, int zone, std::uint32_t line,
-                       RunSample* out) const;
+  // Echoes along a line in recording order: [before, own) before the echo's recording shot,
+  // [after, end) after it.
+  struct AlongLine {
+    std::size_t before, own, after, end;
+  };
+  AlongLine alongLineOf(std::size_t k) const;
+  bool smoothAlongLine(std::size_t k, int zone, const AlongLine& span) const;
+  int alongLineSamples(const AlongLine& span, int zone, std::uint32_t line, RunSample* out) const;
   struct CellMove {
     std::uint32_t echo, from, to;  // a neighbour and the cells it leaves and joins
   };
