@@ -14,6 +14,7 @@ namespace {
 // time is neither dropped nor marked: the wave goes on as it is.
 void dropUnusableAndMarkNearRange(FatBoy<unsigned short>& fb) {
   for (std::uint32_t i = 0; i < fb.nWaves; ++i) {
+    fb.prefetchWave(i + fb.kPrefetchAhead);
     auto& wave = fb.wavePoints[i];
     if (!wave) continue;
     const double length = fb.getLength(i, wave->timeOffset);
@@ -49,6 +50,7 @@ std::vector<Keyed<std::uint32_t>> waveformWavesByShot(const FatBoy<unsigned shor
   std::vector<Keyed<std::uint32_t>> byShot;
   byShot.reserve(fb.nWaves);
   for (std::uint32_t f = 0; f < fb.nWaves; ++f) {
+    fb.prefetchWave(f + fb.kPrefetchAhead);
     const auto& w = fb.wavePoints[f];
     if (!w || w->amplitudeExempt) continue;
     const double shot = fb.getShotTime(f);
@@ -62,6 +64,7 @@ std::vector<Keyed<std::uint32_t>> waveformWavesByShot(const FatBoy<unsigned shor
 void removeDuplicateOnlineEchoes(FatBoy<unsigned short>& fb) {
   const auto byShot = waveformWavesByShot(fb);
   for (std::uint32_t o = 0; o < fb.nWaves; ++o) {
+    fb.prefetchWave(o + fb.kPrefetchAhead);
     auto& w = fb.wavePoints[o];
     if (!w || !w->amplitudeExempt) continue;
     const auto group = entriesWithKey(byShot, fb.getShotTime(o));

@@ -62,6 +62,7 @@ void fillWaveRows(const FatBoy<unsigned short>& fb, std::uint32_t columns,
   waveRows.values.assign(std::size_t(fb.nWaves) * columns, NO_LENGTH);
   const double minAmplitude = fb.scannerDevice.minAmplitude;
   for (std::uint32_t w = 0; w < fb.nWaves; ++w) {
+    fb.prefetchWave(w + fb.kPrefetchAhead);
     if (!contributes(fb, w)) continue;
     fb.getLengthAccordingMTA(w, 0, columns, fb.maxTravelTime,
                              &waveRows.values[std::size_t(w) * columns], minAmplitude);

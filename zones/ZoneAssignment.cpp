@@ -24,6 +24,7 @@ struct RepairWindow {
 std::string setFixedMTA(FatBoy<unsigned short>& fb) {
   const int fixed = fb.input->MTA;
   for (std::uint32_t i = 0; i < fb.nWaves; ++i) {
+    fb.prefetchWave(i + fb.kPrefetchAhead);
     if (!fb.wavePoints[i]) continue;
     // Eight passes: a failed walk to the fixed zone leaves the shot of the last walk
     // that succeeded, as a walk from zone 0 to 7 would.
@@ -71,6 +72,7 @@ std::string repairUncertainMTA(FatBoy<unsigned short>& fb) {
   std::vector<double> ranges(fb.nWaves, NO_LENGTH);
   std::vector<std::uint32_t> uncertain;
   for (std::uint32_t i = 0; i < fb.nWaves; ++i) {
+    fb.prefetchWave(i + fb.kPrefetchAhead);
     if (!fb.wavePoints[i]) continue;
     const double length = fb.getLength(i, fb.wavePoints[i]->timeOffset);
     if (!usable(length)) continue;

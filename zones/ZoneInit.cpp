@@ -80,6 +80,7 @@ bool FatBoy<T>::iniMTA() {
   // Waves come in time order: each search starts from the previous wave's shot.
   auto from = shotTimeIndex.begin();
   for (std::uint32_t i = 0; i < nWaves; ++i) {
+    prefetchWave(i + kPrefetchAhead);
     if (!wavePoints[i]) continue;
     const double time = wavePoints[i]->waveTime;
     auto it = shotTimeIndex.lowerBoundFrom(from, time);
