@@ -342,6 +342,9 @@ std::string runRanges(const ParallelRun& run, Range all, const std::vector<Range
         runRange(run, inputs[r], ranges[r], r, queue,
                  r + 1 == ranges.size() ? attributeSource : nullptr);
       });
+      // A later range's copy of the input goes here, while the writer still writes, rather
+      // than on the main thread at the end (a creator per fragment and field).
+      inputs[r] = Tessal::BundlePtr();
       if (errors[r]) queue.finish(r, errors[r]->what());
       times[r] = {threadCpuSeconds(), sinceStart()};
     };
