@@ -19,6 +19,7 @@
 #include "app/FragmentHandover.hpp"
 #include "app/FragmentSpill.hpp"
 #include "app/LoadKq.hpp"
+#include "app/ParallelSplit.hpp"
 #include "app/WaveCounts.hpp"
 #include "run/Quillo.hpp"
 #include "tessal/Schema.hpp"
@@ -30,9 +31,7 @@ namespace schema = Tessal::schema;
 
 namespace {
 
-struct Range {
-  std::uint32_t begin, end;
-};
+using Range = FragmentRange;
 
 std::uint32_t fragmentCount(const Tessal::BundlePtr& input) {
   double t = 0.0;
@@ -42,65 +41,27 @@ std::uint32_t fragmentCount(const Tessal::BundlePtr& input) {
   return positions ? std::uint32_t(positions->getNumberOfFragments()) : 0u;
 }
 
-// Waves in the fragments below each fragment number up to `end` (index end: all of them).
-std::vector<std::uint64_t> wavesBefore(const WaveCounts& waves, std::uint32_t end) {
-  std::vector<std::uint64_t> sums(end + 1, 0);
-  for (std::uint32_t f = 0; f < end; ++f) {
-    auto it = waves.perFragment.find(schema::fragmentName(f));
-    sums[f + 1] = sums[f] + (it == waves.perFragment.end() ? 0 : it->second);
-  }
-  return sums;
+// The waves of each fragment below `end`, by fragment number.
+std::vector<std::uint64_t> wavesByNumber(const WaveCounts& waves, std::uint32_t end) {
+  std::vector<std::uint64_t> counts(end, 0);
+  for (std::uint32_t f = 0; f < end; ++f)
+    if (auto it = waves.perFragment.find(schema::fragmentName(f)); it != waves.perFragment.end())
+      counts[f] = it->second;
+  return counts;
 }
 
-// A fragment that a range may start after: the module keeps no state from a fragment of
-// fewer than three waves, so the range's first fragment would miss what one run carries.
-bool cutAfter(const std::vector<std::uint64_t>& before, std::uint32_t fragment) {
-  return before[fragment + 1] - before[fragment] >= 3;
-}
-
-// The main thread writes while the workers run: what it takes, as a share of the CPU time the
-// module takes, measured on the demo survey with `--verbose`. The workers map, count and
-// copy out their fragments' values; the writer is left with the point numbers of fragments
-// made before the ranges ahead of them had ended, the HDF5 calls and, since outputs hold one
-// dataset per field, compressing the fields' chunks. The shares below (0.011 gaussian, 0.02
-// fast) were measured when the workers still compressed; with the writer compressing,
-// `--verbose` shows about 0.22 and 0.37 on the demo survey, not yet used for the split.
-double writerShare(FullWaveform::FWFModus mode) {
-  return mode == FullWaveform::FWF_GAUSSIAN_DECOMPOSITION ? 0.011 : 0.02;
-}
-
-// The share of the waves before cut r (1 to threads - 1). The first range's worker shares its
-// core with the writer (`writer`); every other range also runs the fragment before it
-// (`leadIn`, its share of the waves). The cuts give every range about the same cost.
-double shareBeforeCut(unsigned r, unsigned threads, double writer, double leadIn) {
-  const double each = (1.0 + writer + (threads - 1) * leadIn) / threads;
-  const double first = std::max(0.5 / threads, each - writer);
-  return first + (1.0 - first) * double(r - 1) / double(threads - 1);
-}
-
-// Contiguous ranges of about equal work, at most one per fragment.
-std::vector<Range> splitFragments(Range all, unsigned threads, const WaveCounts& waves,
-                                  double writer) {
-  const std::vector<std::uint64_t> before = wavesBefore(waves, all.end);
-  const std::uint64_t base = before[all.begin], total = before[all.end] - base;
-  const double leadIn = 1.0 / double(all.end - all.begin);  // an average fragment
-  std::vector<Range> ranges;
-  std::uint32_t start = all.begin;
-  for (unsigned r = 1; r < threads; ++r) {
-    std::uint32_t stop = start + 1;
-    const double target = double(total) * shareBeforeCut(r, threads, writer, leadIn);
-    while (stop < all.end && double(before[stop] - base) < target) ++stop;
-    // The nearer of the fragment boundaries around the target.
-    if (stop > start + 1 &&
-        target - double(before[stop - 1] - base) < double(before[stop] - base) - target)
-      --stop;
-    while (stop < all.end && !cutAfter(before, stop - 1)) ++stop;
-    if (stop >= all.end) break;
-    ranges.push_back({start, stop});
-    start = stop;
-  }
-  ranges.push_back({start, all.end});
-  return ranges;
+// The bytes of the fragment's arrays held in memory (not set aside in a scratch file).
+std::size_t bytesInMemory(const FragmentOutput& output) {
+  std::size_t bytes = 0;
+  for (const OutputPart& part : output.parts)
+    for (const FieldArray& a : part.arrays) {
+      if (a.setAside.offset >= 0) continue;
+      if (a.encoded)
+        for (const auto& chunk : a.encoded->chunks) bytes += chunk.size();
+      else if (a.data)
+        bytes += a.data->nElements() * Tessal::elementBytes(a.data->elementType());
+    }
+  return bytes;
 }
 
 // Finished fragments on their way from the workers to the writer.
@@ -116,25 +77,34 @@ class HandoverQueue {
 
   // Sets the output aside when the writer is still short of its range: it would wait in
   // memory for the ranges before to be written. Within the range being written, waits while
-  // the writer is `kAhead` fragments behind: a writer that refines, maps and encodes takes
-  // longer per fragment than the module, and the outputs would pile up in memory. Called by
-  // the range's own worker only.
+  // the writer is `kAhead` fragments behind and the outputs waiting hold `kAheadBytes`: a
+  // writer that refines, maps and encodes takes longer per fragment than the module, and the
+  // outputs would pile up in memory; tiny fragments may run further ahead, so that worker
+  // and writer do not wake each other for every one. Called by the range's own worker only.
   void put(std::size_t range, std::uint32_t fragment, FragmentOutput output) {
     if (nextToWrite_.load() < ranges_[range].begin)
       for (OutputPart& part : output.parts) spills_[range].setAside(part);
+    const std::size_t bytes = bytesInMemory(output);
     std::unique_lock lock(mutex_);
-    changed_.wait(lock, [&] {
+    const auto mayPut = [&] {
       const std::uint32_t next = nextToWrite_.load();
-      return abandoned_ || next < ranges_[range].begin || fragment < next + kAhead;
-    });
-    ready_.emplace(fragment, std::move(output));
-    changed_.notify_all();
+      return abandoned_ || next < ranges_[range].begin || fragment < next + kAhead ||
+             waitingBytes_ + bytes <= kAheadBytes;
+    };
+    if (!mayPut()) {
+      ++workersWaiting_;
+      roomMade_.wait(lock, mayPut);
+      --workersWaiting_;
+    }
+    waitingBytes_ += bytes;
+    ready_.emplace(fragment, Waiting{std::move(output), bytes});
+    if (writerWaitsFor_ == fragment) outputReady_.notify_one();
   }
   // The writer takes no more fragments: no worker may wait for it.
   void abandon() {
     std::lock_guard lock(mutex_);
     abandoned_ = true;
-    changed_.notify_all();
+    roomMade_.notify_all();
   }
   // `points`: how many points the range gave, when it ended well.
   void finish(std::size_t range, std::string result,
@@ -143,7 +113,7 @@ class HandoverQueue {
     results_[range] = std::move(result);
     points_[range] = points;
     done_[range] = true;
-    changed_.notify_all();
+    outputReady_.notify_one();
   }
   // The number of the range's first point in one run: known once the ranges before it ended.
   std::optional<std::uint32_t> firstPointOf(std::size_t range) const {
@@ -159,13 +129,16 @@ class HandoverQueue {
   std::optional<FragmentOutput> take(std::uint32_t fragment) {
     std::unique_lock lock(mutex_);
     const std::size_t owner = ownerOf(fragment);
-    changed_.wait(lock, [&] { return ready_.count(fragment) || done_[owner]; });
+    writerWaitsFor_ = fragment;
+    outputReady_.wait(lock, [&] { return ready_.count(fragment) || done_[owner]; });
+    writerWaitsFor_ = kNobody;
     auto it = ready_.find(fragment);
     if (it == ready_.end()) return std::nullopt;
-    FragmentOutput output = std::move(it->second);
+    FragmentOutput output = std::move(it->second.output);
+    waitingBytes_ -= it->second.bytes;
     ready_.erase(it);
     nextToWrite_ = fragment + 1;
-    changed_.notify_all();
+    if (workersWaiting_) roomMade_.notify_all();
     lock.unlock();
     for (OutputPart& part : output.parts) spills_[owner].bringBack(part);
     return output;
@@ -189,12 +162,21 @@ class HandoverQueue {
   std::vector<bool> done_;
   std::vector<std::optional<std::uint32_t>> points_;
   std::vector<FragmentSpill> spills_;  // one per range, written by its worker alone
+  struct Waiting {
+    FragmentOutput output;
+    std::size_t bytes;  // of the output held in memory (not set aside)
+  };
   static constexpr std::uint32_t kAhead = 3;
+  static constexpr std::size_t kAheadBytes = std::size_t(4) << 20;
+  static constexpr std::uint32_t kNobody = ~std::uint32_t(0);
   std::atomic<std::uint32_t> nextToWrite_;
   bool abandoned_ = false;
-  std::map<std::uint32_t, FragmentOutput> ready_;
+  std::map<std::uint32_t, Waiting> ready_;
+  std::size_t waitingBytes_ = 0;
+  std::uint32_t writerWaitsFor_ = kNobody;
+  unsigned workersWaiting_ = 0;
   mutable std::mutex mutex_;
-  std::condition_variable changed_;
+  std::condition_variable outputReady_, roomMade_;  // the writer waits on one, workers on the other
 };
 
 // A worker's output grids and progress receiver: hands each finished fragment over, encoded
@@ -360,6 +342,9 @@ std::string runRanges(const ParallelRun& run, Range all, const std::vector<Range
         runRange(run, inputs[r], ranges[r], r, queue,
                  r + 1 == ranges.size() ? attributeSource : nullptr);
       });
+      // A later range's copy of the input goes here, while the writer still writes, rather
+      // than on the main thread at the end (a creator per fragment and field).
+      inputs[r] = Tessal::BundlePtr();
       if (errors[r]) queue.finish(r, errors[r]->what());
       times[r] = {threadCpuSeconds(), sinceStart()};
     };
@@ -401,9 +386,11 @@ std::string runModule(const ParallelRun& run) {
                   std::min(run.input.fragEnd, count)};
   if (run.threads < 2 || all.end < all.begin + 2)
     return FullWaveform::Quillo<unsigned short>(bundle, grid(0), grid(1), run.input);
-  return runRanges(
-      run, all,
-      splitFragments(all, run.threads, countWaves(bundle), writerShare(run.input.fwfModus)));
+  const WaveCounts waves = countWaves(bundle);
+  const double writer =
+      writerShare(run.input.fwfModus, all.end - all.begin, waves.total, run.streamed);
+  return runRanges(run, all,
+                   splitFragments(all, run.threads, wavesByNumber(waves, all.end), writer));
 }
 
 }  // namespace quillo::cli

@@ -11,20 +11,24 @@ using Vorlap::StrongPtr;
 
 namespace {
 
-std::size_t hashOf(const std::string& name) {
-  return std::hash<std::string_view>{}(name);
+std::uint32_t hashOf(const std::string& name) {
+  return std::uint32_t(std::hash<std::string_view>{}(name));
 }
 
 }  // namespace
 
-std::size_t FragmentIDCollection::indexOfName(const std::string& name) const {
+std::size_t FragmentIDCollection::indexOfName(const std::string& name, std::uint32_t hash) const {
   if (table_.empty()) return ids_.size();
   const std::size_t mask = table_.size() - 1;
-  for (std::size_t s = hashOf(name) & mask;; s = (s + 1) & mask) {
-    const std::uint32_t entry = table_[s];
-    if (entry == 0) return ids_.size();
-    if (ids_[entry - 1]->getName() == name) return entry - 1;
+  for (std::size_t s = hash & mask;; s = (s + 1) & mask) {
+    const Slot slot = table_[s];
+    if (slot.position == 0) return ids_.size();
+    if (slot.hash == hash && ids_[slot.position - 1]->getName() == name) return slot.position - 1;
   }
+}
+
+std::size_t FragmentIDCollection::indexOfName(const std::string& name) const {
+  return indexOfName(name, hashOf(name));
 }
 
 StrongPtr<FragmentID> FragmentIDCollection::findFragmentIDByName(const std::string& name) const {
@@ -32,24 +36,30 @@ StrongPtr<FragmentID> FragmentIDCollection::findFragmentIDByName(const std::stri
   return i < ids_.size() ? ids_[i] : StrongPtr<FragmentID>();
 }
 
-void FragmentIDCollection::placeInTable(std::size_t position) {
+void FragmentIDCollection::placeInTable(Slot slot) {
   const std::size_t mask = table_.size() - 1;
-  std::size_t s = hashOf(ids_[position]->getName()) & mask;
-  while (table_[s] != 0) s = (s + 1) & mask;
-  table_[s] = std::uint32_t(position + 1);
+  std::size_t s = slot.hash & mask;
+  while (table_[s].position != 0) s = (s + 1) & mask;
+  table_[s] = slot;
 }
 
 StrongPtr<FragmentID> FragmentIDCollection::makeFragmentID(const std::string& name) {
-  if (const std::size_t i = indexOfName(name); i < ids_.size()) return ids_[i];
+  const std::uint32_t hash = hashOf(name);
+  if (const std::size_t i = indexOfName(name, hash); i < ids_.size()) return ids_[i];
   auto id = Vorlap::makeStrong<FragmentID>(name);
   id->position_ = ids_.size();
   ids_.push_back(id);
+  const Slot added{hash, std::uint32_t(ids_.size())};
   if (2 * ids_.size() <= table_.size()) {
-    placeInTable(ids_.size() - 1);
+    placeInTable(added);
     return id;
   }
-  table_.assign(std::max<std::size_t>(16, 2 * table_.size()), 0);
-  for (std::size_t i = 0; i < ids_.size(); ++i) placeInTable(i);
+  // Grown: the slots carry their hashes, so no name is hashed again.
+  std::vector<Slot> old(std::max<std::size_t>(16, 2 * table_.size()));
+  old.swap(table_);
+  for (const Slot& slot : old)
+    if (slot.position != 0) placeInTable(slot);
+  placeInTable(added);
   return id;
 }
 

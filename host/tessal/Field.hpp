@@ -57,11 +57,17 @@ class FragmentIDCollection {
   std::size_t indexOfName(const std::string& name) const;
 
  private:
-  void placeInTable(std::size_t position);
+  // A name's hash and its identifier's position + 1 (0: free). A probe compares hashes
+  // before it reads a name, and a grown table places its slots without hashing again.
+  struct Slot {
+    std::uint32_t hash = 0, position = 0;
+  };
+  std::size_t indexOfName(const std::string& name, std::uint32_t hash) const;
+  void placeInTable(Slot slot);
   std::vector<Vorlap::StrongPtr<FragmentID>> ids_;
-  // Open addressing by the name's hash: position + 1 of an identifier, 0 when free. Its size
-  // is a power of two, at least twice the identifiers.
-  std::vector<std::uint32_t> table_;
+  // Open addressing by the name's hash; its size is a power of two, at least twice the
+  // identifiers.
+  std::vector<Slot> table_;
 };
 
 // Per component minimum and maximum of a fragment's values.

@@ -224,6 +224,11 @@ TEST(Field, LookUpsAndChangesStayExactOverThousandsOfFragments) {
   auto ids = field.getFragmentIDCollection();
   ASSERT_EQ(ids->size(), kFragments);
   EXPECT_EQ(field.makeFragmentID("Fragment_7"), ids->at(7)) << "a name is made once";
+  // Every name is found where it was made, across the table's growths; absent ones are not.
+  for (std::size_t f = 0; f < kFragments; ++f)
+    ASSERT_EQ(ids->indexOfName("Fragment_" + std::to_string(f)), f);
+  EXPECT_EQ(ids->indexOfName("Fragment_" + std::to_string(kFragments)), kFragments);
+  EXPECT_EQ(ids->indexOfName(""), kFragments);
   for (std::size_t f : {std::size_t(0), std::size_t(1234), kFragments - 1}) {
     auto id = ids->findFragmentIDByName("Fragment_" + std::to_string(f));
     ASSERT_TRUE(id);
