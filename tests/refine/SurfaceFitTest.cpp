@@ -198,20 +198,20 @@ TEST(SurfaceFit, AnOffZoneThatFitsALineByChanceGivesWay) {
   scan.addEcho(nine, std::hypot(at.x - o.x, at.y - o.y, at.z - o.z));
   ASSERT_EQ(scan.trueZone.back(), w.zone);
   std::rotate(scan.echoes.begin(), scan.echoes.end() - 1, scan.echoes.end());
-  RefineSettings chance;
-  chance.chanceSupport = 8.0;
-  const RefineResult r = refineEchoZones(scan.shots, scan.echoes, chance, 1);
+  const RefineResult r = refineEchoZones(scan.shots, scan.echoes, {}, 1);
   EXPECT_EQ(r.zone[wrong + 1], scan.trueZone[wrong]);
   EXPECT_EQ(r.flag[wrong + 1], kMovedZone);
   EXPECT_EQ(r.moved, 1u);
   // Without it the place counts as contested.
-  EXPECT_EQ(refineEchoZones(scan.shots, scan.echoes, {}, 1).zone[wrong + 1], w.zone);
+  RefineSettings contested;
+  contested.chanceSupport = 0.0;
+  EXPECT_EQ(refineEchoZones(scan.shots, scan.echoes, contested, 1).zone[wrong + 1], w.zone);
   // A right line among wrong ones fits the right lines beyond them, with about as many echoes
   // near it as the wrong zone has: that is no chance, and it stays.
   Scan among(kFlat, 15, 300);
   among.spoilBlock(4, 3, 180, 60);
   among.spoilBlock(8, 3, 180, 60);
-  const RefineResult kept = refineEchoZones(among.shots, among.echoes, chance);
+  const RefineResult kept = refineEchoZones(among.shots, among.echoes);
   for (int s = 180; s < 240; ++s)
     EXPECT_EQ(kept.zone[std::size_t(7 * 300 + s)], among.trueZone[7 * 300]);
 }
