@@ -380,6 +380,8 @@ int main(int argc, char** argv) {
         settings.outnumberedShare = value;
       else if (name == "outnumberedSupport")
         settings.outnumberedSupport = value;
+      else if (name == "chanceSupport")
+        settings.chanceSupport = value;
       else if (name == "zeroReachesAll")
         settings.zeroReachesAll = value != 0.0;
       else if (name == "zoneReach")

@@ -192,7 +192,7 @@ Refiner::Verdict Refiner::judge(std::size_t i) const {
                            f.fitting >= settings_.onShare * f.lines - 1e-9 &&
                            f.fitting >= now.fitting + settings_.moveMargin &&
                            (now.fitting == 0 || f.lines - f.fitting <= settings_.contestedMiss ||
-                            wrongBlock(now, f, settings_.neighbourLines));
+                            wrongBlock(now, f, settings_.neighbourLines) || fitsByChance(i, c));
     if (clearlyOn && f.fitting > bestFitting)
       bestFitting = f.fitting, v.zone = candidate, v.emitter = c.emitter, v.oneWay = c.oneWay;
   }

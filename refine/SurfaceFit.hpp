@@ -38,7 +38,9 @@ struct RefineEcho {
 using RefineEchoes = LargeVector<RefineEcho>;
 
 struct RefineSettings {
-  int iterations = 6;
+  // Rounds of moves at most; most strips settle in a few, but moves out of ghost blocks that
+  // fit each other chain on, and a window (whose settled lines have settled) must agree.
+  int iterations = 20;
   int neighbourLines = 4;         // lines on each side searched for the surface
   double fitTolerance = 0.85;     // m, plus ...
   double fitPerMetre = 0.85;      // ... this much per metre between the two footprints
@@ -63,6 +65,9 @@ struct RefineSettings {
   // has this many times the echoes near it (a share of 0: never).
   double outnumberedShare = 0.625;
   double outnumberedSupport = 4.0;
+  // The lines an off zone fits are chance, not a contest, where a candidate otherwise clearly
+  // on has this many times the echoes near it (0: never).
+  double chanceSupport = 8.0;
   // An off echo is noise too where every placement of it fits fewer than this many lines
   // and no echo of its own scan line lies near it: birds and dust fit a line by chance, a
   // surface continues along the line (0: never).

@@ -194,6 +194,43 @@ TEST(SurfaceFit, ASmallClusterBesideTheSurfaceGivesWay) {
   EXPECT_EQ(scan.wrong(refineEchoZones(scan.shots, scan.echoes, fitsEnough)), 4u);
 }
 
+TEST(SurfaceFit, AnOffZoneThatFitsALineByChanceGivesWay) {
+  // A wrong echo in line 6 lands where line 9 holds an echo that stays (another zone's
+  // canopy; settled here), and its true zone misses lines 2 and 3, which rise over a mound:
+  // the true zone fits six lines of eight, the wrong one one, with far fewer echoes near it.
+  const Surface mound = [](double x, double y) {
+    return y >= 1.0 && y < 2.0 && std::abs(x) < 5.0 ? 5.0 : 0.0;
+  };
+  Scan scan(mound, 14, 300);
+  const std::size_t wrong = 6 * 300 + 150;
+  scan.assignZone(wrong, scan.trueZone[wrong] + 1);
+  const RefineEcho w = scan.echoes[wrong];
+  const auto at =
+      placeEcho(w.oneWayTime, scan.shots.direction[w.emitter], scan.shots.origin[w.emitter], kLight)
+          .position;
+  const std::uint32_t nine = 9 * 300 + w.emitter % 300;  // line 9, the same scan angle
+  const auto& o = scan.shots.origin[nine];
+  scan.addEcho(nine, std::hypot(at.x - o.x, at.y - o.y, at.z - o.z));
+  ASSERT_EQ(scan.trueZone.back(), w.zone);
+  std::rotate(scan.echoes.begin(), scan.echoes.end() - 1, scan.echoes.end());
+  const RefineResult r = refineEchoZones(scan.shots, scan.echoes, {}, 1);
+  EXPECT_EQ(r.zone[wrong + 1], scan.trueZone[wrong]);
+  EXPECT_EQ(r.flag[wrong + 1], kMovedZone);
+  EXPECT_EQ(r.moved, 1u);
+  // Without it the place counts as contested.
+  RefineSettings contested;
+  contested.chanceSupport = 0.0;
+  EXPECT_EQ(refineEchoZones(scan.shots, scan.echoes, contested, 1).zone[wrong + 1], w.zone);
+  // A right line among wrong ones fits the right lines beyond them, with about as many echoes
+  // near it as the wrong zone has: that is no chance, and it stays.
+  Scan among(kFlat, 15, 300);
+  among.spoilBlock(4, 3, 180, 60);
+  among.spoilBlock(8, 3, 180, 60);
+  const RefineResult kept = refineEchoZones(among.shots, among.echoes);
+  for (int s = 180; s < 240; ++s)
+    EXPECT_EQ(kept.zone[std::size_t(7 * 300 + s)], among.trueZone[7 * 300]);
+}
+
 TEST(SurfaceFit, LastEchoesOfALineGoBackToTheirOwnLine) {
   // Echoes of a line's last shots are recorded after the next line's first shots; given to
   // the next line's first shot they land at the far side of the swath, line after line.
