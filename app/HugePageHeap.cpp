@@ -47,13 +47,21 @@ void useHugePagesForHeap() {
   heap->SetSystemAllocator(new (storage) HugePageSysAllocator(system));
 }
 
+void trimFreeHeap() {}
+
 }  // namespace quillo::cli
 
 #else
 
+#include <malloc.h>
+
 namespace quillo::cli {
 
 void useHugePagesForHeap() {}
+
+void trimFreeHeap() {
+  malloc_trim(0);
+}
 
 }  // namespace quillo::cli
 

@@ -10,4 +10,9 @@ namespace quillo::cli {
 // Call once, early in main; later calls do nothing.
 void useHugePagesForHeap();
 
+// Hands the heap's free pages back to the system. Under tcmalloc this does nothing: it returns
+// free pages by itself, and glibc's `malloc_trim` would touch glibc's own arena, which tcmalloc
+// leaves uninitialised, so two threads trimming at once raced in its lazy set-up and crashed.
+void trimFreeHeap();
+
 }  // namespace quillo::cli

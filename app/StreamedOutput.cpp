@@ -1,11 +1,10 @@
 #include "app/StreamedOutput.hpp"
 
-#include <malloc.h>
-
 #include <chrono>
 
 #include "app/CliError.hpp"
 #include "app/FragmentHandover.hpp"
+#include "app/HugePageHeap.hpp"
 #include "app/OutputStats.hpp"
 #include "run/Verification.hpp"
 #include "tessal/Schema.hpp"
@@ -95,7 +94,7 @@ void StreamingProgress::report(const std::string& text, unsigned current, unsign
   if (!trimHeap_) return;
   const auto now = std::chrono::steady_clock::now();
   if (now - lastTrim_ < kTrimInterval) return;
-  malloc_trim(0);
+  trimFreeHeap();
   lastTrim_ = now;
 }
 
