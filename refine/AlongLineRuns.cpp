@@ -110,7 +110,8 @@ void Refiner::smoothZones(std::vector<std::uint32_t>& zones) const {
 // The active echoes in recording order, with what the along-line tests read of each.
 void Refiner::orderByRecord() {
   // Counted by recording shot (a stable sort: echo order within a shot).
-  std::vector<std::uint32_t> first(shots_.time.size() + 256 + 1, 0);
+  std::vector<std::uint32_t>& first = work_.recordCounts;
+  first.assign(shots_.time.size() + 256 + 1, 0);
   std::size_t n = 0;
   for (std::uint32_t i = 0; i < echoes_.size(); ++i)
     if (active(i)) ++first[std::size_t(recordOf(i)) + 1], ++n;
@@ -132,11 +133,12 @@ void Refiner::orderByRecord() {
 // they are moves to that zone; the longest run wins where an echo is in two.
 void Refiner::shiftRoughRuns() {
   orderByRecord();
-  std::vector<std::uint32_t> zones;
+  std::vector<std::uint32_t>& zones = work_.smoothIn;
   smoothZones(zones);
   const std::size_t n = byRecord_.size();
-  std::vector<std::uint32_t> bestRun(n, 0);
-  std::vector<std::int8_t> bestZone(n, -1);
+  std::vector<std::uint32_t>& bestRun = work_.bestRun;
+  std::vector<std::int8_t>& bestZone = work_.bestZone;
+  bestRun.assign(n, 0), bestZone.assign(n, -1);
   for (int z = 0; z <= std::min(maxZone_, 31); ++z)
     for (std::size_t k = 0; k < n;) {
       if (!(zones[k] >> z & 1u)) {

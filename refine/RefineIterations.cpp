@@ -11,8 +11,30 @@
 namespace FullWaveform::surface_fit {
 
 Refiner::Refiner(const ShotTable& t, const RefineEchoes& e, const RefineSettings& s,
-                 std::size_t settled)
-    : shots_(t), echoes_(e), settings_(s), cells_(t, s.binDegrees), settled_(settled) {
+                 std::size_t settled, WorkArrays& work)
+    : shots_(t),
+      echoes_(e),
+      settings_(s),
+      work_(work),
+      cells_(work.cells),
+      placed_(work.placed),
+      emitter_(work.emitter),
+      oneWay_(work.oneWay),
+      settled_(settled),
+      active_(work.active),
+      straddles_(work.straddles),
+      byShot_(work.byShot),
+      byRecord_(work.byRecord),
+      inRecord_(work.inRecord),
+      moving_echoes_(work.moving),
+      movingList_(work.movingList),
+      cellMoves_(work.cellMoves),
+      off_(work.off),
+      unfitWhenJudged_(work.unfitWhenJudged),
+      judgedAt_(work.judgedAt),
+      changedAt_(work.changedAt),
+      chunkMoves_(work.chunkMoves) {
+  cells_.cut(t, s.binDegrees);
   result_.zone.resize(e.size());
   result_.flag.assign(e.size(), kUntouched);
   emitter_.resize(e.size());
@@ -33,7 +55,8 @@ Refiner::Refiner(const ShotTable& t, const RefineEchoes& e, const RefineSettings
   for (std::size_t i = 0; i < e.size(); ++i) straddles_[i] = straddlesLines(i);
   // Filled in shot order, a cell is in scan-angle order already wherever the angle sweeps
   // steadily (moves shift an echo by a shot or two); sorting then mostly only checks.
-  LargeVector<std::uint32_t> first(t.time.size() + 1, 0);
+  LargeVector<std::uint32_t>& first = work.shotCounts;
+  first.assign(t.time.size() + 1, 0);
   for (std::uint32_t i = 0; i < e.size(); ++i)
     if (active(i)) ++first[e[i].emitter + 1];
   for (std::size_t k = 1; k < first.size(); ++k) first[k] += first[k - 1];
@@ -193,7 +216,8 @@ bool Refiner::unchangedSinceJudged(std::size_t i) const {
 // whose surroundings did not change since its last judgement keeps that verdict.
 void Refiner::markNoise() {
   const std::size_t n = echoes_.size();
-  std::vector<std::uint8_t> unfit(n, 0);
+  std::vector<std::uint8_t>& unfit = work_.unfit;
+  unfit.assign(n, 0);
   forEachChunk(
       n, chunkCount(n), settings_.threads, [&](std::size_t, std::size_t lo, std::size_t hi) {
         for (std::size_t i = lo; i < hi; ++i)
@@ -229,11 +253,13 @@ void Refiner::judgeMarked(const std::vector<std::uint8_t>& judgeNow, std::uint16
 
 RefineResult Refiner::run() {
   const std::size_t n = echoes_.size();
-  std::vector<std::uint8_t> judgeNow(n);
+  std::vector<std::uint8_t>& judgeNow = work_.judgeNow;
+  judgeNow.assign(n, 0);
   for (std::size_t i = settled_; i < n; ++i) judgeNow[i] = active(i), result_.judged += active(i);
-  std::vector<std::pair<std::uint32_t, Verdict>> moves;
-  std::vector<std::uint32_t> changedCells;
-  std::vector<std::uint8_t> nearChange(cells_.cellCount(), 0);
+  std::vector<std::pair<std::uint32_t, Verdict>>& moves = work_.moves;
+  std::vector<std::uint32_t>& changedCells = work_.changedCells;
+  std::vector<std::uint8_t>& nearChange = work_.nearChange;
+  nearChange.assign(cells_.cellCount(), 0);
   if (settings_.runMinEchoes > 0) shiftRoughRuns();
   fillCells();
   for (int iteration = 0; iteration < settings_.iterations; ++iteration) {

@@ -123,7 +123,7 @@ void RefineWindow::refineSpan(const Span& span,
     }
     if (held_[k].done) settled = echoes.size();
   }
-  const RefineResult result = refineEchoZones(table, echoes, settings_, settled);
+  const RefineResult result = refineEchoZones(table, echoes, settings_, settled, &scratch_);
   std::vector<std::vector<std::int64_t>> at;
   for (const RefinedBlock::Fragment& f : block) at.push_back(f.echo);
   apply(RefinedBlock{table, echoes, result, std::move(block)});

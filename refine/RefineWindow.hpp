@@ -105,6 +105,7 @@ class RefineWindow {
   std::vector<Held> held_;
   ShotTable table_;  // the last block's shots and echoes, their memory kept for the next
   RefineEchoes echoes_;
+  RefineScratch scratch_;  // the refiner's arrays, kept for the next block likewise
   std::uint64_t shotsSeen_ = 0;
   double lastAngle_ = 0.0;
   Gemwold::PhysicalSpace::point lastOrigin_{};

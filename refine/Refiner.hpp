@@ -80,13 +80,61 @@ inline std::uint32_t lineBit(int side, int k) {
   return 1u << ((side < 0 ? 0 : 16) + k - 1);
 }
 
+// A neighbour that moved, and the cells it leaves and joins.
+struct CellMove {
+  std::uint32_t echo, from, to;
+};
+
+// One echo's judgement.
+struct Verdict {
+  int zone = -1;       // the zone to move to; -1: stay
+  bool off = false;    // the current zone fits too few lines
+  bool unfit = false;  // no candidate fits any line
+  std::uint32_t emitter = 0;
+  double oneWay = 0.0;
+};
+
+// Per echo in recording order: its recording and emitting shots, one-way time and the
+// emitting shot's time, read contiguously by the along-line tests of every zone.
+struct RecordOrder {
+  std::vector<std::int64_t> record, emitter;
+  std::vector<double> oneWay, emitTime;
+};
+
+// The refiner's arrays per shot, echo and cell. A window refines block after block: kept
+// for the next block, their pages are neither faulted in nor zeroed again (that was about a
+// fifth of a block's time). Every use sizes and fills them anew.
+struct WorkArrays {
+  ShotCells cells;
+  Placement placed;
+  LargeVector<std::uint32_t> emitter;
+  LargeVector<double> oneWay;
+  std::vector<bool> active, straddles;
+  LargeVector<std::uint32_t> byShot, shotCounts;
+  std::vector<std::uint32_t> byRecord, recordCounts;
+  RecordOrder inRecord;
+  std::vector<std::uint8_t> moving;
+  std::vector<std::uint32_t> movingList;
+  std::vector<CellMove> cellMoves;
+  std::vector<std::uint8_t> off, unfitWhenJudged;
+  std::vector<std::uint16_t> judgedAt, changedAt;
+  std::vector<std::vector<std::pair<std::uint32_t, Verdict>>> chunkMoves;
+  // Of run(), markNoise() and shiftRoughRuns().
+  std::vector<std::uint8_t> judgeNow, nearChange, unfit;
+  std::vector<std::pair<std::uint32_t, Verdict>> moves;
+  std::vector<std::uint32_t> changedCells, smoothIn, bestRun;
+  std::vector<std::int8_t> bestZone;
+};
+
 class Refiner {
  public:
-  Refiner(const ShotTable& t, const RefineEchoes& e, const RefineSettings& s, std::size_t settled);
+  Refiner(const ShotTable& t, const RefineEchoes& e, const RefineSettings& s, std::size_t settled,
+          WorkArrays& work);
 
   RefineResult run();
 
  private:
+  using Verdict = surface_fit::Verdict;
   bool active(std::size_t i) const { return active_[i]; }
   // An echo placed within two shots of a line change (as first placed) may belong to the
   // other line, and such echoes go wrong together, line after line, into a ghost strip that
@@ -121,9 +169,6 @@ class Refiner {
   AlongLine alongLineOf(std::size_t k) const;
   bool smoothAlongLine(std::size_t k, int zone, const AlongLine& span) const;
   int alongLineSamples(const AlongLine& span, int zone, std::uint32_t line, RunSample* out) const;
-  struct CellMove {
-    std::uint32_t echo, from, to;  // a neighbour and the cells it leaves and joins
-  };
   void fillCells();
   void updateCells(std::vector<CellMove>& moved);
   bool unchangedSinceJudged(std::size_t i) const;
@@ -164,13 +209,6 @@ class Refiner {
             const Gemwold::PhysicalSpace::vector& direction) const;
   bool anyNear(std::size_t cellLo, std::size_t cellHi, std::size_t self, std::uint32_t emitter,
                const point& p, bool& hasEchoes) const;
-  struct Verdict {
-    int zone = -1;       // the zone to move to; -1: stay
-    bool off = false;    // the current zone fits too few lines
-    bool unfit = false;  // no candidate fits any line
-    std::uint32_t emitter = 0;
-    double oneWay = 0.0;
-  };
   Verdict outnumbered(std::size_t i, const Fit& now) const;
   bool fitsByChance(std::size_t i, const Candidate& c) const;  // ChanceFits.cpp
   Verdict judge(std::size_t i) const;
@@ -185,33 +223,28 @@ class Refiner {
   const ShotTable& shots_;
   const RefineEchoes& echoes_;
   RefineSettings settings_;
-  ShotCells cells_;
-  Placement placed_;
-  LargeVector<std::uint32_t> emitter_;
-  LargeVector<double> oneWay_;
+  WorkArrays& work_;
+  ShotCells& cells_;
+  Placement& placed_;
+  LargeVector<std::uint32_t>& emitter_;
+  LargeVector<double>& oneWay_;
   int maxZone_ = 0;
   std::size_t settled_ = 0;  // echoes [0, settled_) are final: neighbours, never judged
-  std::vector<bool> active_, straddles_;
-  LargeVector<std::uint32_t> byShot_;    // echoes by first emitting shot
-  std::vector<std::uint32_t> byRecord_;  // echoes by recording shot (along-line runs)
-  // Per echo in recording order: its recording and emitting shots, one-way time and the
-  // emitting shot's time, read contiguously by the along-line tests of every zone.
-  struct RecordOrder {
-    std::vector<std::int64_t> record, emitter;
-    std::vector<double> oneWay, emitTime;
-  };
-  RecordOrder inRecord_;
-  std::vector<std::uint8_t> moving_echoes_;  // echoes about to move, marked for a while
-  std::vector<std::uint32_t> movingList_;
+  std::vector<bool>&active_, &straddles_;
+  LargeVector<std::uint32_t>& byShot_;    // echoes by first emitting shot
+  std::vector<std::uint32_t>& byRecord_;  // echoes by recording shot (along-line runs)
+  RecordOrder& inRecord_;
+  std::vector<std::uint8_t>& moving_echoes_;  // echoes about to move, marked for a while
+  std::vector<std::uint32_t>& movingList_;
   // While set, the echoes marked here count as no neighbours (they are about to move).
   const std::vector<std::uint8_t>* moving_ = nullptr;
-  std::vector<CellMove> cellMoves_;
+  std::vector<CellMove>& cellMoves_;
   // Per echo its last verdict (off; no zone fits) and when it was given (iteration + 1); per
   // cell the last iteration + 1 that changed it.
-  std::vector<std::uint8_t> off_, unfitWhenJudged_;  // bytes: written by several threads
-  std::vector<std::uint16_t> judgedAt_, changedAt_;
+  std::vector<std::uint8_t>&off_, &unfitWhenJudged_;  // bytes: written by several threads
+  std::vector<std::uint16_t>&judgedAt_, &changedAt_;
   RefineResult result_;
-  std::vector<std::vector<std::pair<std::uint32_t, Verdict>>> chunkMoves_;  // per chunk judged
+  std::vector<std::vector<std::pair<std::uint32_t, Verdict>>>& chunkMoves_;  // per chunk judged
 };
 
 }  // namespace FullWaveform::surface_fit

@@ -32,8 +32,9 @@ bool startsScanLine(double previousAngle, double angle,
          squaredGap(origin, previousOrigin) > kFlightJump * kFlightJump;
 }
 
-ShotCells::ShotCells(const ShotTable& t, double binDegrees)
-    : line(t.time.size()), bin(t.time.size()), angle(t.time.size()) {
+void ShotCells::cut(const ShotTable& t, double binDegrees) {
+  line.resize(t.time.size()), bin.resize(t.time.size()), angle.resize(t.time.size());
+  lineOrigin.clear();
   double previous = 0.0;
   std::uint32_t current = 0;
   std::int32_t lo = 0, hi = 0;

@@ -22,7 +22,10 @@ QUILLO_API bool startsScanLine(double previousAngle, double angle,
 
 // Scan line and angle bin of every shot of a table.
 struct ShotCells {
-  ShotCells(const ShotTable& t, double binDegrees);
+  ShotCells() = default;
+  ShotCells(const ShotTable& t, double binDegrees) { cut(t, binDegrees); }
+  // Cuts the table's shots anew (the arrays keep their memory).
+  void cut(const ShotTable& t, double binDegrees);
   LargeVector<std::uint32_t> line;
   LargeVector<std::int32_t> bin;
   LargeVector<double> angle;                              // the scan angle the bins divide

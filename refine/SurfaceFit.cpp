@@ -282,15 +282,22 @@ bool Refiner::placeAsZone(std::size_t i, int zone, Candidate& out) const {
 
 }  // namespace surface_fit
 
+RefineScratch::RefineScratch() : arrays_(std::make_unique<surface_fit::WorkArrays>()) {}
+RefineScratch::~RefineScratch() = default;
+
 RefineResult refineEchoZones(const ShotTable& shots, const RefineEchoes& echoes,
-                             const RefineSettings& settings, std::size_t settled) {
+                             const RefineSettings& settings, std::size_t settled,
+                             RefineScratch* scratch) {
   if (shots.time.empty() || echoes.empty()) {
     RefineResult r;
     for (const auto& e : echoes) r.zone.push_back(e.zone);
     r.flag.assign(echoes.size(), kUntouched);
     return r;
   }
-  return surface_fit::Refiner(shots, echoes, settings, settled).run();
+  if (scratch)
+    return surface_fit::Refiner(shots, echoes, settings, settled, scratch->arrays()).run();
+  RefineScratch own;
+  return surface_fit::Refiner(shots, echoes, settings, settled, own.arrays()).run();
 }
 
 }  // namespace FullWaveform

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "gemwold/PhysicalSpace.hpp"
@@ -98,10 +99,29 @@ struct RefineResult {
   std::uint64_t moved = 0, markedNoise = 0, judged = 0;
 };
 
+namespace surface_fit {
+struct WorkArrays;
+}
+
+// Working memory one refinement after another may share (a window's blocks): its arrays
+// keep their pages. Used by one refinement at a time.
+class QUILLO_API RefineScratch {
+ public:
+  RefineScratch();
+  ~RefineScratch();
+  RefineScratch(const RefineScratch&) = delete;
+  RefineScratch& operator=(const RefineScratch&) = delete;
+  surface_fit::WorkArrays& arrays() { return *arrays_; }
+
+ private:
+  std::unique_ptr<surface_fit::WorkArrays> arrays_;
+};
+
 // The first `settled` echoes are final already (refined with an earlier block of a window):
 // they are neighbours with their zones as given, never judged, moved nor made noise.
+// `scratch`: memory to work in (none: its own).
 QUILLO_API RefineResult refineEchoZones(const ShotTable& shots, const RefineEchoes& echoes,
                                         const RefineSettings& settings = {},
-                                        std::size_t settled = 0);
+                                        std::size_t settled = 0, RefineScratch* scratch = nullptr);
 
 }  // namespace FullWaveform

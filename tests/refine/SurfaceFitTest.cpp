@@ -338,6 +338,26 @@ TEST(SurfaceFit, TheResultIsTheSameOnAnyNumberOfThreads) {
   }
 }
 
+TEST(SurfaceFit, SharedScratchGivesEachRefinementItsOwnResult) {
+  // A window's blocks share one scratch: arrays left by a larger scan (more lines, more
+  // echoes, other bins) must not leak into a smaller one, nor the smaller into the next.
+  const Surface cliff = [](double x, double) { return x > 30.0 ? 60.0 : 0.0; };
+  Scan large(cliff, 16, 300), small(kFlat, 10, 200);
+  large.spoilBlock(5, 2, 180, 60);
+  large.spoilBlock(0, 16, 280, 20, 2);  // a run along every line's end
+  small.spoilBlock(3, 1, 40, 30);
+  small.addEcho(900, 420.0);  // a bird: noise
+  RefineScratch scratch;
+  for (Scan* scan : {&large, &small, &large, &small})
+    for (std::size_t settled : {std::size_t(0), std::size_t(300)}) {
+      const RefineResult fresh = refineEchoZones(scan->shots, scan->echoes, {}, settled);
+      const RefineResult shared = refineEchoZones(scan->shots, scan->echoes, {}, settled, &scratch);
+      EXPECT_EQ(shared.zone, fresh.zone) << scan->perLine << " " << settled;
+      EXPECT_EQ(shared.flag, fresh.flag) << scan->perLine << " " << settled;
+      EXPECT_GT(fresh.moved, 0u);
+    }
+}
+
 TEST(SurfaceFit, ChunksCoverEveryIndexOnceOnAnyNumberOfThreads) {
   for (std::size_t n : {0u, 1u, 7u, 10000u})
     for (unsigned threads : {1u, 2u, 5u}) {
