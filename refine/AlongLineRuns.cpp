@@ -91,14 +91,35 @@ bool Refiner::smoothAlongLine(std::size_t k, int zone, const AlongLine& span) co
                    settings_.runPairs);
 }
 
-// Per echo (recording order) the zones it is smooth in along its line, each with all its
-// neighbours; 0 where it is smooth in its current zone already (nothing to do).
-void Refiner::smoothZones(std::vector<std::uint32_t>& zones) const {
+// The echoes (a prefix of the recording order) that share no run with an echo still to be
+// judged. A run lies in one line under its zone, and for a zone the line grows with the
+// recording shot: echoes recorded before the first shot of the line the earliest judged echo
+// reaches under any zone tested are final (settled lines) and in runs of their own alone.
+std::size_t Refiner::aloneInRuns() const {
   const std::size_t n = byRecord_.size();
+  std::size_t k = 0;
+  while (k < n && byRecord_[k] < settled_) ++k;
+  if (k == n) return n;
+  const std::int64_t reached =
+      std::max<std::int64_t>(0, inRecord_.record[k] - std::min(maxZone_, 31));
+  std::int64_t lineStart = std::min<std::int64_t>(reached, std::int64_t(shots_.time.size()) - 1);
+  while (lineStart > 0 &&
+         cells_.line[std::size_t(lineStart - 1)] == cells_.line[std::size_t(lineStart)])
+    --lineStart;
+  std::size_t alone = 0;
+  while (alone < k && inRecord_.record[alone] < lineStart) ++alone;
+  return alone;
+}
+
+// Per echo (recording order) the zones it is smooth in along its line, each with all its
+// neighbours; 0 where it is smooth in its current zone already (nothing to do) or where it
+// shares no run with an echo to judge.
+void Refiner::smoothZones(std::vector<std::uint32_t>& zones) const {
+  const std::size_t n = byRecord_.size(), first = aloneInRuns();
   zones.assign(n, 0);
-  forEachChunk(n, chunkCount(n), settings_.threads,
+  forEachChunk(n - first, chunkCount(n - first), settings_.threads,
                [&](std::size_t, std::size_t lo, std::size_t hi) {
-                 for (std::size_t k = lo; k < hi; ++k) {
+                 for (std::size_t k = first + lo; k < first + hi; ++k) {
                    const AlongLine span = alongLineOf(k);
                    if (smoothAlongLine(k, -1, span)) continue;
                    for (int z = 0; z <= std::min(maxZone_, 31); ++z)

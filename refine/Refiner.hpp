@@ -160,6 +160,7 @@ class Refiner {
   std::int64_t recordOf(std::size_t i) const { return std::int64_t(emitter_[i]) + result_.zone[i]; }
   void shiftRoughRuns();  // refine/AlongLineRuns.cpp
   void orderByRecord();
+  std::size_t aloneInRuns() const;
   void smoothZones(std::vector<std::uint32_t>& zones) const;
   // Echoes along a line in recording order: [before, own) before the echo's recording shot,
   // [after, end) after it.

@@ -160,5 +160,25 @@ TEST(AlongLineRuns, ShortRunsAndSettledEchoesStay) {
             all);
 }
 
+TEST(AlongLineRuns, SettledEchoesStillCountInTheRunsOfTheNext) {
+  // A window's block starts mid-run: the last seven echoes of a line's wrong end are to be
+  // judged, the rest of that line and the lines before are settled. Seven are too few for a
+  // run on their own; with the settled echoes of their line they move as over the whole strip.
+  RefineSettings runsOnly;
+  runsOnly.iterations = 0;
+  JitteredScan scan(kFlat, 12, 3000);
+  scan.spoilLineEnds(2500, -2);
+  std::size_t settled = 0;
+  while (scan.echoes[settled].emitter < 5 * 3000 + 2893) ++settled;
+  const RefineResult whole = refineEchoZones(scan.shots, scan.echoes, runsOnly);
+  const RefineResult block = refineEchoZones(scan.shots, scan.echoes, runsOnly, settled);
+  std::size_t moved = 0;
+  for (std::size_t i = settled; i < scan.echoes.size(); ++i) {
+    ASSERT_EQ(block.zone[i], whole.zone[i]) << i;
+    moved += scan.echoes[i].emitter < 6 * 3000 && block.zone[i] != scan.echoes[i].zone;
+  }
+  EXPECT_GE(moved, 5u);  // of the seven (one in seven is left at zone 0, a candidate too)
+}
+
 }  // namespace
 }  // namespace FullWaveform
