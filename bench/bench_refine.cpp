@@ -388,6 +388,10 @@ int main(int argc, char** argv) {
         settings.zoneReach = int(value);
       else if (name == "loneLines")
         settings.loneLines = int(value);
+      else if (name == "secondEchoMin")
+        settings.secondEchoMin = value;
+      else if (name == "secondEchoMax")
+        settings.secondEchoMax = value;
       else if (name == "runMinEchoes")
         settings.runMinEchoes = int(value);
       else if (name == "runShotReach")
