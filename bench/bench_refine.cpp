@@ -390,6 +390,8 @@ int main(int argc, char** argv) {
         settings.loneLines = int(value);
       else if (name == "secondEchoMin")
         settings.secondEchoMin = value;
+      else if (name == "secondEchoSpread")
+        settings.secondEchoSpread = value;
       else if (name == "secondEchoMax")
         settings.secondEchoMax = value;
       else if (name == "runMinEchoes")

@@ -6,8 +6,10 @@
 // the footprints. But the shot it now names has its own echo there, from the ground, and one
 // pulse does not return from the same surface twice: of two echoes of one emitting shot a
 // few metres apart along the beam, the one the shots beside it in its own scan line bear out
-// is the surface, and the other is noise. Where both or neither are borne out (a steep face
-// or a roof's edge, split by the footprint) nothing is told.
+// is the surface, and the other is noise where nothing of that line lies near it nor, by
+// more than half their spread, around it along the beam (canopy spreads its line's echoes
+// over metres). Where both are borne out (a steep face or a roof's edge, split by the
+// footprint) nothing is told.
 #include <algorithm>
 #include <cmath>
 
@@ -46,7 +48,7 @@ bool Refiner::outdone(std::size_t i, const std::uint32_t* from, const std::uint3
   for (; from != to; ++from) {
     const double gap = std::abs(oneWay_[*from] - oneWay_[i]) * shots_.lightSpeed;
     if (*from == i || gap < settings_.secondEchoMin || gap > settings_.secondEchoMax) continue;
-    if (!asked && ownLineBearsOut(i, e, positionOf(i))) return false;
+    if (!asked && ownLineBearsOut(i, e, positionOf(i), settings_.secondEchoSpread)) return false;
     asked = true;
     if (ownLineNear(*from, e, positionOf(*from)) == 1) return true;
   }
