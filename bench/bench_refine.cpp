@@ -388,6 +388,12 @@ int main(int argc, char** argv) {
         settings.zoneReach = int(value);
       else if (name == "loneLines")
         settings.loneLines = int(value);
+      else if (name == "secondEchoMin")
+        settings.secondEchoMin = value;
+      else if (name == "secondEchoSpread")
+        settings.secondEchoSpread = value;
+      else if (name == "secondEchoMax")
+        settings.secondEchoMax = value;
       else if (name == "runMinEchoes")
         settings.runMinEchoes = int(value);
       else if (name == "runShotReach")

@@ -18,11 +18,13 @@ constexpr int kMinOwnLineEchoes = 3;  // fewer echoes beside it in its own line:
 
 // Whether the emitter's own scan line, at the same scan angle (the bin and its two
 // neighbours), bears out a placement at `p`: it holds an echo near it, or `p` lies among its
-// echoes along the beam, or no farther outside them than they spread (canopy, a roof's edge:
-// a rough surface where a point may be alone), or it holds too few echoes to tell. Echoes of
-// the same shot are left out: a wave split into peaks gives several echoes of one target. At
-// a line's end the line's last echoes may be the ghosts of the next line's shots: no telling.
-bool Refiner::ownLineBearsOut(std::size_t self, std::uint32_t emitter, const point& p) const {
+// echoes along the beam, or no farther outside them than `spreadShare` times their spread
+// (canopy, a roof's edge: a rough surface where a point may be alone), or it holds too few
+// echoes to tell. Echoes of the same shot are left out: a wave split into peaks gives several
+// echoes of one target. At a line's end the line's last echoes may be the ghosts of the next
+// line's shots: no telling.
+bool Refiner::ownLineBearsOut(std::size_t self, std::uint32_t emitter, const point& p,
+                              double spreadShare) const {
   const std::int64_t last = std::int64_t(shots_.time.size()) - 1;
   const std::int64_t before = std::max<std::int64_t>(0, std::int64_t(emitter) - kStraddleShots);
   const std::int64_t after = std::min<std::int64_t>(last, std::int64_t(emitter) + kStraddleShots);
@@ -46,7 +48,7 @@ bool Refiner::ownLineBearsOut(std::size_t self, std::uint32_t emitter, const poi
   }
   if (count < kMinOwnLineEchoes) return true;
   const double reach = std::sqrt(squared(p, origin));
-  return std::max(lo - reach, reach - hi) <= hi - lo;
+  return std::max(lo - reach, reach - hi) <= spreadShare * (hi - lo);
 }
 
 // Whether a placement fits too few lines to be a surface and nothing of its own line is near.

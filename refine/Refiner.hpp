@@ -182,7 +182,12 @@ class Refiner {
   // Lone echoes (LoneEchoes.cpp): what an off echo fits, it fits by chance under every zone.
   bool lone(std::size_t i) const;
   bool byChance(std::size_t self, std::uint32_t emitter, const point& p) const;
-  bool ownLineBearsOut(std::size_t self, std::uint32_t emitter, const point& p) const;
+  bool ownLineBearsOut(std::size_t self, std::uint32_t emitter, const point& p,
+                       double spreadShare = 1.0) const;
+  // Second echoes (SecondEchoes.cpp): another echo of the same emitting shot is the surface.
+  void markSecondEchoes(std::vector<std::uint8_t>& noise) const;
+  bool outdone(std::size_t i, const std::uint32_t* from, const std::uint32_t* to) const;
+  int ownLineNear(std::size_t self, std::uint32_t emitter, const point& p) const;
   int linesBeyond(double share) const;
   std::pair<int, int> candidateZones(int z) const;
   int supportOf(std::size_t self, std::uint32_t emitter, const point& p) const;

@@ -73,6 +73,14 @@ struct RefineSettings {
   // and no echo of its own scan line lies near it: birds and dust fit a line by chance, a
   // surface continues along the line (0: never).
   int loneLines = 3;
+  // Second echoes (refine/SecondEchoes.cpp): of two echoes of one emitting shot
+  // `secondEchoMin` to `secondEchoMax` apart along the beam, one that nothing of its own scan
+  // line bears out (nothing near, outside the line's echoes along the beam by more than
+  // `secondEchoSpread` times their spread) is noise where the other has an echo of its line
+  // near it: one pulse, one surface (a max of 0: never).
+  double secondEchoMin = 1.0;  // m: nearer, the two are one echo reported twice
+  double secondEchoMax = 8.0;  // m
+  double secondEchoSpread = 0.5;
   // Along-line runs (refine/AlongLineRuns.cpp): an echo whose range does not continue its
   // line moves to the zone in which it and at least `runMinEchoes` echoes recorded within
   // `runShotReach` shots of each other continue their line to `runTolerance` (0: never).
