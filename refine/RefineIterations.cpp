@@ -197,7 +197,7 @@ void Refiner::markNoise() {
   forEachChunk(
       n, chunkCount(n), settings_.threads, [&](std::size_t, std::size_t lo, std::size_t hi) {
         for (std::size_t i = lo; i < hi; ++i)
-          unfit[i] = off_[i] && active(i) &&
+          unfit[i] = off_[i] && active(i) && (onLineEnd_.empty() || !onLineEnd_[i]) &&
                      ((unchangedSinceJudged(i) ? unfitWhenJudged_[i] : fitsNothing(i)) || lone(i));
       });
   for (std::size_t i = 0; i < n; ++i) {
@@ -247,6 +247,7 @@ RefineResult Refiner::run() {
     for (std::size_t i = settled_; i < n; ++i)
       judgeNow[i] = active(i) && nearChange[cells_.cellOf(emitter_[i])];
   }
+  if (settings_.lineEndEchoes > 0) placeLineEnds(std::uint16_t(settings_.iterations + 1));
   markNoise();
   return result_;
 }

@@ -31,6 +31,13 @@ struct RunSample {
   double range;
 };
 
+// An echo at one shot it may come from (line-end fans).
+struct FanSample {
+  std::int64_t shot;
+  double range;
+  std::uint32_t echo;
+};
+
 template <class A>
 inline double squared(const A& a, const A& b) {
   const double dx = a.x - b.x, dy = a.y - b.y, dz = a.z - b.z;
@@ -111,6 +118,14 @@ class Refiner {
   // The shot after which echo i was recorded: the same for every zone.
   std::int64_t recordOf(std::size_t i) const { return std::int64_t(emitter_[i]) + result_.zone[i]; }
   void shiftRoughRuns();  // refine/AlongLineRuns.cpp
+  // Line-end fans (refine/LineEnds.cpp).
+  void placeLineEnds(std::uint16_t stamp);
+  bool fanSample(std::uint32_t i, std::int64_t shot, double& range) const;
+  bool onSurface(std::uint32_t i) const;
+  int fanZone(std::uint32_t i, std::int64_t last, const std::vector<FanSample>& samples,
+              int& current) const;
+  void fanSamples(std::int64_t last, std::vector<std::uint32_t>& fan,
+                  std::vector<FanSample>& samples) const;
   void orderByRecord();
   void smoothZones(std::vector<std::uint32_t>& zones) const;
   // Echoes along a line in recording order: [before, own) before the echo's recording shot,
@@ -209,6 +224,7 @@ class Refiner {
   // Per echo its last verdict (off; no zone fits) and when it was given (iteration + 1); per
   // cell the last iteration + 1 that changed it.
   std::vector<std::uint8_t> off_, unfitWhenJudged_;  // bytes: written by several threads
+  std::vector<std::uint8_t> onLineEnd_;  // per echo: on a line of a line-end fan (no noise)
   std::vector<std::uint16_t> judgedAt_, changedAt_;
   RefineResult result_;
   std::vector<std::vector<std::pair<std::uint32_t, Verdict>>> chunkMoves_;  // per chunk judged

@@ -80,6 +80,10 @@ struct RefineSettings {
   double runTolerance = 0.15;  // m
   int runPairs = 5;            // pairs of echoes along the line an echo must continue
   double runShare = 0.5;       // of the echoes a run spans that must be in it (or in its zone)
+  // Line-end fans (refine/LineEnds.cpp): an echo recorded after a line's last shot, not on
+  // a surface, moves to the shot where it lies on the longest straight line (range over
+  // shots) of echoes of distinct shots, of at least this many (0: never).
+  int lineEndEchoes = 3;
   // Threads that judge the echoes (each echo's verdict is its own); the result is the same
   // for any number.
   unsigned threads = 1;
