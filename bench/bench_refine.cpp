@@ -398,6 +398,10 @@ int main(int argc, char** argv) {
         settings.runPairs = int(value);
       else if (name == "lineEndEchoes")
         settings.lineEndEchoes = int(value);
+      else if (name == "sparseLines")
+        settings.sparseLines = int(value);
+      else if (name == "sparseSupport")
+        settings.sparseSupport = value;
       else if (name == "runShare")
         settings.runShare = value;
       else

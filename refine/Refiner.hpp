@@ -188,6 +188,7 @@ class Refiner {
   };
   Verdict outnumbered(std::size_t i, const Fit& now) const;
   bool fitsByChance(std::size_t i, const Candidate& c) const;  // ChanceFits.cpp
+  Verdict sparseCanopy(std::size_t i, Verdict v) const;        // SparseCanopy.cpp
   Verdict judge(std::size_t i) const;
   void judgeMarked(const std::vector<std::uint8_t>& judgeNow, std::uint16_t stamp,
                    std::vector<std::pair<std::uint32_t, Verdict>>& moves);
