@@ -402,6 +402,12 @@ int main(int argc, char** argv) {
         settings.runTolerance = value;
       else if (name == "runPairs")
         settings.runPairs = int(value);
+      else if (name == "lineEndEchoes")
+        settings.lineEndEchoes = int(value);
+      else if (name == "sparseLines")
+        settings.sparseLines = int(value);
+      else if (name == "sparseSupport")
+        settings.sparseSupport = value;
       else if (name == "runShare")
         settings.runShare = value;
       else

@@ -221,7 +221,7 @@ void Refiner::markNoise() {
   forEachChunk(
       n, chunkCount(n), settings_.threads, [&](std::size_t, std::size_t lo, std::size_t hi) {
         for (std::size_t i = lo; i < hi; ++i)
-          unfit[i] = off_[i] && active(i) &&
+          unfit[i] = off_[i] && active(i) && (onLineEnd_.empty() || !onLineEnd_[i]) &&
                      ((unchangedSinceJudged(i) ? unfitWhenJudged_[i] : fitsNothing(i)) || lone(i));
       });
   if (settings_.secondEchoMax > 0.0) markSecondEchoes(unfit);
@@ -274,6 +274,7 @@ RefineResult Refiner::run() {
     for (std::size_t i = settled_; i < n; ++i)
       judgeNow[i] = active(i) && nearChange[cells_.cellOf(emitter_[i])];
   }
+  if (settings_.lineEndEchoes > 0) placeLineEnds(std::uint16_t(settings_.iterations + 1));
   markNoise();
   return result_;
 }

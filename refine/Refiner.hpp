@@ -31,6 +31,13 @@ struct RunSample {
   double range;
 };
 
+// An echo at one shot it may come from (line-end fans).
+struct FanSample {
+  std::int64_t shot;
+  double range;
+  std::uint32_t echo;
+};
+
 template <class A>
 inline double squared(const A& a, const A& b) {
   const double dx = a.x - b.x, dy = a.y - b.y, dz = a.z - b.z;
@@ -159,6 +166,14 @@ class Refiner {
   // The shot after which echo i was recorded: the same for every zone.
   std::int64_t recordOf(std::size_t i) const { return std::int64_t(emitter_[i]) + result_.zone[i]; }
   void shiftRoughRuns();  // refine/AlongLineRuns.cpp
+  // Line-end fans (refine/LineEnds.cpp).
+  void placeLineEnds(std::uint16_t stamp);
+  bool fanSample(std::uint32_t i, std::int64_t shot, double& range) const;
+  bool onSurface(std::uint32_t i) const;
+  int fanZone(std::uint32_t i, std::int64_t last, const std::vector<FanSample>& samples,
+              int& current) const;
+  void fanSamples(std::int64_t last, std::vector<std::uint32_t>& fan,
+                  std::vector<FanSample>& samples) const;
   void orderByRecord();
   std::size_t aloneInRuns() const;
   void smoothZones(std::vector<std::uint32_t>& zones) const;
@@ -217,6 +232,7 @@ class Refiner {
                const point& p, bool& hasEchoes) const;
   Verdict outnumbered(std::size_t i, const Fit& now) const;
   bool fitsByChance(std::size_t i, const Candidate& c) const;  // ChanceFits.cpp
+  Verdict sparseCanopy(std::size_t i, Verdict v) const;        // SparseCanopy.cpp
   Verdict judge(std::size_t i) const;
   void judgeMarked(const std::vector<std::uint8_t>& judgeNow, std::uint16_t stamp,
                    std::vector<std::pair<std::uint32_t, Verdict>>& moves);
@@ -249,6 +265,7 @@ class Refiner {
   // cell the last iteration + 1 that changed it.
   std::vector<std::uint8_t>&off_, &unfitWhenJudged_;  // bytes: written by several threads
   std::vector<std::uint16_t>&judgedAt_, &changedAt_;
+  std::vector<std::uint8_t> onLineEnd_;  // per echo: on a line of a line-end fan (no noise)
   RefineResult result_;
   std::vector<std::vector<std::pair<std::uint32_t, Verdict>>>& chunkMoves_;  // per chunk judged
 };

@@ -197,7 +197,7 @@ Refiner::Verdict Refiner::judge(std::size_t i) const {
       bestFitting = f.fitting, v.zone = candidate, v.emitter = c.emitter, v.oneWay = c.oneWay;
   }
   v.unfit = !anyFits;
-  return v;
+  return v.zone < 0 && now.fitting == 0 && anyFits ? sparseCanopy(i, v) : v;
 }
 
 // A zone that fits some lines, where another candidate fits every line holding echoes, and

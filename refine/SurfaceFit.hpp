@@ -69,6 +69,10 @@ struct RefineSettings {
   // The lines an off zone fits are chance, not a contest, where a candidate otherwise clearly
   // on has this many times the echoes near it (0: never).
   double chanceSupport = 8.0;
+  // Where the current zone fits no line, a candidate fitting at least this many lines, with
+  // `sparseSupport` times the echoes near it, moves the echo (refine/SparseCanopy.cpp; 0: never).
+  int sparseLines = 3;
+  double sparseSupport = 4.0;
   // An off echo is noise too where every placement of it fits fewer than this many lines
   // and no echo of its own scan line lies near it: birds and dust fit a line by chance, a
   // surface continues along the line (0: never).
@@ -89,6 +93,10 @@ struct RefineSettings {
   double runTolerance = 0.15;  // m
   int runPairs = 5;            // pairs of echoes along the line an echo must continue
   double runShare = 0.5;       // of the echoes a run spans that must be in it (or in its zone)
+  // Line-end fans (refine/LineEnds.cpp): an echo recorded after a line's last shot, not on
+  // a surface, moves to the shot where it lies on the longest straight line (range over
+  // shots) of echoes of distinct shots, of at least this many (0: never).
+  int lineEndEchoes = 3;
   // Threads that judge the echoes (each echo's verdict is its own); the result is the same
   // for any number.
   unsigned threads = 1;

@@ -224,6 +224,24 @@ TEST(SurfaceFit, AnOffZoneThatFitsALineByChanceGivesWay) {
   EXPECT_EQ(refineEchoZones(scan.shots, scan.echoes, contested, 1).zone[wrong + 1], w.zone);
 }
 
+TEST(SurfaceFit, AnEchoThatFitsNoLineMovesWhereAFewLinesBearItOut) {
+  // A wrong echo in line 6 lies below the ground and fits no line; its true zone fits only
+  // lines 2, 7 and 10 of eight (the others rise 5 m over two mounds, as a rough canopy
+  // would): not half, but where nothing else fits, with many times the echoes near it.
+  const Surface mounds = [](double x, double y) {
+    return std::abs(x) < 5.0 && ((y >= 1.5 && y < 3.0) || (y >= 4.0 && y < 5.0)) ? 5.0 : 0.0;
+  };
+  Scan scan(mounds, 14, 300);
+  const std::size_t wrong = 6 * 300 + 150;
+  scan.assignZone(wrong, scan.trueZone[wrong] + 1);
+  const RefineResult r = refineEchoZones(scan.shots, scan.echoes);
+  EXPECT_EQ(scan.wrong(r), 0u);
+  EXPECT_EQ(r.moved, 1u);
+  RefineSettings withoutSparse;
+  withoutSparse.sparseLines = 0;
+  EXPECT_EQ(scan.wrong(refineEchoZones(scan.shots, scan.echoes, withoutSparse)), 1u);
+}
+
 TEST(SurfaceFit, LastEchoesOfALineGoBackToTheirOwnLine) {
   // Echoes of a line's last shots are recorded after the next line's first shots; given to
   // the next line's first shot they land at the far side of the swath, line after line.
