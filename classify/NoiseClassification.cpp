@@ -19,7 +19,7 @@ void dropUnusableAndMarkNearRange(FatBoy<unsigned short>& fb) {
     if (!wave) continue;
     const double length = fb.getLength(i, wave->timeOffset);
     if (fb.getMTA(i) < 0 || length > fb.maxTravelTime || length == NO_LENGTH || length < 0.0) {
-      wave.reset();
+      fb.wavePool.giveBack(wave);
       continue;
     }
     if (length < kNearRangeLimit) wave->setClassification(Quorvane::DrelmClass::noise);
@@ -74,7 +74,7 @@ void removeDuplicateOnlineEchoes(FatBoy<unsigned short>& fb) {
       if (w->echoes.empty()) break;
       removeDuplicates(fb, o, f.value, lo);
     }
-    if (w->echoes.empty()) w.reset();
+    if (w->echoes.empty()) fb.wavePool.giveBack(w);
   }
 }
 
