@@ -10,20 +10,45 @@ namespace FullWaveform {
 
 namespace {
 
-// Drops waves without a usable travel time and marks near-range ones as noise. A NaN travel
-// time is neither dropped nor marked: the wave goes on as it is.
-void dropUnusableAndMarkNearRange(FatBoy<unsigned short>& fb) {
+// The waves left after the drop that the duplicate removal needs: the waveform waves by
+// the time of their shot (in wave order within a shot) and the online waves in wave order.
+struct WavesLeft {
+  std::vector<Keyed<std::uint32_t>> waveformsByShot;
+  std::vector<std::uint32_t> online;
+};
+
+// Drops wave i when it has no usable travel time and marks it as noise when near-range; a
+// NaN travel time is neither dropped nor marked: the wave goes on as it is.
+bool keepAndMarkNearRange(FatBoy<unsigned short>& fb, std::uint32_t i) {
+  auto& wave = fb.wavePoints[i];
+  if (!wave) return false;
+  const double length = fb.getLength(i, wave->timeOffset);
+  if (fb.getMTA(i) < 0 || length > fb.maxTravelTime || length == NO_LENGTH || length < 0.0) {
+    fb.wavePool.giveBack(wave);
+    return false;
+  }
+  if (length < kNearRangeLimit) wave->setClassification(Quorvane::DrelmClass::noise);
+  return true;
+}
+
+// One pass over the wave objects (which lie scattered in the heap): the drop, and when
+// `sortLeft` the lists of the waves left.
+WavesLeft dropUnusableAndMarkNearRange(FatBoy<unsigned short>& fb, bool sortLeft) {
+  WavesLeft left;
+  if (sortLeft) left.waveformsByShot.reserve(fb.nWaves);
   for (std::uint32_t i = 0; i < fb.nWaves; ++i) {
     fb.prefetchWave(i + fb.kPrefetchAhead);
-    auto& wave = fb.wavePoints[i];
-    if (!wave) continue;
-    const double length = fb.getLength(i, wave->timeOffset);
-    if (fb.getMTA(i) < 0 || length > fb.maxTravelTime || length == NO_LENGTH || length < 0.0) {
-      wave.reset();
+    if (!keepAndMarkNearRange(fb, i) || !sortLeft) continue;
+    if (fb.wavePoints[i]->amplitudeExempt) {
+      left.online.push_back(i);
       continue;
     }
-    if (length < kNearRangeLimit) wave->setClassification(Quorvane::DrelmClass::noise);
+    const double shot = fb.getShotTime(i);
+    // A shot time that is not a number matches no other wave's shot.
+    if (!std::isnan(shot)) left.waveformsByShot.push_back({shot, i});
   }
+  stableOrderByKey(left.waveformsByShot);
+  return left;
 }
 
 // The echo's own one-way travel time from its emitting shot.
@@ -45,28 +70,13 @@ void removeDuplicates(FatBoy<unsigned short>& fb, std::uint32_t o, std::uint32_t
   }
 }
 
-// The waveform waves by the time of their shot, in wave order within a shot.
-std::vector<Keyed<std::uint32_t>> waveformWavesByShot(const FatBoy<unsigned short>& fb) {
-  std::vector<Keyed<std::uint32_t>> byShot;
-  byShot.reserve(fb.nWaves);
-  for (std::uint32_t f = 0; f < fb.nWaves; ++f) {
-    fb.prefetchWave(f + fb.kPrefetchAhead);
-    const auto& w = fb.wavePoints[f];
-    if (!w || w->amplitudeExempt) continue;
-    const double shot = fb.getShotTime(f);
-    // A shot time that is not a number matches no other wave's shot.
-    if (!std::isnan(shot)) byShot.push_back({shot, f});
-  }
-  stableOrderByKey(byShot);
-  return byShot;
-}
-
-void removeDuplicateOnlineEchoes(FatBoy<unsigned short>& fb) {
-  const auto byShot = waveformWavesByShot(fb);
-  for (std::uint32_t o = 0; o < fb.nWaves; ++o) {
-    fb.prefetchWave(o + fb.kPrefetchAhead);
+void removeDuplicateOnlineEchoes(FatBoy<unsigned short>& fb, const WavesLeft& left) {
+  const auto& byShot = left.waveformsByShot;
+  for (std::size_t k = 0; k < left.online.size(); ++k) {
+    if (k + fb.kPrefetchAhead < left.online.size())
+      fb.prefetchWave(left.online[k + fb.kPrefetchAhead]);
+    const std::uint32_t o = left.online[k];
     auto& w = fb.wavePoints[o];
-    if (!w || !w->amplitudeExempt) continue;
     const auto group = entriesWithKey(byShot, fb.getShotTime(o));
     if (group.empty()) continue;
     const double lo = fb.getLength(o, w->timeOffset);
@@ -74,15 +84,16 @@ void removeDuplicateOnlineEchoes(FatBoy<unsigned short>& fb) {
       if (w->echoes.empty()) break;
       removeDuplicates(fb, o, f.value, lo);
     }
-    if (w->echoes.empty()) w.reset();
+    if (w->echoes.empty()) fb.wavePool.giveBack(w);
   }
 }
 
 }  // namespace
 
 void classifyNoise(FatBoy<unsigned short>& fb) {
-  dropUnusableAndMarkNearRange(fb);
-  if (fb.FWF && fb.OPP) removeDuplicateOnlineEchoes(fb);
+  const bool bothSources = fb.FWF && fb.OPP;
+  const WavesLeft left = dropUnusableAndMarkNearRange(fb, bothSources);
+  if (bothSources) removeDuplicateOnlineEchoes(fb, left);
 }
 
 }  // namespace FullWaveform

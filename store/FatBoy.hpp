@@ -15,6 +15,7 @@
 #include "store/ShotTimeIndex.hpp"
 #include "waveform/ScannerDevice.hpp"
 #include "waveform/WavePoints.hpp"
+#include "waveform/WavePool.hpp"
 
 namespace FullWaveform {
 
@@ -84,6 +85,8 @@ class QUILLO_API FatBoy {
   ScannerDevice scannerDevice;
   bool valid = false;
   std::vector<WavePtr> wavePoints;
+  // The wave objects of the previous fragment, which the next one's waves reuse.
+  WavePool<T> wavePool;
   // Asks for wave i's object ahead of its use: the objects lie scattered in the heap, and a
   // loop over every wave otherwise waits on each in turn. Beyond the end: nothing.
   static constexpr std::uint32_t kPrefetchAhead = 8;  // waves ahead that pays on the demo

@@ -41,19 +41,20 @@ std::string detectPeaks(FatBoy<unsigned short>& fb, WaveList& out) {
       std::filesystem::path(fb.input->inputFileName), samples);
   if (!detector.errorText().empty()) return detector.errorText();
   out = detector.apply(a.Waveforms, a.FWFLength, a.GPSTime, a.SBL_Time, a.Channel,
-                       noiseLevelArgument(fb.input->noiseLevel), fragment);
+                       noiseLevelArgument(fb.input->noiseLevel), fragment, &fb.wavePool);
   return "";
 }
 
 WaveList evaluateOnline(FatBoy<unsigned short>& fb) {
   const auto& a = fb.OPP->arrays;
   OnlineEvaluation<unsigned short> online(fb.scannerDevice);
-  return online.apply(a.GPSTime, a.Range, a.Amplitude, a.Channel, a.Reflectance);
+  return online.apply(a.GPSTime, a.Range, a.Amplitude, a.Channel, a.Reflectance, &fb.wavePool);
 }
 
 }  // namespace
 
 std::string iniWavePoints(FatBoy<unsigned short>& fb) {
+  fb.wavePool.giveBack(fb.wavePoints);
   WaveList fromWaveforms, online;
   if (fb.FWF) {
     std::string error = detectPeaks(fb, fromWaveforms);
@@ -111,6 +112,8 @@ void mergeWavePoints(FatBoy<unsigned short>& fb, WaveList online, WaveList fromW
   };
   for (const auto& entry : byTime) place(entry.value);
   for (const auto& s : unordered) place(s);
+  // What is left are the saturated high-gain waves.
+  fb.wavePool.giveBack(fromWaveforms);
 }
 
 }  // namespace FullWaveform

@@ -145,7 +145,8 @@ std::string removeNearRangeWaves(FatBoy<unsigned short>& fatBoy) {
   const double limit = fatBoy.scannerDevice.minTimeOffset;
   for (auto& wave : fatBoy.wavePoints) {
     if (!wave) continue;
-    if (wave->size() == 0 || (-limit < wave->timeOffset && wave->timeOffset < limit)) wave.reset();
+    if (wave->size() == 0 || (-limit < wave->timeOffset && wave->timeOffset < limit))
+      fatBoy.wavePool.giveBack(wave);
   }
   return "";
 }

@@ -49,7 +49,7 @@ typename OnlineEvaluation<T>::WaveList OnlineEvaluation<T>::apply(
     const Vorlap::StrongPtr<Tessal::MemArray<1, double>>& range,
     const Vorlap::StrongPtr<Tessal::MemArray<1, float>>& amplitude,
     const Vorlap::StrongPtr<Tessal::MemArray<1, std::uint8_t>>& channel,
-    const Vorlap::StrongPtr<Tessal::MemArray<1, float>>& reflectance) const {
+    const Vorlap::StrongPtr<Tessal::MemArray<1, float>>& reflectance, WavePool<T>* pool) const {
   WaveList waves;
   if (!gpsTime || !range || !amplitude || !channel) return waves;
   const std::size_t n =
@@ -65,7 +65,7 @@ typename OnlineEvaluation<T>::WaveList OnlineEvaluation<T>::apply(
     const std::uint8_t ch = channel->get(k);
     if (!current || current->waveTime != t || current->channel != ch) {
       if (current) finishWave(*current);
-      current = Vorlap::makeStrong<WavePoints<T>>();
+      current = pool ? pool->take() : Vorlap::makeStrong<WavePoints<T>>();
       current->waveTime = t;
       current->channel = ch;
       current->amplitudeExempt = true;

@@ -7,6 +7,7 @@
 #include "tessal/MemArray.hpp"
 #include "waveform/ScannerDevice.hpp"
 #include "waveform/WavePoints.hpp"
+#include "waveform/WavePool.hpp"
 
 namespace FullWaveform {
 
@@ -17,12 +18,14 @@ class OnlineEvaluation {
 
   explicit OnlineEvaluation(const ScannerDevice& scanner) : scanner_(scanner) {}
 
-  // Consecutive records of the same shot time and channel form one wave.
+  // Consecutive records of the same shot time and channel form one wave; the wave objects
+  // come from `pool` when given.
   WaveList apply(const Vorlap::StrongPtr<Tessal::MemArray<1, double>>& gpsTime,
                  const Vorlap::StrongPtr<Tessal::MemArray<1, double>>& range,
                  const Vorlap::StrongPtr<Tessal::MemArray<1, float>>& amplitude,
                  const Vorlap::StrongPtr<Tessal::MemArray<1, std::uint8_t>>& channel,
-                 const Vorlap::StrongPtr<Tessal::MemArray<1, float>>& reflectance) const;
+                 const Vorlap::StrongPtr<Tessal::MemArray<1, float>>& reflectance,
+                 WavePool<T>* pool = nullptr) const;
 
  private:
   const ScannerDevice& scanner_;

@@ -53,7 +53,8 @@ struct PeakDetectionFamily<T>::Impl {
   double largestResidual(std::size_t lo, std::size_t hi, const RowStats& s, std::size_t& at);
   float damping(std::size_t n, const RowStats& s, const std::vector<Candidate>& echoes);
   Vorlap::StrongPtr<WavePoints<T>> detectRow(const Tessal::MemArray<2, T>& samples, std::size_t row,
-                                             std::size_t valid, std::int32_t noiseLevel);
+                                             std::size_t valid, std::int32_t noiseLevel,
+                                             WavePool<T>* pool);
 };
 
 // Reads row `row` into y through the array's stride (no accessor call per sample when the
@@ -265,9 +266,9 @@ float PeakDetectionFamily<T>::Impl::damping(std::size_t n, const RowStats& s,
 
 template <class T>
 Vorlap::StrongPtr<WavePoints<T>> PeakDetectionFamily<T>::Impl::detectRow(
-    const Tessal::MemArray<2, T>& samples, std::size_t row, std::size_t n,
-    std::int32_t noiseLevel) {
-  auto wave = Vorlap::makeStrong<WavePoints<T>>();
+    const Tessal::MemArray<2, T>& samples, std::size_t row, std::size_t n, std::int32_t noiseLevel,
+    WavePool<T>* pool) {
+  auto wave = pool ? pool->take() : Vorlap::makeStrong<WavePoints<T>>();
   if (n < 3) return wave;
   loadRow(samples, row, n);
   std::int32_t lowest = y[0], highest = y[0];
@@ -360,7 +361,7 @@ typename PeakDetectionFamily<T>::WaveList PeakDetectionFamily<T>::apply(
     const Vorlap::StrongPtr<Tessal::MemArray<1, double>>& gpsTime,
     const Vorlap::StrongPtr<Tessal::MemArray<1, double>>& sblTime,
     const Vorlap::StrongPtr<Tessal::MemArray<1, std::uint8_t>>& channel, std::int32_t noiseLevel,
-    const std::string&) {
+    const std::string&, WavePool<T>* pool) {
   WaveList waves;
   if (!impl_ || !samples || !fwfLength || !gpsTime || !sblTime || !channel) return waves;
   const std::size_t perRow = std::min<std::size_t>(samples->extent(0), impl_->samplesPerRow);
@@ -369,7 +370,7 @@ typename PeakDetectionFamily<T>::WaveList PeakDetectionFamily<T>::apply(
   waves.reserve(rows);
   for (std::size_t r = 0; r < rows; ++r) {
     const std::size_t valid = std::min<std::size_t>(fwfLength->get(r), perRow);
-    auto wave = impl_->detectRow(*samples, r, valid, noiseLevel);
+    auto wave = impl_->detectRow(*samples, r, valid, noiseLevel, pool);
     wave->waveTime = gpsTime->get(r);
     wave->channel = channel->get(r);
     const double sbl = sblTime->get(r);

@@ -10,6 +10,7 @@
 #include "waveform/FWFModus.hpp"
 #include "waveform/ScannerDevice.hpp"
 #include "waveform/WavePoints.hpp"
+#include "waveform/WavePool.hpp"
 
 namespace FullWaveform {
 
@@ -30,13 +31,15 @@ class PeakDetectionFamily {
   // Empty when the detector is usable, else why not.
   const std::string& errorText() const { return error_; }
 
-  // One wave per row of `samples` (extents: samples per waveform, rows).
+  // One wave per row of `samples` (extents: samples per waveform, rows); the wave objects
+  // come from `pool` when given.
   WaveList apply(const Vorlap::StrongPtr<Tessal::MemArray<2, T>>& samples,
                  const Vorlap::StrongPtr<Tessal::MemArray<1, std::uint16_t>>& fwfLength,
                  const Vorlap::StrongPtr<Tessal::MemArray<1, double>>& gpsTime,
                  const Vorlap::StrongPtr<Tessal::MemArray<1, double>>& sblTime,
                  const Vorlap::StrongPtr<Tessal::MemArray<1, std::uint8_t>>& channel,
-                 std::int32_t noiseLevel, const std::string& fragmentName);
+                 std::int32_t noiseLevel, const std::string& fragmentName,
+                 WavePool<T>* pool = nullptr);
 
  private:
   struct Impl;
