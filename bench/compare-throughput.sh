@@ -25,8 +25,12 @@ work=$(realpath "$work")
 cmake --build "$here/build" -j2 --target quillo_cli >/dev/null
 new="$here/build/app/quillo"
 old=$("$here/bench/reference-build.sh" "$ref" "$work/ref-$ref")
-input="$work/${preset}_210315_093000.kq"
-[ -f "$input" ] || "$new" simulate --preset "$preset" ${shots:+--shots "$shots"} --quiet "$input"
+# The reference reads only the one-dataset-per-fragment layout (kq_version 1); this build reads
+# both, so the input is written in that layout, in a folder of its own.
+input="$work/kq1/${preset}_210315_093000.kq"
+mkdir -p "$work/kq1"
+[ -f "$input" ] || "$new" simulate --preset "$preset" ${shots:+--shots "$shots"} --kq-version 1 \
+  --quiet "$input"
 # Waves: waveform rows and the scanner's own echo records ("OPP"), as the run counts them.
 waves=$("$new" info "$input" |
   awk '/^grid/ { w = ($2 == "\"Waveforms\"" || $2 == "\"OPP\"") } w && /GPSTime/ { n += $(NF - 1) } END { print n }')
