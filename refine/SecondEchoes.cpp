@@ -72,9 +72,11 @@ void Refiner::markSecondEchoes(std::vector<std::uint8_t>& noise) const {
   forEachChunk(n, chunkCount(n), settings_.threads,
                [&](std::size_t, std::size_t lo, std::size_t hi) {
                  for (std::size_t i = std::max(lo, settled_); i < hi; ++i) {
+                   // Not a candidate: its emitter may name no shot of the table.
+                   if (!candidate(i)) continue;
                    const std::uint32_t e = emitter_[i];
                    const std::uint32_t from = e == 0 ? 0 : end[e - 1];
-                   if (candidate(i) && end[e] - from > 1)
+                   if (end[e] - from > 1)
                      second[i] = outdone(i, byEmitter.data() + from, byEmitter.data() + end[e]);
                  }
                });
