@@ -21,14 +21,7 @@ constexpr int kGapShots = 100;  // the last shots of each line, turning back: no
 
 using Surface = std::function<double(double x)>;  // height across the track
 
-// A deterministic value in [-1, 1) per shot: the modulation.
-double jitterOf(std::uint64_t k) {
-  k = (k + 0x9e3779b97f4a7c15ull) * 0xbf58476d1ce4e5b9ull;
-  k ^= k >> 31;
-  k *= 0x94d049bb133111ebull;
-  k ^= k >> 29;
-  return double(k % 2000000) / 1000000.0 - 1.0;
-}
+using quillo::test::jitterOf;
 
 // `lines` lines of `perLine` shots sweeping from -0.2 to 0.8 rad across the track (the far
 // end at about 720 m of range, zone 4), 3 % jitter; echoes with their true zones.
