@@ -157,6 +157,14 @@ Hid variableStringType() {
   return t;
 }
 
+Hid fixedStringType(std::size_t bytes) {
+  Hid t(H5Tcopy(H5T_C_S1), H5Tclose);
+  H5Tset_size(t.get(), bytes);
+  H5Tset_strpad(t.get(), H5T_STR_NULLTERM);
+  H5Tset_cset(t.get(), H5T_CSET_UTF8);
+  return t;
+}
+
 void silenceHdf5Errors() {
   static std::once_flag once;
   std::call_once(once, [] {

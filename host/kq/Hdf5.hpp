@@ -66,6 +66,8 @@ std::string unescapeName(const std::string& link);
 // holds thousands and is listed once.
 Hid orderedGroupProperties(bool indexed = true);
 Hid variableStringType();
+// Texts of `bytes` bytes each, zero-terminated where shorter (UTF-8).
+Hid fixedStringType(std::size_t bytes);
 
 // File access properties that keep HDF5's memory flat over long runs. Its adaptive metadata
 // cache may grow to 32 MB of file metadata, and it counts file bytes: an output's object

@@ -13,6 +13,8 @@ namespace Tessal::kq {
 
 namespace {
 
+constexpr std::size_t kPaddedNamesSlack = 64 * 1024;  // padding always allowed, in bytes
+
 std::string shapeText(const std::vector<hsize_t>& inner) {
   std::string text;
   for (hsize_t d : inner) text += (text.empty() ? "" : " x ") + std::to_string(d);
@@ -36,6 +38,26 @@ bool writeList(hid_t group, const char* name, hid_t type, hsize_t n, const void*
           H5Dclose);
   return set.ok() &&
          (n == 0 || H5Dwrite(set.get(), type, H5S_ALL, H5S_ALL, H5P_DEFAULT, values) >= 0);
+}
+
+// The fragments' names as fixed-length texts, each padded to the longest: they read back with
+// one copy, where variable-length texts cost a global-heap look-up each (most of a load of a
+// file with thousands of fragments). Names of very unequal lengths stay variable-length.
+bool writeNames(hid_t group, const std::vector<std::string>& names) {
+  std::size_t longest = 0, total = 0;
+  for (const auto& n : names) longest = std::max(longest, n.size()), total += n.size() + 1;
+  const std::size_t width = longest + 1;  // the terminating zero
+  if (width * names.size() > 4 * total + kPaddedNamesSlack) {
+    std::vector<const char*> texts;
+    for (const auto& n : names) texts.push_back(n.c_str());
+    Hid text = variableStringType();
+    return writeList(group, kFragmentNamesName, text.get(), texts.size(), texts.data());
+  }
+  std::vector<char> padded(width * names.size(), '\0');
+  for (std::size_t i = 0; i < names.size(); ++i)
+    std::memcpy(padded.data() + i * width, names[i].data(), names[i].size());
+  Hid text = fixedStringType(width);
+  return writeList(group, kFragmentNamesName, text.get(), names.size(), padded.data());
 }
 
 }  // namespace
@@ -224,10 +246,7 @@ bool FieldValuesWriter::finish(hid_t fieldGroup) {
 }
 
 bool FieldValuesWriter::writeTable(hid_t fieldGroup) const {
-  std::vector<const char*> names;
-  for (const auto& n : names_) names.push_back(n.c_str());
-  Hid text = variableStringType();
-  return writeList(fieldGroup, kFragmentNamesName, text.get(), names.size(), names.data()) &&
+  return writeNames(fieldGroup, names_) &&
          writeList(fieldGroup, kFragmentRowsName, H5T_NATIVE_UINT64, offsets_.size(),
                    offsets_.data());
 }

@@ -154,6 +154,36 @@ TEST(KqFieldLayout, OneDatasetPerFieldWithItsTable) {
   H5Sclose(space), H5Dclose(values), H5Dclose(rows), H5Fclose(f);
 }
 
+// Names stored fixed-length (padded to the longest) read back as they were, and so do names
+// of very unequal lengths, which stay variable-length.
+TEST(KqFieldLayout, FragmentNamesRoundTripFixedOrVariable) {
+  const auto namesStored = [](const std::vector<std::string>& names, bool& variable) {
+    TempDir dir;
+    auto made = BundlePtr::make();
+    auto rep = (*made.create())[0.0]->makeGrid("G")->makeCartesianRepresentation(3, "C", 0);
+    for (std::size_t i = 0; i < names.size(); ++i)
+      storeFragment(*rep, "f", names[i], filled<float>(i % 3, 0, int(i)));
+    EXPECT_EQ(Bundle::save(made, dir.file("n.kq")), "");
+    hid_t f = H5Fopen(dir.file("n.kq").c_str(), H5F_ACC_RDONLY, H5P_DEFAULT);
+    hid_t set = H5Dopen2(f, (kFields + "f/fragment_names").c_str(), H5P_DEFAULT);
+    hid_t type = H5Dget_type(set);
+    variable = H5Tis_variable_str(type) > 0;
+    H5Tclose(type), H5Dclose(set), H5Fclose(f);
+    bool ok = false;
+    BundlePtr back = load(dir.file("n.kq"), ok);
+    EXPECT_TRUE(ok);
+    EXPECT_EQ(firstDifference(made, back), "");
+  };
+  bool variable = true;
+  namesStored({"F0", "Fl\u00e4che 12", "", "a"}, variable);
+  EXPECT_FALSE(variable);
+  std::vector<std::string> unequal;
+  for (int i = 0; i < 40; ++i) unequal.push_back("F" + std::to_string(i));
+  unequal[7] = std::string(100000, 'x');
+  namesStored(unequal, variable);
+  EXPECT_TRUE(variable);
+}
+
 TEST(KqFieldLayout, FilesOfTheOlderLayoutAreStillRead) {
   TempDir dir;
   const BundlePtr made = everyTypeBundle();
