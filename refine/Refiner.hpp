@@ -228,6 +228,8 @@ class Refiner {
                 const point& p, bool& hasEchoes) const;
   bool near(const Neighbour& m, const point& p, const point& origin,
             const Gemwold::PhysicalSpace::vector& direction) const;
+  bool nearBeyondFlat(const Neighbour& m, double gap, const point& origin,
+                      const Gemwold::PhysicalSpace::vector& direction) const;
   bool anyNear(std::size_t cellLo, std::size_t cellHi, std::size_t self, std::uint32_t emitter,
                const point& p, bool& hasEchoes) const;
   Verdict outnumbered(std::size_t i, const Fit& now) const;
