@@ -183,6 +183,7 @@ class Refiner {
     std::size_t before, own, after, end;
   };
   AlongLine alongLineOf(std::size_t k) const;
+  AlongLine nextAlongLine(std::size_t k, const AlongLine& previous) const;
   bool smoothAlongLine(std::size_t k, int zone, const AlongLine& span) const;
   int alongLineSamples(const AlongLine& span, int zone, std::uint32_t line, RunSample* out) const;
   void fillCells();

@@ -120,6 +120,21 @@ TEST(AlongLineRuns, WrongRunsAtEveryLineEndMoveBack) {
   }
 }
 
+TEST(AlongLineRuns, RunsWithMissingEchoesMoveBackToo) {
+  // Every third shot without an echo: the echoes along a line step by one or two recording
+  // shots, and each echo's reach along its line holds fewer of them.
+  JitteredScan scan(kFlat, 12, 3000);
+  std::size_t kept = 0;
+  for (std::size_t i = 0; i < scan.echoes.size(); ++i)
+    if (scan.echoes[i].emitter % 3 != 0)
+      scan.echoes[kept] = scan.echoes[i], scan.trueZone[kept++] = scan.trueZone[i];
+  scan.echoes.resize(kept), scan.trueZone.resize(kept);
+  const std::size_t spoiled = scan.spoilLineEnds(2500, -2);
+  ASSERT_GT(spoiled, 11u * 200u);
+  EXPECT_GT(scan.wrong(refineEchoZones(scan.shots, scan.echoes, withoutRuns())), spoiled / 2);
+  EXPECT_EQ(scan.wrong(refineEchoZones(scan.shots, scan.echoes)), 0u);
+}
+
 TEST(AlongLineRuns, RealDiscontinuitiesStayAsTheyAre) {
   // Cliffs and walls along the line, and a canopy of three echoes a shot (some continue each
   // other by chance in any zone): right zones, nothing moves.
