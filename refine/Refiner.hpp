@@ -116,7 +116,7 @@ struct WorkArrays {
   Placement placed;
   LargeVector<std::uint32_t> emitter;
   LargeVector<double> oneWay;
-  std::vector<bool> active, straddles;
+  std::vector<std::uint8_t> active, straddles;  // bytes: read for every echo each iteration
   LargeVector<std::uint32_t> byShot, shotCounts;
   std::vector<std::uint32_t> byRecord, recordCounts;
   RecordOrder inRecord;
@@ -142,7 +142,7 @@ class Refiner {
 
  private:
   using Verdict = surface_fit::Verdict;
-  bool active(std::size_t i) const { return active_[i]; }
+  bool active(std::size_t i) const { return active_[i] != 0; }
   // An echo placed within two shots of a line change (as first placed) may belong to the
   // other line, and such echoes go wrong together, line after line, into a ghost strip that
   // fits itself: they are judged, but are no neighbours.
@@ -153,7 +153,7 @@ class Refiner {
     };
     return cells_.line[shot(e - kStraddleShots)] != cells_.line[shot(e + kStraddleShots)];
   }
-  bool isNeighbour(std::size_t i) const { return active(i) && !straddles_[i]; }
+  bool isNeighbour(std::size_t i) const { return active(i) && straddles_[i] == 0; }
   point positionOf(std::size_t i) const {
     const std::uint32_t e = emitter_[i];
     return placeEcho(oneWay_[i], shots_.direction[e], shots_.origin[e], shots_.lightSpeed).position;
@@ -183,6 +183,7 @@ class Refiner {
     std::size_t before, own, after, end;
   };
   AlongLine alongLineOf(std::size_t k) const;
+  AlongLine nextAlongLine(std::size_t k, const AlongLine& previous) const;
   bool smoothAlongLine(std::size_t k, int zone, const AlongLine& span) const;
   int alongLineSamples(const AlongLine& span, int zone, std::uint32_t line, RunSample* out) const;
   void fillCells();
@@ -228,6 +229,8 @@ class Refiner {
                 const point& p, bool& hasEchoes) const;
   bool near(const Neighbour& m, const point& p, const point& origin,
             const Gemwold::PhysicalSpace::vector& direction) const;
+  bool nearBeyondFlat(const Neighbour& m, double gap, const point& origin,
+                      const Gemwold::PhysicalSpace::vector& direction) const;
   bool anyNear(std::size_t cellLo, std::size_t cellHi, std::size_t self, std::uint32_t emitter,
                const point& p, bool& hasEchoes) const;
   Verdict outnumbered(std::size_t i, const Fit& now) const;
@@ -252,7 +255,7 @@ class Refiner {
   LargeVector<double>& oneWay_;
   int maxZone_ = 0;
   std::size_t settled_ = 0;  // echoes [0, settled_) are final: neighbours, never judged
-  std::vector<bool>&active_, &straddles_;
+  std::vector<std::uint8_t>&active_, &straddles_;
   LargeVector<std::uint32_t>& byShot_;    // echoes by first emitting shot
   std::vector<std::uint32_t>& byRecord_;  // echoes by recording shot (along-line runs)
   RecordOrder& inRecord_;

@@ -58,6 +58,12 @@ bool Refiner::near(const Neighbour& m, const point& p, const point& origin,
                    const Gemwold::PhysicalSpace::vector& direction) const {
   const double gap = squared(m.position, p);
   if (gap < settings_.fitTolerance * settings_.fitTolerance) return true;  // however far apart
+  return nearBeyondFlat(m, gap, origin, direction);
+}
+
+// The same for a neighbour `gap` (squared) from the query, beyond the flat tolerance.
+bool Refiner::nearBeyondFlat(const Neighbour& m, double gap, const point& origin,
+                             const Gemwold::PhysicalSpace::vector& direction) const {
   // Surfaces slope: allow more height the farther apart the two footprints are.
   const double apart = std::sqrt(squared(shots_.origin[m.emitter], origin)) +
                        m.reach * std::sqrt(squared(shots_.direction[m.emitter], direction));
@@ -75,19 +81,33 @@ bool Refiner::anyNear(std::size_t cellLo, std::size_t cellHi, std::size_t self,
   const Neighbour* first = placed_.members.data() + placed_.start[cellLo];
   const Neighbour* end = placed_.members.data() + placed_.start[cellHi + 1];
   const auto a = float(cells_.angle[emitter]);
-  const Neighbour* up = firstFromAngle(first, end, a);
+  // Whether an echo is near does not depend on where the search starts: within the query's
+  // own bin, the nearest angle is found in a third of the echoes.
+  const auto bins = std::size_t(cells_.binCount);
+  const std::size_t own =
+      cellLo - cellLo % bins + std::size_t(cells_.bin[emitter] - cells_.firstBin);
+  const Neighbour* up = own >= cellLo && own <= cellHi
+                            ? firstFromAngle(placed_.members.data() + placed_.start[own],
+                                             placed_.members.data() + placed_.start[own + 1], a)
+                            : firstFromAngle(first, end, a);
   const Neighbour* down = up;
-  // Worked out once a neighbour is not plainly near: many searches end at the first one.
+  // Worked out once a neighbour failed the exact test: on a surface the first neighbour
+  // beyond the flat tolerance is mostly within the sloped one, and the search ends there.
   double far = -1.0;
+  bool failed = false;
+  const double flat = settings_.fitTolerance * settings_.fitTolerance;
   const auto fits = [&](const Neighbour& m) {
     if (m.echo == self || (moving_ && (*moving_)[m.echo])) return false;
     hasEchoes = true;
     const double gap = squared(m.position, p);
-    if (gap >= settings_.fitTolerance * settings_.fitTolerance) {
+    if (gap < flat) return true;
+    if (failed) {
       if (far < 0.0) far = farGap(cellLo, cellHi, origin, direction);
       if (gap >= far) return false;
     }
-    return near(m, p, origin, direction);
+    if (nearBeyondFlat(m, gap, origin, direction)) return true;
+    failed = true;
+    return false;
   };
   while (up != end || down != first) {
     if (up != end && fits(*up++)) return true;

@@ -120,6 +120,33 @@ TEST(AlongLineRuns, WrongRunsAtEveryLineEndMoveBack) {
   }
 }
 
+// Keeps the echoes of the shots `keep` accepts (by emitting shot).
+void keepEchoes(JitteredScan& scan, const std::function<bool(std::uint32_t)>& keep) {
+  std::size_t kept = 0;
+  for (std::size_t i = 0; i < scan.echoes.size(); ++i)
+    if (keep(scan.echoes[i].emitter))
+      scan.echoes[kept] = scan.echoes[i], scan.trueZone[kept++] = scan.trueZone[i];
+  scan.echoes.resize(kept), scan.trueZone.resize(kept);
+}
+
+TEST(AlongLineRuns, RunsReachOnlyTheEchoesWithinTheirShots) {
+  // Every third shot without an echo: the echoes along a line step by one or two recording
+  // shots, and each echo's reach along its line holds fewer of them; the runs still form.
+  JitteredScan gappy(kFlat, 12, 3000);
+  keepEchoes(gappy, [](std::uint32_t shot) { return shot % 3 != 0; });
+  const std::size_t spoiled = gappy.spoilLineEnds(2500, -2);
+  ASSERT_GT(spoiled, 11u * 200u);
+  EXPECT_GT(gappy.wrong(refineEchoZones(gappy.shots, gappy.echoes, withoutRuns())), spoiled / 2);
+  EXPECT_EQ(gappy.wrong(refineEchoZones(gappy.shots, gappy.echoes)), 0u);
+  // An echo every fourth shot: each has only the two beside it within its reach, too few
+  // to continue, though they follow each other closely enough to make a run.
+  JitteredScan sparse(kFlat, 12, 3000);
+  keepEchoes(sparse, [](std::uint32_t shot) { return shot % 4 == 0; });
+  sparse.spoilLineEnds(2500, -2);
+  const RefineResult without = refineEchoZones(sparse.shots, sparse.echoes, withoutRuns());
+  EXPECT_EQ(refineEchoZones(sparse.shots, sparse.echoes).zone, without.zone);
+}
+
 TEST(AlongLineRuns, RealDiscontinuitiesStayAsTheyAre) {
   // Cliffs and walls along the line, and a canopy of three echoes a shot (some continue each
   // other by chance in any zone): right zones, nothing moves.
