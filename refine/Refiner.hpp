@@ -233,6 +233,9 @@ class Refiner {
   Verdict outnumbered(std::size_t i, const Fit& now) const;
   bool fitsByChance(std::size_t i, const Candidate& c) const;  // ChanceFits.cpp
   Verdict sparseCanopy(std::size_t i, Verdict v) const;        // SparseCanopy.cpp
+  // Block edges (BlockEdges.cpp): the surface beyond a wide wrong block's edge.
+  bool atBlockEdge(std::size_t i, const Fit& now, const Fit& candidate, const Candidate& c) const;
+  Verdict blockEdge(std::size_t i) const;
   Verdict judge(std::size_t i) const;
   void judgeMarked(const std::vector<std::uint8_t>& judgeNow, std::uint16_t stamp,
                    std::vector<std::pair<std::uint32_t, Verdict>>& moves);

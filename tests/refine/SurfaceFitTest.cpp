@@ -176,6 +176,30 @@ TEST(SurfaceFit, AWideWrongRunIsLeftToItsOwnSurface) {
   }
 }
 
+TEST(SurfaceFit, AWideBlockAmongTheSurfaceIsEatenFromItsEdges) {
+  // Every second echo of a block six lines wide three zones too near (water the block method
+  // half got wrong): the wrong ones fit each other across the block and are not off, and at
+  // the edges their true zone has too few times the echoes near it to outnumber them. But
+  // beyond the edge line and the next, the lines fit the true zone and not the wrong one:
+  // the edges move, then the lines they uncover.
+  const auto spoilHalf = [](Scan& scan) {
+    for (int l = 5; l < 11; ++l)
+      for (int s = 180; s < 240; s += 2) {
+        const auto i = std::size_t(l * 300 + s);
+        scan.assignZone(i, scan.trueZone[i] - 3);
+      }
+  };
+  Scan scan(kFlat, 16, 300);
+  spoilHalf(scan);
+  const RefineResult r = refineEchoZones(scan.shots, scan.echoes);
+  EXPECT_EQ(scan.wrong(r), 0u);
+  EXPECT_EQ(r.moved, 180u);
+  EXPECT_EQ(r.markedNoise, 0u);
+  RefineSettings noEdges;
+  noEdges.edgeSupport = 0.0;
+  EXPECT_GT(scan.wrong(refineEchoZones(scan.shots, scan.echoes, noEdges)), 0u);
+}
+
 TEST(SurfaceFit, ASmallClusterBesideTheSurfaceGivesWay) {
   // One shot wrong in four lines running: each wrong echo fits the other three lines, too many
   // to count as off, while its true zone fits every line with far more echoes near it.
@@ -192,6 +216,7 @@ TEST(SurfaceFit, ASmallClusterBesideTheSurfaceGivesWay) {
   EXPECT_EQ(r.moved, 4u);
   RefineSettings fitsEnough;
   fitsEnough.outnumberedShare = 0.0;
+  fitsEnough.edgeSupport = 0.0;  // its edge lines have the surface on one side too
   EXPECT_EQ(scan.wrong(refineEchoZones(scan.shots, scan.echoes, fitsEnough)), 4u);
 }
 
