@@ -45,12 +45,11 @@ bool Refiner::atBlockEdge(std::size_t i, const Fit& now, const Fit& candidate,
 }
 
 // An echo whose current zone is not off, at a wrong block's edge: the best candidate clearly
-// on (as judge() asks of an off echo's) with the surface on one side.
-Refiner::Verdict Refiner::blockEdge(std::size_t i) const {
+// on (as judge() asks of an off echo's) with the surface on one side. `now`: the current
+// zone's fit, counted over every line or until at most one line is left failing it.
+Refiner::Verdict Refiner::blockEdge(std::size_t i, const Fit& now) const {
   Verdict v;
   if (settings_.edgeSupport <= 0.0) return v;
-  const std::uint32_t e = emitter_[i];
-  const Fit now = fitOf(i, e, positionOf(i), 2 * settings_.neighbourLines + 1);
   // Cheap test first: a side with lines holding echoes the current zone does not fit.
   const std::uint32_t failing = now.lineMask & ~now.fitMask;
   if (std::popcount(failing & 0xffffu) < kSurfaceBeyond &&

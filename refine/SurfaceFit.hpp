@@ -69,6 +69,8 @@ struct RefineSettings {
   // The lines an off zone fits are chance, not a contest, where a candidate otherwise clearly
   // on has this many times the echoes near it (0: never).
   double chanceSupport = 8.0;
+  // ... or this many times where the off zone fits a single line (0: as many as above).
+  double singleChanceSupport = 4.0;
   // Where the current zone fits no line, a candidate fitting at least this many lines, with
   // `sparseSupport` times the echoes near it, moves the echo (refine/SparseCanopy.cpp; 0: never).
   int sparseLines = 3;

@@ -249,6 +249,35 @@ TEST(SurfaceFit, AnOffZoneThatFitsALineByChanceGivesWay) {
   EXPECT_EQ(refineEchoZones(scan.shots, scan.echoes, contested, 1).zone[wrong + 1], w.zone);
 }
 
+TEST(SurfaceFit, ASingleLineFitsByChanceWithFewerEchoesThanSeveral) {
+  // As above, but line 9 holds three echoes of another zone's canopy beside the wrong place,
+  // at the shots before and after: its true zone has about six times the echoes near it,
+  // fewer than several fitting lines would need, enough for a single one.
+  const Surface mound = [](double x, double y) {
+    return y >= 1.0 && y < 2.0 && std::abs(x) < 5.0 ? 5.0 : 0.0;
+  };
+  Scan scan(mound, 14, 300);
+  const std::size_t wrong = 6 * 300 + 150;
+  scan.assignZone(wrong, scan.trueZone[wrong] + 1);
+  const RefineEcho w = scan.echoes[wrong];
+  const auto at =
+      placeEcho(w.oneWayTime, scan.shots.direction[w.emitter], scan.shots.origin[w.emitter], kLight)
+          .position;
+  for (int shot = -1; shot <= 1; ++shot) {
+    const std::uint32_t nine = 9 * 300 + w.emitter % 300 + std::uint32_t(shot);
+    const auto& o = scan.shots.origin[nine];
+    scan.addEcho(nine, std::hypot(at.x - o.x, at.y - o.y, at.z - o.z));
+    ASSERT_EQ(scan.trueZone.back(), w.zone);
+  }
+  std::rotate(scan.echoes.begin(), scan.echoes.end() - 3, scan.echoes.end());
+  const RefineResult r = refineEchoZones(scan.shots, scan.echoes, {}, 3);
+  EXPECT_EQ(r.zone[wrong + 3], scan.trueZone[wrong]);
+  EXPECT_EQ(r.moved, 1u);
+  RefineSettings asSeveral;
+  asSeveral.singleChanceSupport = 0.0;
+  EXPECT_EQ(refineEchoZones(scan.shots, scan.echoes, asSeveral, 3).zone[wrong + 3], w.zone);
+}
+
 TEST(SurfaceFit, AnEchoThatFitsNoLineMovesWhereAFewLinesBearItOut) {
   // A wrong echo in line 6 lies below the ground and fits no line; its true zone fits only
   // lines 2, 7 and 10 of eight (the others rise 5 m over two mounds, as a rough canopy
