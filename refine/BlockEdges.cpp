@@ -7,7 +7,6 @@
 // the iterations eat the block from its edges inward. A right echo beside a wrong block has
 // its own surface on the other side, which the candidate does not fit.
 #include <algorithm>
-#include <bit>
 
 #include "refine/Refiner.hpp"
 
@@ -32,6 +31,22 @@ bool surfaceOnSide(const Fit& now, const Fit& candidate, int side, int reach) {
   return beyond >= kSurfaceBeyond;
 }
 
+// Whether `side` may hold the surface beyond the echo's block, as far as the current zone
+// tells: past the lines it fits next to the echo, at least kSurfaceBeyond lines hold echoes
+// and none fits it. Most rough places fail here, before any candidate is placed.
+bool edgeOnSide(const Fit& now, int side, int reach) {
+  bool inBlock = true;
+  int failing = 0;
+  for (int k = 1; k <= reach; ++k) {
+    const std::uint32_t bit = lineBit(side, k);
+    inBlock = inBlock && k <= kBlockReach && ((now.fitMask & bit) || !(now.lineMask & bit));
+    if (inBlock) continue;
+    if (now.fitMask & bit) return false;
+    failing += (now.lineMask & bit) != 0;
+  }
+  return failing >= kSurfaceBeyond;
+}
+
 }  // namespace
 
 bool Refiner::atBlockEdge(std::size_t i, const Fit& now, const Fit& candidate,
@@ -50,11 +65,8 @@ bool Refiner::atBlockEdge(std::size_t i, const Fit& now, const Fit& candidate,
 Refiner::Verdict Refiner::blockEdge(std::size_t i, const Fit& now) const {
   Verdict v;
   if (settings_.edgeSupport <= 0.0) return v;
-  // Cheap test first: a side with lines holding echoes the current zone does not fit.
-  const std::uint32_t failing = now.lineMask & ~now.fitMask;
-  if (std::popcount(failing & 0xffffu) < kSurfaceBeyond &&
-      std::popcount(failing >> 16) < kSurfaceBeyond)
-    return v;
+  const int reach = settings_.neighbourLines;
+  if (!edgeOnSide(now, -1, reach) && !edgeOnSide(now, 1, reach)) return v;
   int bestFitting = -1;
   Candidate c;
   const auto [lowest, highest] = candidateZones(result_.zone[i]);
