@@ -382,6 +382,10 @@ int main(int argc, char** argv) {
         settings.outnumberedSupport = value;
       else if (name == "chanceSupport")
         settings.chanceSupport = value;
+      else if (name == "singleChanceSupport")
+        settings.singleChanceSupport = value;
+      else if (name == "edgeSupport")
+        settings.edgeSupport = value;
       else if (name == "zeroReachesAll")
         settings.zeroReachesAll = value != 0.0;
       else if (name == "zoneReach")

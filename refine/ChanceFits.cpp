@@ -10,11 +10,14 @@
 
 namespace FullWaveform::surface_fit {
 
-bool Refiner::fitsByChance(std::size_t i, const Candidate& c) const {
+bool Refiner::fitsByChance(std::size_t i, const Candidate& c, int nowFitting) const {
   if (settings_.chanceSupport <= 0.0) return false;
+  // A single line is chance with fewer times the echoes near the candidate than several.
+  const double ratio = nowFitting == 1 && settings_.singleChanceSupport > 0.0
+                           ? settings_.singleChanceSupport
+                           : settings_.chanceSupport;
   const int here = supportOf(i, emitter_[i], positionOf(i));
-  return double(supportOf(i, c.emitter, c.position)) >=
-         settings_.chanceSupport * double(std::max(here, 1));
+  return double(supportOf(i, c.emitter, c.position)) >= ratio * double(std::max(here, 1));
 }
 
 }  // namespace FullWaveform::surface_fit

@@ -234,8 +234,11 @@ class Refiner {
   bool anyNear(std::size_t cellLo, std::size_t cellHi, std::size_t self, std::uint32_t emitter,
                const point& p, bool& hasEchoes) const;
   Verdict outnumbered(std::size_t i, const Fit& now) const;
-  bool fitsByChance(std::size_t i, const Candidate& c) const;  // ChanceFits.cpp
-  Verdict sparseCanopy(std::size_t i, Verdict v) const;        // SparseCanopy.cpp
+  bool fitsByChance(std::size_t i, const Candidate& c, int nowFitting) const;  // ChanceFits.cpp
+  Verdict sparseCanopy(std::size_t i, Verdict v) const;                        // SparseCanopy.cpp
+  // Block edges (BlockEdges.cpp): the surface beyond a wide wrong block's edge.
+  bool atBlockEdge(std::size_t i, const Fit& now, const Fit& candidate, const Candidate& c) const;
+  Verdict blockEdge(std::size_t i, const Fit& now) const;
   Verdict judge(std::size_t i) const;
   void judgeMarked(const std::vector<std::uint8_t>& judgeNow, std::uint16_t stamp,
                    std::vector<std::pair<std::uint32_t, Verdict>>& moves);

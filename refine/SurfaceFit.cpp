@@ -194,8 +194,13 @@ Refiner::Verdict Refiner::judge(std::size_t i) const {
   if (now.lines < kMinLinesToJudge) return v;
   if (now.fitting > settings_.offShare * now.lines + 1e-9) {
     // Every line so far fits: a surface, not a cluster beside one (the common case, kept cheap).
-    if (now.fitting == now.lines || settings_.outnumberedShare <= 0.0) return v;
-    return outnumbered(i, fitOf(i, e, positionOf(i), linesBeyond(settings_.outnumberedShare)));
+    if (now.fitting == now.lines) return v;
+    // Counted far enough for both tests below (the block-edge test needs two failing lines).
+    const Fit all = fitOf(i, e, positionOf(i),
+                          std::max(linesBeyond(settings_.outnumberedShare),
+                                   2 * settings_.neighbourLines - kSurfaceBeyond + 1));
+    if (settings_.outnumberedShare > 0.0) v = outnumbered(i, all);
+    return v.zone >= 0 ? v : blockEdge(i, all);
   }
   v.off = true;
   int bestFitting = -1;
@@ -212,7 +217,8 @@ Refiner::Verdict Refiner::judge(std::size_t i) const {
                            f.fitting >= settings_.onShare * f.lines - 1e-9 &&
                            f.fitting >= now.fitting + settings_.moveMargin &&
                            (now.fitting == 0 || f.lines - f.fitting <= settings_.contestedMiss ||
-                            wrongBlock(now, f, settings_.neighbourLines) || fitsByChance(i, c));
+                            wrongBlock(now, f, settings_.neighbourLines) ||
+                            fitsByChance(i, c, now.fitting) || atBlockEdge(i, now, f, c));
     if (clearlyOn && f.fitting > bestFitting)
       bestFitting = f.fitting, v.zone = candidate, v.emitter = c.emitter, v.oneWay = c.oneWay;
   }

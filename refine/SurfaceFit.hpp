@@ -69,10 +69,16 @@ struct RefineSettings {
   // The lines an off zone fits are chance, not a contest, where a candidate otherwise clearly
   // on has this many times the echoes near it (0: never).
   double chanceSupport = 8.0;
+  // ... or this many times where the off zone fits a single line (0: as many as above).
+  double singleChanceSupport = 4.0;
   // Where the current zone fits no line, a candidate fitting at least this many lines, with
   // `sparseSupport` times the echoes near it, moves the echo (refine/SparseCanopy.cpp; 0: never).
   int sparseLines = 3;
   double sparseSupport = 4.0;
+  // At the edge of a wrong block many lines wide, where on one side every line beyond the
+  // next fits a candidate clearly on and none the current zone, with at least this many times
+  // the current zone's echoes near it, the echo moves (refine/BlockEdges.cpp; 0: never).
+  double edgeSupport = 1.0;
   // An off echo is noise too where every placement of it fits fewer than this many lines
   // and no echo of its own scan line lies near it: birds and dust fit a line by chance, a
   // surface continues along the line (0: never).

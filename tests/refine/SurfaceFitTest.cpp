@@ -176,6 +176,30 @@ TEST(SurfaceFit, AWideWrongRunIsLeftToItsOwnSurface) {
   }
 }
 
+TEST(SurfaceFit, AWideBlockAmongTheSurfaceIsEatenFromItsEdges) {
+  // Every second echo of a block six lines wide three zones too near (water the block method
+  // half got wrong): the wrong ones fit each other across the block and are not off, and at
+  // the edges their true zone has too few times the echoes near it to outnumber them. But
+  // beyond the edge line and the next, the lines fit the true zone and not the wrong one:
+  // the edges move, then the lines they uncover.
+  const auto spoilHalf = [](Scan& scan) {
+    for (int l = 5; l < 11; ++l)
+      for (int s = 180; s < 240; s += 2) {
+        const auto i = std::size_t(l * 300 + s);
+        scan.assignZone(i, scan.trueZone[i] - 3);
+      }
+  };
+  Scan scan(kFlat, 16, 300);
+  spoilHalf(scan);
+  const RefineResult r = refineEchoZones(scan.shots, scan.echoes);
+  EXPECT_EQ(scan.wrong(r), 0u);
+  EXPECT_EQ(r.moved, 180u);
+  EXPECT_EQ(r.markedNoise, 0u);
+  RefineSettings noEdges;
+  noEdges.edgeSupport = 0.0;
+  EXPECT_GT(scan.wrong(refineEchoZones(scan.shots, scan.echoes, noEdges)), 0u);
+}
+
 TEST(SurfaceFit, ASmallClusterBesideTheSurfaceGivesWay) {
   // One shot wrong in four lines running: each wrong echo fits the other three lines, too many
   // to count as off, while its true zone fits every line with far more echoes near it.
@@ -192,6 +216,7 @@ TEST(SurfaceFit, ASmallClusterBesideTheSurfaceGivesWay) {
   EXPECT_EQ(r.moved, 4u);
   RefineSettings fitsEnough;
   fitsEnough.outnumberedShare = 0.0;
+  fitsEnough.edgeSupport = 0.0;  // its edge lines have the surface on one side too
   EXPECT_EQ(scan.wrong(refineEchoZones(scan.shots, scan.echoes, fitsEnough)), 4u);
 }
 
@@ -222,6 +247,35 @@ TEST(SurfaceFit, AnOffZoneThatFitsALineByChanceGivesWay) {
   RefineSettings contested;
   contested.chanceSupport = 0.0;
   EXPECT_EQ(refineEchoZones(scan.shots, scan.echoes, contested, 1).zone[wrong + 1], w.zone);
+}
+
+TEST(SurfaceFit, ASingleLineFitsByChanceWithFewerEchoesThanSeveral) {
+  // As above, but line 9 holds three echoes of another zone's canopy beside the wrong place,
+  // at the shots before and after: its true zone has about six times the echoes near it,
+  // fewer than several fitting lines would need, enough for a single one.
+  const Surface mound = [](double x, double y) {
+    return y >= 1.0 && y < 2.0 && std::abs(x) < 5.0 ? 5.0 : 0.0;
+  };
+  Scan scan(mound, 14, 300);
+  const std::size_t wrong = 6 * 300 + 150;
+  scan.assignZone(wrong, scan.trueZone[wrong] + 1);
+  const RefineEcho w = scan.echoes[wrong];
+  const auto at =
+      placeEcho(w.oneWayTime, scan.shots.direction[w.emitter], scan.shots.origin[w.emitter], kLight)
+          .position;
+  for (int shot = -1; shot <= 1; ++shot) {
+    const std::uint32_t nine = 9 * 300 + w.emitter % 300 + std::uint32_t(shot);
+    const auto& o = scan.shots.origin[nine];
+    scan.addEcho(nine, std::hypot(at.x - o.x, at.y - o.y, at.z - o.z));
+    ASSERT_EQ(scan.trueZone.back(), w.zone);
+  }
+  std::rotate(scan.echoes.begin(), scan.echoes.end() - 3, scan.echoes.end());
+  const RefineResult r = refineEchoZones(scan.shots, scan.echoes, {}, 3);
+  EXPECT_EQ(r.zone[wrong + 3], scan.trueZone[wrong]);
+  EXPECT_EQ(r.moved, 1u);
+  RefineSettings asSeveral;
+  asSeveral.singleChanceSupport = 0.0;
+  EXPECT_EQ(refineEchoZones(scan.shots, scan.echoes, asSeveral, 3).zone[wrong + 3], w.zone);
 }
 
 TEST(SurfaceFit, AnEchoThatFitsNoLineMovesWhereAFewLinesBearItOut) {
