@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "kq/LiteralDeflate.hpp"
+#include "vorlap/CpuClones.hpp"
 
 namespace Tessal::kq {
 
@@ -46,7 +47,8 @@ void unshuffleOf(const unsigned char* __restrict in, std::size_t count,
     for (std::size_t b = 0; b < Size; ++b) out[i * Size + b] = in[b * count + i];
 }
 
-void shuffle(const unsigned char* in, std::size_t count, std::size_t size, unsigned char* out) {
+QUILLO_AVX2_CLONES void shuffle(const unsigned char* in, std::size_t count, std::size_t size,
+                                unsigned char* out) {
   switch (size) {
     case 2:
       return shuffleOf<2>(in, count, out);
@@ -61,7 +63,8 @@ void shuffle(const unsigned char* in, std::size_t count, std::size_t size, unsig
   }
 }
 
-void unshuffle(const unsigned char* in, std::size_t count, std::size_t size, unsigned char* out) {
+QUILLO_AVX2_CLONES void unshuffle(const unsigned char* in, std::size_t count, std::size_t size,
+                                  unsigned char* out) {
   switch (size) {
     case 2:
       return unshuffleOf<2>(in, count, out);

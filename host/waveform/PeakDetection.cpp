@@ -14,6 +14,7 @@
 #include "waveform/GaussianFit.hpp"
 #include "waveform/PeakSettings.hpp"
 #include "waveform/PulseShape.hpp"
+#include "waveform/RowScan.hpp"
 #include "waveform/RowStatistics.hpp"
 
 namespace FullWaveform {
@@ -24,6 +25,11 @@ struct Candidate {
   double position, height, sigma;  // samples, counts above background, samples
   bool saturated = false, overlapping = false;
 };
+
+const CountLogs& countLogs() {
+  static const CountLogs logs;
+  return logs;
+}
 
 }  // namespace
 
@@ -78,15 +84,22 @@ void PeakDetectionFamily<T>::Impl::loadRow(const Tessal::MemArray<2, T>& samples
 template <class T>
 void PeakDetectionFamily<T>::Impl::findCandidates(std::size_t n, const RowStats& s,
                                                   std::vector<Candidate>& out) {
-  for (std::size_t i = 0; i < n; ++i) {
-    const std::int32_t l = y[i > 0 ? i - 1 : i], r = y[i + 1 < n ? i + 1 : i];
-    smooth[i] = l + 2 * y[i] + r;
-  }
+  // [1 2 1] with the end samples repeated beyond the row (n >= 3); the inner loop has no
+  // edge test, so it vectorises.
+  smooth[0] = 3 * y[0] + y[1];
+  for (std::size_t i = 1; i + 1 < n; ++i) smooth[i] = y[i - 1] + 2 * y[i] + y[i + 1];
+  smooth[n - 1] = y[n - 2] + 3 * y[n - 1];
   const double refSigma = settings.referencePulseWidth / sampleInterval / kFwhmPerSigma;
-  // Most samples lie below the threshold: test that first, a branch that predicts well.
+  // Most samples lie below the threshold: skip them (eight at a time against the integer
+  // limit, which holds exactly the smoothed values at or below `above`).
   const double above = 4.0 * (double(s.background) + s.threshold);
+  std::int32_t limit = 0;
+  const bool integral = integerLimit(above, limit);
   for (std::size_t a = 1; a + 1 < n;) {
-    if (smooth[a] <= above) {
+    if (integral) {
+      a = firstAbove(smooth.data(), a, n - 1, limit);
+      if (a + 1 >= n) break;
+    } else if (smooth[a] <= above) {
       ++a;
       continue;
     }
@@ -120,7 +133,7 @@ double PeakDetectionFamily<T>::Impl::halfWidth(std::size_t n, const RowStats& s,
                                                double height) {
   const double half = double(s.background) + 0.5 * height;
   auto crossing = [&](int direction) {
-    std::ptrdiff_t i = std::ptrdiff_t(std::lround(position));
+    std::ptrdiff_t i = std::ptrdiff_t(roundHalfAway(position));
     while (i + direction >= 0 && i + direction < std::ptrdiff_t(n) &&
            y[std::size_t(i + direction)] > half)
       i += direction;
@@ -134,7 +147,7 @@ double PeakDetectionFamily<T>::Impl::halfWidth(std::size_t n, const RowStats& s,
 
 template <class T>
 void PeakDetectionFamily<T>::Impl::refineFast(std::size_t n, const RowStats& s, Candidate& c) {
-  std::size_t i = std::size_t(std::lround(c.position));
+  std::size_t i = std::size_t(roundHalfAway(c.position));
   if (s.clipped && y[i] >= s.clipLevel) {
     std::size_t a = i, b = i;
     while (a > 0 && y[a - 1] >= s.clipLevel) --a;
@@ -152,7 +165,8 @@ void PeakDetectionFamily<T>::Impl::refineFast(std::size_t n, const RowStats& s, 
     double delta = 0.0;
     c.height = m;
     if (l > 0 && m > 0 && r > 0) {
-      const double ll = std::log(l), lm = std::log(m), lr = std::log(r);
+      const CountLogs& log = countLogs();
+      const double ll = log(l), lm = log(m), lr = log(r);
       const double d = ll - 2 * lm + lr;
       if (d < 0) {
         delta = 0.5 * (ll - lr) / d;

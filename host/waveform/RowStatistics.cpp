@@ -1,6 +1,8 @@
 // Row statistics for peak detection (background, noise, threshold, clipping); see header.
 #include "waveform/RowStatistics.hpp"
 
+#include "vorlap/CpuClones.hpp"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
@@ -22,7 +24,8 @@ bool adjacentAt(const std::int32_t* y, std::size_t n, std::int32_t value) {
 
 // Sum of |y - background| (rows of at most 65535 samples of 16 bits: blocks of 65536
 // deviations fit 32 bits, which lets the loop vectorise).
-std::uint64_t absoluteDeviationSum(const std::int32_t* y, std::size_t n, std::int32_t background) {
+QUILLO_AVX2_CLONES std::uint64_t absoluteDeviationSum(const std::int32_t* y, std::size_t n,
+                                                      std::int32_t background) {
   std::uint64_t total = 0;
   for (std::size_t start = 0; start < n; start += 65536) {
     const std::size_t end = std::min(n, start + 65536);
@@ -40,8 +43,8 @@ struct NearSums {
 // Sums of d and d * d over the deviations d = y - background with |d| <= limit. Samples are
 // 16-bit, so a deviation within a limit below 65536 squares into 32 bits; blocks whose sum
 // fits 32 bits let the loop vectorise. The same integers as summing in 64 bits.
-NearSums nearSums(const std::int32_t* y, std::size_t n, std::int32_t background,
-                  std::int64_t limit) {
+QUILLO_AVX2_CLONES NearSums nearSums(const std::int32_t* y, std::size_t n, std::int32_t background,
+                                     std::int64_t limit) {
   NearSums sums;
   if (limit < 0) return sums;
   if (limit > 65535) {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <vector>
 
 #include "vorlap/StrongPtr.hpp"
@@ -51,9 +52,59 @@ class WavePool {
   // Objects waiting to be taken.
   std::size_t spare() const { return spare_.size() - next_; }
 
+  // Puts the waiting objects in the order of their addresses. The stages walk a fragment's
+  // waves in order: objects handed out in address order are read as a few forward streams,
+  // which the processor fetches ahead, where a list left in the previous fragment's order
+  // (mixed further by every fragment) misses the cache at nearly every wave.
+  void orderByAddress() {
+    if (next_ > 0) {
+      spare_.erase(spare_.begin(), spare_.begin() + std::ptrdiff_t(next_));
+      next_ = 0;
+    }
+    sortByAddress(spare_, scratch_, keys_, otherKeys_);
+  }
+
  private:
+  struct Key {
+    std::uintptr_t address;
+    std::uint32_t index;
+  };
+
+  // Least significant digit first, 11 bits a pass, over the addresses' span only: a few
+  // linear passes where a comparison sort of a fragment's waves took longer than it saved.
+  static void sortByAddress(std::vector<Ptr>& list, std::vector<Ptr>& scratch,
+                            std::vector<Key>& keys, std::vector<Key>& other) {
+    if (list.size() < 2) return;
+    keys.resize(list.size());
+    std::uintptr_t low = ~std::uintptr_t(0), high = 0;
+    for (std::size_t i = 0; i < list.size(); ++i) {
+      const auto a = reinterpret_cast<std::uintptr_t>(list[i].get());
+      keys[i] = {a, std::uint32_t(i)};
+      low = a < low ? a : low;
+      high = a > high ? a : high;
+    }
+    other.resize(keys.size());
+    for (unsigned shift = 0; shift < 64 && ((high - low) >> shift) > 0; shift += kDigitBits) {
+      std::vector<std::size_t> start((std::size_t(1) << kDigitBits) + 1, 0);
+      for (const Key& k : keys) ++start[digit(k, low, shift) + 1];
+      for (std::size_t d = 1; d < start.size(); ++d) start[d] += start[d - 1];
+      for (const Key& k : keys) other[start[digit(k, low, shift)]++] = k;
+      keys.swap(other);
+    }
+    scratch.resize(list.size());
+    for (std::size_t i = 0; i < keys.size(); ++i) scratch[i] = std::move(list[keys[i].index]);
+    list.swap(scratch);
+    scratch.clear();
+  }
+
+  static std::size_t digit(const Key& k, std::uintptr_t low, unsigned shift) {
+    return std::size_t((k.address - low) >> shift) & ((std::size_t(1) << kDigitBits) - 1);
+  }
+
+  static constexpr unsigned kDigitBits = 11;
   static constexpr std::size_t kAhead = 8;
-  std::vector<Ptr> spare_;
+  std::vector<Ptr> spare_, scratch_;
+  std::vector<Key> keys_, otherKeys_;
   std::size_t next_ = 0;  // spare_[0, next_) were taken: empty handles
 };
 

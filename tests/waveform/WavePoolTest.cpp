@@ -3,6 +3,9 @@
 // pool that holds another fragment's objects as without one.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <functional>
+
 #include "support/Arrays.hpp"
 #include "support/SyntheticWaveforms.hpp"
 #include "waveform/OnlineEvaluation.hpp"
@@ -147,4 +150,30 @@ TEST(WavePool, DetectionAndOnlineEvaluationGiveTheSameWavesWithReusedObjects) {
   auto waves = online(&pool);
   pool.giveBack(waves);
   expectSameWaves(online(&pool), online(nullptr));
+}
+
+TEST(WavePool, OrdersTheWaitingObjectsByAddressAndKeepsEachOnce) {
+  Pool pool;
+  std::vector<Ptr> list;
+  for (int i = 0; i < 5000; ++i) list.push_back(usedWave(double(i), std::size_t(i % 3)));
+  std::vector<const void*> given;
+  for (const auto& w : list) given.push_back(w.get());
+  // Reversed and interleaved, as the previous fragment's order may leave them.
+  std::reverse(list.begin(), list.end());
+  std::stable_partition(list.begin(), list.end(), [](const Ptr& w) { return w->echoes.empty(); });
+  pool.giveBack(list);
+  (void)pool.take();  // a taken object is no longer waiting
+  pool.orderByAddress();
+  EXPECT_EQ(pool.spare(), 4999u);
+  std::vector<const void*> taken;
+  while (pool.spare() > 0) {
+    const Ptr w = pool.take();
+    EXPECT_TRUE(w->echoes.empty());
+    taken.push_back(w.get());
+  }
+  EXPECT_TRUE(std::is_sorted(taken.begin(), taken.end(), std::less<const void*>()));
+  std::sort(given.begin(), given.end(), std::less<const void*>());
+  for (const void* p : taken)
+    EXPECT_TRUE(std::binary_search(given.begin(), given.end(), p, std::less<const void*>()));
+  EXPECT_EQ(std::adjacent_find(taken.begin(), taken.end()), taken.end());
 }
