@@ -40,7 +40,8 @@ using FullWaveform::ShotTable;
 
 namespace {
 
-constexpr std::uint32_t kMagic = 0x51524632;  // "QRF2"
+constexpr std::uint32_t kMagic = 0x51524633;     // "QRF3": with each echo's channel and amplitude
+constexpr std::uint32_t kOldMagic = 0x51524632;  // "QRF2": without them
 constexpr std::int8_t kUntraced = -1;
 
 struct Stored {
@@ -97,6 +98,8 @@ bool save(const Stored& s, const std::string& file) {
     put(out, e.oneWayTime);
     put(out, e.zone);
     put(out, std::uint8_t(e.noise));
+    put(out, e.channel);
+    put(out, e.amplitude);
   }
   putAll(out, s.trueZone);
   putAll(out, s.target);
@@ -105,13 +108,17 @@ bool save(const Stored& s, const std::string& file) {
   return bool(out);
 }
 
-bool load(const std::string& file, Stored& s) {
+// Empty on success, else what is wrong with the file.
+std::string load(const std::string& file, Stored& s) {
   std::ifstream in(file, std::ios::binary);
   std::uint32_t magic = 0;
   std::uint64_t shots = 0, echoes = 0;
   std::uint8_t radial = 0;
   get(in, magic);
-  if (!in || magic != kMagic) return false;
+  if (in && magic == kOldMagic)
+    return "an older dump without the echoes' amplitudes and channels: store it again with "
+           "--dump";
+  if (!in || magic != kMagic) return "not a stored refinement input";
   get(in, shots), get(in, echoes), get(in, s.shots.lightSpeed), get(in, radial);
   get(in, s.runSeconds);
   s.shots.radial = radial != 0;
@@ -122,13 +129,14 @@ bool load(const std::string& file, Stored& s) {
   for (RefineEcho& e : s.echoes) {
     std::uint8_t noise = 0;
     get(in, e.emitter), get(in, e.oneWayTime), get(in, e.zone), get(in, noise);
+    get(in, e.channel), get(in, e.amplitude);
     e.noise = noise != 0;
   }
   getAll(in, s.trueZone, echoes);
   getAll(in, s.target, echoes);
   getAll(in, s.otherZone, echoes);
   getAll(in, s.otherTarget, echoes);
-  return bool(in);
+  return in ? "" : "the stored refinement input is cut short";
 }
 
 std::string fileName(std::string name) {
@@ -231,10 +239,11 @@ void printBroken(const Stored& s, const FullWaveform::RefineResult& r, bool mark
             wrongAfter += !s.rightIn(j, r.zone[j]);
           }
     std::printf(
-        "  %s %zu shot %u line %u at %u of %u zone %d -> %d (%s) flag %d; around %d, wrong %d, "
-        "after %d\n",
+        "  %s %zu shot %u line %u at %u of %u zone %d -> %d (%s; its own echo %s) flag %d; "
+        "channel %d amplitude %.1f; around %d, wrong %d, after %d\n",
         marked ? "marked" : "broken", i, e, l, e - lineStart[l], lineStart[l + 1] - lineStart[l],
-        s.echoes[i].zone, r.zone[i], targetName(Target(s.targetIn(i, r.zone[i]))), r.flag[i],
+        s.echoes[i].zone, r.zone[i], targetName(Target(s.targetIn(i, r.zone[i]))),
+        targetName(Target(s.target[i])), r.flag[i], s.echoes[i].channel, s.echoes[i].amplitude,
         around, wrong, wrongAfter);
   }
 }
@@ -321,7 +330,7 @@ FullWaveform::RefineResult refineWindowed(const Stored& s, const FullWaveform::R
     std::vector<FullWaveform::WindowEcho> echoes;
     for (const std::uint32_t i : members[f]) {
       const RefineEcho& e = s.echoes[i];
-      echoes.push_back({t.time[e.emitter], e.oneWayTime, e.zone, e.noise});
+      echoes.push_back({t.time[e.emitter], e.oneWayTime, e.zone, e.noise, e.channel, e.amplitude});
     }
     window.add(f, std::move(fs), std::move(echoes));
     w.mostHeld = std::max(w.mostHeld, window.held());
@@ -444,8 +453,8 @@ int main(int argc, char** argv) {
   }
   for (const std::string& file : files) {
     Stored s;
-    if (!load(file, s)) {
-      std::fprintf(stderr, "%s: not a stored refinement input\n", file.c_str());
+    if (const std::string problem = load(file, s); !problem.empty()) {
+      std::fprintf(stderr, "%s: %s\n", file.c_str(), problem.c_str());
       return 1;
     }
     FullWaveform::RefineResult r;

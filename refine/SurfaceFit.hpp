@@ -35,6 +35,10 @@ struct RefineEcho {
   double oneWayTime;      // s, from that emitter
   std::uint8_t zone;
   bool noise;  // already classified as noise: neither judged nor a neighbour
+  // The receiver channel and the amplitude as the run gives them (each channel has its own
+  // gain); an amplitude of 0 tells nothing.
+  std::uint8_t channel = 0;
+  float amplitude = 0.0f;
 };
 using RefineEchoes = LargeVector<RefineEcho>;
 
