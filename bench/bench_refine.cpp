@@ -403,6 +403,8 @@ int main(int argc, char** argv) {
         settings.secondEchoSpread = value;
       else if (name == "secondEchoMax")
         settings.secondEchoMax = value;
+      else if (name == "brightRatio")
+        settings.brightRatio = value;
       else if (name == "runMinEchoes")
         settings.runMinEchoes = int(value);
       else if (name == "runShotReach")
