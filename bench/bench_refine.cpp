@@ -1,9 +1,11 @@
 // The zone refinement alone, on stored arrays. `--dump DIR` runs scenes of sim/Scenes through
-// the module and stores, per scene, the arrays the refinement works on with each echo's true
-// zone and target (DIR/NAME.refine); given such files it refines them (best of --repeat runs)
-// and prints its time beside the module's, the points it moved, fixed and broke, and a hash of
-// every echo's new zone and flag (a rework of the stage must leave it unchanged). Surface
-// points it classified as noise are counted apart, with how many of them had the right zone.
+// the module and stores, per scene, the arrays the refinement works on (each echo's channel and
+// amplitude among them) with each echo's true zone and target (DIR/NAME.refine; a dump of the
+// older format, without amplitudes, is refused: store it again); given such files it refines them
+// (best of --repeat runs) and prints its time beside the module's, the points it moved, fixed and
+// broke, and a hash of every echo's new zone and flag (a rework of the stage must leave it
+// unchanged). Surface points it classified as noise are counted apart, with how many of them had
+// the right zone.
 // --broken lists the right points it moved, --marked the right surface points it made noise.
 // --save DIR writes each result (every echo's new zone, then its flag) to DIR/NAME.result.
 //   bench_refine --dump DIR [--small] [--shots N] [NAME-PART]

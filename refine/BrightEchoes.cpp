@@ -4,10 +4,10 @@
 // of times the ground's amplitude; given a wrong zone it can land on the ground and fit every
 // neighbouring line. The echoes of one surface at one place, recorded in the same channel,
 // match within a small factor (reflectivity, incidence): an echo many times brighter than
-// every echo of its channel placed near it, and than every echo of its own scan line at the
-// same scan angle, is no echo of that surface. Raw amplitudes are compared, never
-// range-corrected ones: a wrong zone gives a wrong range, but echoes placed at one spot share
-// theirs. Channels are compared apart (each has its own gain).
+// all but a few of the echoes of its channel placed near it, and of those of its own scan
+// line at the same scan angle, is no echo of that surface (a few: another bird or dust). Raw
+// amplitudes are compared, never range-corrected ones: a wrong zone gives a wrong range, but echoes
+// placed at one spot share theirs. Channels are compared apart (each has its own gain).
 #include <algorithm>
 #include <cmath>
 
@@ -19,8 +19,8 @@ namespace FullWaveform::surface_fit {
 namespace {
 // Fewer echoes of its channel beside it in its own line: cannot tell.
 constexpr int kMinInLine = 3;
-// Echoes around it as bright as a surface echo of its amplitude could be, out of four: more,
-// and it is one of them (a bright roof, a second bird beside the first is no surface).
+// Of four echoes around it, at most this many may be within the ratio of it: more, and it is
+// one of a bright surface (a roof); fewer, and they are other birds or dust.
 constexpr int kBrightOutOfFour = 1;
 // Channels whose faintest echo per cell is kept (the scanners' two; others are read in full).
 constexpr std::size_t kPrefiltered = 2;
