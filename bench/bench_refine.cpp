@@ -1,9 +1,11 @@
 // The zone refinement alone, on stored arrays. `--dump DIR` runs scenes of sim/Scenes through
-// the module and stores, per scene, the arrays the refinement works on with each echo's true
-// zone and target (DIR/NAME.refine); given such files it refines them (best of --repeat runs)
-// and prints its time beside the module's, the points it moved, fixed and broke, and a hash of
-// every echo's new zone and flag (a rework of the stage must leave it unchanged). Surface
-// points it classified as noise are counted apart, with how many of them had the right zone.
+// the module and stores, per scene, the arrays the refinement works on (each echo's channel and
+// amplitude among them) with each echo's true zone and target (DIR/NAME.refine; a dump of the
+// older format, without amplitudes, is refused: store it again); given such files it refines them
+// (best of --repeat runs) and prints its time beside the module's, the points it moved, fixed and
+// broke, and a hash of every echo's new zone and flag (a rework of the stage must leave it
+// unchanged). Surface points it classified as noise are counted apart, with how many of them had
+// the right zone.
 // --broken lists the right points it moved, --marked the right surface points it made noise.
 // --save DIR writes each result (every echo's new zone, then its flag) to DIR/NAME.result.
 //   bench_refine --dump DIR [--small] [--shots N] [NAME-PART]
@@ -40,7 +42,8 @@ using FullWaveform::ShotTable;
 
 namespace {
 
-constexpr std::uint32_t kMagic = 0x51524632;  // "QRF2"
+constexpr std::uint32_t kMagic = 0x51524633;     // "QRF3": with each echo's channel and amplitude
+constexpr std::uint32_t kOldMagic = 0x51524632;  // "QRF2": without them
 constexpr std::int8_t kUntraced = -1;
 
 struct Stored {
@@ -97,6 +100,8 @@ bool save(const Stored& s, const std::string& file) {
     put(out, e.oneWayTime);
     put(out, e.zone);
     put(out, std::uint8_t(e.noise));
+    put(out, e.channel);
+    put(out, e.amplitude);
   }
   putAll(out, s.trueZone);
   putAll(out, s.target);
@@ -105,13 +110,17 @@ bool save(const Stored& s, const std::string& file) {
   return bool(out);
 }
 
-bool load(const std::string& file, Stored& s) {
+// Empty on success, else what is wrong with the file.
+std::string load(const std::string& file, Stored& s) {
   std::ifstream in(file, std::ios::binary);
   std::uint32_t magic = 0;
   std::uint64_t shots = 0, echoes = 0;
   std::uint8_t radial = 0;
   get(in, magic);
-  if (!in || magic != kMagic) return false;
+  if (in && magic == kOldMagic)
+    return "an older dump without the echoes' amplitudes and channels: store it again with "
+           "--dump";
+  if (!in || magic != kMagic) return "not a stored refinement input";
   get(in, shots), get(in, echoes), get(in, s.shots.lightSpeed), get(in, radial);
   get(in, s.runSeconds);
   s.shots.radial = radial != 0;
@@ -122,13 +131,14 @@ bool load(const std::string& file, Stored& s) {
   for (RefineEcho& e : s.echoes) {
     std::uint8_t noise = 0;
     get(in, e.emitter), get(in, e.oneWayTime), get(in, e.zone), get(in, noise);
+    get(in, e.channel), get(in, e.amplitude);
     e.noise = noise != 0;
   }
   getAll(in, s.trueZone, echoes);
   getAll(in, s.target, echoes);
   getAll(in, s.otherZone, echoes);
   getAll(in, s.otherTarget, echoes);
-  return bool(in);
+  return in ? "" : "the stored refinement input is cut short";
 }
 
 std::string fileName(std::string name) {
@@ -231,10 +241,11 @@ void printBroken(const Stored& s, const FullWaveform::RefineResult& r, bool mark
             wrongAfter += !s.rightIn(j, r.zone[j]);
           }
     std::printf(
-        "  %s %zu shot %u line %u at %u of %u zone %d -> %d (%s) flag %d; around %d, wrong %d, "
-        "after %d\n",
+        "  %s %zu shot %u line %u at %u of %u zone %d -> %d (%s; its own echo %s) flag %d; "
+        "channel %d amplitude %.1f; around %d, wrong %d, after %d\n",
         marked ? "marked" : "broken", i, e, l, e - lineStart[l], lineStart[l + 1] - lineStart[l],
-        s.echoes[i].zone, r.zone[i], targetName(Target(s.targetIn(i, r.zone[i]))), r.flag[i],
+        s.echoes[i].zone, r.zone[i], targetName(Target(s.targetIn(i, r.zone[i]))),
+        targetName(Target(s.target[i])), r.flag[i], s.echoes[i].channel, s.echoes[i].amplitude,
         around, wrong, wrongAfter);
   }
 }
@@ -321,7 +332,7 @@ FullWaveform::RefineResult refineWindowed(const Stored& s, const FullWaveform::R
     std::vector<FullWaveform::WindowEcho> echoes;
     for (const std::uint32_t i : members[f]) {
       const RefineEcho& e = s.echoes[i];
-      echoes.push_back({t.time[e.emitter], e.oneWayTime, e.zone, e.noise});
+      echoes.push_back({t.time[e.emitter], e.oneWayTime, e.zone, e.noise, e.channel, e.amplitude});
     }
     window.add(f, std::move(fs), std::move(echoes));
     w.mostHeld = std::max(w.mostHeld, window.held());
@@ -398,6 +409,8 @@ int main(int argc, char** argv) {
         settings.secondEchoSpread = value;
       else if (name == "secondEchoMax")
         settings.secondEchoMax = value;
+      else if (name == "brightRatio")
+        settings.brightRatio = value;
       else if (name == "runMinEchoes")
         settings.runMinEchoes = int(value);
       else if (name == "runShotReach")
@@ -448,8 +461,8 @@ int main(int argc, char** argv) {
   }
   for (const std::string& file : files) {
     Stored s;
-    if (!load(file, s)) {
-      std::fprintf(stderr, "%s: not a stored refinement input\n", file.c_str());
+    if (const std::string problem = load(file, s); !problem.empty()) {
+      std::fprintf(stderr, "%s: %s\n", file.c_str(), problem.c_str());
       return 1;
     }
     FullWaveform::RefineResult r;

@@ -8,6 +8,7 @@
 #include <limits>
 #include <map>
 #include <set>
+#include <utility>
 
 #include "output/PointGeometry.hpp"
 #include "refine/ZoneRefinement.hpp"
@@ -106,10 +107,14 @@ struct OutputPart {
   ArrayPtr<vector> directionStep;
   ArrayPtr<std::uint8_t> zone, classification, returnNumber, numberOfReturns;
   ArrayPtr<std::int16_t> scanAngleRank;
+  // Read only; a run without them gives echoes of unknown amplitude (0).
+  ArrayPtr<float> amplitude;
+  ArrayPtr<std::uint8_t> channel;
   std::vector<std::uint8_t> flags;
 
   bool complete() const {
     const std::size_t n = time ? time->size() : 0;
+    if ((amplitude && amplitude->size() != n) || (channel && channel->size() != n)) return false;
     for (std::size_t size :
          {range ? range->size() : 0, position ? position->size() : 0,
           directionStep ? directionStep->size() : 0, zone ? zone->size() : 0,
@@ -134,6 +139,8 @@ OutputPart partOf(const Vorlap::StrongPtr<Tessal::Representation>& rep, const st
   p.returnNumber = fragmentArray<std::uint8_t>(field(schema::kReturnNumber), frag);
   p.numberOfReturns = fragmentArray<std::uint8_t>(field(schema::kNumberOfReturns), frag);
   p.scanAngleRank = fragmentArray<std::int16_t>(field(schema::kScanAngleRank), frag);
+  p.amplitude = fragmentArray<float>(field(schema::kAmplitude), frag);
+  p.channel = fragmentArray<std::uint8_t>(field(schema::kScannerChannel), frag);
   p.flags.assign(p.time ? p.time->size() : 0, kUntouched);
   return p;
 }
@@ -160,6 +167,13 @@ struct PointRef {
   std::uint32_t part, index;
 };
 
+// A point's receiver channel and amplitude; 0 where the outputs lack them or the amplitude is
+// not a positive number.
+std::pair<std::uint8_t, float> channelAndAmplitude(const OutputPart& p, std::uint32_t i) {
+  const float a = p.amplitude ? p.amplitude->get(i) : 0.0f;
+  return {p.channel ? p.channel->get(i) : std::uint8_t(0), std::isfinite(a) && a > 0.0f ? a : 0.0f};
+}
+
 // The echoes the refinement can place: a zone and an emitting shot found in the table.
 void collectEchoes(const ShotTable& table, const std::vector<OutputPart>& parts,
                    RefineEchoes& echoes, LargeVector<PointRef>& refs) {
@@ -174,7 +188,9 @@ void collectEchoes(const ShotTable& table, const std::vector<OutputPart>& parts,
       const double oneWay = p.range->get(i) / table.lightSpeed;
       if (zone == kNoZone || !std::isfinite(oneWay) || !findShot(table.time, p.time->get(i), shot))
         continue;
-      echoes.push_back({shot, oneWay, zone, p.classification->get(i) == kNoiseClass});
+      const auto [channel, amplitude] = channelAndAmplitude(p, i);
+      echoes.push_back(
+          {shot, oneWay, zone, p.classification->get(i) == kNoiseClass, channel, amplitude});
       refs.push_back({k, i});
     }
   }
@@ -298,8 +314,9 @@ void WindowedRefinement::State::takeUp(std::uint32_t fragment) {
       const std::uint8_t zone = part.zone->get(i);
       const double oneWay = part.range->get(i) / lightSpeed;
       if (zone == kNoZone || !std::isfinite(oneWay)) continue;
-      echoes.push_back(
-          {part.time->get(i), oneWay, zone, part.classification->get(i) == kNoiseClass});
+      const auto [channel, amplitude] = channelAndAmplitude(part, i);
+      echoes.push_back({part.time->get(i), oneWay, zone, part.classification->get(i) == kNoiseClass,
+                        channel, amplitude});
       p.refs.push_back({k, i});
     }
     p.parts.push_back(std::move(part));

@@ -119,7 +119,7 @@ void RefineWindow::refineSpan(const Span& span,
       const bool found = !table.time.empty() && e.shotTime >= table.time.front() &&
                          e.shotTime <= table.time.back() && findShot(table.time, e.shotTime, hint);
       if (inBlock) block.back().echo.push_back(found ? std::int64_t(echoes.size()) : -1);
-      if (found) echoes.push_back({hint, e.oneWayTime, e.zone, e.noise});
+      if (found) echoes.push_back({hint, e.oneWayTime, e.zone, e.noise, e.channel, e.amplitude});
     }
     if (held_[k].done) settled = echoes.size();
   }

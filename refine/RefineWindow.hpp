@@ -37,6 +37,8 @@ struct WindowEcho {
   double oneWayTime;  // s, from that shot
   std::uint8_t zone;
   bool noise;
+  std::uint8_t channel = 0;
+  float amplitude = 0.0f;  // 0: not known
 };
 
 // One fragment's shots in time order.

@@ -87,6 +87,8 @@ inline std::uint32_t lineBit(int side, int k) {
   return 1u << ((side < 0 ? 0 : 16) + k - 1);
 }
 
+struct AmplitudeTally;  // BrightEchoes.cpp
+
 // A neighbour that moved, and the cells it leaves and joins.
 struct CellMove {
   std::uint32_t echo, from, to;
@@ -204,6 +206,13 @@ class Refiner {
   void markSecondEchoes(std::vector<std::uint8_t>& noise) const;
   bool outdone(std::size_t i, const std::uint32_t* from, const std::uint32_t* to) const;
   int ownLineNear(std::size_t self, std::uint32_t emitter, const point& p) const;
+  // Bright echoes (BrightEchoes.cpp): many times the amplitude of the surface they lie on.
+  void markBrightEchoes(std::vector<std::uint8_t>& noise) const;
+  bool outshines(std::size_t i, const LargeVector<float>& faintest) const;
+  void faintestPerCell(LargeVector<float>& faintest) const;
+  void tallyAmplitudes(std::size_t cellLo, std::size_t cellHi, std::size_t self,
+                       std::uint32_t emitter, const point* p, double limit,
+                       AmplitudeTally& tally) const;
   int linesBeyond(double share) const;
   std::pair<int, int> candidateZones(int z) const;
   int supportOf(std::size_t self, std::uint32_t emitter, const point& p) const;

@@ -35,6 +35,10 @@ struct RefineEcho {
   double oneWayTime;      // s, from that emitter
   std::uint8_t zone;
   bool noise;  // already classified as noise: neither judged nor a neighbour
+  // The receiver channel and the amplitude as the run gives them (each channel has its own
+  // gain); an amplitude of 0 tells nothing.
+  std::uint8_t channel = 0;
+  float amplitude = 0.0f;
 };
 using RefineEchoes = LargeVector<RefineEcho>;
 
@@ -91,6 +95,10 @@ struct RefineSettings {
   double secondEchoMin = 1.0;  // m: nearer, the two are one echo reported twice
   double secondEchoMax = 8.0;  // m
   double secondEchoSpread = 0.5;
+  // Bright echoes (refine/BrightEchoes.cpp): an echo of at least this many times the
+  // amplitude of every echo of its channel placed near it, and of its own scan line at its
+  // scan angle, is noise (0: never).
+  double brightRatio = 10.0;
   // Along-line runs (refine/AlongLineRuns.cpp): an echo whose range does not continue its
   // line moves to the zone in which it and at least `runMinEchoes` echoes recorded within
   // `runShotReach` shots of each other continue their line to `runTolerance` (0: never).

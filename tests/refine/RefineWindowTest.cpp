@@ -87,7 +87,8 @@ struct Windowed {
       std::vector<WindowEcho> echoes;
       for (const std::size_t i : members[f]) {
         const RefineEcho& e = scan.echoes[i];
-        echoes.push_back({scan.shots.time[e.emitter], e.oneWayTime, e.zone, e.noise});
+        echoes.push_back(
+            {scan.shots.time[e.emitter], e.oneWayTime, e.zone, e.noise, e.channel, e.amplitude});
       }
       window.add(f, std::move(shots), std::move(echoes));
       mostHeld = std::max(mostHeld, window.held());

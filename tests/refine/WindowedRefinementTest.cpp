@@ -70,28 +70,54 @@ TEST(WindowedRefinement, FragmentsRefinedApartWithEveryLineAroundThemAreTheWhole
   }
 }
 
+TEST(WindowedRefinement, EachEchoCarriesItsPointsChannelAndAmplitude) {
+  ShotTable table;
+  RefineEchoes echoes;
+  std::string error;
+  runAndRefine(
+      [&](Tessal::BundlePtr& input, const Grids& outputs) {
+        error = refinementArrays(input, outputs, table, echoes);
+        return RefinementSummary{};
+      },
+      false);
+  ASSERT_EQ(error, "");
+  ASSERT_GT(echoes.size(), 1000u);
+  // The scanner records in two channels of different gains; every echo has an amplitude.
+  std::size_t perChannel[2] = {0, 0}, unknown = 0;
+  for (const RefineEcho& e : echoes) {
+    ++perChannel[e.channel > 0];
+    unknown += !(e.amplitude > 0.0f);
+  }
+  EXPECT_GT(perChannel[0], echoes.size() / 4);
+  EXPECT_GT(perChannel[1], echoes.size() / 4);
+  EXPECT_EQ(unknown, 0u);
+}
+
 TEST(WindowedRefinement, UnreadableInputsAndOutputsAreErrors) {
   Tessal::BundlePtr empty = Tessal::BundlePtr::make();
   WindowedRefinement none(empty, {}, 0);
   EXPECT_EQ(none.summary().error, "refinement: the input has no \"Shots\" grid");
   EXPECT_TRUE(none.advance(5, true).empty());
-  // An output fragment whose ranges are fewer than its points.
-  const Refined damaged = runAndRefine(
-      [](Tessal::BundlePtr& input, const Grids& outputs) {
-        auto rep = outputs[0]->getCartesianRepresentation(Tessal::schema::kScannerChart);
-        auto range = rep->findFieldByName(Tessal::schema::kRange);
-        auto id = range->getFragmentIDCollection()->findFragmentIDByName("Fragment_1");
-        range->setPersistentData(
-            Vorlap::StrongPtr<Tessal::MemBase>(Vorlap::makeStrong<Tessal::MemArray<1, double>>(3)),
-            id, Vorlap::Cache::MemCache(), "");
-        WindowedRefinement refinement(input, outputs, 0);
-        EXPECT_TRUE(refinement.advance(2, true).empty());
-        return refinement.summary();
-      },
-      false);
-  EXPECT_EQ(damaged.summary.error,
-            "refinement: output fragment Fragment_1 lacks a point field or holds fields of "
-            "different lengths");
+  // An output fragment whose ranges, or amplitudes, are fewer than its points.
+  for (const char* field : {Tessal::schema::kRange, Tessal::schema::kAmplitude}) {
+    const Refined damaged = runAndRefine(
+        [&](Tessal::BundlePtr& input, const Grids& outputs) {
+          auto rep = outputs[0]->getCartesianRepresentation(Tessal::schema::kScannerChart);
+          auto f = rep->findFieldByName(field);
+          auto id = f->getFragmentIDCollection()->findFragmentIDByName("Fragment_1");
+          f->setPersistentData(
+              Vorlap::StrongPtr<Tessal::MemBase>(Vorlap::makeStrong<Tessal::MemArray<1, float>>(3)),
+              id, Vorlap::Cache::MemCache(), "");
+          WindowedRefinement refinement(input, outputs, 0);
+          EXPECT_TRUE(refinement.advance(2, true).empty());
+          return refinement.summary();
+        },
+        false);
+    EXPECT_EQ(damaged.summary.error,
+              "refinement: output fragment Fragment_1 lacks a point field or holds fields of "
+              "different lengths")
+        << field;
+  }
 }
 
 }  // namespace

@@ -1,0 +1,146 @@
+// Bright echoes on hand-made scans: a line-wise scanner 500 m above flat ground, one ground
+// echo per shot with its true zone and an amplitude that varies from shot to shot by half;
+// a bird placed on the ground by a wrong zone, a hundred times brighter, and the bright
+// echoes a surface really returns: a roof brighter than the ground around it, a channel with
+// a higher gain beside the low-gain one.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+
+#include "refine/RefineWindow.hpp"
+
+namespace FullWaveform {
+namespace {
+
+constexpr double kLight = 299792458.0;
+constexpr double kInterval = 1.0e-6;  // s between shots: a zone is about 150 m of range
+constexpr double kAltitude = 500.0;
+constexpr int kLines = 12, kPerLine = 1500;
+constexpr float kGround = 50.0f;  // the ground's amplitude in the low-gain channel, about
+
+struct Scan {
+  ShotTable shots;
+  RefineEchoes echoes;
+
+  Scan() {
+    shots.lightSpeed = kLight;
+    for (int l = 0; l < kLines; ++l)
+      for (int s = 0; s < kPerLine; ++s) {
+        const double angle = -0.4 + 0.8 * s / (kPerLine - 1);
+        shots.time.push_back(kInterval * double(shots.time.size()));
+        shots.origin.push_back({0.0, 0.5 * (l + double(s) / kPerLine), kAltitude});
+        shots.direction.push_back({std::sin(angle), 0.0, -std::cos(angle)});
+        const auto shot = std::uint32_t(shots.time.size() - 1);
+        add(shot, groundRange(shot), kGround * float(1.0 + 0.25 * std::sin(1.7 * shot)));
+      }
+  }
+  double groundRange(std::uint32_t shot) const { return kAltitude / -shots.direction[shot].z; }
+  // An echo of `shot` at `range`, in the zone its arrival gives, in the low-gain channel 1.
+  std::size_t add(std::uint32_t shot, double range, float amplitude) {
+    const auto zone = std::uint8_t(std::floor(2.0 * range / kLight / kInterval));
+    echoes.push_back({shot, range / kLight, zone, false, 1, amplitude});
+    return echoes.size() - 1;
+  }
+  static std::uint32_t shotAt(int line, int s) { return std::uint32_t(line * kPerLine + s); }
+};
+
+RefineSettings withoutBrightEchoes() {
+  RefineSettings s;
+  s.brightRatio = 0.0;
+  return s;
+}
+
+TEST(BrightEchoes, ABrightBirdOnTheGroundIsNoiseAndKeepsItsZone) {
+  // Given to a shot a few zones earlier, a bird lands half a metre above the ground: it fits
+  // every neighbouring line, and its own line's echoes lie around it.
+  for (const int s : {300, 750, 1200}) {
+    Scan scan;
+    const std::uint32_t shot = Scan::shotAt(6, s);
+    const std::size_t bird = scan.add(shot, scan.groundRange(shot) - 0.5, 100.0f * kGround);
+    const RefineResult off = refineEchoZones(scan.shots, scan.echoes, withoutBrightEchoes());
+    ASSERT_EQ(off.markedNoise, 0u) << "the bird must fit the surface for the case to matter";
+    const RefineResult r = refineEchoZones(scan.shots, scan.echoes);
+    EXPECT_EQ(r.flag[bird], kMarkedNoise) << s;
+    EXPECT_EQ(r.zone[bird], scan.echoes[bird].zone);
+    EXPECT_EQ(r.markedNoise, 1u);
+    EXPECT_EQ(r.moved, 0u);
+    // Five times the ground is not enough by the default ratio; an unknown amplitude tells
+    // nothing.
+    scan.echoes[bird].amplitude = 5.0f * kGround;
+    EXPECT_EQ(refineEchoZones(scan.shots, scan.echoes).markedNoise, 0u);
+    scan.echoes[bird].amplitude = 0.0f;
+    EXPECT_EQ(refineEchoZones(scan.shots, scan.echoes).markedNoise, 0u);
+  }
+}
+
+// The scan fed to a window two lines a fragment, in blocks of two lines; each echo's result.
+RefineResult windowed(const Scan& scan) {
+  RefineResult result;
+  result.flag.assign(scan.echoes.size(), kUntouched);
+  std::vector<std::vector<std::size_t>> members(kLines / 2);
+  for (std::size_t i = 0; i < scan.echoes.size(); ++i)
+    members[std::min<std::size_t>(members.size() - 1,
+                                  (scan.echoes[i].emitter + scan.echoes[i].zone) / (2 * kPerLine))]
+        .push_back(i);
+  RefineWindow window(kLight, false, {}, WindowSettings{12, 2, 6});
+  const auto apply = [&](const RefinedBlock& b) {
+    for (const auto& f : b.fragments)
+      for (std::size_t j = 0; j < f.echo.size(); ++j)
+        if (f.echo[j] >= 0) result.flag[members[f.key][j]] = b.result.flag[std::size_t(f.echo[j])];
+  };
+  for (std::size_t f = 0; f < members.size(); ++f) {
+    FragmentShots shots;
+    const auto lo = std::ptrdiff_t(f * 2 * kPerLine), hi = lo + 2 * kPerLine;
+    shots.time.assign(scan.shots.time.begin() + lo, scan.shots.time.begin() + hi);
+    shots.origin.assign(scan.shots.origin.begin() + lo, scan.shots.origin.begin() + hi);
+    shots.direction.assign(scan.shots.direction.begin() + lo, scan.shots.direction.begin() + hi);
+    std::vector<WindowEcho> echoes;
+    for (const std::size_t i : members[f]) {
+      const RefineEcho& e = scan.echoes[i];
+      echoes.push_back(
+          {scan.shots.time[e.emitter], e.oneWayTime, e.zone, e.noise, e.channel, e.amplitude});
+    }
+    window.add(f, std::move(shots), std::move(echoes));
+    window.refineReady(false, apply);
+  }
+  window.refineReady(true, apply);
+  return result;
+}
+
+TEST(BrightEchoes, AWindowCarriesEachEchosChannelAndAmplitude) {
+  Scan scan;
+  const std::uint32_t shot = Scan::shotAt(5, 900);
+  const std::size_t bird = scan.add(shot, scan.groundRange(shot) - 0.5, 100.0f * kGround);
+  const RefineResult whole = refineEchoZones(scan.shots, scan.echoes);
+  ASSERT_EQ(whole.flag[bird], kMarkedNoise);
+  EXPECT_EQ(windowed(scan).flag, whole.flag);
+}
+
+TEST(BrightEchoes, BrightSurfacesAndAHighGainChannelStay) {
+  // A roof 20 times as bright as the ground around it, in every line.
+  Scan roof;
+  for (int l = 0; l < kLines; ++l)
+    for (int s = 700; s < 760; ++s) roof.echoes[Scan::shotAt(l, s)].amplitude *= 20.0f;
+  EXPECT_EQ(refineEchoZones(roof.shots, roof.echoes).markedNoise, 0u);
+
+  // Every other shot recorded in the high-gain channel 0, 16 times the amplitude: compared
+  // with the low-gain echoes it would be bright everywhere, and would shield the bird.
+  Scan gains;
+  for (std::size_t i = 0; i < gains.echoes.size(); i += 2)
+    gains.echoes[i].channel = 0, gains.echoes[i].amplitude *= 16.0f;
+  const std::uint32_t shot = Scan::shotAt(6, 601);
+  const std::size_t bird = gains.add(shot, gains.groundRange(shot) - 0.5, 100.0f * kGround);
+  const RefineResult r = refineEchoZones(gains.shots, gains.echoes);
+  EXPECT_EQ(r.markedNoise, 1u);
+  EXPECT_EQ(r.flag[bird], kMarkedNoise);
+  // Two birds at one place fit each other, but among a line's ground echoes each still
+  // stands out.
+  const std::size_t second = gains.add(shot + 3, gains.groundRange(shot + 3) - 0.4, 80 * kGround);
+  const RefineResult two = refineEchoZones(gains.shots, gains.echoes);
+  EXPECT_EQ(two.flag[bird], kMarkedNoise);
+  EXPECT_EQ(two.flag[second], kMarkedNoise);
+}
+
+}  // namespace
+}  // namespace FullWaveform
