@@ -9,6 +9,7 @@
 #include <cmath>
 
 #include "refine/RefineWindow.hpp"
+#include "support/RefineEchoes.hpp"
 
 namespace FullWaveform {
 namespace {
@@ -90,18 +91,9 @@ RefineResult windowed(const Scan& scan) {
         if (f.echo[j] >= 0) result.flag[members[f.key][j]] = b.result.flag[std::size_t(f.echo[j])];
   };
   for (std::size_t f = 0; f < members.size(); ++f) {
-    FragmentShots shots;
-    const auto lo = std::ptrdiff_t(f * 2 * kPerLine), hi = lo + 2 * kPerLine;
-    shots.time.assign(scan.shots.time.begin() + lo, scan.shots.time.begin() + hi);
-    shots.origin.assign(scan.shots.origin.begin() + lo, scan.shots.origin.begin() + hi);
-    shots.direction.assign(scan.shots.direction.begin() + lo, scan.shots.direction.begin() + hi);
-    std::vector<WindowEcho> echoes;
-    for (const std::size_t i : members[f]) {
-      const RefineEcho& e = scan.echoes[i];
-      echoes.push_back(
-          {scan.shots.time[e.emitter], e.oneWayTime, e.zone, e.noise, e.channel, e.amplitude});
-    }
-    window.add(f, std::move(shots), std::move(echoes));
+    const std::size_t lo = f * 2 * kPerLine;
+    window.add(f, quillo::test::shotSlice(scan.shots, lo, lo + 2 * kPerLine),
+               quillo::test::windowEchoes(scan.shots, scan.echoes, members[f]));
     window.refineReady(false, apply);
   }
   window.refineReady(true, apply);

@@ -7,6 +7,7 @@
 
 #include "output/PointGeometry.hpp"
 #include "refine/RefineWindow.hpp"
+#include "support/RefineEchoes.hpp"
 
 namespace FullWaveform {
 namespace {
@@ -78,19 +79,9 @@ struct Windowed {
           }
     };
     for (std::size_t f = 0; f < count; ++f) {
-      FragmentShots shots;
-      const auto lo = std::ptrdiff_t(f * shotsPer);
-      const auto hi = std::ptrdiff_t(std::min(scan.shots.time.size(), (f + 1) * shotsPer));
-      shots.time.assign(scan.shots.time.begin() + lo, scan.shots.time.begin() + hi);
-      shots.origin.assign(scan.shots.origin.begin() + lo, scan.shots.origin.begin() + hi);
-      shots.direction.assign(scan.shots.direction.begin() + lo, scan.shots.direction.begin() + hi);
-      std::vector<WindowEcho> echoes;
-      for (const std::size_t i : members[f]) {
-        const RefineEcho& e = scan.echoes[i];
-        echoes.push_back(
-            {scan.shots.time[e.emitter], e.oneWayTime, e.zone, e.noise, e.channel, e.amplitude});
-      }
-      window.add(f, std::move(shots), std::move(echoes));
+      const std::size_t hi = std::min(scan.shots.time.size(), (f + 1) * shotsPer);
+      window.add(f, quillo::test::shotSlice(scan.shots, f * shotsPer, hi),
+                 quillo::test::windowEchoes(scan.shots, scan.echoes, members[f]));
       mostHeld = std::max(mostHeld, window.held());
       handedAfter.push_back(window.refineReady(false, apply));
     }
