@@ -44,14 +44,16 @@ ArrayPtr<E> fragmentArray(const Vorlap::StrongPtr<Tessal::Field>& field, const s
 }
 
 // An input fragment's array without keeping it in its creator: a window over a long strip
-// must not leave every fragment it read behind in the input.
+// must not leave every fragment it read behind in the input. One the module still holds is
+// shared rather than decoded again.
 template <class E>
 ArrayPtr<E> inputArray(const Vorlap::StrongPtr<Tessal::Field>& field, const std::string& name) {
   auto id = field ? field->getFragmentIDCollection()->findFragmentIDByName(name)
                   : Vorlap::StrongPtr<Tessal::FragmentID>();
   auto creator = id ? field->getCreator(id) : Vorlap::StrongPtr<Tessal::CreativeArrayBase>();
   if (!creator) return {};
-  if (auto held = creator->heldData()) return Vorlap::dynamicPtrCast<Tessal::MemArray<1, E>>(held);
+  if (auto held = creator->sharedData())
+    return Vorlap::dynamicPtrCast<Tessal::MemArray<1, E>>(held);
   const bool caching = creator->cachingEnabled();
   creator->enableCaching(false);
   auto data = creator->create();

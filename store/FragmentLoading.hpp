@@ -45,6 +45,7 @@ Vorlap::StrongPtr<A> fetchFragmentArray(const GridContainer<R>& container,
     if (!data) return {};
     data->setCreator(Vorlap::WeakPtr<Vorlap::Creature>(creator));
     creator->enableCaching(false);
+    creator->lend(data);  // the refinement reads the fragment's shots while the module holds them
   }
   return Vorlap::dynamicPtrCast<A>(data);
 }

@@ -70,6 +70,17 @@ StrongPtr<MemBase> CreativeArrayBase::create() {
   return data;
 }
 
+void CreativeArrayBase::lend(const StrongPtr<MemBase>& data) {
+  std::lock_guard lock(lentMutex_);
+  lent_ = Vorlap::WeakPtr<MemBase>(data);
+}
+
+StrongPtr<MemBase> CreativeArrayBase::sharedData() const {
+  if (held_) return held_;
+  std::lock_guard lock(lentMutex_);
+  return lent_.lock();
+}
+
 void CreativeArrayBase::dropCachedData() {
   if (!isPersistent()) held_.reset();
 }

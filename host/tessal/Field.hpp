@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -82,6 +83,12 @@ class CreativeArrayBase : public Vorlap::Creature, public Vorlap::ReferenceBase<
   Vorlap::StrongPtr<MemBase> heldData() const { return held_; }
   // Produces the array (or gives the held one); keeps it when caching is enabled.
   Vorlap::StrongPtr<MemBase> create();
+  // Lets later readers share an array produced for a reader that does not cache it, for as
+  // long as someone else holds it: a second reader of the fragment then need not decode it
+  // again, and the creator keeps no memory alive. The array must not change afterwards.
+  void lend(const Vorlap::StrongPtr<MemBase>& data);
+  // The held array, else a lent one still alive (empty when neither).
+  Vorlap::StrongPtr<MemBase> sharedData() const;
   // Element type and extents without producing the data.
   virtual ElementType elementType() const = 0;
   virtual std::vector<std::size_t> extents() const = 0;
@@ -102,6 +109,8 @@ class CreativeArrayBase : public Vorlap::Creature, public Vorlap::ReferenceBase<
 
  private:
   Vorlap::StrongPtr<ValueRange> range_;
+  mutable std::mutex lentMutex_;  // the module's thread lends while the writer's borrows
+  Vorlap::WeakPtr<MemBase> lent_;
 };
 
 // A creator holding an array given to it.

@@ -26,6 +26,19 @@ struct SelfAware : ReferenceBase<SelfAware> {
 };
 struct DerivedSelfAware : SelfAware {};
 
+// Produces a new array at each call, holding its call number.
+class CountingCreator final : public CreativeArrayBase {
+ public:
+  int produced = 0;
+  ElementType elementType() const override { return elementTypeOf<double>(); }
+  std::vector<std::size_t> extents() const override { return {1}; }
+
+ protected:
+  StrongPtr<MemBase> produce() override {
+    return StrongPtr<MemBase>(quillo::test::makeArray<double>({double(++produced)}));
+  }
+};
+
 struct Watcher {
   // Destroying the watched object must make handles to it test empty.
   WeakPtr<Watcher> self;
@@ -257,6 +270,40 @@ TEST(Field, LookUpsAndChangesStayExactOverThousandsOfFragments) {
   other.setPersistentData(quillo::test::makeArray<double>({1.0}), foreign, {}, "");
   EXPECT_EQ(cursor.newlyChanged(other), (std::vector<std::size_t>{0}));
   EXPECT_TRUE(cursor.newlyChanged(field).empty());
+}
+
+// A reader that does not cache lends its array: another reader shares it while it is held,
+// never after, and lending and borrowing may happen on different threads.
+TEST(Field, LentArraysAreSharedOnlyWhileHeld) {
+  auto creator = makeStrong<CountingCreator>();
+  creator->enableCaching(false);
+  EXPECT_TRUE(creator->sharedData().isEmpty());
+  auto first = creator->create();
+  creator->lend(first);
+  EXPECT_EQ(creator->sharedData().get(), first.get()) << "shared, not produced again";
+  EXPECT_TRUE(creator->heldData().isEmpty()) << "the creator caches nothing";
+  first.reset();
+  EXPECT_TRUE(creator->sharedData().isEmpty()) << "the creator kept nothing alive";
+  EXPECT_EQ(creator->produced, 1);
+  // A caching creator gives what it holds.
+  auto cached = makeStrong<CountingCreator>();
+  auto held = cached->create();
+  EXPECT_EQ(cached->sharedData().get(), held.get());
+
+  std::atomic<bool> done{false};
+  std::thread lender([&] {
+    for (int k = 0; k < 20000; ++k) {
+      auto data = creator->create();
+      creator->lend(data);
+    }
+    done = true;
+  });
+  std::size_t wrong = 0;
+  while (!done)
+    if (auto borrowed = dynamicPtrCast<MemArray<1, double>>(creator->sharedData()))
+      wrong += borrowed->size() != 1 || !(borrowed->get(0) >= 2.0);
+  lender.join();
+  EXPECT_EQ(wrong, 0u);
 }
 
 TEST(Bundle, SliceLookupTakesNearestTime) {
