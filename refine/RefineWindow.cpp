@@ -84,6 +84,14 @@ void appendShots(const FragmentShots& from, const LargeVector<double>& angle, st
   to.direction.insert(to.direction.end(), from.direction.begin() + lo, from.direction.begin() + hi);
 }
 
+// Blocks differ in size: an array grown to just fit the largest block so far is moved to fresh
+// pages whenever a larger one comes, and each fresh page is faulted in and zeroed again. Room
+// asked for but never written costs no memory.
+template <class V>
+void reserveWithRoom(V& v, std::size_t n) {
+  if (v.capacity() < n) v.reserve(n + n / 2);
+}
+
 }  // namespace
 
 void RefineWindow::refineSpan(const Span& span,
@@ -101,8 +109,9 @@ void RefineWindow::refineSpan(const Span& span,
     const std::uint64_t hi = std::min(h.firstShot + h.shots.time.size(), span.end);
     shots += lo < hi ? hi - lo : 0, given += h.echoes.size();
   }
-  table.time.reserve(shots), table.origin.reserve(shots), table.direction.reserve(shots);
-  table.angle.reserve(shots), echoes.reserve(given);
+  reserveWithRoom(table.time, shots), reserveWithRoom(table.origin, shots);
+  reserveWithRoom(table.direction, shots), reserveWithRoom(table.angle, shots);
+  reserveWithRoom(echoes, given);
   for (const Held& h : held_) {
     const std::uint64_t lo = std::max(h.firstShot, span.first);
     const std::uint64_t hi = std::min(h.firstShot + h.shots.time.size(), span.end);
