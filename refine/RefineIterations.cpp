@@ -10,6 +10,35 @@
 
 namespace FullWaveform::surface_fit {
 
+namespace {
+
+template <class V>
+void roomFor(V& v, std::size_t n) {
+  if (v.capacity() < n) v.reserve(n + n / 2);
+}
+
+}  // namespace
+
+void WorkArrays::makeRoom(std::size_t echoes, std::size_t shots) {
+  roomFor(cells.line, shots), roomFor(cells.bin, shots), roomFor(cells.angle, shots);
+  roomFor(placed.members, echoes);
+  roomFor(emitter, echoes), roomFor(oneWay, echoes);
+  roomFor(active, echoes), roomFor(straddles, echoes);
+  roomFor(byShot, echoes), roomFor(shotCounts, shots + 1);
+  roomFor(byRecord, echoes), roomFor(recordCounts, shots + 257);
+  roomFor(inRecord.record, echoes), roomFor(inRecord.emitter, echoes);
+  roomFor(inRecord.oneWay, echoes), roomFor(inRecord.emitTime, echoes);
+  roomFor(moving, echoes), roomFor(off, echoes), roomFor(unfitWhenJudged, echoes);
+  roomFor(judgedAt, echoes), roomFor(judgeNow, echoes), roomFor(unfit, echoes);
+  roomFor(smoothIn, echoes), roomFor(bestRun, echoes), roomFor(bestZone, echoes);
+}
+
+void WorkArrays::makeCellRoom(std::size_t cellCount) {
+  roomFor(placed.start, cellCount + 1), roomFor(placed.fill, cellCount);
+  roomFor(placed.reach, cellCount), roomFor(changedAt, cellCount);
+  roomFor(nearChange, cellCount);
+}
+
 Refiner::Refiner(const ShotTable& t, const RefineEchoes& e, const RefineSettings& s,
                  std::size_t settled, WorkArrays& work)
     : shots_(t),
@@ -34,7 +63,9 @@ Refiner::Refiner(const ShotTable& t, const RefineEchoes& e, const RefineSettings
       judgedAt_(work.judgedAt),
       changedAt_(work.changedAt),
       chunkMoves_(work.chunkMoves) {
+  work.makeRoom(e.size(), t.time.size());
   cells_.cut(t, s.binDegrees);
+  work.makeCellRoom(cells_.cellCount());
   result_.zone.resize(e.size());
   result_.flag.assign(e.size(), kUntouched);
   emitter_.resize(e.size());

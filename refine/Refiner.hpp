@@ -133,6 +133,13 @@ struct WorkArrays {
   std::vector<std::pair<std::uint32_t, Verdict>> moves;
   std::vector<std::uint32_t> changedCells, smoothIn, bestRun;
   std::vector<std::int8_t> bestZone;
+
+  // Room for a block of `echoes` and `shots` (the cells' arrays: for `cells`), with some to
+  // spare: blocks differ in size, and an array grown to just fit the largest block so far
+  // moves to fresh pages whenever a larger one comes, each of them faulted in and zeroed
+  // again. Room never written costs no memory.
+  void makeRoom(std::size_t echoes, std::size_t shots);
+  void makeCellRoom(std::size_t cellCount);
 };
 
 class Refiner {

@@ -412,7 +412,8 @@ TEST(SurfaceFit, TheResultIsTheSameOnAnyNumberOfThreads) {
 
 TEST(SurfaceFit, SharedScratchGivesEachRefinementItsOwnResult) {
   // A window's blocks share one scratch: arrays left by a larger scan (more lines, more
-  // echoes, other bins) must not leak into a smaller one, nor the smaller into the next.
+  // echoes, other bins) must not leak into a smaller one, nor the smaller into the next,
+  // whether the arrays grow (with room to spare, their contents kept) or shrink.
   const Surface cliff = [](double x, double) { return x > 30.0 ? 60.0 : 0.0; };
   Scan large(cliff, 16, 300), small(kFlat, 10, 200);
   large.spoilBlock(5, 2, 180, 60);
@@ -420,7 +421,7 @@ TEST(SurfaceFit, SharedScratchGivesEachRefinementItsOwnResult) {
   small.spoilBlock(3, 1, 40, 30);
   small.addEcho(900, 420.0);  // a bird: noise
   RefineScratch scratch;
-  for (Scan* scan : {&large, &small, &large, &small})
+  for (Scan* scan : {&small, &large, &small, &large, &small})
     for (std::size_t settled : {std::size_t(0), std::size_t(300)}) {
       const RefineResult fresh = refineEchoZones(scan->shots, scan->echoes, {}, settled);
       const RefineResult shared = refineEchoZones(scan->shots, scan->echoes, {}, settled, &scratch);
