@@ -123,7 +123,8 @@ void RefineWindow::refineSpan(const Span& span,
   std::size_t settled = 0;  // the echoes of refined fragments come first
   for (std::size_t k = 0; k < held_.size(); ++k) {
     const bool inBlock = !held_[k].done && k < span.blockEnd;
-    if (inBlock) block.push_back({held_[k].key, {}});
+    if (inBlock)
+      block.push_back({held_[k].key, {}}), block.back().echo.reserve(held_[k].echoes.size());
     for (const WindowEcho& e : held_[k].echoes) {
       const bool found = !table.time.empty() && e.shotTime >= table.time.front() &&
                          e.shotTime <= table.time.back() && findShot(table.time, e.shotTime, hint);
@@ -133,11 +134,11 @@ void RefineWindow::refineSpan(const Span& span,
     if (held_[k].done) settled = echoes.size();
   }
   const RefineResult result = refineEchoZones(table, echoes, settings_, settled, &scratch_);
-  std::vector<std::vector<std::int64_t>> at;
-  for (const RefinedBlock::Fragment& f : block) at.push_back(f.echo);
-  apply(RefinedBlock{table, echoes, result, std::move(block)});
+  const RefinedBlock refined{table, echoes, result, std::move(block)};
+  apply(refined);
   for (std::size_t k = 0, f = 0; k < span.blockEnd; ++k)
-    if (!held_[k].done) settle(held_[k], at[f++], table, echoes, result), held_[k].done = true;
+    if (!held_[k].done)
+      settle(held_[k], refined.fragments[f++].echo, table, echoes, result), held_[k].done = true;
 }
 
 // Gives a refined fragment's echoes their final zones (`at`: each echo's position in the
