@@ -64,10 +64,11 @@ void checkFragmentNames(const Tessal::Field& positions, CheckReport& report) {
 
 // The fragment's length in records (rows for rank-2 samples); false when it is unusable.
 bool fragmentLength(const FieldRule& rule, const Tessal::CreativeArrayBase& creator,
-                    const std::string& where, CheckReport& report, std::size_t& length) {
+                    const std::string& place, const std::string& name, CheckReport& report,
+                    std::size_t& length) {
   const std::vector<std::size_t> extents = creator.extents();
   if (creator.elementType() != rule.type || extents.size() != rule.rank) {
-    report.add(Severity::Error, where,
+    report.add(Severity::Error, place + ", " + name,
                "holds " + typeText(creator.elementType(), extents.size()) + ", the module reads " +
                    typeText(rule.type, rule.rank) + " (other data count as missing)",
                std::string("store it as ") + Tessal::elementTypeName(rule.type) +
@@ -95,21 +96,24 @@ void checkField(const FieldRule& rule, const Vorlap::StrongPtr<Tessal::Grid>& gr
   }
   auto& expected = lengths[rule.grid];
   expected.resize(fragments, -1);
+  const auto ids = field->getFragmentIDCollection();
   for (std::uint32_t f = 0; f < fragments; ++f) {
-    const std::string where = place + ", " + fragmentName(f);
-    auto creator = fragmentCreator(grid, rule.field, f);
+    const std::string name = fragmentName(f);
+    const auto id = ids->findFragmentIDByName(name);
+    const auto creator =
+        id ? field->getCreator(id) : Vorlap::StrongPtr<Tessal::CreativeArrayBase>();
     std::size_t length = 0;
     if (!creator) {
       // The run still works: it skips the fragment as broken and writes the others.
       report.add(Severity::Warning, place,
-                 "has no " + fragmentName(f) + ": the run skips that fragment as broken",
+                 "has no " + name + ": the run skips that fragment as broken",
                  "write every field of the grid for every shot fragment (an empty array when "
                  "a fragment has no records)");
-    } else if (fragmentLength(rule, *creator, where, report, length)) {
+    } else if (fragmentLength(rule, *creator, place, name, report, length)) {
       if (expected[f] < 0)
         expected[f] = static_cast<long long>(length);
       else if (expected[f] != static_cast<long long>(length))
-        report.add(Severity::Warning, where,
+        report.add(Severity::Warning, place + ", " + name,
                    "has " + std::to_string(length) + " elements, the grid's other fields " +
                        std::to_string(expected[f]) + ": the run skips that fragment as broken",
                    "give every field of a grid one element per record of the fragment");

@@ -33,6 +33,35 @@ bool earlierReturn(const ShotReturn& a, const ShotReturn& b) {
   return a.time < b.time || (a.time == b.time && a.range < b.range);
 }
 
+// Points come in wave order: by shot time but for a few waves moved to an earlier shot by
+// their zone, and a shot's echoes not always nearest first. Insertion finds each point's
+// place a few steps back, where a general sort would take log n steps per point. It is
+// stable too, so the order is the same; a pass that has moved too far hands over to
+// std::stable_sort, which keeps what the insertions did (they never swap equal points).
+// NaN makes the order no strict weak order, and only std::stable_sort says where it goes.
+void sortReturns(ShotReturns& returns) {
+  for (const ShotReturn& r : returns)
+    if (std::isnan(r.time) || std::isnan(r.range)) {
+      if (!std::is_sorted(returns.begin(), returns.end(), earlierReturn))
+        std::stable_sort(returns.begin(), returns.end(), earlierReturn);
+      return;
+    }
+  const std::size_t budget = 8 * returns.size() + 64;
+  std::size_t moved = 0;
+  for (std::size_t i = 1; i < returns.size(); ++i) {
+    if (!earlierReturn(returns[i], returns[i - 1])) continue;
+    const ShotReturn r = returns[i];
+    std::size_t j = i;
+    for (; j > 0 && earlierReturn(r, returns[j - 1]); --j) returns[j] = returns[j - 1];
+    returns[j] = r;
+    moved += i - j;
+    if (moved > budget) {
+      std::stable_sort(returns.begin(), returns.end(), earlierReturn);
+      return;
+    }
+  }
+}
+
 // Numbers one shot's returns [begin, end), sorted by range.
 bool numberShot(const ShotReturn* begin, const ShotReturn* end,
                 Tessal::MemArray<1, std::uint8_t>& returnNumber,
@@ -55,8 +84,7 @@ bool numberShot(const ShotReturn* begin, const ShotReturn* end,
 bool numberReturns(ShotReturns& returns, Tessal::MemArray<1, std::uint8_t>& returnNumber,
                    Tessal::MemArray<1, std::uint8_t>& numberOfReturns) {
   // Stable: points of one shot at one range stay in writing order.
-  if (!std::is_sorted(returns.begin(), returns.end(), earlierReturn))
-    std::stable_sort(returns.begin(), returns.end(), earlierReturn);
+  sortReturns(returns);
   const ShotReturn* all = returns.data();
   for (std::size_t first = 0, next = 0; first < returns.size(); first = next) {
     next = first + 1;

@@ -23,13 +23,33 @@ bool keyedLess(const Keyed<V>& a, const Keyed<V>& b) {
   return a.key < b.key;
 }
 
+// Sorts by insertion while that moves no more than `budget` values in all; false when it
+// stopped early, with a sorted start and the rest as it was. Stable: equal values never
+// pass each other, so a stable sort of what it leaves gives the same order as of the input.
+template <class T, class Less>
+bool insertionSortWithin(std::vector<T>& values, Less less, std::size_t budget) {
+  std::size_t moved = 0;
+  for (std::size_t i = 1; i < values.size(); ++i) {
+    if (!less(values[i], values[i - 1])) continue;
+    T value = std::move(values[i]);
+    std::size_t j = i;
+    for (; j > 0 && less(value, values[j - 1]); --j) values[j] = std::move(values[j - 1]);
+    values[j] = std::move(value);
+    moved += i - j;
+    if (moved > budget) return false;
+  }
+  return true;
+}
+
 // A stable sort for input made of few ascending runs (waves come in time order; their
-// shot times step back where the zone changes): the runs are merged pairwise, so the cost
-// grows with the log of the run count, not of the size. Sorted input costs one pass; many
-// runs take std::stable_sort. A stable sort has one result, so both give the same order.
+// shot times step back where the zone changes): values a few places from theirs are
+// inserted there; longer runs are merged pairwise, so the cost grows with the log of the run
+// count, not of the size. Sorted input costs one pass; many runs take std::stable_sort. A
+// stable sort has one result, so all give the same order.
 template <class T, class Less>
 void stableSortRuns(std::vector<T>& values, Less less) {
   const std::size_t n = values.size();
+  if (insertionSortWithin(values, less, 8 * n + 64)) return;
   std::vector<std::size_t> bounds{0};
   for (std::size_t i = 1; i < n; ++i)
     if (less(values[i], values[i - 1])) bounds.push_back(i);

@@ -115,6 +115,18 @@ void FatBoy<T>::getLengthAccordingMTA(const unsigned& i, const int& dir, const u
   if (n == 0) return;
   const bool amplitudeFails =
       !wave.amplitudeExempt && !(static_cast<double>(wave.amplitude) >= threshold);
+  // The walk below, over entries in one array: n of them, or up to the first shot.
+  std::size_t count = n;
+  const auto* entries =
+      firstShot == shotTimeIndex.cbegin() ? shotTimeIndex.plainEntriesUpTo(it, count) : nullptr;
+  if (entries) {
+    const double time = wave.waveTime + wave.timeOffset;
+    for (std::size_t k = 0; k < count; ++k) {
+      const double length = (time - entries[count - 1 - k].first) * 0.5;
+      out[k] = (length > maxLength || amplitudeFails) ? NO_LENGTH : length;
+    }
+    return;
+  }
   for (unsigned k = 0;; ++k) {
     const double length = (wave.waveTime + wave.timeOffset - it->first) * 0.5;
     out[k] = (length > maxLength || amplitudeFails) ? NO_LENGTH : length;

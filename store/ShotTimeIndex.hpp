@@ -10,6 +10,7 @@
 // the entries read from it are placeholders).
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
@@ -81,6 +82,18 @@ class QUILLO_API ShotTimeIndex {
   // lower_bound(time), searched forward from `from` when its time is not after `time` (else
   // from the start): times that come in order cost a step or two each.
   const_iterator lowerBoundFrom(const_iterator from, double time) const;
+  // Up to `count` entries ending at `it` (fewer when the index starts sooner) as one array
+  // whose last element is it's entry, when they lie in one plain block; else nullptr.
+  // `count` becomes how many. Walks back over a fragment's own shots read them in place.
+  const value_type* plainEntriesUpTo(const_iterator it, std::size_t& count) const {
+    const std::size_t at = it.at_;
+    if (at >= size_) return nullptr;
+    count = std::min(count, at + 1);
+    const std::size_t first = at + 1 - count;
+    const Block& block = blocks_[at >> kBlockShift];
+    if (count == 0 || (first >> kBlockShift) != (at >> kBlockShift) || !block.plain) return nullptr;
+    return block.plain.get() + (first & (kBlockSize - 1));
+  }
   // Heap bytes held (not counting the scratch file), for memory accounting.
   std::size_t memoryBytes() const;
   // Bytes set aside in the scratch file.

@@ -19,19 +19,13 @@ bool isValidLength(double v) {
   return v != NO_LENGTH && !std::isnan(v);
 }
 
-std::int32_t shiftOf(std::span<const std::int32_t> shift, std::size_t row) {
-  return shift.empty() ? 0 : shift[row];
-}
-
-// Mean squared difference of successive valid entries of one zone.
-double roughness(const CandidateRows& rows, std::size_t count, std::span<const std::int32_t> shift,
-                 std::uint32_t zone) {
+// Sum and count of the squared differences of successive valid entries.
+struct Steps {
   double sum = 0.0, previous = 0.0;
   std::size_t n = 0;
   bool havePrevious = false;
-  for (std::size_t k = 0; k < count; ++k) {
-    const double v = rows.at(k, shiftOf(shift, k), zone);
-    if (!isValidLength(v)) continue;
+  void add(double v) {
+    if (!isValidLength(v)) return;
     if (havePrevious) {
       sum += (v - previous) * (v - previous);
       ++n;
@@ -39,7 +33,21 @@ double roughness(const CandidateRows& rows, std::size_t count, std::span<const s
     previous = v;
     havePrevious = true;
   }
-  return n ? sum / double(n) : 0.0;
+};
+
+// Mean squared difference of successive valid entries of one zone. The column is walked
+// with a pointer a row at a time; rows without a shift take a loop without its look-up.
+double roughness(const CandidateRows& rows, std::size_t count, std::span<const std::int32_t> shift,
+                 std::uint32_t zone) {
+  Steps steps;
+  const double* values = rows.values.data();
+  std::size_t at = zone;
+  if (shift.empty())
+    for (std::size_t k = 0; k < count; ++k, at += rows.columns) steps.add(values[at]);
+  else
+    for (std::size_t k = 0; k < count; ++k, at += rows.columns)
+      steps.add(values[std::size_t(std::ptrdiff_t(at) - shift[k])]);
+  return steps.n ? steps.sum / double(steps.n) : 0.0;
 }
 
 }  // namespace

@@ -120,6 +120,18 @@ std::string damagedGlobalHeap(const std::string& fileName) {
 
 namespace {
 
+// The first signature in [data, data + length), as memmem finds it: its first byte is
+// looked for with memchr, which skips most of a file's bytes many at a time.
+const char* findSignature(const char* data, std::size_t length) {
+  const char* end = data + length;
+  for (const char* p = data; end - p >= std::ptrdiff_t(sizeof(kSignature)); ++p) {
+    p = static_cast<const char*>(std::memchr(p, kSignature[0], std::size_t(end - p)));
+    if (p == nullptr || end - p < std::ptrdiff_t(sizeof(kSignature))) return nullptr;
+    if (std::memcmp(p, kSignature, sizeof(kSignature)) == 0) return p;
+  }
+  return nullptr;
+}
+
 std::string scanGlobalHeap(const std::string& fileName) {
   std::ifstream in(fileName, std::ios::binary);
   in.seekg(0, std::ios::end);
@@ -132,9 +144,8 @@ std::string scanGlobalHeap(const std::string& fileName) {
     in.seekg(std::streamoff(start));
     if (!in.read(block.data(), std::streamsize(length))) return "";
     std::size_t offset = 0;
-    while (const void* hit =
-               memmem(block.data() + offset, length - offset, kSignature, sizeof(kSignature))) {
-      offset = std::size_t(static_cast<const char*>(hit) - block.data());
+    while (const char* hit = findSignature(block.data() + offset, length - offset)) {
+      offset = std::size_t(hit - block.data());
       if (offset >= kBlockSize) break;  // the next block finds it
       const std::string problem = checkCollectionAt(in, start + offset, fileSize);
       if (!problem.empty()) return problem;

@@ -316,8 +316,20 @@ std::string describeValues(FieldValues& v, int& rank, std::vector<hsize_t>& dims
   return checkStoredSize(total / (triple ? 3 : 1), v.type, H5Dget_storage_size(v.set));
 }
 
-// Which names repeat one listed before them: sorted positions, no set of copied names.
+// Shorter names first, names of one length in text order: Fragment_9 before Fragment_10.
+bool shortlexLess(const std::string& a, const std::string& b) {
+  return a.size() != b.size() ? a.size() < b.size() : a < b;
+}
+
+// Which names repeat one listed before them: sorted positions, no set of copied names. Names
+// in increasing shortlex order (fragments numbered in order, as this system writes them)
+// repeat none, which one pass shows.
 std::vector<bool> repeatedNames(const std::vector<std::string>& names) {
+  const auto notIncreasing = [](const std::string& a, const std::string& b) {
+    return !shortlexLess(a, b);
+  };
+  if (std::adjacent_find(names.begin(), names.end(), notIncreasing) == names.end())
+    return std::vector<bool>(names.size(), false);
   std::vector<std::uint32_t> order(names.size());
   for (std::size_t i = 0; i < order.size(); ++i) order[i] = std::uint32_t(i);
   std::stable_sort(order.begin(), order.end(),

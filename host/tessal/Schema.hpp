@@ -48,8 +48,21 @@ inline constexpr std::uint8_t kRefinedMoved = 1, kRefinedNoise = 2;
 
 // Fragments are named "Fragment_" and their number in decimal without padding.
 inline constexpr const char* kFragmentPrefix = "Fragment_";
+// Written into one buffer: every fragment look-up of every field names its fragment, and
+// prefix + std::to_string costs a few times as much.
 inline std::string fragmentName(std::uint32_t number) {
-  return kFragmentPrefix + std::to_string(number);
+  constexpr std::size_t prefix = std::char_traits<char>::length(kFragmentPrefix);
+  char text[prefix + 10];
+  std::char_traits<char>::copy(text, kFragmentPrefix, prefix);
+  char* end = text + sizeof(text);
+  char* first = end;
+  do {
+    *--first = char('0' + number % 10);
+    number /= 10;
+  } while (number != 0);
+  std::string name(text, prefix);
+  name.append(first, end);
+  return name;
 }
 
 // The recording's date and time in a file name: YYMMDD_hhmmss after an optional run of

@@ -8,6 +8,7 @@
 
 #include "support/Arrays.hpp"
 #include "tessal/Bundle.hpp"
+#include "tessal/Schema.hpp"
 #include "vorlap/Console.hpp"
 
 using namespace Vorlap;
@@ -314,4 +315,9 @@ TEST(Bundle, SliceLookupTakesNearestTime) {
   t = 0.0;
   EXPECT_EQ(b(t), s);
   EXPECT_EQ(t, 2.0);
+}
+
+TEST(Schema, FragmentNamesAreThePrefixAndTheNumberInDecimal) {
+  for (std::uint32_t n : {0u, 7u, 9u, 10u, 99u, 100u, 4999u, 65535u, 1000000000u, 4294967295u})
+    EXPECT_EQ(Tessal::schema::fragmentName(n), "Fragment_" + std::to_string(n));
 }

@@ -73,3 +73,22 @@ TEST(KeyedOrder, RunsMergeToTheStableSortsOrder) {
     EXPECT_EQ(valuesOf(entries), valuesOf(expected)) << runs << " runs";
   }
 }
+
+TEST(KeyedOrder, EntriesAFewPlacesOutAndRunsPastTheInsertionsBudgetGiveTheStableSortsOrder) {
+  std::mt19937 random(9);
+  for (int trial = 0; trial < 40; ++trial) {
+    // Shot times in order with ties, some entries a few shots late (as zone changes give),
+    // then, every other trial, a second long run that insertion alone would take too long on.
+    std::vector<Keyed<int>> entries;
+    for (int k = 0; k < 3000; ++k) {
+      double key = double(k / 2);
+      if (random() % 20 == 0) key -= double(1 + random() % 20);
+      entries.push_back({key, int(entries.size())});
+    }
+    for (int k = 0; trial % 2 && k < 3000; ++k) entries.push_back({double(k), int(entries.size())});
+    auto expected = entries;
+    std::stable_sort(expected.begin(), expected.end(), keyedLess<int>);
+    stableOrderByKey(entries);
+    ASSERT_EQ(valuesOf(entries), valuesOf(expected)) << "trial " << trial;
+  }
+}

@@ -252,3 +252,43 @@ TEST(PackedShotBlock, ReturnsAwkwardTimesBitForBit) {
   EXPECT_LT(PackedShotBlock(steady.data(), steady.size()).memoryBytes(), steady.size() * 3);
   EXPECT_EQ(block.lowerBound(INFINITY), times.size());
 }
+
+// The entries a walk back from a shot reads, in place: the same entries, fewer at the start
+// of the index, none where the walk would cross into another or a packed block.
+TEST(ShotTimeIndex, PlainEntriesUpToAShotAreThoseAWalkBackReads) {
+  std::mt19937_64 random(12);
+  ShotTimeIndex index;
+  index.insert(steadyShots(random, 345600.0, 140000));  // two full blocks, a third begun
+  index.insert(steadyShots(random, 345600.2, 1000));    // the first block is packed now
+  const std::size_t blockSize = std::size_t(1) << 16;
+  auto walked = [&](std::size_t at, std::size_t count) {
+    Batch entries;
+    auto it = std::next(index.begin(), std::ptrdiff_t(at));
+    for (std::size_t k = 0; k < count; ++k, --it) {
+      entries.insert(entries.begin(), *it);
+      if (it == index.begin()) break;
+    }
+    return entries;
+  };
+  for (std::size_t at : {2 * blockSize + 8, 2 * blockSize + 3000, index.size() - 1}) {
+    std::size_t count = 9;
+    const auto* entries =
+        index.plainEntriesUpTo(std::next(index.begin(), std::ptrdiff_t(at)), count);
+    ASSERT_NE(entries, nullptr) << at;
+    EXPECT_EQ(Batch(entries, entries + count), walked(at, 9)) << at;
+  }
+  std::size_t count = 9;
+  EXPECT_EQ(
+      index.plainEntriesUpTo(std::next(index.begin(), std::ptrdiff_t(2 * blockSize + 3)), count),
+      nullptr);  // reaches back into the packed block
+  EXPECT_EQ(index.plainEntriesUpTo(std::next(index.begin(), 5), count), nullptr);  // packed
+  EXPECT_EQ(index.plainEntriesUpTo(index.end(), count), nullptr);
+
+  ShotTimeIndex fresh;
+  fresh.insert(steadyShots(random, 345600.0, 100));
+  count = 9;
+  const auto* first = fresh.plainEntriesUpTo(std::next(fresh.begin(), 3), count);
+  ASSERT_NE(first, nullptr);
+  EXPECT_EQ(count, 4u);  // the index starts 3 shots back
+  EXPECT_EQ(Batch(first, first + count), Batch(fresh.begin(), std::next(fresh.begin(), 4)));
+}

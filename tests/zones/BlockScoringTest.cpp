@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <random>
 
 #include "support/StoreFixture.hpp"
@@ -213,5 +214,62 @@ TEST(BlockScoring, TransitionWithoutSortingEqualsSorting) {
     std::vector<std::int32_t> shift;
     transitionShift(rows, n, threshold, work, shift);
     ASSERT_EQ(shift, shiftBySorting(lengths, threshold)) << "trial " << trial;
+  }
+}
+
+namespace {
+
+// The definition through CandidateRows::at: per zone, the mean squared step between
+// successive valid entries; the lowest score wins, ties to the lower zone.
+ZoneScore scoreByDefinition(const CandidateRows& rows, std::size_t count, std::uint32_t minZone,
+                            std::uint32_t maxZone, const std::vector<std::int32_t>& shift) {
+  ZoneScore s;
+  double best = 1.0e9;
+  for (std::uint32_t z = minZone; count > 0 && z < maxZone; ++z) {
+    double sum = 0.0, previous = 0.0;
+    std::size_t n = 0;
+    bool have = false;
+    for (std::size_t k = 0; k < count; ++k) {
+      const double v = rows.at(k, shift.empty() ? 0 : shift[k], z);
+      if (v == NO_LENGTH || std::isnan(v)) continue;
+      if (have) sum += (v - previous) * (v - previous), ++n;
+      previous = v, have = true;
+    }
+    const double score = n ? sum / double(n) : 0.0;
+    if (best > score) s.zone = std::int32_t(z), s.ratio = score / best, best = score;
+  }
+  s.score = best;
+  return s;
+}
+
+}  // namespace
+
+// Rows with gaps, NaN, infinities and shifted entries, scored over random zone ranges and
+// fewer rows than the buffer holds: zone, ratio and score bit for bit as defined.
+TEST(BlockScoring, ScoresAreTheDefinitionsBitForBit) {
+  std::mt19937_64 random(5);
+  std::uniform_real_distribution<double> unit(0.0, 1.0);
+  for (int trial = 0; trial < 3000; ++trial) {
+    const std::uint32_t maxZone = 1 + std::uint32_t(random() % 9);
+    const std::uint32_t minZone = std::uint32_t(random() % (maxZone + 1));
+    const std::size_t rowsHeld = random() % 40, count = rowsHeld ? random() % (rowsHeld + 1) : 0;
+    CandidateRows rows;
+    rows.columns = maxZone + 1;
+    for (std::size_t i = 0; i < rowsHeld * rows.columns; ++i) {
+      double v = 3e-5 + 6.67e-6 * double(i % rows.columns) + 1e-7 * unit(random);
+      const auto pick = random() % 12;
+      if (pick < 2) v = NO_LENGTH;
+      if (pick == 2 && trial % 5 == 0) v = std::nan("");
+      if (pick == 3 && trial % 7 == 0) v = INFINITY;
+      rows.values.push_back(v);
+    }
+    std::vector<std::int32_t> shift;
+    for (std::size_t k = 0; trial % 2 && k < rowsHeld; ++k)
+      shift.push_back(-std::int32_t(random() % 2));
+    const ZoneScore expected = scoreByDefinition(rows, count, minZone, maxZone, shift);
+    const ZoneScore got = scoreZones(rows, count, minZone, maxZone, shift);
+    ASSERT_EQ(got.zone, expected.zone) << "trial " << trial;
+    ASSERT_EQ(std::memcmp(&got.score, &expected.score, sizeof(double)), 0) << "trial " << trial;
+    ASSERT_EQ(std::memcmp(&got.ratio, &expected.ratio, sizeof(double)), 0) << "trial " << trial;
   }
 }
