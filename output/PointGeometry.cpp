@@ -5,6 +5,8 @@
 #include <cmath>
 #include <numbers>
 
+#include "store/KeyedOrder.hpp"
+
 namespace FullWaveform {
 
 EchoPlacement placeEcho(double d, const Gemwold::PhysicalSpace::vector& dir,
@@ -46,20 +48,8 @@ void sortReturns(ShotReturns& returns) {
         std::stable_sort(returns.begin(), returns.end(), earlierReturn);
       return;
     }
-  const std::size_t budget = 8 * returns.size() + 64;
-  std::size_t moved = 0;
-  for (std::size_t i = 1; i < returns.size(); ++i) {
-    if (!earlierReturn(returns[i], returns[i - 1])) continue;
-    const ShotReturn r = returns[i];
-    std::size_t j = i;
-    for (; j > 0 && earlierReturn(r, returns[j - 1]); --j) returns[j] = returns[j - 1];
-    returns[j] = r;
-    moved += i - j;
-    if (moved > budget) {
-      std::stable_sort(returns.begin(), returns.end(), earlierReturn);
-      return;
-    }
-  }
+  if (!insertionSortWithin(returns, earlierReturn, 8 * returns.size() + 64))
+    std::stable_sort(returns.begin(), returns.end(), earlierReturn);
 }
 
 // Numbers one shot's returns [begin, end), sorted by range.
