@@ -54,4 +54,12 @@ struct LargeAllocator {
 template <class T>
 using LargeVector = std::vector<T, LargeAllocator<T>>;
 
+// Reserves room for `n` with half as much again to spare: arrays reused by blocks of
+// different sizes would otherwise move to fresh pages, faulted in and zeroed again, whenever a
+// larger block came. Room asked for but never written costs no memory.
+template <class V>
+void reserveWithRoom(V& v, std::size_t n) {
+  if (v.capacity() < n) v.reserve(n + n / 2);
+}
+
 }  // namespace FullWaveform

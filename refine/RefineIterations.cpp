@@ -10,33 +10,28 @@
 
 namespace FullWaveform::surface_fit {
 
-namespace {
-
-template <class V>
-void roomFor(V& v, std::size_t n) {
-  if (v.capacity() < n) v.reserve(n + n / 2);
-}
-
-}  // namespace
-
 void WorkArrays::makeRoom(std::size_t echoes, std::size_t shots) {
-  roomFor(cells.line, shots), roomFor(cells.bin, shots), roomFor(cells.angle, shots);
-  roomFor(placed.members, echoes);
-  roomFor(emitter, echoes), roomFor(oneWay, echoes);
-  roomFor(active, echoes), roomFor(straddles, echoes);
-  roomFor(byShot, echoes), roomFor(shotCounts, shots + 1);
-  roomFor(byRecord, echoes), roomFor(recordCounts, shots + 257);
-  roomFor(inRecord.record, echoes), roomFor(inRecord.emitter, echoes);
-  roomFor(inRecord.oneWay, echoes), roomFor(inRecord.emitTime, echoes);
-  roomFor(moving, echoes), roomFor(off, echoes), roomFor(unfitWhenJudged, echoes);
-  roomFor(judgedAt, echoes), roomFor(judgeNow, echoes), roomFor(unfit, echoes);
-  roomFor(smoothIn, echoes), roomFor(bestRun, echoes), roomFor(bestZone, echoes);
+  reserveWithRoom(cells.line, shots), reserveWithRoom(cells.bin, shots),
+      reserveWithRoom(cells.angle, shots);
+  reserveWithRoom(placed.members, echoes);
+  reserveWithRoom(emitter, echoes), reserveWithRoom(oneWay, echoes);
+  reserveWithRoom(active, echoes), reserveWithRoom(straddles, echoes);
+  reserveWithRoom(byShot, echoes), reserveWithRoom(shotCounts, shots + 1);
+  reserveWithRoom(byRecord, echoes), reserveWithRoom(recordCounts, shots + 257);
+  reserveWithRoom(inRecord.record, echoes), reserveWithRoom(inRecord.emitter, echoes);
+  reserveWithRoom(inRecord.oneWay, echoes), reserveWithRoom(inRecord.emitTime, echoes);
+  reserveWithRoom(moving, echoes), reserveWithRoom(off, echoes),
+      reserveWithRoom(unfitWhenJudged, echoes);
+  reserveWithRoom(judgedAt, echoes), reserveWithRoom(judgeNow, echoes),
+      reserveWithRoom(unfit, echoes);
+  reserveWithRoom(smoothIn, echoes), reserveWithRoom(bestRun, echoes),
+      reserveWithRoom(bestZone, echoes);
 }
 
 void WorkArrays::makeCellRoom(std::size_t cellCount) {
-  roomFor(placed.start, cellCount + 1), roomFor(placed.fill, cellCount);
-  roomFor(placed.reach, cellCount), roomFor(changedAt, cellCount);
-  roomFor(nearChange, cellCount);
+  reserveWithRoom(placed.start, cellCount + 1), reserveWithRoom(placed.fill, cellCount);
+  reserveWithRoom(placed.reach, cellCount), reserveWithRoom(changedAt, cellCount);
+  reserveWithRoom(nearChange, cellCount);
 }
 
 Refiner::Refiner(const ShotTable& t, const RefineEchoes& e, const RefineSettings& s,

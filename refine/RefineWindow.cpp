@@ -9,6 +9,7 @@
 #include <cmath>
 
 #include "output/PointGeometry.hpp"
+#include "refine/LargeArrays.hpp"
 #include "refine/ScanLines.hpp"
 
 namespace FullWaveform {
@@ -82,14 +83,6 @@ void appendShots(const FragmentShots& from, const LargeVector<double>& angle, st
   to.time.insert(to.time.end(), from.time.begin() + lo, from.time.begin() + hi);
   to.origin.insert(to.origin.end(), from.origin.begin() + lo, from.origin.begin() + hi);
   to.direction.insert(to.direction.end(), from.direction.begin() + lo, from.direction.begin() + hi);
-}
-
-// Blocks differ in size: an array grown to just fit the largest block so far is moved to fresh
-// pages whenever a larger one comes, and each fresh page is faulted in and zeroed again. Room
-// asked for but never written costs no memory.
-template <class V>
-void reserveWithRoom(V& v, std::size_t n) {
-  if (v.capacity() < n) v.reserve(n + n / 2);
 }
 
 }  // namespace
