@@ -413,6 +413,8 @@ int main(int argc, char** argv) {
         settings.ownLineNearShots = int(value);
       else if (name == "ownLineBand")
         settings.ownLineBand = value;
+      else if (name == "acrossChannels")
+        settings.acrossChannels = value != 0.0;
       else if (name == "brightRatio")
         settings.brightRatio = value;
       else if (name == "runMinEchoes")

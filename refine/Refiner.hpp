@@ -216,11 +216,12 @@ class Refiner {
   int ownLineNear(std::size_t self, std::uint32_t emitter, const point& p) const;
   // Bright echoes (BrightEchoes.cpp): many times the amplitude of the surface they lie on.
   void markBrightEchoes(std::vector<std::uint8_t>& noise) const;
-  bool outshines(std::size_t i, const LargeVector<float>& faintest) const;
+  bool outshines(std::size_t i, const LargeVector<float>& faintest, double gainRatio) const;
   void faintestPerCell(LargeVector<float>& faintest) const;
-  void tallyAmplitudes(std::size_t cellLo, std::size_t cellHi, std::size_t self,
+  void tallyAmplitudes(std::size_t cellLo, std::size_t cellHi, std::uint8_t channel,
                        std::uint32_t emitter, const point* p, double limit,
                        AmplitudeTally& tally) const;
+  double channelGainRatio() const;  // ChannelGains.cpp
   int linesBeyond(double share) const;
   std::pair<int, int> candidateZones(int z) const;
   int supportOf(std::size_t self, std::uint32_t emitter, const point& p) const;

@@ -106,6 +106,9 @@ struct RefineSettings {
   // amplitude of every echo of its channel placed near it, and of its own scan line at its
   // scan angle, is noise (0: never).
   double brightRatio = 10.0;
+  // ... and where its line holds no echo of its channel there, of the other channel's, at
+  // the ratio of the channels' gains that echoes recorded in both give (ChannelGains.cpp).
+  bool acrossChannels = true;
   // Along-line runs (refine/AlongLineRuns.cpp): an echo whose range does not continue its
   // line moves to the zone in which it and at least `runMinEchoes` echoes recorded within
   // `runShotReach` shots of each other continue their line to `runTolerance` (0: never).
