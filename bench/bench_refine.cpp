@@ -409,6 +409,12 @@ int main(int argc, char** argv) {
         settings.secondEchoSpread = value;
       else if (name == "secondEchoMax")
         settings.secondEchoMax = value;
+      else if (name == "ownLineNearShots")
+        settings.ownLineNearShots = int(value);
+      else if (name == "ownLineBand")
+        settings.ownLineBand = value;
+      else if (name == "acrossChannels")
+        settings.acrossChannels = value != 0.0;
       else if (name == "brightRatio")
         settings.brightRatio = value;
       else if (name == "runMinEchoes")

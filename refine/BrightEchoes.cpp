@@ -34,13 +34,12 @@ struct AmplitudeTally {
 };
 
 // Adds to `tally` the echoes of another shot than `emitter` in the cells [lo, hi] of one
-// line, recorded in echo `self`'s channel and, with `p`, near `p`; bright: above `limit`.
-void Refiner::tallyAmplitudes(std::size_t cellLo, std::size_t cellHi, std::size_t self,
+// line, recorded in `channel` and, with `p`, near `p`; bright: above `limit`.
+void Refiner::tallyAmplitudes(std::size_t cellLo, std::size_t cellHi, std::uint8_t channel,
                               std::uint32_t emitter, const point* p, double limit,
                               AmplitudeTally& tally) const {
   const Neighbour* m = placed_.members.data() + placed_.start[cellLo];
   const Neighbour* end = placed_.members.data() + placed_.start[cellHi + 1];
-  const std::uint8_t channel = echoes_[self].channel;
   for (; m != end; ++m) {
     const RefineEcho& other = echoes_[m->echo];
     if (m->emitter == emitter || other.channel != channel || !(other.amplitude > 0.0f)) continue;
@@ -66,26 +65,42 @@ void Refiner::faintestPerCell(LargeVector<float>& faintest) const {
 
 // Whether echo i outshines, by the settings' ratio, the echoes of its channel in its own scan
 // line at its scan angle (the bin and its two neighbours), and those placed near it in its
-// own line and the neighbouring lines of its flight line: all but a few of them.
-bool Refiner::outshines(std::size_t i, const LargeVector<float>& faintest) const {
+// own line and the neighbouring lines of its flight line: all but a few of them. Where its
+// line holds none of its channel there, those of the other channel at the channels' ratio
+// `gainRatio` (channel 0 per channel 1; 0: unknown) serve.
+bool Refiner::outshines(std::size_t i, const LargeVector<float>& faintest, double gainRatio) const {
   const float amplitude = echoes_[i].amplitude;
-  const std::uint8_t channel = echoes_[i].channel;
+  std::uint8_t channel = echoes_[i].channel;
   if (!(amplitude > 0.0f)) return false;
   const std::uint32_t e = emitter_[i];
-  const double limit = double(amplitude) / settings_.brightRatio;
+  double limit = double(amplitude) / settings_.brightRatio;
   const std::int32_t last = cells_.binCount - 1, at = cells_.bin[e] - cells_.firstBin;
   const auto row = [&](std::int64_t line) { return std::size_t(line) * std::size_t(last + 1); };
   const std::size_t lo = std::size_t(std::max(at - 1, 0)), hi = std::size_t(std::min(at + 1, last));
   const std::int64_t line = cells_.line[e];
   if (channel < kPrefiltered) {
-    float f = INFINITY;
-    for (std::size_t c = row(line) + lo; c <= row(line) + hi; ++c)
-      f = std::min(f, faintest[kPrefiltered * c + channel]);
+    const auto faintestOf = [&](std::uint8_t ch) {
+      float f = INFINITY;
+      for (std::size_t c = row(line) + lo; c <= row(line) + hi; ++c)
+        f = std::min(f, faintest[kPrefiltered * c + ch]);
+      return f;
+    };
+    float f = faintestOf(channel);
+    // Faint water recorded in the high-gain channel only, under a bird recorded in the
+    // low-gain one only: its line holds nothing of its channel but itself to compare with.
+    if (gainRatio > 0.0 && f >= amplitude && !(f <= limit)) {
+      AmplitudeTally others;
+      tallyAmplitudes(row(line) + lo, row(line) + hi, channel, e, nullptr, INFINITY, others);
+      if (others.seen > 0) return false;
+      limit = channel == 1 ? limit * gainRatio : limit / gainRatio;
+      channel = std::uint8_t(1 - channel);
+      f = faintestOf(channel);
+    }
     if (!(f <= limit)) return false;
   }
   // Its own line first: no placement test, and it tells almost every echo left.
   AmplitudeTally own;
-  tallyAmplitudes(row(line) + lo, row(line) + hi, i, e, nullptr, limit, own);
+  tallyAmplitudes(row(line) + lo, row(line) + hi, channel, e, nullptr, limit, own);
   if (own.seen < kMinInLine || !own.outshone()) return false;
   const point p = positionOf(i);
   AmplitudeTally around;
@@ -94,7 +109,7 @@ bool Refiner::outshines(std::size_t i, const LargeVector<float>& faintest) const
   for (std::int64_t l = std::max<std::int64_t>(0, line - settings_.neighbourLines);
        l <= std::min(lines - 1, line + settings_.neighbourLines); ++l)
     if (squared(cells_.lineOrigin[std::size_t(l)], cells_.lineOrigin[std::size_t(line)]) <= far)
-      tallyAmplitudes(row(l) + lo, row(l) + hi, i, e, &p, limit, around);
+      tallyAmplitudes(row(l) + lo, row(l) + hi, channel, e, &p, limit, around);
   return around.outshone();
 }
 
@@ -104,12 +119,13 @@ void Refiner::markBrightEchoes(std::vector<std::uint8_t>& noise) const {
   const std::size_t n = echoes_.size();
   LargeVector<float> faintest;
   faintestPerCell(faintest);
+  const double gainRatio = settings_.acrossChannels ? channelGainRatio() : 0.0;
   std::vector<std::uint8_t> bright(n, 0);
   forEachChunk(n, chunkCount(n), settings_.threads,
                [&](std::size_t, std::size_t lo, std::size_t hi) {
                  for (std::size_t i = std::max(lo, settled_); i < hi; ++i)
                    if (active(i) && !noise[i] && (onLineEnd_.empty() || !onLineEnd_[i]))
-                     bright[i] = outshines(i, faintest);
+                     bright[i] = outshines(i, faintest, gainRatio);
                });
   for (std::size_t i = 0; i < n; ++i) noise[i] |= bright[i];
 }

@@ -89,6 +89,14 @@ inline std::uint32_t lineBit(int side, int k) {
 
 struct AmplitudeTally;  // BrightEchoes.cpp
 
+// A stretch along a beam (m from the shot's origin).
+struct AlongSpan {
+  double lo, hi;
+};
+// The narrowest stretch holding all but a tenth of the distances `along[0, count)` (sorts
+// them), where it is at most `width` long; else the whole spread (refine/OwnLineBand.cpp).
+AlongSpan surfaceBand(double* along, int count, double width);
+
 // A neighbour that moved, and the cells it leaves and joins.
 struct CellMove {
   std::uint32_t echo, from, to;
@@ -208,18 +216,19 @@ class Refiner {
   bool lone(std::size_t i) const;
   bool byChance(std::size_t self, std::uint32_t emitter, const point& p) const;
   bool ownLineBearsOut(std::size_t self, std::uint32_t emitter, const point& p,
-                       double spreadShare = 1.0) const;
+                       double spreadShare = 1.0, double band = 0.0) const;
   // Second echoes (SecondEchoes.cpp): another echo of the same emitting shot is the surface.
   void markSecondEchoes(std::vector<std::uint8_t>& noise) const;
   bool outdone(std::size_t i, const std::uint32_t* from, const std::uint32_t* to) const;
   int ownLineNear(std::size_t self, std::uint32_t emitter, const point& p) const;
   // Bright echoes (BrightEchoes.cpp): many times the amplitude of the surface they lie on.
   void markBrightEchoes(std::vector<std::uint8_t>& noise) const;
-  bool outshines(std::size_t i, const LargeVector<float>& faintest) const;
+  bool outshines(std::size_t i, const LargeVector<float>& faintest, double gainRatio) const;
   void faintestPerCell(LargeVector<float>& faintest) const;
-  void tallyAmplitudes(std::size_t cellLo, std::size_t cellHi, std::size_t self,
+  void tallyAmplitudes(std::size_t cellLo, std::size_t cellHi, std::uint8_t channel,
                        std::uint32_t emitter, const point* p, double limit,
                        AmplitudeTally& tally) const;
+  double channelGainRatio() const;  // ChannelGains.cpp
   int linesBeyond(double share) const;
   std::pair<int, int> candidateZones(int z) const;
   int supportOf(std::size_t self, std::uint32_t emitter, const point& p) const;

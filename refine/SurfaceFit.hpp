@@ -95,10 +95,20 @@ struct RefineSettings {
   double secondEchoMin = 1.0;  // m: nearer, the two are one echo reported twice
   double secondEchoMax = 8.0;  // m
   double secondEchoSpread = 0.5;
+  // What bears an echo out in its own scan line where birds and dust are dense
+  // (refine/OwnLineBand.cpp): for lone and second echoes, an echo of the shots within
+  // `ownLineNearShots` of its own near it (0: of any shot at its scan angle); for lone echoes,
+  // where all but a tenth of the line's echoes at its scan angle lie within `ownLineBand` m
+  // along the beam (one surface), that band's spread instead of all the echoes' (0: never).
+  int ownLineNearShots = 4;
+  double ownLineBand = 5.0;  // m
   // Bright echoes (refine/BrightEchoes.cpp): an echo of at least this many times the
   // amplitude of every echo of its channel placed near it, and of its own scan line at its
   // scan angle, is noise (0: never).
   double brightRatio = 10.0;
+  // ... and where its line holds no echo of its channel there, of the other channel's, at
+  // the ratio of the channels' gains that echoes recorded in both give (ChannelGains.cpp).
+  bool acrossChannels = true;
   // Along-line runs (refine/AlongLineRuns.cpp): an echo whose range does not continue its
   // line moves to the zone in which it and at least `runMinEchoes` echoes recorded within
   // `runShotReach` shots of each other continue their line to `runTolerance` (0: never).

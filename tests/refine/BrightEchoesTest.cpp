@@ -134,5 +134,45 @@ TEST(BrightEchoes, BrightSurfacesAndAHighGainChannelStay) {
   EXPECT_EQ(two.flag[second], kMarkedNoise);
 }
 
+// Every echo also recorded in the high-gain channel 0 at 8 times the amplitude, but over a
+// lake (shots 700 to 800 of every line) the water is too faint for the low-gain channel 1.
+Scan twoChannels() {
+  Scan scan;
+  const std::size_t ground = scan.echoes.size();
+  for (std::size_t i = 0; i < ground; ++i) {
+    RefineEcho high = scan.echoes[i];
+    high.channel = 0, high.amplitude *= 8.0f;
+    scan.echoes.push_back(high);
+    if (i % kPerLine >= 700 && i % kPerLine < 800) scan.echoes[i].amplitude = 0.0f;
+  }
+  return scan;
+}
+
+TEST(BrightEchoes, ABirdAloneInItsChannelIsToldByTheOtherAtTheGainsRatio) {
+  // A bird on the lake, in the low-gain channel only (the high-gain one saturated): nothing
+  // of its channel around it, but the water of the other, at the ratio the echoes recorded
+  // in both channels give.
+  Scan scan = twoChannels();
+  const std::uint32_t shot = Scan::shotAt(6, 750);
+  const std::size_t bird = scan.add(shot, scan.groundRange(shot) - 0.5, 100.0f * kGround);
+  RefineSettings ownChannel;
+  ownChannel.acrossChannels = false;
+  ASSERT_EQ(refineEchoZones(scan.shots, scan.echoes, ownChannel).flag[bird], kUntouched);
+  const RefineResult r = refineEchoZones(scan.shots, scan.echoes);
+  EXPECT_EQ(r.flag[bird], kMarkedNoise);
+  EXPECT_EQ(r.markedNoise, 1u);
+
+  // A glint three times the water's, recorded in the low-gain channel, stays; so does the
+  // bird where no echo is recorded in both channels (the ratio is unknown).
+  Scan glint = twoChannels();
+  glint.add(shot, glint.groundRange(shot), 3.0f * kGround);
+  EXPECT_EQ(refineEchoZones(glint.shots, glint.echoes).markedNoise, 0u);
+  Scan lake;
+  for (std::uint32_t k = 0; k < kLines * kPerLine; ++k)
+    if (k % kPerLine >= 700 && k % kPerLine < 800) lake.echoes[k].channel = 0;
+  const std::size_t lone = lake.add(shot, lake.groundRange(shot) - 0.5, 100.0f * kGround);
+  EXPECT_EQ(refineEchoZones(lake.shots, lake.echoes).flag[lone], kUntouched);
+}
+
 }  // namespace
 }  // namespace FullWaveform

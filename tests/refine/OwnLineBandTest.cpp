@@ -1,0 +1,102 @@
+// The own line's band on hand-made scans: a line-wise scanner 500 m above flat ground, one
+// ground echo per shot with its true zone. Dust in the air that fits one neighbouring line by
+// chance, where another dust echo far along the beam in its own line stretches the line's
+// spread over it; and a copse, whose crowns spread their line's echoes over metres and which
+// the band must leave to the whole spread.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <vector>
+
+#include "refine/SurfaceFit.hpp"
+
+namespace FullWaveform {
+namespace {
+
+constexpr double kLight = 299792458.0;
+constexpr double kInterval = 1.0e-6;  // s between shots: a zone is about 150 m of range
+constexpr double kAltitude = 500.0;
+constexpr int kLines = 12, kPerLine = 1500;
+
+struct Scan {
+  ShotTable shots;
+  RefineEchoes echoes;
+
+  Scan() {
+    shots.lightSpeed = kLight;
+    for (int l = 0; l < kLines; ++l)
+      for (int s = 0; s < kPerLine; ++s) {
+        const double angle = -0.4 + 0.8 * s / (kPerLine - 1);
+        shots.time.push_back(kInterval * double(shots.time.size()));
+        shots.origin.push_back({0.0, 0.5 * (l + double(s) / kPerLine), kAltitude});
+        shots.direction.push_back({std::sin(angle), 0.0, -std::cos(angle)});
+        add(std::uint32_t(shots.time.size() - 1), 0.0);
+      }
+  }
+  double groundRange(std::uint32_t shot) const { return kAltitude / -shots.direction[shot].z; }
+  // An echo of `shot` `above` m before the ground along its beam, in the zone its arrival gives.
+  std::size_t add(std::uint32_t shot, double above) {
+    const double range = groundRange(shot) - above;
+    const auto zone = std::uint8_t(std::floor(2.0 * range / kLight / kInterval));
+    echoes.push_back({shot, range / kLight, zone, false});
+    return echoes.size() - 1;
+  }
+  static std::uint32_t shotAt(int line, int s) { return std::uint32_t(line * kPerLine + s); }
+};
+
+RefineSettings withoutBand() {
+  RefineSettings s;
+  s.ownLineBand = 0.0;
+  return s;
+}
+
+TEST(OwnLineBand, DustAmongItsLinesStretchedSpreadIsNoise) {
+  for (const int s : {300, 750, 1200}) {
+    Scan scan;
+    // 20 m above the ground; dust of the next line lies beside it, and dust 60 m above the
+    // ground two shots on stretches its own line's echoes over it.
+    const std::size_t dust = scan.add(Scan::shotAt(5, s), 20.0);
+    const std::size_t beside = scan.add(Scan::shotAt(6, s), 20.0);
+    const std::size_t high = scan.add(Scan::shotAt(5, s + 2), 60.0);
+    const RefineResult old = refineEchoZones(scan.shots, scan.echoes, withoutBand());
+    ASSERT_EQ(old.flag[dust], kUntouched)
+        << "the whole spread must bear it out for the case to matter";
+    const RefineResult r = refineEchoZones(scan.shots, scan.echoes);
+    EXPECT_EQ(r.flag[dust], kMarkedNoise) << s;
+    EXPECT_EQ(r.zone[dust], scan.echoes[dust].zone);
+    EXPECT_EQ(r.flag[beside], kMarkedNoise);
+    EXPECT_EQ(r.flag[high], kMarkedNoise);
+    EXPECT_EQ(r.markedNoise, 3u) << "no ground echo is noise";
+    EXPECT_EQ(r.moved, 0u);
+  }
+}
+
+TEST(OwnLineBand, ACopseKeepsTheWholeSpread) {
+  // A copse six lines long: half its shots return from a crown 8 m to 18 m above the ground
+  // as well. A crown's own line spreads its echoes over the crowns' height, more than a tenth
+  // of them there: the whole spread bears it out as before. Only at the copse's edges, where
+  // its line's echoes at the scan angle may be nine tenths ground, can a crown be taken for
+  // dust.
+  Scan scan;
+  std::uint64_t seed = 7;
+  std::vector<std::size_t> crowns, ends;
+  for (int line = 3; line <= 8; ++line)
+    for (int s = 600; s < 900; ++s) {
+      seed = seed * 6364136223846793005ull + 1442695040888963407ull;
+      const double u = double(seed >> 11) / 9007199254740992.0;
+      if (u >= 0.5) continue;
+      const std::size_t crown = scan.add(Scan::shotAt(line, s), 8.0 + 20.0 * u);
+      (s < 610 || s >= 890 || line == 3 || line == 8 ? ends : crowns).push_back(crown);
+    }
+  const RefineResult old = refineEchoZones(scan.shots, scan.echoes, withoutBand());
+  const RefineResult r = refineEchoZones(scan.shots, scan.echoes);
+  for (const std::size_t c : crowns) EXPECT_EQ(r.flag[c], old.flag[c]) << "crown echo " << c;
+  std::size_t more = 0;
+  for (const std::size_t c : ends) more += r.flag[c] != old.flag[c];
+  EXPECT_LE(more, ends.size() / 2);
+  EXPECT_EQ(r.zone, old.zone);
+}
+
+}  // namespace
+}  // namespace FullWaveform
