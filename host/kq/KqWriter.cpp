@@ -243,10 +243,14 @@ class Writer {
         job.field->setCreator(id, Vorlap::makeStrong<WrittenCreator>(*creator));
       }
     }
+    packStaged();
+    return true;
+  }
+  // Packs the chunks filled since the last store, on the threads given.
+  void packStaged() {
     std::vector<kq::FieldValuesWriter*> fields;
     for (const auto& job : jobs_) fields.push_back(&stateOf(job).values);
     kq::packChunks(fields, packThreads_);
-    return true;
   }
   void setPackThreads(unsigned threads) { packThreads_ = std::max(1u, threads); }
   // Stores the chunks staged since the last call.
@@ -281,8 +285,13 @@ class Writer {
         state.next = position + 1;
       }
       if (!any) break;
+      packStaged();
       if (!storeStaged()) return false;
     }
+    // The last chunks of all fields are packed together, on the threads given: at the end of
+    // a run on several threads this is work the others no longer share.
+    for (const auto& job : jobs_) stateOf(job).values.sealLast();
+    packStaged();
     for (const auto& job : jobs_) {
       const hid_t g = fragmentGroup(job.path);
       if (g < 0 || !stateOf(job).values.finish(g))
