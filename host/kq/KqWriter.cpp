@@ -256,8 +256,11 @@ class Writer {
   // Stores the chunks staged since the last call.
   bool storeStaged() {
     for (const auto& job : jobs_) {
+      kq::FieldValuesWriter& values = stateOf(job).values;
+      // Most passes fill no chunk of most fields: no group to look up by its path then.
+      if (values.pendingChunks() == 0) continue;
       const hid_t g = fragmentGroup(job.path);
-      if (g < 0 || !stateOf(job).values.store(g))
+      if (g < 0 || !values.store(g))
         return fail("cannot write field \"" + job.field->getName() + "\"");
     }
     return true;
