@@ -274,9 +274,19 @@ class Writer {
   }
   bool appendFragment(const FieldJob& job, FieldState& state,
                       const Vorlap::StrongPtr<FragmentID>& id);
+  // The first position some field has not staged: a streaming save has staged them all, and
+  // a walk over thousands of positions of every field would find nothing to do.
+  std::size_t firstUnstaged() {
+    std::size_t first = ~std::size_t(0);
+    for (const auto& job : jobs_) {
+      const std::size_t next = stateOf(job).next;
+      if (next < job.field->getFragmentIDCollection()->size()) first = std::min(first, next);
+    }
+    return first;
+  }
   // The rest of every field's fragments, position by position, then the tables.
   bool fieldFragments() {
-    for (std::size_t position = 0;; ++position) {
+    for (std::size_t position = firstUnstaged();; ++position) {
       bool any = false;
       for (const auto& job : jobs_) {
         FieldState& state = stateOf(job);
