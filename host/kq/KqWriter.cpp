@@ -387,8 +387,11 @@ bool Writer::appendFragment(const FieldJob& job, FieldState& state,
       creator->enableCaching(false);
     }
     if (!data) return fail(where() + " could not be produced");
-    scratch_.resize(data->nElements() * elementBytes(data->elementType()));
-    if (!scratch_.empty()) data->copyOut(scratch_.data());
+    // Grown only: fields of different element sizes take turns, and a resize up again would
+    // zero what the copy overwrites at once.
+    const std::size_t bytes = data->nElements() * elementBytes(data->elementType());
+    if (scratch_.size() < bytes) scratch_.resize(bytes);
+    if (bytes > 0) data->copyOut(scratch_.data());
     rows = {data->elementType(), data->rank(), kq::storedShape(*data), scratch_.data()};
   }
   if (const std::string problem = state.values.append(id->getName(), rows); !problem.empty())
