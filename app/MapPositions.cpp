@@ -54,9 +54,16 @@ Vorlap::StrongPtr<Tessal::MemBase> mapPositions(const Tessal::MemBase& positions
                                                 const Transform& transform) {
   const auto* data = dynamic_cast<const PointArray*>(&positions);
   if (!data) return {};
-  auto mapped = Vorlap::makeStrong<PointArray>(data->size());
-  for (std::size_t k = 0; k < data->size(); ++k)
-    mapped->set(k, transformPoint(transform, data->get(k)));
+  const std::size_t n = data->size();
+  auto mapped = Vorlap::makeStrong<PointArray>(PointArray::Extents{n}, Tessal::Uninitialised{});
+  // Straight from storage to storage when the source is one plain block (a fresh array is).
+  const point* from = data->contiguousData();
+  point* to = mapped->contiguousData();
+  if (from && to) {
+    for (std::size_t k = 0; k < n; ++k) to[k] = transformPoint(transform, from[k]);
+    return mapped;
+  }
+  for (std::size_t k = 0; k < n; ++k) mapped->set(k, transformPoint(transform, data->get(k)));
   return mapped;
 }
 

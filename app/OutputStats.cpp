@@ -14,27 +14,40 @@ using ByteArray = Tessal::MemArray<1, std::uint8_t>;
 using PointArray = Tessal::MemArray<1, Gemwold::PhysicalSpace::point>;
 namespace schema = Tessal::schema;
 
+// Calls `f` with every element, read straight from the storage when the array is one plain
+// block: a get() per element checks for an accessor and a stride every time.
+template <class T, class F>
+void forEach(const Tessal::MemArray<1, T>& a, F&& f) {
+  const std::size_t n = a.size();
+  if (const T* v = a.contiguousData()) {
+    for (std::size_t k = 0; k < n; ++k) f(v[k]);
+    return;
+  }
+  for (std::size_t k = 0; k < n; ++k) f(a.get(k));
+}
+
 void countZones(const ByteArray& zones, OutputSummary& s) {
   s.points += zones.size();
   // Counted in an array, then merged: one map look-up per zone, not per point.
   std::array<std::uint64_t, 256> perZone{};
-  for (std::size_t k = 0; k < zones.size(); ++k) perZone[zones.get(k)] += 1;
+  forEach(zones, [&](std::uint8_t zone) { perZone[zone] += 1; });
   for (std::size_t zone = 0; zone < perZone.size(); ++zone)
     if (perZone[zone]) s.pointsPerZone[int(zone)] += perZone[zone];
 }
 
 void countNoise(const ByteArray& classes, OutputSummary& s) {
-  for (std::size_t k = 0; k < classes.size(); ++k)
-    if (classes.get(k) == Quorvane::DrelmClass::noise) s.noisePoints += 1;
+  std::uint64_t noise = 0;
+  forEach(classes, [&](std::uint8_t c) { noise += c == Quorvane::DrelmClass::noise; });
+  s.noisePoints += noise;
 }
 
 // Waves whose shot points nowhere or whose echo time is not a number keep their points.
 void countWithoutPosition(const PointArray& positions, OutputSummary& s) {
-  for (std::size_t k = 0; k < positions.size(); ++k) {
-    const auto p = positions.get(k);
-    if (!(std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z)))
-      s.pointsWithoutPosition += 1;
-  }
+  std::uint64_t without = 0;
+  forEach(positions, [&](const Gemwold::PhysicalSpace::point& p) {
+    without += !(std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z));
+  });
+  s.pointsWithoutPosition += without;
 }
 
 }  // namespace

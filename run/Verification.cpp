@@ -1,8 +1,9 @@
-// Output verification. Loads the file into a bundle of its own and checks, in order: load,
-// grid "FWF", map positions, success mark, and on request matching fragment counts.
+// Output verification. Reads from the file what the checks look at, in order: that it opens
+// as a .kq file, grid "FWF", its map positions, the success mark, and on request matching
+// fragment counts of the map and scanner positions (see Tessal::GridProbe).
 #include "run/Verification.hpp"
 
-#include "tessal/Bundle.hpp"
+#include "tessal/GridProbe.hpp"
 #include "tessal/Schema.hpp"
 
 namespace FullWaveform {
@@ -11,34 +12,23 @@ namespace schema = Tessal::schema;
 
 namespace {
 
-Vorlap::StrongPtr<Tessal::Field> positionsOf(const Tessal::Grid& grid, const std::string& chart) {
-  auto c = grid.findCartesianChart(chart);
-  if (!c) return {};
-  return grid.getField(c, schema::kPositions, grid.getSkeletonMap().findVertices(-1));
-}
+constexpr const char* kMapChart = "StandardCartesianChart3D";
 
 }  // namespace
 
 std::string successfullyConverted(const std::string& fileName, const bool& compareFragments) {
-  Tessal::BundlePtr bundle(Vorlap::makeStrong<Tessal::Bundle>());
-  bool loaded = false;
-  // The checks below look at the structure alone: opening each of thousands of fragment
-  // datasets would cost more than the rest of the check.
-  Tessal::Bundle::load(loaded, Tessal::LoaderParameters({fileName}).checkFragmentsWhenUsed(),
-                       bundle);
-  if (!loaded) return "Not loadable: " + fileName;
-  auto slice = (*bundle.create())[0.0];
-  auto grid = (*slice)(schema::kResultGrid);
-  if (!grid) return "No FWF-Grid: " + fileName;
-  auto mapPositions = positionsOf(*grid, "StandardCartesianChart3D");
+  const Tessal::GridProbe probe = Tessal::probeGrid(
+      fileName, schema::kResultGrid, schema::kPositions, {kMapChart, schema::kScannerChart});
+  if (!probe.readable) return "Not loadable: " + fileName;
+  if (!probe.found) return "No FWF-Grid: " + fileName;
+  const auto& mapPositions = probe.fragments.at(kMapChart);
   if (!mapPositions) return "No StandarCartesian-Positions: " + fileName;
-  if (!grid->attributes().getAttributeAs<std::string>("BrastowSuccessful?"))
+  if (!probe.attributes.getAttributeAs<std::string>("BrastowSuccessful?"))
     return "No Success-Attribute: " + fileName;
   if (!compareFragments) return "";
   // Asked to compare, a file without scanner positions has nothing that matches.
-  auto scannerPositions = positionsOf(*grid, schema::kScannerChart);
-  if (!scannerPositions ||
-      scannerPositions->getNumberOfFragments() != mapPositions->getNumberOfFragments())
+  const auto& scannerPositions = probe.fragments.at(schema::kScannerChart);
+  if (!scannerPositions || *scannerPositions != *mapPositions)
     return "Number of fragments are not identical for file " + fileName;
   return "";
 }

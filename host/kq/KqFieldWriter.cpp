@@ -234,9 +234,13 @@ bool FieldValuesWriter::store(hid_t fieldGroup) {
   return true;
 }
 
+void FieldValuesWriter::sealLast() {
+  if (!tail_.empty()) sealChunk();
+}
+
 bool FieldValuesWriter::finish(hid_t fieldGroup) {
   if (!names_.empty()) {
-    if (!tail_.empty()) sealChunk();
+    sealLast();
     // Without rows (or with rows of no values) there is no chunk to store.
     const bool chunked = values_.ok() || !pending_.empty();
     if (!chunked && !createValues(fieldGroup, false)) return false;

@@ -51,6 +51,9 @@ class FieldValuesWriter {
   void adoptPacked(std::size_t k, const FieldValuesWriter& from, std::size_t fromK);
   // Writes the chunks filled since the last call into the field group's dataset.
   bool store(hid_t fieldGroup);
+  // Seals the partly filled last chunk once no row follows, so that packChunks() packs it
+  // with the other fields' last chunks rather than finish() one after the other.
+  void sealLast();
   // Writes the last chunk, the dataset's final extent and the fragment table.
   bool finish(hid_t fieldGroup);
 

@@ -243,17 +243,24 @@ class Writer {
         job.field->setCreator(id, Vorlap::makeStrong<WrittenCreator>(*creator));
       }
     }
+    packStaged();
+    return true;
+  }
+  // Packs the chunks filled since the last store, on the threads given.
+  void packStaged() {
     std::vector<kq::FieldValuesWriter*> fields;
     for (const auto& job : jobs_) fields.push_back(&stateOf(job).values);
     kq::packChunks(fields, packThreads_);
-    return true;
   }
   void setPackThreads(unsigned threads) { packThreads_ = std::max(1u, threads); }
   // Stores the chunks staged since the last call.
   bool storeStaged() {
     for (const auto& job : jobs_) {
+      kq::FieldValuesWriter& values = stateOf(job).values;
+      // Most passes fill no chunk of most fields: no group to look up by its path then.
+      if (values.pendingChunks() == 0) continue;
       const hid_t g = fragmentGroup(job.path);
-      if (g < 0 || !stateOf(job).values.store(g))
+      if (g < 0 || !values.store(g))
         return fail("cannot write field \"" + job.field->getName() + "\"");
     }
     return true;
@@ -267,9 +274,19 @@ class Writer {
   }
   bool appendFragment(const FieldJob& job, FieldState& state,
                       const Vorlap::StrongPtr<FragmentID>& id);
+  // The first position some field has not staged: a streaming save has staged them all, and
+  // a walk over thousands of positions of every field would find nothing to do.
+  std::size_t firstUnstaged() {
+    std::size_t first = ~std::size_t(0);
+    for (const auto& job : jobs_) {
+      const std::size_t next = stateOf(job).next;
+      if (next < job.field->getFragmentIDCollection()->size()) first = std::min(first, next);
+    }
+    return first;
+  }
   // The rest of every field's fragments, position by position, then the tables.
   bool fieldFragments() {
-    for (std::size_t position = 0;; ++position) {
+    for (std::size_t position = firstUnstaged();; ++position) {
       bool any = false;
       for (const auto& job : jobs_) {
         FieldState& state = stateOf(job);
@@ -281,8 +298,13 @@ class Writer {
         state.next = position + 1;
       }
       if (!any) break;
+      packStaged();
       if (!storeStaged()) return false;
     }
+    // The last chunks of all fields are packed together, on the threads given: at the end of
+    // a run on several threads this is work the others no longer share.
+    for (const auto& job : jobs_) stateOf(job).values.sealLast();
+    packStaged();
     for (const auto& job : jobs_) {
       const hid_t g = fragmentGroup(job.path);
       if (g < 0 || !stateOf(job).values.finish(g))
@@ -365,8 +387,11 @@ bool Writer::appendFragment(const FieldJob& job, FieldState& state,
       creator->enableCaching(false);
     }
     if (!data) return fail(where() + " could not be produced");
-    scratch_.resize(data->nElements() * elementBytes(data->elementType()));
-    if (!scratch_.empty()) data->copyOut(scratch_.data());
+    // Grown only: fields of different element sizes take turns, and a resize up again would
+    // zero what the copy overwrites at once.
+    const std::size_t bytes = data->nElements() * elementBytes(data->elementType());
+    if (scratch_.size() < bytes) scratch_.resize(bytes);
+    if (bytes > 0) data->copyOut(scratch_.data());
     rows = {data->elementType(), data->rank(), kq::storedShape(*data), scratch_.data()};
   }
   if (const std::string problem = state.values.append(id->getName(), rows); !problem.empty())
