@@ -243,10 +243,14 @@ class WorkerOutputs : public Vorlap::ProgressSink {
   std::optional<Vorlap::ConsoleCapture> quietWarmUp_;
 };
 
-double threadCpuSeconds() {
+double cpuSeconds(clockid_t clock) {
   timespec t{};
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+  clock_gettime(clock, &t);
   return double(t.tv_sec) + double(t.tv_nsec) * 1e-9;
+}
+
+double threadCpuSeconds() {
+  return cpuSeconds(CLOCK_THREAD_CPUTIME_ID);
 }
 
 std::string tenths(double seconds) {
@@ -255,9 +259,11 @@ std::string tenths(double seconds) {
   return text;
 }
 
-// What a thread took: its CPU time and when it ended (wall seconds from the start).
+// What a thread took: its CPU time and when it ended (wall seconds from the start). For the
+// writer, `withHelpers` adds the threads that pack its chunks: the process's CPU time over
+// the ranges' run less the workers'.
 struct ThreadTimes {
-  double cpu = 0.0, ended = 0.0;
+  double cpu = 0.0, ended = 0.0, withHelpers = 0.0;
 };
 
 // How the work was shared: each range's fragments and times, and the writer's. Ranges that
@@ -269,7 +275,8 @@ void describeSharing(const ParallelRun& run, const std::vector<Range>& ranges,
   for (std::size_t r = 0; r < ranges.size(); ++r)
     say << " fragments " << ranges[r].begin << "-" << ranges[r].end - 1 << " "
         << tenths(workers[r].cpu) << " s CPU, ended at " << tenths(workers[r].ended) << " s;";
-  say << " writing " << tenths(writer.cpu) << " s CPU, ended at " << tenths(writer.ended) << " s";
+  say << " writing " << tenths(writer.cpu) << " s CPU (" << tenths(writer.withHelpers)
+      << " s with its packing helpers), ended at " << tenths(writer.ended) << " s";
 }
 
 // The input as a later range reads it: the structure of the first load with readers of its
@@ -336,6 +343,7 @@ std::string runRanges(const ParallelRun& run, Range all, const std::vector<Range
   // Copied before any worker reads the input: a copy made while one runs would race with it.
   std::vector<Tessal::BundlePtr> inputs(ranges.size());
   for (std::size_t r = 0; r < ranges.size(); ++r) inputs[r] = inputOfRange(run, r);
+  const double processStart = cpuSeconds(CLOCK_PROCESS_CPUTIME_ID);
   for (std::size_t r = 0; r < ranges.size(); ++r) {
     auto work = [&, r] {
       errors[r] = caughtError("", [&] {
@@ -360,8 +368,10 @@ std::string runRanges(const ParallelRun& run, Range all, const std::vector<Range
   const double writerStart = threadCpuSeconds();
   auto writeError = caughtError("", [&] { written = writeInOrder(run, all, queue); });
   queue.abandon();
-  const ThreadTimes writer{threadCpuSeconds() - writerStart, sinceStart()};
+  ThreadTimes writer{threadCpuSeconds() - writerStart, sinceStart()};
   for (auto& t : threads) t.join();
+  writer.withHelpers = cpuSeconds(CLOCK_PROCESS_CPUTIME_ID) - processStart;
+  for (const ThreadTimes& t : times) writer.withHelpers -= t.cpu;
   if (run.verbose) describeSharing(run, ranges, times, writer);
   if (writeError) throw *writeError;
   for (auto& e : errors)
