@@ -31,6 +31,8 @@ input="$work/kq1/${preset}_210315_093000.kq"
 mkdir -p "$work/kq1"
 [ -f "$input" ] || "$new" simulate --preset "$preset" ${shots:+--shots "$shots"} --kq-version 1 \
   --quiet "$input"
+# A freshly written input is still going to disk: its write-back must not fall into the first run.
+sync
 # Waves: waveform rows and the scanner's own echo records ("OPP"), as the run counts them.
 waves=$("$new" info "$input" |
   awk '/^grid/ { w = ($2 == "\"Waveforms\"" || $2 == "\"OPP\"") } w && /GPSTime/ { n += $(NF - 1) } END { print n }')
