@@ -13,8 +13,8 @@
 namespace FullWaveform::surface_fit {
 
 namespace {
-constexpr int kPartnerReach =
-    4;  // echoes of its shot after one where its other channel's is sought
+// Echoes of its shot after one where its other channel's is sought.
+constexpr int kPartnerReach = 4;
 constexpr double kSameArrival = 0.05;  // m along the beam: one echo reported twice
 constexpr std::size_t kMinPairs = 50;  // fewer: the ratio is unknown
 }  // namespace
