@@ -9,41 +9,29 @@
 #include <cmath>
 
 #include "refine/RefineWindow.hpp"
+#include "support/LineScan.hpp"
 #include "support/RefineEchoes.hpp"
 
 namespace FullWaveform {
 namespace {
 
-constexpr double kLight = 299792458.0;
-constexpr double kInterval = 1.0e-6;  // s between shots: a zone is about 150 m of range
-constexpr double kAltitude = 500.0;
-constexpr int kLines = 12, kPerLine = 1500;
+using quillo::test::LineScan;
+constexpr double kLight = LineScan::kLight;
+constexpr int kLines = LineScan::kLines, kPerLine = LineScan::kPerLine;
 constexpr float kGround = 50.0f;  // the ground's amplitude in the low-gain channel, about
 
-struct Scan {
-  ShotTable shots;
-  RefineEchoes echoes;
-
+// The ground's echoes in the low-gain channel 1, their amplitude varying by half from shot
+// to shot; added echoes in that channel too.
+struct Scan : LineScan {
   Scan() {
-    shots.lightSpeed = kLight;
-    for (int l = 0; l < kLines; ++l)
-      for (int s = 0; s < kPerLine; ++s) {
-        const double angle = -0.4 + 0.8 * s / (kPerLine - 1);
-        shots.time.push_back(kInterval * double(shots.time.size()));
-        shots.origin.push_back({0.0, 0.5 * (l + double(s) / kPerLine), kAltitude});
-        shots.direction.push_back({std::sin(angle), 0.0, -std::cos(angle)});
-        const auto shot = std::uint32_t(shots.time.size() - 1);
-        add(shot, groundRange(shot), kGround * float(1.0 + 0.25 * std::sin(1.7 * shot)));
-      }
+    for (std::size_t k = 0; k < echoes.size(); ++k) {
+      echoes[k].channel = 1;
+      echoes[k].amplitude = kGround * float(1.0 + 0.25 * std::sin(1.7 * double(k)));
+    }
   }
-  double groundRange(std::uint32_t shot) const { return kAltitude / -shots.direction[shot].z; }
-  // An echo of `shot` at `range`, in the zone its arrival gives, in the low-gain channel 1.
   std::size_t add(std::uint32_t shot, double range, float amplitude) {
-    const auto zone = std::uint8_t(std::floor(2.0 * range / kLight / kInterval));
-    echoes.push_back({shot, range / kLight, zone, false, 1, amplitude});
-    return echoes.size() - 1;
+    return LineScan::add(shot, range, 1, amplitude);
   }
-  static std::uint32_t shotAt(int line, int s) { return std::uint32_t(line * kPerLine + s); }
 };
 
 RefineSettings withoutBrightEchoes() {
@@ -58,7 +46,7 @@ TEST(BrightEchoes, ABrightBirdOnTheGroundIsNoiseAndKeepsItsZone) {
   for (const int s : {300, 750, 1200}) {
     Scan scan;
     const std::uint32_t shot = Scan::shotAt(6, s);
-    const std::size_t bird = scan.add(shot, scan.groundRange(shot) - 0.5, 100.0f * kGround);
+    const std::size_t bird = scan.add(shot, scan.groundRange[shot] - 0.5, 100.0f * kGround);
     const RefineResult off = refineEchoZones(scan.shots, scan.echoes, withoutBrightEchoes());
     ASSERT_EQ(off.markedNoise, 0u) << "the bird must fit the surface for the case to matter";
     const RefineResult r = refineEchoZones(scan.shots, scan.echoes);
@@ -103,7 +91,7 @@ RefineResult windowed(const Scan& scan) {
 TEST(BrightEchoes, AWindowCarriesEachEchosChannelAndAmplitude) {
   Scan scan;
   const std::uint32_t shot = Scan::shotAt(5, 900);
-  const std::size_t bird = scan.add(shot, scan.groundRange(shot) - 0.5, 100.0f * kGround);
+  const std::size_t bird = scan.add(shot, scan.groundRange[shot] - 0.5, 100.0f * kGround);
   const RefineResult whole = refineEchoZones(scan.shots, scan.echoes);
   ASSERT_EQ(whole.flag[bird], kMarkedNoise);
   EXPECT_EQ(windowed(scan).flag, whole.flag);
@@ -122,13 +110,13 @@ TEST(BrightEchoes, BrightSurfacesAndAHighGainChannelStay) {
   for (std::size_t i = 0; i < gains.echoes.size(); i += 2)
     gains.echoes[i].channel = 0, gains.echoes[i].amplitude *= 16.0f;
   const std::uint32_t shot = Scan::shotAt(6, 601);
-  const std::size_t bird = gains.add(shot, gains.groundRange(shot) - 0.5, 100.0f * kGround);
+  const std::size_t bird = gains.add(shot, gains.groundRange[shot] - 0.5, 100.0f * kGround);
   const RefineResult r = refineEchoZones(gains.shots, gains.echoes);
   EXPECT_EQ(r.markedNoise, 1u);
   EXPECT_EQ(r.flag[bird], kMarkedNoise);
   // Two birds at one place fit each other, but among a line's ground echoes each still
   // stands out.
-  const std::size_t second = gains.add(shot + 3, gains.groundRange(shot + 3) - 0.4, 80 * kGround);
+  const std::size_t second = gains.add(shot + 3, gains.groundRange[shot + 3] - 0.4, 80 * kGround);
   const RefineResult two = refineEchoZones(gains.shots, gains.echoes);
   EXPECT_EQ(two.flag[bird], kMarkedNoise);
   EXPECT_EQ(two.flag[second], kMarkedNoise);
@@ -154,7 +142,7 @@ TEST(BrightEchoes, ABirdAloneInItsChannelIsToldByTheOtherAtTheGainsRatio) {
   // in both channels give.
   Scan scan = twoChannels();
   const std::uint32_t shot = Scan::shotAt(6, 750);
-  const std::size_t bird = scan.add(shot, scan.groundRange(shot) - 0.5, 100.0f * kGround);
+  const std::size_t bird = scan.add(shot, scan.groundRange[shot] - 0.5, 100.0f * kGround);
   RefineSettings ownChannel;
   ownChannel.acrossChannels = false;
   ASSERT_EQ(refineEchoZones(scan.shots, scan.echoes, ownChannel).flag[bird], kUntouched);
@@ -165,12 +153,12 @@ TEST(BrightEchoes, ABirdAloneInItsChannelIsToldByTheOtherAtTheGainsRatio) {
   // A glint three times the water's, recorded in the low-gain channel, stays; so does the
   // bird where no echo is recorded in both channels (the ratio is unknown).
   Scan glint = twoChannels();
-  glint.add(shot, glint.groundRange(shot), 3.0f * kGround);
+  glint.add(shot, glint.groundRange[shot], 3.0f * kGround);
   EXPECT_EQ(refineEchoZones(glint.shots, glint.echoes).markedNoise, 0u);
   Scan lake;
   for (std::uint32_t k = 0; k < kLines * kPerLine; ++k)
     if (k % kPerLine >= 700 && k % kPerLine < 800) lake.echoes[k].channel = 0;
-  const std::size_t lone = lake.add(shot, lake.groundRange(shot) - 0.5, 100.0f * kGround);
+  const std::size_t lone = lake.add(shot, lake.groundRange[shot] - 0.5, 100.0f * kGround);
   EXPECT_EQ(refineEchoZones(lake.shots, lake.echoes).flag[lone], kUntouched);
 }
 

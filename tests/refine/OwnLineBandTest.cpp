@@ -10,39 +10,16 @@
 #include <vector>
 
 #include "refine/SurfaceFit.hpp"
+#include "support/LineScan.hpp"
 
 namespace FullWaveform {
 namespace {
 
-constexpr double kLight = 299792458.0;
-constexpr double kInterval = 1.0e-6;  // s between shots: a zone is about 150 m of range
-constexpr double kAltitude = 500.0;
-constexpr int kLines = 12, kPerLine = 1500;
-
-struct Scan {
-  ShotTable shots;
-  RefineEchoes echoes;
-
-  Scan() {
-    shots.lightSpeed = kLight;
-    for (int l = 0; l < kLines; ++l)
-      for (int s = 0; s < kPerLine; ++s) {
-        const double angle = -0.4 + 0.8 * s / (kPerLine - 1);
-        shots.time.push_back(kInterval * double(shots.time.size()));
-        shots.origin.push_back({0.0, 0.5 * (l + double(s) / kPerLine), kAltitude});
-        shots.direction.push_back({std::sin(angle), 0.0, -std::cos(angle)});
-        add(std::uint32_t(shots.time.size() - 1), 0.0);
-      }
-  }
-  double groundRange(std::uint32_t shot) const { return kAltitude / -shots.direction[shot].z; }
-  // An echo of `shot` `above` m before the ground along its beam, in the zone its arrival gives.
+// Echoes added `above` m before the ground along their shot's beam.
+struct Scan : quillo::test::LineScan {
   std::size_t add(std::uint32_t shot, double above) {
-    const double range = groundRange(shot) - above;
-    const auto zone = std::uint8_t(std::floor(2.0 * range / kLight / kInterval));
-    echoes.push_back({shot, range / kLight, zone, false});
-    return echoes.size() - 1;
+    return LineScan::add(shot, groundRange[shot] - above);
   }
-  static std::uint32_t shotAt(int line, int s) { return std::uint32_t(line * kPerLine + s); }
 };
 
 RefineSettings withoutBand() {

@@ -8,51 +8,14 @@
 #include <functional>
 
 #include "refine/SurfaceFit.hpp"
+#include "support/LineScan.hpp"
 
 namespace FullWaveform {
 namespace {
 
-constexpr double kLight = 299792458.0;
-constexpr double kInterval = 1.0e-6;  // s between shots: a zone is about 150 m of range
-constexpr double kAltitude = 500.0;
-constexpr int kLines = 12, kPerLine = 1500;
-
-using Surface = std::function<double(double x, double y)>;
-
-struct Scan {
-  ShotTable shots;
-  RefineEchoes echoes;
-  std::vector<double> groundRange;  // per shot
-
-  explicit Scan(const Surface& surface) {
-    shots.lightSpeed = kLight;
-    for (int l = 0; l < kLines; ++l)
-      for (int s = 0; s < kPerLine; ++s) {
-        const double angle = -0.4 + 0.8 * s / (kPerLine - 1);
-        shots.time.push_back(kInterval * double(shots.time.size()));
-        shots.origin.push_back({0.0, 0.5 * (l + double(s) / kPerLine), kAltitude});
-        shots.direction.push_back({std::sin(angle), 0.0, -std::cos(angle)});
-        groundRange.push_back(rangeTo(surface, angle, shots.origin.back().y));
-        add(std::uint32_t(shots.time.size() - 1), groundRange.back());
-      }
-  }
-  static double rangeTo(const Surface& surface, double angle, double y) {
-    const auto above = [&](double t) {
-      return kAltitude - t * std::cos(angle) > surface(t * std::sin(angle), y);
-    };
-    double t = 0.0;
-    while (above(t + 1.0)) t += 1.0;
-    for (double step = 0.5; step > 1e-3; step /= 2) t += above(t + step) ? step : 0.0;
-    return t;
-  }
-  // An echo of `shot` at `range`, in the zone its arrival gives.
-  std::size_t add(std::uint32_t shot, double range) {
-    const auto zone = std::uint8_t(std::floor(2.0 * range / kLight / kInterval));
-    echoes.push_back({shot, range / kLight, zone, false});
-    return echoes.size() - 1;
-  }
-  static std::uint32_t shotAt(int line, int s) { return std::uint32_t(line * kPerLine + s); }
-};
+using Scan = quillo::test::LineScan;
+using Surface = Scan::Surface;
+constexpr int kLines = Scan::kLines, kPerLine = Scan::kPerLine;
 
 const Surface kFlat = [](double, double) { return 0.0; };
 
