@@ -220,62 +220,62 @@ TEST(SurfaceFit, ASmallClusterBesideTheSurfaceGivesWay) {
   EXPECT_EQ(scan.wrong(refineEchoZones(scan.shots, scan.echoes, fitsEnough)), 4u);
 }
 
+// A wrong echo in line 6, one zone too far, over lines 2 and 3 rising over a mound (which its
+// true zone then misses), and echoes of another zone's canopy in line 9 at the wrong place,
+// at the shots `from` to `to` beside its scan angle; the canopy's echoes come first (settled).
+struct ChanceFit {
+  Scan scan{[](double x, double y) { return y >= 1.0 && y < 2.0 && std::abs(x) < 5.0 ? 5.0 : 0.0; },
+            14, 300};
+  std::size_t wrong = 6 * 300 + 150;  // its index once the canopy's echoes are put first
+  RefineEcho w{};
+
+  ChanceFit(int from, int to) {
+    scan.assignZone(wrong, scan.trueZone[wrong] + 1);
+    w = scan.echoes[wrong];
+    const auto at = placeEcho(w.oneWayTime, scan.shots.direction[w.emitter],
+                              scan.shots.origin[w.emitter], kLight)
+                        .position;
+    for (int shot = from; shot <= to; ++shot) {
+      const std::uint32_t nine = 9 * 300 + w.emitter % 300 + std::uint32_t(shot);
+      const auto& o = scan.shots.origin[nine];
+      scan.addEcho(nine, std::hypot(at.x - o.x, at.y - o.y, at.z - o.z));
+      EXPECT_EQ(scan.trueZone.back(), w.zone);
+    }
+    const auto added = std::ptrdiff_t(to - from + 1);
+    std::rotate(scan.echoes.begin(), scan.echoes.end() - added, scan.echoes.end());
+    std::rotate(scan.trueZone.begin(), scan.trueZone.end() - added, scan.trueZone.end());
+    wrong += std::size_t(added);
+  }
+  std::size_t settled() const { return wrong - (6 * 300 + 150); }
+};
+
 TEST(SurfaceFit, AnOffZoneThatFitsALineByChanceGivesWay) {
-  // A wrong echo in line 6 lands where line 9 holds an echo that stays (another zone's
-  // canopy; settled here), and its true zone misses lines 2 and 3, which rise over a mound:
-  // the true zone fits six lines of eight, the wrong one one, with far fewer echoes near it.
-  const Surface mound = [](double x, double y) {
-    return y >= 1.0 && y < 2.0 && std::abs(x) < 5.0 ? 5.0 : 0.0;
-  };
-  Scan scan(mound, 14, 300);
-  const std::size_t wrong = 6 * 300 + 150;
-  scan.assignZone(wrong, scan.trueZone[wrong] + 1);
-  const RefineEcho w = scan.echoes[wrong];
-  const auto at =
-      placeEcho(w.oneWayTime, scan.shots.direction[w.emitter], scan.shots.origin[w.emitter], kLight)
-          .position;
-  const std::uint32_t nine = 9 * 300 + w.emitter % 300;  // line 9, the same scan angle
-  const auto& o = scan.shots.origin[nine];
-  scan.addEcho(nine, std::hypot(at.x - o.x, at.y - o.y, at.z - o.z));
-  ASSERT_EQ(scan.trueZone.back(), w.zone);
-  std::rotate(scan.echoes.begin(), scan.echoes.end() - 1, scan.echoes.end());
-  const RefineResult r = refineEchoZones(scan.shots, scan.echoes, {}, 1);
-  EXPECT_EQ(r.zone[wrong + 1], scan.trueZone[wrong]);
-  EXPECT_EQ(r.flag[wrong + 1], kMovedZone);
+  // Line 9 holds one echo at the wrong place: the true zone fits six lines of eight, the
+  // wrong one one, with far fewer echoes near it.
+  ChanceFit c(0, 0);
+  const RefineResult r = refineEchoZones(c.scan.shots, c.scan.echoes, {}, c.settled());
+  EXPECT_EQ(r.zone[c.wrong], c.scan.trueZone[c.wrong]);
+  EXPECT_EQ(r.flag[c.wrong], kMovedZone);
   EXPECT_EQ(r.moved, 1u);
   // Without it the place counts as contested.
   RefineSettings contested;
   contested.chanceSupport = 0.0;
-  EXPECT_EQ(refineEchoZones(scan.shots, scan.echoes, contested, 1).zone[wrong + 1], w.zone);
+  EXPECT_EQ(refineEchoZones(c.scan.shots, c.scan.echoes, contested, c.settled()).zone[c.wrong],
+            c.w.zone);
 }
 
 TEST(SurfaceFit, ASingleLineFitsByChanceWithFewerEchoesThanSeveral) {
-  // As above, but line 9 holds three echoes of another zone's canopy beside the wrong place,
-  // at the shots before and after: its true zone has about six times the echoes near it,
-  // fewer than several fitting lines would need, enough for a single one.
-  const Surface mound = [](double x, double y) {
-    return y >= 1.0 && y < 2.0 && std::abs(x) < 5.0 ? 5.0 : 0.0;
-  };
-  Scan scan(mound, 14, 300);
-  const std::size_t wrong = 6 * 300 + 150;
-  scan.assignZone(wrong, scan.trueZone[wrong] + 1);
-  const RefineEcho w = scan.echoes[wrong];
-  const auto at =
-      placeEcho(w.oneWayTime, scan.shots.direction[w.emitter], scan.shots.origin[w.emitter], kLight)
-          .position;
-  for (int shot = -1; shot <= 1; ++shot) {
-    const std::uint32_t nine = 9 * 300 + w.emitter % 300 + std::uint32_t(shot);
-    const auto& o = scan.shots.origin[nine];
-    scan.addEcho(nine, std::hypot(at.x - o.x, at.y - o.y, at.z - o.z));
-    ASSERT_EQ(scan.trueZone.back(), w.zone);
-  }
-  std::rotate(scan.echoes.begin(), scan.echoes.end() - 3, scan.echoes.end());
-  const RefineResult r = refineEchoZones(scan.shots, scan.echoes, {}, 3);
-  EXPECT_EQ(r.zone[wrong + 3], scan.trueZone[wrong]);
+  // Line 9 holds three echoes beside the wrong place, at the shots before and after: its
+  // true zone has about six times the echoes near it, fewer than several fitting lines would
+  // need, enough for a single one.
+  ChanceFit c(-1, 1);
+  const RefineResult r = refineEchoZones(c.scan.shots, c.scan.echoes, {}, c.settled());
+  EXPECT_EQ(r.zone[c.wrong], c.scan.trueZone[c.wrong]);
   EXPECT_EQ(r.moved, 1u);
   RefineSettings asSeveral;
   asSeveral.singleChanceSupport = 0.0;
-  EXPECT_EQ(refineEchoZones(scan.shots, scan.echoes, asSeveral, 3).zone[wrong + 3], w.zone);
+  EXPECT_EQ(refineEchoZones(c.scan.shots, c.scan.echoes, asSeveral, c.settled()).zone[c.wrong],
+            c.w.zone);
 }
 
 TEST(SurfaceFit, AnEchoThatFitsNoLineMovesWhereAFewLinesBearItOut) {
