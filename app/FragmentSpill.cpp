@@ -109,6 +109,34 @@ void makeRoom(FieldArray& a, std::vector<std::span<std::uint8_t>>& pieces) {
   for (std::size_t n : a.setAside.chunkBytes) pieces.push_back(a.encoded->chunks.emplace_back(n));
 }
 
+// The bytes of the part's arrays that can be set aside, in order; `starts[i]`: where array i's
+// begin among them (kInMemory for those that stay). Plain elements are copied out to `plain`
+// first (they may be strided); encoded chunks go as they are.
+std::vector<std::span<const std::uint8_t>> piecesToSetAside(const OutputPart& part,
+                                                            std::vector<std::uint8_t>& plain,
+                                                            std::vector<std::size_t>& starts) {
+  std::size_t plainBytes = 0;
+  for (const FieldArray& a : part.arrays)
+    if (!a.encoded && canSetAside(a)) plainBytes += byteCount(*a.data);
+  plain.resize(plainBytes);
+  std::vector<std::span<const std::uint8_t>> pieces;
+  std::size_t at = 0, plainAt = 0;
+  for (std::size_t i = 0; i < part.arrays.size(); ++i) {
+    const FieldArray& a = part.arrays[i];
+    if (!canSetAside(a)) continue;
+    starts[i] = at;
+    if (a.encoded) {
+      for (const auto& chunk : a.encoded->chunks) pieces.emplace_back(chunk), at += chunk.size();
+      continue;
+    }
+    const std::size_t n = byteCount(*a.data);
+    a.data->copyOut(plain.data() + plainAt);
+    pieces.emplace_back(plain.data() + plainAt, n);
+    plainAt += n, at += n;
+  }
+  return pieces;
+}
+
 }  // namespace
 
 // A part's arrays go out in one write and come back in one read (with thousands of small
@@ -120,27 +148,11 @@ void FragmentSpill::setAside(OutputPart& part) {
     unavailable_ = !file_;
   }
   if (!file_) return;
-  std::size_t plainBytes = 0;
-  for (const FieldArray& a : part.arrays)
-    if (!a.encoded && canSetAside(a)) plainBytes += byteCount(*a.data);
-  plain_.resize(plainBytes);  // plain elements are copied out first: they may be strided
-  std::vector<std::span<const std::uint8_t>> pieces;
   std::vector<std::size_t> starts(part.arrays.size(), kInMemory);
-  std::size_t at = 0, plainAt = 0;
-  for (std::size_t i = 0; i < part.arrays.size(); ++i) {
-    const FieldArray& a = part.arrays[i];
-    if (!canSetAside(a)) continue;
-    starts[i] = at;
-    if (a.encoded) {
-      for (const auto& chunk : a.encoded->chunks) pieces.emplace_back(chunk), at += chunk.size();
-      continue;
-    }
-    const std::size_t n = byteCount(*a.data);
-    a.data->copyOut(plain_.data() + plainAt);
-    pieces.emplace_back(plain_.data() + plainAt, n);
-    plainAt += n, at += n;
-  }
-  if (at == 0) return;
+  const auto pieces = piecesToSetAside(part, plain_, starts);
+  std::size_t total = 0;
+  for (const auto& p : pieces) total += p.size();
+  if (total == 0) return;
   const std::int64_t offset = file_->appendPieces(pieces);
   if (offset < 0) return;  // a full disk: the part waits in memory
   for (std::size_t i = 0; i < part.arrays.size(); ++i)
