@@ -6,7 +6,9 @@
 // when a write fails, they stay in memory.
 #pragma once
 
+#include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "app/FragmentHandover.hpp"
 #include "tessal/Scratch.hpp"
@@ -23,6 +25,7 @@ class FragmentSpill {
  private:
   std::unique_ptr<Tessal::ScratchFile> file_;
   bool unavailable_ = false;
+  std::vector<std::uint8_t> plain_;  // plain elements on their way out, kept for the next part
 };
 
 }  // namespace quillo::cli

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,12 @@ class ScratchFile {
   // Reads `count` bytes written at `offset` into `out`; false with `error` saying why.
   virtual bool read(std::int64_t offset, std::size_t count, std::vector<std::uint8_t>& out,
                     std::string& error) const = 0;
+  // The same for bytes in several places: appended one after the other, read back into the
+  // pieces in turn. Saves the caller gathering them first (the folder's files read and write
+  // them in place; other files through append and read).
+  virtual std::int64_t appendPieces(const std::vector<std::span<const std::uint8_t>>& pieces);
+  virtual bool readPieces(std::int64_t offset, const std::vector<std::span<std::uint8_t>>& pieces,
+                          std::string& error) const;
 };
 
 // The folder for scratch files; by default the system's temporary folder. An empty path
