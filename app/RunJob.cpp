@@ -86,12 +86,11 @@ void checkOutDir(const std::string& outDir) {
   if (!fs::is_directory(outDir, ec)) throw CliError(kOutput, outDir + ": no such folder");
 }
 
-// Moves the outputs' mapping and saving time, spent inside stage `from` (none: beside the
-// other stages, on a thread of its own), to their own stages.
-void creditStreamingTime(const std::vector<StreamedOutput*>& outputs, const char* from,
+// Moves the outputs' mapping and saving time, spent inside stage `from`, to their own stages.
+void creditStreamingTime(const std::vector<StreamedOutput*>& outputs, const std::string& from,
                          RunSummary& summary) {
   for (StreamedOutput* o : outputs) {
-    if (from) summary.secondsPerStage[from] -= o->mapSeconds + o->saveSeconds;
+    summary.secondsPerStage[from] -= o->mapSeconds + o->saveSeconds;
     summary.secondsPerStage["map"] += std::exchange(o->mapSeconds, 0.0);
     summary.secondsPerStage["save"] += std::exchange(o->saveSeconds, 0.0);
   }
@@ -125,10 +124,11 @@ class RunRefinement {
     for (const std::string& name : names)
       for (StreamedOutput* o : outputs_) o->moveFragment(name);
   }
-  // Refines the last fragments and gives the saved grids the run's attributes; with its own
-  // saving, returns once every refined fragment is written.
+  // Refines the last fragments.
+  void refineLast() { advance(end_, true); }
+  // Gives the saved grids the run's attributes; with its own saving, once every refined
+  // fragment is written.
   void finish(RunSummary& summary) {
-    advance(end_, true);
     if (saving_) saving_->finish();
     for (StreamedOutput* o : outputs_) o->takeRunAttributes();
     const FullWaveform::RefinementSummary& r = refinement_->summary();
@@ -215,9 +215,14 @@ RunSummary runOne(const std::string& inputPath, const RunSettings& settings,
   if (refinement) {
     summary.secondsPerStage["run"] -= refinement->seconds;
     summary.secondsPerStage["refine"] += std::exchange(refinement->seconds, 0.0);
-    refinement->finish(summary);
+    refinement->refineLast();
     clock.lap("refine");
-    if (savedByRefinement) creditStreamingTime(outputs, nullptr, summary);
+    refinement->finish(summary);
+    if (savedByRefinement) {
+      // Saved beside the other stages: only the wait for the last writes adds to the run.
+      clock.lap("save");
+      for (StreamedOutput* o : outputs) o->mapSeconds = o->saveSeconds = 0.0;
+    }
   }
   if (!summary.result.empty()) return summary;
   for (StreamedOutput* o : outputs) summary.outputs.push_back(o->finish());
