@@ -323,7 +323,8 @@ bool writeInOrder(const ParallelRun& run, Range all, HandoverQueue& queue) {
       if (!run.outputs[k]) continue;
       if (!output->shifted) renumberPoints(output->parts[k], shift, run.streamed);
       putArrays(*run.outputs[k]->moduleGrid(), output->parts[k]);
-      run.outputs[k]->addCounts(output->parts[k].counts);
+      // Only encoded fragments were counted; the counts of refined ones are another thread's.
+      if (run.streamed) run.outputs[k]->addCounts(output->parts[k].counts);
     }
     nextPointId += output->points();
   }

@@ -11,6 +11,7 @@
 #include "app/MapPositions.hpp"
 #include "app/ParallelRun.hpp"
 #include "app/Progress.hpp"
+#include "app/RefinedSaving.hpp"
 #include "app/StreamedOutput.hpp"
 #include "app/WaveCounts.hpp"
 #include "refine/ZoneRefinement.hpp"
@@ -97,6 +98,8 @@ void creditStreamingTime(const std::vector<StreamedOutput*>& outputs, const std:
 
 // The refinement over a moving window, run as the module finishes fragments: each refined
 // fragment moves from the module's grid to the saved one and is written with the next report.
+// With several threads the refined fragments are saved on a thread of their own
+// (RefinedSaving), one pass per report as one thread writes them, while this one refines on.
 class RunRefinement {
  public:
   // The run covers fragments [first, end).
@@ -108,16 +111,25 @@ class RunRefinement {
     FullWaveform::RefineSettings settings;
     settings.threads = threads;  // judges the echoes on the run's threads; same result
     refinement_ = std::make_unique<FullWaveform::WindowedRefinement>(input, grids, first, settings);
+    if (threads > 1) saving_ = std::make_unique<RefinedSaving>(outputs);
   }
+  // Whether the refined fragments are written here (the run's progress then leaves the
+  // outputs alone).
+  bool savesItself() const { return saving_ != nullptr; }
   void advance(std::uint32_t finishedBelow, bool last = false) {
     const auto start = std::chrono::steady_clock::now();
-    for (const std::string& name : refinement_->advance(finishedBelow, last))
-      for (StreamedOutput* o : outputs_) o->moveFragment(name);
+    const std::vector<std::string> names = refinement_->advance(finishedBelow, last);
     seconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    if (saving_) return saving_->add(RefinedSaving::takeFragments(outputs_, names));
+    for (const std::string& name : names)
+      for (StreamedOutput* o : outputs_) o->moveFragment(name);
   }
-  // Refines the last fragments and gives the saved grids the run's attributes.
+  // Refines the last fragments.
+  void refineLast() { advance(end_, true); }
+  // Gives the saved grids the run's attributes; with its own saving, once every refined
+  // fragment is written.
   void finish(RunSummary& summary) {
-    advance(end_, true);
+    if (saving_) saving_->finish();
     for (StreamedOutput* o : outputs_) o->takeRunAttributes();
     const FullWaveform::RefinementSummary& r = refinement_->summary();
     summary.result = r.error;
@@ -131,6 +143,7 @@ class RunRefinement {
   std::vector<StreamedOutput*> outputs_;
   std::uint32_t end_;
   std::unique_ptr<FullWaveform::WindowedRefinement> refinement_;
+  std::unique_ptr<RefinedSaving> saving_;
 };
 
 }  // namespace
@@ -181,7 +194,9 @@ RunSummary runOne(const std::string& inputPath, const RunSettings& settings,
     refinement = std::make_unique<RunRefinement>(
         bundle, outputs, std::uint32_t(std::max<std::int32_t>(input.fragBegin, 0)), input.fragEnd,
         settings.threads);
-  auto sink = Vorlap::makeStrong<StreamingProgress>(bar, outputs, settings.threads < 2);
+  const bool savedByRefinement = refinement && refinement->savesItself();
+  auto sink = Vorlap::makeStrong<StreamingProgress>(
+      bar, savedByRefinement ? std::vector<StreamedOutput*>() : outputs, settings.threads < 2);
   if (refinement) sink->setBeforeWrite([&](unsigned current) { refinement->advance(current); });
   input.progress = Vorlap::WeakPtr<Vorlap::ProgressSink>(sink);
   if (settings.verbose) Vorlap::Console() << input.speak();
@@ -196,12 +211,18 @@ RunSummary runOne(const std::string& inputPath, const RunSettings& settings,
   bar->finish();
   clock.lap("run");
   if (!summary.result.empty()) return summary;  // the outputs' temporary files go with them
-  creditStreamingTime(outputs, "run", summary);
+  if (!savedByRefinement) creditStreamingTime(outputs, "run", summary);
   if (refinement) {
     summary.secondsPerStage["run"] -= refinement->seconds;
     summary.secondsPerStage["refine"] += std::exchange(refinement->seconds, 0.0);
-    refinement->finish(summary);
+    refinement->refineLast();
     clock.lap("refine");
+    refinement->finish(summary);
+    if (savedByRefinement) {
+      // Saved beside the other stages: only the wait for the last writes adds to the run.
+      clock.lap("save");
+      for (StreamedOutput* o : outputs) o->mapSeconds = o->saveSeconds = 0.0;
+    }
   }
   if (!summary.result.empty()) return summary;
   for (StreamedOutput* o : outputs) summary.outputs.push_back(o->finish());
