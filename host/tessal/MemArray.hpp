@@ -95,6 +95,48 @@ inline double componentOf(const Gemwold::PhysicalSpace::vector& v, unsigned c) {
   return c == 0 ? v.x : c == 1 ? v.y : v.z;
 }
 
+// Widens min[c] and max[c] to component c of the n elements at p, NaNs left out, with the
+// result of the one-by-one loop `if (v < min) min = v; if (max < v) max = v;`. Four lanes
+// break the loop's dependency chain; they can pick another zero of the two signs than that
+// loop would, so a range ending at zero is taken again one by one.
+template <class T>
+void widenContiguousRange(const T* p, std::size_t n, double* min, double* max) {
+  constexpr unsigned nc = std::is_arithmetic_v<T> ? 1 : 3;
+  constexpr unsigned lanes = 4;
+  for (unsigned c = 0; c < nc; ++c) {
+    double lo[lanes], hi[lanes];
+    std::fill(lo, lo + lanes, min[c]);
+    std::fill(hi, hi + lanes, max[c]);
+    std::size_t k = 0;
+    for (; k + lanes <= n; k += lanes)
+      for (unsigned l = 0; l < lanes; ++l) {
+        const double v = componentOf(p[k + l], c);
+        lo[l] = v < lo[l] ? v : lo[l];
+        hi[l] = hi[l] < v ? v : hi[l];
+      }
+    for (; k < n; ++k) {
+      const double v = componentOf(p[k], c);
+      lo[0] = v < lo[0] ? v : lo[0];
+      hi[0] = hi[0] < v ? v : hi[0];
+    }
+    double newMin = min[c], newMax = max[c];
+    for (unsigned l = 0; l < lanes; ++l) {
+      newMin = lo[l] < newMin ? lo[l] : newMin;
+      newMax = newMax < hi[l] ? hi[l] : newMax;
+    }
+    if (newMin == 0.0 || newMax == 0.0) {
+      for (k = 0; k < n; ++k) {
+        const double v = componentOf(p[k], c);
+        min[c] = v < min[c] ? v : min[c];
+        max[c] = max[c] < v ? v : max[c];
+      }
+      continue;
+    }
+    min[c] = newMin;
+    max[c] = newMax;
+  }
+}
+
 // Type-erased view of an array, for storage and generic readers.
 class MemBase : public Vorlap::Cacheable {
  public:
@@ -229,6 +271,7 @@ class MemArray final : public MemBase {
       max[0] = std::max(max[0], double(hi));
       return;
     }
+    if (const T* p = contiguousData()) return widenContiguousRange(p, n, min, max);
     for (std::size_t k = 0; k < n; ++k) {
       const T value = get(k);
       for (unsigned c = 0; c < nc; ++c) {

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cmath>
 #include <limits>
+#include <random>
 #include <thread>
 
 #include "support/Arrays.hpp"
@@ -227,6 +228,38 @@ TEST(Field, FragmentRangesSkipNaNsPerComponent) {
   computed.widenRange(lo.data(), hi.data());
   EXPECT_EQ(lo[0], 0.0);
   EXPECT_EQ(hi[0], 30.0);
+}
+
+// Contiguous arrays take a loop of four lanes: it must give the one-by-one loop's range to the
+// bit, including which zero ends a range that holds both signs and where NaNs fall.
+TEST(Field, ContiguousRangesMatchTheOneByOneLoop) {
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  using Gemwold::PhysicalSpace::point;
+  auto oneByOne = [](const std::vector<point>& values, unsigned c, double lo, double hi) {
+    for (const point& p : values) {
+      const double v = Tessal::componentOf(p, c);
+      if (std::isnan(v)) continue;
+      lo = std::min(lo, v), hi = std::max(hi, v);
+    }
+    return std::pair{lo, hi};
+  };
+  std::mt19937 random(7);
+  const std::vector<double> pool{0.0, -0.0, 1.5, -2.25, nan, 3.0, -0.0, 0.0};
+  for (std::size_t n = 0; n < 14; ++n)
+    for (int trial = 0; trial < 40; ++trial) {
+      std::vector<point> values(n);
+      for (point& p : values) p = {pool[random() % 8], pool[random() % 4], pool[random() % 8]};
+      const double start = trial % 3 == 0 ? 0.0 : INFINITY;
+      std::vector<double> lo(3, start), hi(3, -start);
+      Tessal::widenContiguousRange(values.data(), n, lo.data(), hi.data());
+      for (unsigned c = 0; c < 3; ++c) {
+        const auto [wantLo, wantHi] = oneByOne(values, c, start, -start);
+        ASSERT_EQ(lo[c], wantLo) << n << " " << trial << " " << c;
+        ASSERT_EQ(std::signbit(lo[c]), std::signbit(wantLo)) << n << " " << trial << " " << c;
+        ASSERT_EQ(hi[c], wantHi) << n << " " << trial << " " << c;
+        ASSERT_EQ(std::signbit(hi[c]), std::signbit(wantHi)) << n << " " << trial << " " << c;
+      }
+    }
 }
 
 TEST(Field, LookUpsAndChangesStayExactOverThousandsOfFragments) {
