@@ -6,10 +6,11 @@
 // But where one surface's echoes at one place, in one channel, return alike, dust's strength
 // is its own (its reflectivity and its true range, a zone or more nearer). An echo is noise
 // where its own scan line at its scan angle holds echoes of its channel, almost none of them
-// within the settings' ratio of its amplitude either way, and where the echoes placed near it
-// in its own and the neighbouring lines return alike, almost none of them within that ratio
-// of it, and it lies far outside their spread. Where a surface's amplitudes vary (a rough
-// canopy, a mixed place), their spread is wide or some match it, and it stays.
+// (in that line and the neighbouring ones) within the settings' ratio of its amplitude either
+// way, and where the echoes placed near it return alike and it lies far outside their
+// spread; in both channels where it was recorded in both. Where a surface's amplitudes vary
+// (a rough canopy, two kinds of trees, a roof's edge), their spread is wide or some match
+// it, and it stays.
 #include <algorithm>
 #include <cmath>
 #include <vector>
@@ -21,10 +22,11 @@ namespace FullWaveform::surface_fit {
 
 namespace {
 // Fewer echoes of its channel beside it in its own line, or placed near it: cannot tell.
-constexpr int kMinInLine = 6;
+constexpr int kMinInLine = 5;
 constexpr int kMinNear = 4;
-// Echoes of its own line within the ratio that bear it out: other dust or birds match it
-// now and then, a surface's echoes by the dozen.
+// Echoes of its own line, or placed near it, within the ratio that bear it out: other dust
+// or birds match it now and then, a surface's echoes (a second surface at the place: a roof's
+// edge, a field's) by the dozen.
 constexpr int kMatchesInLine = 3;
 // Of four echoes placed near it, fewer than this many may match it.
 constexpr int kMatchedOutOfFour = 1;
@@ -35,9 +37,10 @@ constexpr double kAlikeShare = 0.75;
 // median) an echo must lie: a rough canopy's few neighbours can look alike by chance.
 constexpr double kSpreads = 8.0;
 // Echoes either side in recording order where its other channel's record is sought, and how
-// near along the beam (m) that record lies: one arrival reported twice.
+// near along the beam (m) that record lies: one arrival reported twice (a faint echo's peak
+// in the low-gain channel lies a few centimetres off the high-gain one's).
 constexpr std::size_t kTwinReach = 8;
-constexpr double kSameArrival = 0.05;
+constexpr double kSameArrival = 1.0;
 // Pairs recorded in both channels that tell which channel has the lower gain.
 constexpr std::size_t kGainPairs = 101;
 
@@ -91,9 +94,9 @@ void Refiner::tallyMatches(std::size_t cellLo, std::size_t cellHi, std::uint8_t 
   }
 }
 
-// Whether echo i's amplitude matches almost none of its own line's echoes of its channel at
-// its scan angle (the bin and its two neighbours) nor of those placed near it, which return
-// alike.
+// Whether echo i's amplitude matches almost none of the echoes of its channel at its scan
+// angle (the bin and its two neighbours) in its own line and the neighbouring ones, nor of
+// those placed near it, which return alike.
 bool Refiner::unmatched(std::size_t i) const {
   const float amplitude = echoes_[i].amplitude;
   const std::uint8_t channel = echoes_[i].channel;
@@ -109,15 +112,27 @@ bool Refiner::unmatched(std::size_t i) const {
   MatchTally own;
   tallyMatches(row(line) + lo, row(line) + hi, channel, e, nullptr, low, high, kMatchesInLine, own);
   if (own.seen < kMinInLine || own.matched >= kMatchesInLine) return false;
+  // Then the neighbouring lines at its scan angle: a second kind of surface at the place (a
+  // few trees of another kind, a roof's edge) has its matches there.
+  const auto lines = std::int64_t(cells_.lineOrigin.size());
+  const double far = settings_.farLineDistance * settings_.farLineDistance;
+  const auto eachLine = [&](auto&& tally) {
+    for (std::int64_t l = std::max<std::int64_t>(0, line - settings_.neighbourLines);
+         l <= std::min(lines - 1, line + settings_.neighbourLines); ++l)
+      if (squared(cells_.lineOrigin[std::size_t(l)], cells_.lineOrigin[std::size_t(line)]) <= far)
+        tally(row(l) + lo, row(l) + hi);
+  };
+  MatchTally wide;
+  eachLine([&](std::size_t from, std::size_t to) {
+    tallyMatches(from, to, channel, e, nullptr, low, high, kMatchesInLine, wide);
+  });
+  if (wide.matched >= kMatchesInLine) return false;
   const point p = positionOf(i);
   std::vector<float> amplitudes;
   MatchTally around{0, 0, &amplitudes};
-  const auto lines = std::int64_t(cells_.lineOrigin.size());
-  const double far = settings_.farLineDistance * settings_.farLineDistance;
-  for (std::int64_t l = std::max<std::int64_t>(0, line - settings_.neighbourLines);
-       l <= std::min(lines - 1, line + settings_.neighbourLines); ++l)
-    if (squared(cells_.lineOrigin[std::size_t(l)], cells_.lineOrigin[std::size_t(line)]) <= far)
-      tallyMatches(row(l) + lo, row(l) + hi, channel, e, &p, low, high, 1 << 30, around);
+  eachLine([&](std::size_t from, std::size_t to) {
+    tallyMatches(from, to, channel, e, &p, low, high, 1 << 30, around);
+  });
   if (around.seen >= kMinNear)
     return around.matched * 4 < kMatchedOutOfFour * around.seen &&
            beyondSpread(amplitudes, amplitude) && returnAlike(amplitudes, ratio);
