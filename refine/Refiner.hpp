@@ -233,7 +233,8 @@ class Refiner {
   double channelGainRatio(std::size_t enough = SIZE_MAX) const;
   // Unmatched amplitudes (UnmatchedAmplitudes.cpp): unlike every echo of the surface around.
   void markUnmatchedEchoes(std::vector<std::uint8_t>& noise) const;
-  bool unmatched(std::size_t i) const;
+  bool unmatched(std::size_t i, const LargeVector<float>& typical) const;
+  void typicalPerCell(LargeVector<float>& typical) const;
   std::int64_t otherChannelOf(std::size_t i) const;
   void tallyMatches(std::size_t cellLo, std::size_t cellHi, std::uint8_t channel,
                     std::uint32_t emitter, const point* p, float low, float high, int enough,

@@ -41,6 +41,10 @@ constexpr double kSpreads = 8.0;
 // in the low-gain channel lies a few centimetres off the high-gain one's).
 constexpr std::size_t kTwinReach = 8;
 constexpr double kSameArrival = 1.0;
+// Channels whose typical amplitude per cell is kept (the scanners' two), and the echoes of a
+// channel a cell must hold for it.
+constexpr std::size_t kTypicalChannels = 2;
+constexpr std::size_t kMinTypical = 3;
 // Pairs recorded in both channels that tell which channel has the lower gain.
 constexpr std::size_t kGainPairs = 101;
 
@@ -94,10 +98,34 @@ void Refiner::tallyMatches(std::size_t cellLo, std::size_t cellHi, std::uint8_t 
   }
 }
 
+// The median amplitude of each cell's neighbours in channels 0 and 1 (0: fewer than
+// kMinTypical): an echo within the ratio of its own line's typical amplitude at its scan
+// angle matches that surface, and the search for its matches is spared.
+void Refiner::typicalPerCell(LargeVector<float>& typical) const {
+  const std::size_t cells = placed_.start.size() - 1;
+  typical.assign(kTypicalChannels * cells, 0.0f);
+  std::vector<float> amplitudes[kTypicalChannels];
+  for (std::size_t c = 0; c < cells; ++c) {
+    for (auto& a : amplitudes) a.clear();
+    for (std::uint32_t k = placed_.start[c]; k < placed_.start[c + 1]; ++k) {
+      const RefineEcho& e = echoes_[placed_.members[k].echo];
+      if (e.channel < kTypicalChannels && e.amplitude > 0.0f)
+        amplitudes[e.channel].push_back(e.amplitude);
+    }
+    for (std::size_t ch = 0; ch < kTypicalChannels; ++ch) {
+      std::vector<float>& a = amplitudes[ch];
+      if (a.size() < kMinTypical) continue;
+      const auto middle = a.begin() + std::ptrdiff_t(a.size() / 2);
+      std::nth_element(a.begin(), middle, a.end());
+      typical[kTypicalChannels * c + ch] = *middle;
+    }
+  }
+}
+
 // Whether echo i's amplitude matches almost none of the echoes of its channel at its scan
 // angle (the bin and its two neighbours) in its own line and the neighbouring ones, nor of
 // those placed near it, which return alike.
-bool Refiner::unmatched(std::size_t i) const {
+bool Refiner::unmatched(std::size_t i, const LargeVector<float>& typical) const {
   const float amplitude = echoes_[i].amplitude;
   const std::uint8_t channel = echoes_[i].channel;
   if (!(amplitude > 0.0f)) return false;
@@ -108,6 +136,11 @@ bool Refiner::unmatched(std::size_t i) const {
   const auto row = [&](std::int64_t line) { return std::size_t(line) * std::size_t(last + 1); };
   const std::size_t lo = std::size_t(std::max(at - 1, 0)), hi = std::size_t(std::min(at + 1, last));
   const std::int64_t line = cells_.line[e];
+  if (channel < kTypicalChannels)
+    for (std::size_t c = row(line) + lo; c <= row(line) + hi; ++c) {
+      const float t = typical[kTypicalChannels * c + channel];
+      if (t >= low && t <= high) return false;
+    }
   // Its own line first: no placement test, and a surface's echo finds its matches at once.
   MatchTally own;
   tallyMatches(row(line) + lo, row(line) + hi, channel, e, nullptr, low, high, kMatchesInLine, own);
@@ -168,11 +201,13 @@ std::int64_t Refiner::otherChannelOf(std::size_t i) const {
 void Refiner::markUnmatchedEchoes(std::vector<std::uint8_t>& noise) const {
   const std::size_t n = echoes_.size();
   std::vector<std::uint8_t> odd(n, 0);
+  LargeVector<float> typical;
+  typicalPerCell(typical);
   forEachChunk(n, chunkCount(n), settings_.threads,
                [&](std::size_t, std::size_t lo, std::size_t hi) {
                  for (std::size_t i = std::max(lo, settled_); i < hi; ++i)
                    if (active(i) && !noise[i] && (onLineEnd_.empty() || !onLineEnd_[i]))
-                     odd[i] = unmatched(i);
+                     odd[i] = unmatched(i, typical);
                });
   // Channel 0's gain per channel 1's (0: unknown; no echo alone in its channel is read). Only
   // which one is the lower is asked: a few pairs tell.
