@@ -417,6 +417,8 @@ int main(int argc, char** argv) {
         settings.acrossChannels = value != 0.0;
       else if (name == "brightRatio")
         settings.brightRatio = value;
+      else if (name == "matchRatio")
+        settings.matchRatio = value;
       else if (name == "runMinEchoes")
         settings.runMinEchoes = int(value);
       else if (name == "runShotReach")

@@ -19,12 +19,12 @@ constexpr double kSameArrival = 0.05;  // m along the beam: one echo reported tw
 constexpr std::size_t kMinPairs = 50;  // fewer: the ratio is unknown
 }  // namespace
 
-double Refiner::channelGainRatio() const {
+double Refiner::channelGainRatio(std::size_t enough) const {
   std::vector<double> ratios;
   const std::size_t n = byShot_.size();
   const double sameArrival = kSameArrival / shots_.lightSpeed;
   // The echoes of one emitting shot follow each other there.
-  for (std::size_t k = 0; k < n; ++k) {
+  for (std::size_t k = 0; k < n && ratios.size() < enough; ++k) {
     const RefineEcho& a = echoes_[byShot_[k]];
     if (a.channel > 1 || !(a.amplitude > 0.0f)) continue;
     for (std::size_t j = k + 1; j < std::min(n, k + 1 + kPartnerReach); ++j) {

@@ -252,6 +252,7 @@ void Refiner::markNoise() {
       });
   if (settings_.secondEchoMax > 0.0) markSecondEchoes(unfit);
   if (settings_.brightRatio > 0.0) markBrightEchoes(unfit);
+  if (settings_.matchRatio > 1.0) markUnmatchedEchoes(unfit);
   for (std::size_t i = 0; i < n; ++i) {
     const bool moved = result_.zone[i] != echoes_[i].zone;
     result_.flag[i] = std::uint8_t((moved ? kMovedZone : 0) | (unfit[i] ? kMarkedNoise : 0));

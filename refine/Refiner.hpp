@@ -88,6 +88,7 @@ inline std::uint32_t lineBit(int side, int k) {
 }
 
 struct AmplitudeTally;  // BrightEchoes.cpp
+struct MatchTally;      // UnmatchedAmplitudes.cpp
 
 // A stretch along a beam (m from the shot's origin).
 struct AlongSpan {
@@ -228,7 +229,16 @@ class Refiner {
   void tallyAmplitudes(std::size_t cellLo, std::size_t cellHi, std::uint8_t channel,
                        std::uint32_t emitter, const point* p, double limit,
                        AmplitudeTally& tally) const;
-  double channelGainRatio() const;  // ChannelGains.cpp
+  // ChannelGains.cpp; from the first `enough` pairs where fewer than all will do.
+  double channelGainRatio(std::size_t enough = SIZE_MAX) const;
+  // Unmatched amplitudes (UnmatchedAmplitudes.cpp): unlike every echo of the surface around.
+  void markUnmatchedEchoes(std::vector<std::uint8_t>& noise) const;
+  bool unmatched(std::size_t i, const LargeVector<float>& typical) const;
+  void typicalPerCell(LargeVector<float>& typical) const;
+  std::int64_t otherChannelOf(std::size_t i) const;
+  void tallyMatches(std::size_t cellLo, std::size_t cellHi, std::uint8_t channel,
+                    std::uint32_t emitter, const point* p, float low, float high, int enough,
+                    MatchTally& tally) const;
   int linesBeyond(double share) const;
   std::pair<int, int> candidateZones(int z) const;
   int supportOf(std::size_t self, std::uint32_t emitter, const point& p) const;

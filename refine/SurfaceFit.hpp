@@ -109,6 +109,10 @@ struct RefineSettings {
   // ... and where its line holds no echo of its channel there, of the other channel's, at
   // the ratio of the channels' gains that echoes recorded in both give (ChannelGains.cpp).
   bool acrossChannels = true;
+  // Unmatched amplitudes (refine/UnmatchedAmplitudes.cpp): an echo whose amplitude is within
+  // this ratio, either way, of almost none of the echoes of its channel in its own scan line
+  // at its scan angle and placed near it is noise (at most 1: never).
+  double matchRatio = 1.4;
   // Along-line runs (refine/AlongLineRuns.cpp): an echo whose range does not continue its
   // line moves to the zone in which it and at least `runMinEchoes` echoes recorded within
   // `runShotReach` shots of each other continue their line to `runTolerance` (0: never).
