@@ -70,39 +70,38 @@ Refiner::AlongLine Refiner::nextAlongLine(std::size_t k, const AlongLine& previo
   return span;
 }
 
-// The first kRunSamples of the echoes along the line emitted in `line` under `zone` (-1:
-// each its current zone): the nearer before first, then those after.
-int Refiner::alongLineSamples(const AlongLine& span, int zone, std::uint32_t line,
-                              Sample* out) const {
+// Places the echoes [lo, hi) (recording order) under `zone` (-1: each in its current zone)
+// into out[0, hi - lo).
+void Refiner::placeAlongLine(std::size_t lo, std::size_t hi, int zone, AlongPlacement* out) const {
   const std::int64_t lastShot = std::int64_t(shots_.time.size());
-  int count = 0;
-  const auto take = [&](std::size_t j) {
-    const std::int64_t shot = zone < 0 ? inRecord_.emitter[j] : inRecord_.record[j] - zone;
-    if (shot < 0 || shot >= lastShot || cells_.line[std::size_t(shot)] != line) return false;
+  for (std::size_t j = lo; j < hi; ++j) {
+    AlongPlacement& at = out[j - lo];
+    at.shot = zone < 0 ? inRecord_.emitter[j] : inRecord_.record[j] - zone;
+    at.line = AlongPlacement::kNotPlaced;
+    if (at.shot < 0 || at.shot >= lastShot) continue;
     const double oneWay =
-        oneWayTimeFrom(inRecord_.oneWay[j], inRecord_.emitTime[j], shots_.time[shot]);
-    if (oneWay > kNearRangeLimit) out[count++] = {shot, oneWay * shots_.lightSpeed};
-    return count == kRunSamples;
-  };
-  for (std::size_t j = span.own; j-- > span.before;)
-    if (take(j)) return count;
-  for (std::size_t j = span.after; j < span.end; ++j)
-    if (take(j)) return count;
-  return count;
+        oneWayTimeFrom(inRecord_.oneWay[j], inRecord_.emitTime[j], shots_.time[at.shot]);
+    if (!(oneWay > kNearRangeLimit)) continue;
+    at.range = oneWay * shots_.lightSpeed;
+    at.line = cells_.line[std::size_t(at.shot)];
+  }
 }
 
-// Whether echo k (in recording order) continues the echoes along its line (`span`) with
-// every echo in `zone` (-1: each in its current zone).
-bool Refiner::smoothAlongLine(std::size_t k, int zone, const AlongLine& span) const {
-  const std::int64_t shot = zone < 0 ? inRecord_.emitter[k] : inRecord_.record[k] - zone;
-  if (shot < 0 || shot >= std::int64_t(shots_.time.size())) return false;
-  const double oneWay =
-      oneWayTimeFrom(inRecord_.oneWay[k], inRecord_.emitTime[k], shots_.time[shot]);
-  if (!(oneWay > kNearRangeLimit)) return false;
+// Whether echo k (in recording order) continues the echoes along its line (`span`), all
+// placed under one assignment of zones (`placed[j - base]` for echo j): the first kRunSamples
+// of them in its line, the nearer before first, then those after.
+bool Refiner::smoothAlongLine(std::size_t k, const AlongLine& span, const AlongPlacement* placed,
+                              std::size_t base, double tolerance, int pairs) {
+  const AlongPlacement& self = placed[k - base];
+  if (self.line == AlongPlacement::kNotPlaced) return false;
   Sample others[kRunSamples];
-  const int count = alongLineSamples(span, zone, cells_.line[std::size_t(shot)], others);
-  return continues({shot, oneWay * shots_.lightSpeed}, others, count, settings_.runTolerance,
-                   settings_.runPairs);
+  int count = 0;
+  const auto take = [&](const AlongPlacement& at) {
+    if (at.line == self.line) others[count++] = {at.shot, at.range};
+  };
+  for (std::size_t j = span.own; j-- > span.before && count < kRunSamples;) take(placed[j - base]);
+  for (std::size_t j = span.after; j < span.end && count < kRunSamples; ++j) take(placed[j - base]);
+  return continues({self.shot, self.range}, others, count, tolerance, pairs);
 }
 
 // The echoes (a prefix of the recording order) that share no run with an echo still to be
@@ -133,14 +132,35 @@ void Refiner::smoothZones(std::vector<std::uint32_t>& zones) const {
   zones.assign(n, 0);
   forEachChunk(n - first, chunkCount(n - first), settings_.threads,
                [&](std::size_t, std::size_t lo, std::size_t hi) {
-                 AlongLine span{};
-                 for (std::size_t k = first + lo; k < first + hi; ++k) {
-                   span = k == first + lo ? alongLineOf(k) : nextAlongLine(k, span);
-                   if (smoothAlongLine(k, -1, span)) continue;
-                   for (int z = 0; z <= std::min(maxZone_, 31); ++z)
-                     if (smoothAlongLine(k, z, span)) zones[k] |= 1u << z;
-                 }
+                 smoothZonesOf(first + lo, first + hi, zones);
                });
+}
+
+// The same for the echoes [lo, hi). Every echo within their reach is placed once per
+// assignment of zones (each echo is a sample of the echoes around it), then the echoes rough
+// in their current zones are tested in every zone.
+void Refiner::smoothZonesOf(std::size_t lo, std::size_t hi,
+                            std::vector<std::uint32_t>& zones) const {
+  if (lo >= hi) return;
+  const std::size_t reachLo = alongLineOf(lo).before, reachHi = alongLineOf(hi - 1).end;
+  std::vector<AlongPlacement> placed(reachHi - reachLo);
+  const double tolerance = settings_.runTolerance;
+  const int pairs = settings_.runPairs;
+  std::vector<std::pair<std::size_t, AlongLine>> rough;
+  placeAlongLine(reachLo, reachHi, -1, placed.data());
+  AlongLine span{};
+  for (std::size_t k = lo; k < hi; ++k) {
+    span = k == lo ? alongLineOf(k) : nextAlongLine(k, span);
+    if (!smoothAlongLine(k, span, placed.data(), reachLo, tolerance, pairs))
+      rough.emplace_back(k, span);
+  }
+  if (rough.empty()) return;
+  for (int z = 0; z <= std::min(maxZone_, 31); ++z) {
+    placeAlongLine(reachLo, reachHi, z, placed.data());
+    for (const auto& [k, roughSpan] : rough)
+      if (smoothAlongLine(k, roughSpan, placed.data(), reachLo, tolerance, pairs))
+        zones[k] |= 1u << z;
+  }
 }
 
 // The active echoes in recording order, with what the along-line tests read of each.

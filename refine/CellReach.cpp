@@ -18,13 +18,14 @@ void Refiner::boundCells(std::size_t cellLo, std::size_t cellHi) {
     const Neighbour* end = placed_.members.data() + placed_.start[c + 1];
     CellReach r;
     if (m != end) r.origin = shots_.origin[m->emitter], r.direction = shots_.direction[m->emitter];
+    // The root of the largest square: the largest root (roots keep the order), one root a cell.
     for (; m != end; ++m) {
-      r.originRadius =
-          std::max(r.originRadius, std::sqrt(squared(shots_.origin[m->emitter], r.origin)));
-      r.directionRadius = std::max(r.directionRadius,
-                                   std::sqrt(squared(shots_.direction[m->emitter], r.direction)));
+      r.originRadius = std::max(r.originRadius, squared(shots_.origin[m->emitter], r.origin));
+      r.directionRadius =
+          std::max(r.directionRadius, squared(shots_.direction[m->emitter], r.direction));
       r.reach = std::max(r.reach, m->reach);
     }
+    r.originRadius = std::sqrt(r.originRadius), r.directionRadius = std::sqrt(r.directionRadius);
     placed_.reach[c] = r;
   }
 }

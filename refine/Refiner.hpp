@@ -31,6 +31,16 @@ struct RunSample {
   double range;
 };
 
+// An echo under one assignment of zones as the along-line test reads it: its emitting shot,
+// that shot's scan line (kNotPlaced where the shot is not in the table or the echo would be
+// nearer than the run accepts) and its range.
+struct AlongPlacement {
+  static constexpr std::uint32_t kNotPlaced = 0xffffffffu;
+  std::int64_t shot;
+  double range;
+  std::uint32_t line;
+};
+
 // An echo at one shot it may come from (line-end fans).
 struct FanSample {
   std::int64_t shot;
@@ -202,8 +212,10 @@ class Refiner {
   };
   AlongLine alongLineOf(std::size_t k) const;
   AlongLine nextAlongLine(std::size_t k, const AlongLine& previous) const;
-  bool smoothAlongLine(std::size_t k, int zone, const AlongLine& span) const;
-  int alongLineSamples(const AlongLine& span, int zone, std::uint32_t line, RunSample* out) const;
+  void placeAlongLine(std::size_t lo, std::size_t hi, int zone, AlongPlacement* out) const;
+  static bool smoothAlongLine(std::size_t k, const AlongLine& span, const AlongPlacement* placed,
+                              std::size_t base, double tolerance, int pairs);
+  void smoothZonesOf(std::size_t lo, std::size_t hi, std::vector<std::uint32_t>& zones) const;
   void fillCells();
   void updateCells(std::vector<CellMove>& moved);
   bool unchangedSinceJudged(std::size_t i) const;

@@ -325,6 +325,20 @@ TEST(SurfaceFit, BirdsAreNoiseAndKeepTheirZone) {
   EXPECT_EQ(r.moved, 0u);
 }
 
+TEST(SurfaceFit, AFlockBehindTheGroundEchoesOfTheSameAngleIsFound) {
+  // A bird among a flock in the lines either side, three shots on from its scan angle: the
+  // echoes of those lines nearest its angle are ground, 200 m below, and the flock lies
+  // behind them in the cells. Found, the bird is on a surface; a flock 4 m farther is not.
+  for (const double flockRange : {300.0, 304.0}) {
+    Scan scan(kFlat, 12, 1500);
+    const std::size_t bird = scan.addEcho(6 * 1500 + 750, 300.0);
+    for (const int line : {4, 5, 7, 8}) scan.addEcho(std::uint32_t(line * 1500 + 753), flockRange);
+    const RefineResult r = refineEchoZones(scan.shots, scan.echoes);
+    EXPECT_EQ(r.flag[bird], flockRange == 300.0 ? kUntouched : kMarkedNoise) << flockRange;
+    EXPECT_EQ(r.zone[bird], scan.trueZone[bird]);
+  }
+}
+
 TEST(SurfaceFit, BirdsThatFitEachOtherByChanceAreNoise) {
   // Two birds two lines apart at the same scan angle and range fit each other's line: their
   // zone fits one line of eight, but nothing of their own lines lies near them.
