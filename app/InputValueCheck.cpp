@@ -29,10 +29,21 @@ constexpr std::size_t kStepSampling = 16;
 
 class Tally {
  public:
+  Tally() = default;
+  Tally(Tally&&) = default;  // the entries stay where they are, and with them last_
+  Tally& operator=(Tally&&) = default;
+
   void note(const std::string& where, const std::string& what, const std::string& fix,
             std::uint32_t fragment, std::size_t element, Severity severity = Severity::Error) {
+    // A fault mostly repeats along an array: comparing with the last one spares building the
+    // key and looking it up for every element.
+    if (last_ && last_->where == where && last_->what == what) {
+      ++last_->count;
+      return;
+    }
     Entry& e = entries_[where + "\n" + what];
     if (e.count++ == 0) e = {severity, where, what, fix, 1, fragment, element};
+    last_ = &e;
   }
   // Adds the findings of later fragments: counts add up, the first place stays the earlier.
   void join(const Tally& later) {
@@ -58,6 +69,7 @@ class Tally {
     std::size_t element = 0;
   };
   std::map<std::string, Entry> entries_;
+  Entry* last_ = nullptr;  // std::map keeps its entries in place
 };
 
 // The lowest and highest beam origin as a walk through the shots in order finds them with
@@ -119,6 +131,16 @@ Vorlap::StrongPtr<A> fetch(const Vorlap::StrongPtr<Tessal::Grid>& grid, const ch
 }
 
 using Doubles = Tessal::MemArray<1, double>;
+
+// The array's elements as one block: its own storage when it is one (as decoded arrays are),
+// else a copy in `scratch`. A get() per element checks for an accessor and a stride each time.
+template <class T>
+const T* elementsOf(const Tessal::MemArray<1, T>& a, std::vector<T>& scratch) {
+  if (const T* v = a.contiguousData()) return v;
+  scratch.resize(a.size());
+  a.copyOut(scratch.data());
+  return scratch.data();
+}
 
 // Whether sorted shot times hold a record's time. Records come in time order, mostly a few
 // shots apart: looking just ahead of the last match spares a search over the fragment for
@@ -190,10 +212,11 @@ class ValueCheck {
 
   void shots(std::uint32_t f);
   void shotGeometry(std::uint32_t f);
-  void recordTimes(const Vorlap::StrongPtr<Tessal::Grid>& grid, const char* gridName,
-                   std::uint32_t f);
+  Vorlap::StrongPtr<Doubles> recordTimes(const Vorlap::StrongPtr<Tessal::Grid>& grid,
+                                         const char* gridName, std::uint32_t f);
   void waveforms(std::uint32_t f);
-  void samples(std::uint32_t f, const Tessal::MemArray<1, std::uint16_t>& lengths);
+  void samples(std::uint32_t f, const Tessal::MemArray<1, std::uint16_t>& lengths,
+               Vorlap::StrongPtr<Doubles> rowTimes);
   void online(std::uint32_t f);
 
   const InputGrids& grids_;
@@ -210,23 +233,28 @@ void ValueCheck::shots(std::uint32_t f) {
   auto times = fetch<Doubles>(grids_.shots, kGPSTime, f);
   if (!times) return unreadable(kShotsGrid, kGPSTime, f);
   const std::string where = fieldPlace(kShotsGrid, kGPSTime);
+  std::vector<double> scratch;
+  const double* values = elementsOf(*times, scratch);
+  shotTimes_.reserve(times->size());
+  bool sorted = true;
   for (std::size_t i = 0; i < times->size(); ++i) {
-    const double t = times->get(i);
+    const double t = values[i];
     if (!std::isfinite(t)) {
       tally_.note(where, "holds a time that is not finite", "give every shot its GPS time", f, i);
       continue;
     }
     if (!found_.firstShotTime) found_.firstShotTime = t;
-    if (!(t > lastShotTime_))
+    if (!(t > lastShotTime_)) {
       tally_.note(where, "is not strictly increasing (within and across fragments)",
                   "sort the shots by time; drop repeated shots", f, i);
-    else if (!shotTimes_.empty() && shotTimes_.size() % kStepSampling == 0)
+      // Only here can t fall below the last kept time: lastShotTime_ is the latest of them.
+      sorted = sorted && !(shotTimes_.size() && t < shotTimes_.back());
+    } else if (!shotTimes_.empty() && shotTimes_.size() % kStepSampling == 0)
       found_.shotSteps.push_back(t - lastShotTime_);
     lastShotTime_ = std::max(lastShotTime_, t);
     shotTimes_.push_back(t);
   }
-  if (!std::is_sorted(shotTimes_.begin(), shotTimes_.end()))
-    std::sort(shotTimes_.begin(), shotTimes_.end());
+  if (!sorted) std::sort(shotTimes_.begin(), shotTimes_.end());
   shotGeometry(f);
 }
 
@@ -235,55 +263,71 @@ void ValueCheck::shotGeometry(std::uint32_t f) {
   auto directions = fetch<Tessal::MemArray<1, vector>>(grids_.shots, kDirectionDelta, f);
   if (!origins) return unreadable(kShotsGrid, kPositions, f);
   if (!directions) return unreadable(kShotsGrid, kDirectionDelta, f);
+  std::vector<point> pointScratch;
+  const point* points = elementsOf(*origins, pointScratch);
+  const std::string originsPlace = fieldPlace(kShotsGrid, kPositions);
   for (std::size_t i = 0; i < origins->size(); ++i) {
-    const point p = origins->get(i);
+    const point p = points[i];
     if (!finitePoint(p)) {
-      tally_.note(fieldPlace(kShotsGrid, kPositions), "holds a point that is not finite",
+      tally_.note(originsPlace, "holds a point that is not finite",
                   "give every shot its beam origin", f, i);
       continue;
     }
     found_.heights.add(height(toMap_, p));
   }
+  std::vector<vector> vectorScratch;
+  const vector* vectors = elementsOf(*directions, vectorScratch);
+  const std::string directionsPlace = fieldPlace(kShotsGrid, kDirectionDelta);
   for (std::size_t i = 0; i < directions->size(); ++i) {
-    const vector d = directions->get(i);
+    const vector d = vectors[i];
     const double length = std::sqrt(d.x * d.x + d.y * d.y + d.z * d.z);
     if (!(std::abs(length - 1.0) <= kUnitTolerance))
-      tally_.note(fieldPlace(kShotsGrid, kDirectionDelta),
-                  "holds a direction that is not of unit length",
+      tally_.note(directionsPlace, "holds a direction that is not of unit length",
                   "divide each direction by its length", f, i);
   }
 }
 
 // The module finds a record's recording shot by the exact time: any other time is no shot.
-void ValueCheck::recordTimes(const Vorlap::StrongPtr<Tessal::Grid>& grid, const char* gridName,
-                             std::uint32_t f) {
+// Returns the times read, or nullptr when they cannot be read.
+Vorlap::StrongPtr<Doubles> ValueCheck::recordTimes(const Vorlap::StrongPtr<Tessal::Grid>& grid,
+                                                   const char* gridName, std::uint32_t f) {
   auto times = fetch<Doubles>(grid, kGPSTime, f);
-  if (!times) return unreadable(gridName, kGPSTime, f);
+  if (!times) {
+    unreadable(gridName, kGPSTime, f);
+    return nullptr;
+  }
+  std::vector<double> scratch;
+  const double* values = elementsOf(*times, scratch);
+  const std::string where = fieldPlace(gridName, kGPSTime);
   ShotCursor shots(shotTimes_);
   for (std::size_t i = 0; i < times->size(); ++i)
-    if (!shots.holds(times->get(i)))
-      tally_.note(fieldPlace(gridName, kGPSTime),
-                  "holds a time that is no shot time of the same fragment",
+    if (!shots.holds(values[i]))
+      tally_.note(where, "holds a time that is no shot time of the same fragment",
                   "give each record the exact GPSTime of the shot after which it was recorded, "
                   "and keep it in that shot's fragment",
                   f, i);
+  return times;
 }
 
 void ValueCheck::waveforms(std::uint32_t f) {
-  recordTimes(grids_.waveforms, kWaveformsGrid, f);
+  auto rowTimes = recordTimes(grids_.waveforms, kWaveformsGrid, f);
   auto lengths = fetch<Tessal::MemArray<1, std::uint16_t>>(grids_.waveforms, kFWFLength, f);
   auto sampleTimes = fetch<Doubles>(grids_.waveforms, kSBLTime, f);
   if (!lengths) return unreadable(kWaveformsGrid, kFWFLength, f);
   if (!sampleTimes) return unreadable(kWaveformsGrid, kSBLTime, f);
+  std::vector<double> scratch;
+  const double* offsets = elementsOf(*sampleTimes, scratch);
+  const std::string where = fieldPlace(kWaveformsGrid, kSBLTime);
   for (std::size_t i = 0; i < sampleTimes->size(); ++i)
-    if (!(sampleTimes->get(i) >= 0.0) || !std::isfinite(sampleTimes->get(i)))
-      tally_.note(fieldPlace(kWaveformsGrid, kSBLTime),
-                  "holds a time that is negative or not finite",
+    if (!(offsets[i] >= 0.0) || !std::isfinite(offsets[i]))
+      tally_.note(where, "holds a time that is negative or not finite",
                   "give the time of the row's first sample after its recording shot, in s", f, i);
-  samples(f, *lengths);
+  samples(f, *lengths, std::move(rowTimes));
 }
 
-void ValueCheck::samples(std::uint32_t f, const Tessal::MemArray<1, std::uint16_t>& lengths) {
+// `rowTimes`: as recordTimes read them (nullptr when it could not).
+void ValueCheck::samples(std::uint32_t f, const Tessal::MemArray<1, std::uint16_t>& lengths,
+                         Vorlap::StrongPtr<Doubles> rowTimes) {
   auto channels = fetch<Tessal::MemArray<1, std::uint8_t>>(grids_.waveforms, kChannel, f);
   if (!channels) return unreadable(kWaveformsGrid, kChannel, f);
   const std::size_t perRow = fragmentCreator(grids_.waveforms, kWaveformSamples, f)->extents()[0];
@@ -293,22 +337,25 @@ void ValueCheck::samples(std::uint32_t f, const Tessal::MemArray<1, std::uint16_
                   : nullptr;
   if (readSamples_ && !rows) return unreadable(kWaveformsGrid, kWaveformSamples, f);
   const bool saturation = readSamples_ && grids_.online;
-  // A saturated high-gain row loses nothing when a row of another channel has its echo. The
-  // row times were read by recordTimes already; read again only when they are needed.
-  auto rowTimes = saturation ? fetch<Doubles>(grids_.waveforms, kGPSTime, f) : nullptr;
+  // A saturated high-gain row loses nothing when a row of another channel has its echo. Times
+  // that could not be read are tried again, for the reader's words on this finding too.
+  if (saturation && !rowTimes) rowTimes = fetch<Doubles>(grids_.waveforms, kGPSTime, f);
   if (saturation && !rowTimes) return unreadable(kWaveformsGrid, kGPSTime, f);
   std::set<double> lowGainTimes;
   for (std::size_t r = 0; saturation && r < channels->size(); ++r)
     if (channels->get(r) != 0) lowGainTimes.insert(rowTimes->get(r));
+  std::vector<std::uint16_t> scratch;
+  const std::uint16_t* counts = elementsOf(lengths, scratch);
+  const std::string lengthsPlace = fieldPlace(kWaveformsGrid, kFWFLength);
   for (std::size_t r = 0; r < lengths.size(); ++r) {
-    if (lengths.get(r) > perRow)
+    if (counts[r] > perRow)
       tally_.note(
-          fieldPlace(kWaveformsGrid, kFWFLength),
+          lengthsPlace,
           "says a row holds more samples than the rows have (" + std::to_string(perRow) + ")",
           "give the number of valid samples at the start of the row", f, r);
     if (!saturation || channels->get(r) != 0 || lowGainTimes.count(rowTimes->get(r))) continue;
     std::uint16_t peak = 0;
-    for (std::size_t s = 0; s < std::min<std::size_t>(lengths.get(r), perRow); ++s)
+    for (std::size_t s = 0; s < std::min<std::size_t>(counts[r], perRow); ++s)
       peak = std::max(peak, rows->get(s, r));
     if (peak > kHighGainSaturation)
       tally_.note(fieldPlace(kWaveformsGrid, kChannel),
@@ -330,13 +377,19 @@ void ValueCheck::online(std::uint32_t f) {
   if (fragmentCreator(grids_.online, kReflectance, f) &&
       !fetch<Tessal::MemArray<1, float>>(grids_.online, kReflectance, f))
     return unreadable(kOnlineGrid, kReflectance, f);
+  std::vector<double> rangeScratch;
+  const double* rangeValues = elementsOf(*ranges, rangeScratch);
+  const std::string rangesPlace = fieldPlace(kOnlineGrid, kRange);
   for (std::size_t i = 0; i < ranges->size(); ++i)
-    if (!std::isfinite(ranges->get(i)))
-      tally_.note(fieldPlace(kOnlineGrid, kRange), "holds a range that is not finite",
+    if (!std::isfinite(rangeValues[i]))
+      tally_.note(rangesPlace, "holds a range that is not finite",
                   "give the range in m as if the echo were of zone 0", f, i);
+  std::vector<float> amplitudeScratch;
+  const float* amplitudeValues = elementsOf(*amplitudes, amplitudeScratch);
+  const std::string amplitudesPlace = fieldPlace(kOnlineGrid, kAmplitude);
   for (std::size_t i = 0; i < amplitudes->size(); ++i)
-    if (!std::isfinite(amplitudes->get(i)))
-      tally_.note(fieldPlace(kOnlineGrid, kAmplitude), "holds an amplitude that is not finite",
+    if (!std::isfinite(amplitudeValues[i]))
+      tally_.note(amplitudesPlace, "holds an amplitude that is not finite",
                   "give the echo's amplitude in dB", f, i);
 }
 

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <hdf5.h>
 
+#include <algorithm>
+#include <cmath>
 #include <filesystem>
 #include <functional>
 #include <nlohmann/json.hpp>
@@ -276,6 +278,43 @@ TEST_F(CheckCommand, FindingsAreTheSameOnAnyNumberOfThreads) {
     EXPECT_EQ(runQuillo("run --quiet " + options + " --out-dir " + out).output, serialRun.output);
   }
   EXPECT_TRUE(fs::is_empty(out)) << "nothing may be written";
+}
+
+// Two faults taking turns along one array are each counted with their own first place, and
+// shots out of order are still found by the records recorded after them.
+TEST_F(CheckCommand, FaultsTakingTurnsAreCountedApart) {
+  const std::string shots = fieldPath("Shots", "GPSTime") + "/fragments/Fragment_1";
+  std::vector<double> lost;  // the times of the shots made not finite
+  const std::string input = damaged([&](hid_t f) {
+    editDoubles(f, shots, [&](std::vector<double>& t) {
+      for (std::size_t i : {100, 300, 500}) lost.push_back(t[i]), t[i] = NAN;
+      for (std::size_t i : {200, 400, 600}) std::swap(t[i], t[i + 1]);
+    });
+  });
+  const auto check = runQuillo("check --threads 1 '" + input + "'");
+  EXPECT_EQ(check.exitCode, 3) << check.output;
+  for (const char* finding :
+       {"error: field \"GPSTime\" of grid \"Shots\" holds a time that is not finite (3 times; "
+        "first: Fragment_1, element 100)",
+        "error: field \"GPSTime\" of grid \"Shots\" is not strictly increasing (within and across "
+        "fragments) (3 times; first: Fragment_1, element 201)"})
+    EXPECT_NE(check.output.find(finding), std::string::npos) << finding << "\n" << check.output;
+  // Only the records of the lost shots lose their shot.
+  for (const char* grid : {"Waveforms", "OPP"}) {
+    hid_t file = H5Fopen(input.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT);
+    std::size_t orphans = 0;
+    for (double t : readDoubles(file, fieldPath(grid, "GPSTime") + "/fragments/Fragment_1"))
+      orphans += std::find(lost.begin(), lost.end(), t) != lost.end();
+    H5Fclose(file);
+    const std::string finding = std::string("field \"GPSTime\" of grid \"") + grid +
+                                "\" holds a time that is no shot time of the same fragment";
+    EXPECT_EQ(count(check.output, finding), orphans ? 1u : 0u) << check.output;
+    const std::string counted =
+        finding + " (" + std::to_string(orphans) + " times; first: Fragment_1";
+    if (orphans) {
+      EXPECT_NE(check.output.find(counted), std::string::npos) << check.output;
+    }
+  }
 }
 
 TEST_F(CheckCommand, DefaultsAreAnnouncedOnceAndTheRunGoesOn) {
