@@ -5,8 +5,10 @@
 // The runs leave out the zone refinement (the work the module does alone) unless --refine.
 // Both cuts are written and flushed to disk before any run is timed (the write-back of a file
 // just written competes with the run for the cores); the runs alternate, few then many, for
-// --repeat rounds, and each cut's fastest counts.
+// --repeat rounds, and each cut's fastest counts. With --progress the runs draw their progress
+// (into a file, as a run whose output is redirected does), which reports every fragment.
 //   bench_fragment_count [SHOTS] [FEW] [MANY] [MODE] [--threads N] [--refine] [--repeat N]
+//                        [--progress]
 //   (default: 1000000 20 5000 fast, the run's default threads, 2 rounds)
 #include <algorithm>
 #include <chrono>
@@ -68,6 +70,7 @@ struct Settings {
   std::string mode = "fast";
   std::string threads;  // empty: the run's default
   bool refine = false;
+  bool progress = false;  // draw the progress bar (to a file) rather than run --quiet
   int repeat = 2;
 };
 
@@ -83,6 +86,10 @@ Settings parse(int argc, char** argv) {
     }
     if (arg == "--refine") {
       s.refine = true;
+      continue;
+    }
+    if (arg == "--progress") {
+      s.progress = true;
       continue;
     }
     if (arg == "--repeat" && i + 1 < argc) {
@@ -130,10 +137,13 @@ bool runOnce(const fs::path& dir, std::uint32_t fragments, const Settings& setti
   const fs::path input = inputOf(dir, fragments);
   const fs::path out = dir / ("out" + std::to_string(fragments)), report = out / "run.json";
   const std::string threads = settings.threads.empty() ? "" : " --threads " + settings.threads;
-  const std::string command = std::string(QUILLO_CLI) + " run --quiet --mode " + settings.mode +
-                              threads + (settings.refine ? " --refine" : " --no-refine") +
-                              " --out-dir " + out.string() + " --report " + report.string() + " " +
-                              input.string() + " >/dev/null";
+  // The bar's lines go to a file; without --progress the run's messages stay on the terminal.
+  const std::string barOrQuiet =
+      settings.progress ? " 2>" + (dir / "progress.txt").string() + " " : " --quiet ";
+  const std::string command =
+      std::string(QUILLO_CLI) + " run" + barOrQuiet + "--mode " + settings.mode + threads +
+      (settings.refine ? " --refine" : " --no-refine") + " --out-dir " + out.string() +
+      " --report " + report.string() + " " + input.string() + " >/dev/null";
   const auto start = Clock::now();
   if (std::system(command.c_str()) != 0)
     return std::fprintf(stderr, "failed: %s\n", command.c_str()), false;
