@@ -297,6 +297,7 @@ void runRange(const ParallelRun& run, Tessal::BundlePtr bundle, Range range, std
   FullWaveform::Input input = run.input;
   input.fragBegin = std::int32_t(start);
   input.fragEnd = range.end;
+  input.carryOnlyBelow = range.begin;  // the lead-in's zones and points would be dropped
   input.progress = Vorlap::WeakPtr<Vorlap::ProgressSink>(outputs);
   std::string result =
       FullWaveform::Quillo<unsigned short>(bundle, outputs->grid(0), outputs->grid(1), input);
