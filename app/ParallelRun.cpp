@@ -180,8 +180,9 @@ class HandoverQueue {
 };
 
 // A worker's output grids and progress receiver: hands each finished fragment over, encoded
-// for saving when the outputs are streamed. The fragment before the range only prepares the
-// state; its output and its messages are those of the range before and are dropped here.
+// for saving when the outputs are streamed. The fragment before the range only carries its
+// shots on (Input::carryOnlyBelow) and gives no points; its messages are those of the range
+// before and are dropped here.
 class WorkerOutputs : public Vorlap::ProgressSink {
  public:
   WorkerOutputs(HandoverQueue& queue, std::size_t index, Range range, std::uint32_t start,
