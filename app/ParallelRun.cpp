@@ -180,8 +180,9 @@ class HandoverQueue {
 };
 
 // A worker's output grids and progress receiver: hands each finished fragment over, encoded
-// for saving when the outputs are streamed. The fragment before the range only prepares the
-// state; its output and its messages are those of the range before and are dropped here.
+// for saving when the outputs are streamed. The fragment before the range only carries its
+// shots on (Input::carryOnlyBelow) and gives no points; its messages are those of the range
+// before and are dropped here.
 class WorkerOutputs : public Vorlap::ProgressSink {
  public:
   WorkerOutputs(HandoverQueue& queue, std::size_t index, Range range, std::uint32_t start,
@@ -297,6 +298,7 @@ void runRange(const ParallelRun& run, Tessal::BundlePtr bundle, Range range, std
   FullWaveform::Input input = run.input;
   input.fragBegin = std::int32_t(start);
   input.fragEnd = range.end;
+  input.carryOnlyBelow = range.begin;  // the lead-in's zones and points would be dropped
   input.progress = Vorlap::WeakPtr<Vorlap::ProgressSink>(outputs);
   std::string result =
       FullWaveform::Quillo<unsigned short>(bundle, outputs->grid(0), outputs->grid(1), input);

@@ -22,6 +22,12 @@ std::string assignZones(FatBoy<unsigned short>& fatBoy, const Input& input,
 
 }  // namespace
 
+bool prepareNextFragment(FatBoy<unsigned short>& fatBoy) {
+  // The waves are extracted as for a resolved fragment: iniMTA counts them, and the next
+  // fragment reuses their objects.
+  return iniWavePoints(fatBoy).empty() && fatBoy.iniMTA();
+}
+
 ZoneStagesResult resolveFragmentZones(FatBoy<unsigned short>& fatBoy, const Input& input,
                                       const ZoneStageHooks& hooks) {
   ZoneStagesResult r;

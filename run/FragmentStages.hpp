@@ -23,6 +23,10 @@ struct ZoneStagesResult {
   bool resolved = false;  // false: the fragment is too small to resolve zones
 };
 
+// What a fragment hands on to the next (its shots in the run's index, the last of them
+// carried) without resolving its zones: false when it is too small to hand on anything.
+QUILLO_API bool prepareNextFragment(FatBoy<unsigned short>& fatBoy);
+
 QUILLO_API ZoneStagesResult resolveFragmentZones(FatBoy<unsigned short>& fatBoy, const Input& input,
                                                  const ZoneStageHooks& hooks = {});
 

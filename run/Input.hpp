@@ -19,6 +19,9 @@ struct QUILLO_API Input {
   std::int32_t MTA = -1;        // >= 0: fixed zone for every wave; < 0: resolve
   std::int32_t fragBegin = 0;   // negative counts as 0
   std::uint32_t fragEnd = ~0u;  // all bits: up to the last fragment
+  // Fragments below it (from fragBegin) only carry their shots to the next one: a host that
+  // runs a file in ranges starts each a fragment early and drops what that fragment gives.
+  std::uint32_t carryOnlyBelow = 0;
   FWFModus fwfModus = FWF_GAUSSIAN_DECOMPOSITION;
   bool exportFWF = false;
   double noiseLevel = 0.0;  // truncated to an integer detection threshold

@@ -74,6 +74,10 @@ std::string runFragments(FatBoy<unsigned short>& fatBoy, const Input& input, Out
       Vorlap::Console() << "Warning! Broken Fragment for FragNr " << frag << ". Skipping...";
       continue;
     }
+    if (frag < input.carryOnlyBelow) {
+      prepareNextFragment(fatBoy);
+      continue;
+    }
     std::string result = processFragment(fatBoy, input, out);
     if (!result.empty()) return result;
   }
