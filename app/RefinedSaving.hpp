@@ -41,6 +41,7 @@ class RefinedSaving {
  private:
   void run();
   void write(Pass& pass);
+  static void writeOutput(StreamedOutput& output, std::vector<OutputPart>& parts);
 
   std::vector<StreamedOutput*> outputs_;
   std::mutex mutex_;
