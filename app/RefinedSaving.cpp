@@ -90,38 +90,17 @@ void RefinedSaving::run() {
 }
 
 // What the writer did on its own thread: the fragments mapped, counted and encoded as a
-// worker encodes a streamed fragment, then one write of each output. The outputs are apart
-// (their own grids and files), so a pass with fragments writes each on a thread of its own:
-// after the last block the writes are all that is left of the run.
+// worker encodes a streamed one, then one write of each output.
 void RefinedSaving::write(Pass& pass) {
-  std::vector<std::unique_ptr<CliError>> errors(outputs_.size());
-  std::vector<bool> onHelper(outputs_.size(), false);
-  std::vector<std::thread> helpers;
-  const auto writeOne = [&](std::size_t k) {
-    errors[k] = caughtError("saving", [&] { writeOutput(*outputs_[k], pass[k]); });
-  };
-  for (std::size_t k = 1; k < outputs_.size() && holdsFragments(pass); ++k) {
-    try {
-      helpers.emplace_back(writeOne, k);
-      onHelper[k] = true;
-    } catch (const std::system_error&) {
-      // no thread: written here below
+  for (std::size_t k = 0; k < outputs_.size(); ++k) {
+    StreamedOutput& output = *outputs_[k];
+    for (OutputPart& part : pass[k]) {
+      prepareForSaving(part, output.toMap());
+      putArrays(*output.grid(), part);
+      output.addCounts(part.counts);
     }
+    output.writeFinished();
   }
-  for (std::size_t k = 0; k < outputs_.size(); ++k)
-    if (!onHelper[k]) writeOne(k);
-  for (std::thread& h : helpers) h.join();
-  for (auto& error : errors)
-    if (error) throw *error;
-}
-
-void RefinedSaving::writeOutput(StreamedOutput& output, std::vector<OutputPart>& parts) {
-  for (OutputPart& part : parts) {
-    prepareForSaving(part, output.toMap());
-    putArrays(*output.grid(), part);
-    output.addCounts(part.counts);
-  }
-  output.writeFinished();
 }
 
 }  // namespace quillo::cli

@@ -41,7 +41,6 @@ class RefinedSaving {
  private:
   void run();
   void write(Pass& pass);
-  static void writeOutput(StreamedOutput& output, std::vector<OutputPart>& parts);
 
   std::vector<StreamedOutput*> outputs_;
   std::mutex mutex_;
