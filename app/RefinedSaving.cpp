@@ -1,5 +1,6 @@
 #include "app/RefinedSaving.hpp"
 
+#include <algorithm>
 #include <system_error>
 #include <utility>
 
@@ -10,8 +11,14 @@ namespace quillo::cli {
 
 namespace {
 
-// Passes waiting besides the one being written: the writer may refine one block ahead.
-constexpr std::size_t kMostWaiting = 1;
+// Passes holding fragments, the one being written among them: the writer may refine one
+// block ahead. Passes without fragments hold no memory and never hold the writer up: most
+// reports refine nothing, and counted they made the writer wait for a block's write.
+constexpr std::size_t kMostHeld = 2;
+
+bool holdsFragments(const RefinedSaving::Pass& pass) {
+  return std::any_of(pass.begin(), pass.end(), [](const auto& parts) { return !parts.empty(); });
+}
 
 }  // namespace
 
@@ -47,8 +54,10 @@ void RefinedSaving::add(Pass pass) {
     return;
   }
   std::unique_lock lock(mutex_);
-  changed_.wait(lock, [&] { return error_ || waiting_.size() < kMostWaiting + !busy_; });
+  const bool holds = holdsFragments(pass);
+  changed_.wait(lock, [&] { return error_ || !holds || passesHeld_ < kMostHeld; });
   if (error_) throw *error_;
+  passesHeld_ += holds;
   waiting_.push_back(std::move(pass));
   changed_.notify_all();
 }
@@ -66,6 +75,7 @@ void RefinedSaving::run() {
     if (waiting_.empty()) return;
     Pass pass = std::move(waiting_.front());
     waiting_.pop_front();
+    const bool held = holdsFragments(pass);
     busy_ = true;
     const bool failed = error_ != nullptr;  // after an error the rest is only let go
     lock.unlock();
@@ -73,6 +83,7 @@ void RefinedSaving::run() {
     pass.clear();  // its arrays go here, not under the lock
     lock.lock();
     busy_ = false;
+    passesHeld_ -= held;
     if (error && !error_) error_ = std::move(error);
     changed_.notify_all();
   }

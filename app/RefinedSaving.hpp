@@ -29,8 +29,8 @@ class RefinedSaving {
   RefinedSaving(const RefinedSaving&) = delete;
   RefinedSaving& operator=(const RefinedSaving&) = delete;
 
-  // Hands a pass over; waits while two are still waiting (each holds refined fragments in
-  // memory). Throws the error of an earlier pass.
+  // Hands a pass over; one holding fragments waits while two others are still written or
+  // waiting (each holds refined fragments in memory). Throws the error of an earlier pass.
   void add(Pass pass);
   // Returns once every pass is written; throws the first error of any.
   void finish();
@@ -47,6 +47,7 @@ class RefinedSaving {
   std::condition_variable changed_;
   std::deque<Pass> waiting_;
   bool busy_ = false, ending_ = false;
+  std::size_t passesHeld_ = 0;  // waiting or being written, with fragments
   std::unique_ptr<CliError> error_;
   std::thread thread_;  // started last: it reads the members above
 };

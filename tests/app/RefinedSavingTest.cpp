@@ -2,7 +2,8 @@
 // of its own while the writer refines on: the files hold the bytes one thread writes (the
 // same fragments in each write, many writes of small fragments and writes with none), the
 // report counts the points of the fragments encoded there as one thread counts them on its
-// grid, and a write that fails there ends the run cleanly.
+// grid, also over a range of fragments inside the strip, and a write that fails there ends
+// the run cleanly.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -68,6 +69,20 @@ TEST_F(RefinedSaving, ThreadsWriteAndCountWhatOneThreadDoes) {
     EXPECT_EQ(many["outputs"], one["outputs"]) << n << " threads";
     EXPECT_EQ(many["refinement"], one["refinement"]) << n << " threads";
     expectSameFiles("one", std::string("threads-") + n);
+  }
+}
+
+// A range that starts and ends inside the strip: the window starts at its first fragment and
+// the saving thread gets passes without fragments until the first block is in, then blocks
+// between many such passes.
+TEST_F(RefinedSaving, AFragmentRangeOnThreadsWritesWhatOneThreadWrites) {
+  const auto one = runInto("range-one", "--fragments 7:61 --threads 1");
+  EXPECT_GT(one["refinement"]["moved"].get<int>(), 50) << "fragments were changed";
+  for (const char* n : {"2", "3"}) {
+    const auto many =
+        runInto(std::string("range-threads-") + n, std::string("--fragments 7:61 --threads ") + n);
+    EXPECT_EQ(many["outputs"], one["outputs"]) << n << " threads";
+    expectSameFiles("range-one", std::string("range-threads-") + n);
   }
 }
 
