@@ -14,6 +14,7 @@
 #include "waveform/GaussianFit.hpp"
 #include "waveform/PeakSettings.hpp"
 #include "waveform/PulseShape.hpp"
+#include "waveform/RowKernels.hpp"
 #include "waveform/RowScan.hpp"
 #include "waveform/RowStatistics.hpp"
 
@@ -42,6 +43,7 @@ struct PeakDetectionFamily<T>::Impl {
   RowStatistics rowStatistics;
   std::vector<std::int32_t> y;       // the row's samples
   std::vector<std::int32_t> smooth;  // four times the 1-2-1 smoothed row (exact in integers)
+  std::vector<std::uint64_t> marks;  // bits where smooth exceeds the candidate limit
   std::vector<double> fitY, weight;  // the row and its fit weights (decomposition only)
   std::vector<double> model;         // the fitted components over a window
   std::vector<Candidate> candidates;
@@ -50,7 +52,7 @@ struct PeakDetectionFamily<T>::Impl {
   std::vector<GaussianComponent> components;
   FitWorkspace fitWorkspace;
 
-  void loadRow(const Tessal::MemArray<2, T>& samples, std::size_t row, std::size_t n);
+  SampleRange loadRow(const Tessal::MemArray<2, T>& samples, std::size_t row, std::size_t n);
   void findCandidates(std::size_t n, const RowStats& s, std::vector<Candidate>& out);
   void refineFast(std::size_t n, const RowStats& s, Candidate& c);
   double halfWidth(std::size_t n, const RowStats& s, double position, double height);
@@ -63,43 +65,45 @@ struct PeakDetectionFamily<T>::Impl {
                                              WavePool<T>* pool);
 };
 
-// Reads row `row` into y through the array's stride (no accessor call per sample when the
-// array has storage).
+// Reads row `row` (n >= 1 samples) into y through the array's stride (no accessor call per
+// sample when the array has storage) and gives its extremes.
 template <class T>
-void PeakDetectionFamily<T>::Impl::loadRow(const Tessal::MemArray<2, T>& samples, std::size_t row,
-                                           std::size_t n) {
+SampleRange PeakDetectionFamily<T>::Impl::loadRow(const Tessal::MemArray<2, T>& samples,
+                                                  std::size_t row, std::size_t n) {
   std::int32_t* out = y.data();
-  if (const T* base = samples.stridedData()) {
+  const T* base = samples.stridedData();
+  if (base && samples.stride() == 1) return widenRow(base + row * samples.extent(0), n, out);
+  if (base) {
     const std::size_t stride = samples.stride();
     const T* p = base + row * samples.extent(0) * stride;
-    if (stride == 1)
-      std::copy(p, p + n, out);
-    else
-      for (std::size_t i = 0; i < n; ++i) out[i] = p[i * stride];
+    for (std::size_t i = 0; i < n; ++i) out[i] = p[i * stride];
   } else {
     for (std::size_t i = 0; i < n; ++i) out[i] = samples.get(i, row);
   }
+  SampleRange range{out[0], out[0]};
+  for (std::size_t i = 1; i < n; ++i) {
+    range.lowest = std::min(range.lowest, out[i]);
+    range.highest = std::max(range.highest, out[i]);
+  }
+  return range;
 }
 
 template <class T>
 void PeakDetectionFamily<T>::Impl::findCandidates(std::size_t n, const RowStats& s,
                                                   std::vector<Candidate>& out) {
-  // [1 2 1] with the end samples repeated beyond the row (n >= 3); the inner loop has no
-  // edge test, so it vectorises.
-  smooth[0] = 3 * y[0] + y[1];
-  for (std::size_t i = 1; i + 1 < n; ++i) smooth[i] = y[i - 1] + 2 * y[i] + y[i + 1];
-  smooth[n - 1] = y[n - 2] + 3 * y[n - 1];
   const double refSigma = settings.referencePulseWidth / sampleInterval / kFwhmPerSigma;
-  // Most samples lie below the threshold: skip them (eight at a time against the integer
-  // limit, which holds exactly the smoothed values at or below `above`).
-  const double above = 4.0 * (double(s.background) + s.threshold);
+  // Most samples lie below the threshold: the smoothing marks those above the integer limit,
+  // which holds exactly the smoothed values at or below `threshold4`, and the scan skips to
+  // the marks (n >= 3; the smoothing repeats the end samples beyond the row).
+  const double threshold4 = 4.0 * (double(s.background) + s.threshold);
   std::int32_t limit = 0;
-  const bool integral = integerLimit(above, limit);
+  const bool integral = integerLimit(threshold4, limit);
+  smoothAndMark(y.data(), n, limit, smooth.data(), marks.data());
   for (std::size_t a = 1; a + 1 < n;) {
     if (integral) {
-      a = firstAbove(smooth.data(), a, n - 1, limit);
+      a = nextMarked(marks.data(), a, n - 1);
       if (a + 1 >= n) break;
-    } else if (smooth[a] <= above) {
+    } else if (smooth[a] <= threshold4) {
       ++a;
       continue;
     }
@@ -271,11 +275,9 @@ float PeakDetectionFamily<T>::Impl::damping(std::size_t n, const RowStats& s,
   if (echoes.empty()) return 0.0f;
   const double edge = echoes.front().position + 2.0 * echoes.front().sigma;
   const std::size_t trailing = edge < 0 ? 0 : edge >= double(n) ? n : std::size_t(edge) + 1;
-  std::int64_t before = 0, after = 0;
-  for (std::size_t i = 0; i < trailing; ++i) before += std::max(0, y[i] - s.background);
-  for (std::size_t i = trailing; i < n; ++i) after += std::max(0, y[i] - s.background);
-  const std::int64_t total = before + after;
-  return total > 0 ? float(double(after) / double(total)) : 0.0f;
+  const ExcessSums sums = excessOverBackground(y.data(), n, s.background, trailing);
+  const std::int64_t total = sums.before + sums.after;
+  return total > 0 ? float(double(sums.after) / double(total)) : 0.0f;
 }
 
 template <class T>
@@ -284,14 +286,10 @@ Vorlap::StrongPtr<WavePoints<T>> PeakDetectionFamily<T>::Impl::detectRow(
     WavePool<T>* pool) {
   auto wave = pool ? pool->take() : Vorlap::makeStrong<WavePoints<T>>();
   if (n < 3) return wave;
-  loadRow(samples, row, n);
-  std::int32_t lowest = y[0], highest = y[0];
-  for (std::size_t i = 1; i < n; ++i) {
-    lowest = std::min(lowest, y[i]);
-    highest = std::max(highest, y[i]);
-  }
-  wave->maxSample = T(highest);
-  const RowStats s = rowStatistics.compute(y.data(), n, lowest, highest, noiseLevel, settings);
+  const SampleRange range = loadRow(samples, row, n);
+  wave->maxSample = T(range.highest);
+  const RowStats s =
+      rowStatistics.compute(y.data(), n, range.lowest, range.highest, noiseLevel, settings);
   std::vector<Candidate>& cands = candidates;
   cands.clear();
   findCandidates(n, s, cands);
@@ -355,9 +353,11 @@ PeakDetectionFamily<T>::PeakDetectionFamily(FWFModus mode, const ScannerDevice& 
                    {},
                    {},
                    {},
+                   {},
                    {}};
   impl_->y.resize(samplesPerWaveform);
   impl_->smooth.resize(samplesPerWaveform);
+  impl_->marks.resize(markWords(samplesPerWaveform));
   impl_->fitY.resize(samplesPerWaveform);
   impl_->weight.resize(samplesPerWaveform);
   impl_->model.resize(samplesPerWaveform);

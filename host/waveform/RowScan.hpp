@@ -1,5 +1,5 @@
 // Small exact shortcuts for peak detection's per-row work: each gives the very result of the
-// plain expression it replaces (std::lround, std::log of a count, a threshold scan), in fewer
+// plain expression it replaces (std::lround, std::log of a count, a threshold), in fewer
 // steps.
 #pragma once
 
@@ -51,20 +51,6 @@ inline bool integerLimit(double above, std::int32_t& limit) {
               ? std::numeric_limits<std::int32_t>::max()
               : static_cast<std::int32_t>(std::floor(above));
   return true;
-}
-
-// The first position in [from, end) whose value exceeds limit, or end. Most values of a
-// row lie below it: runs of eight are tested at once (a loop that vectorises).
-inline std::size_t firstAbove(const std::int32_t* v, std::size_t from, std::size_t end,
-                              std::int32_t limit) {
-  std::size_t a = from;
-  for (; a + 8 <= end; a += 8) {
-    bool any = false;
-    for (std::size_t j = 0; j < 8; ++j) any |= v[a + j] > limit;
-    if (any) break;
-  }
-  while (a < end && v[a] <= limit) ++a;
-  return a;
 }
 
 }  // namespace FullWaveform

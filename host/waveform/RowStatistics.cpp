@@ -2,6 +2,7 @@
 #include "waveform/RowStatistics.hpp"
 
 #include "vorlap/CpuClones.hpp"
+#include "waveform/RowKernels.hpp"
 
 #include <algorithm>
 #include <cmath>
@@ -13,6 +14,10 @@ namespace FullWaveform {
 namespace {
 
 constexpr std::size_t kFewSamples = 128;
+
+// A short row's median is rarely more than a few counts above its minimum: counting the
+// samples at or below each value from the minimum up finds it in a few vector passes.
+constexpr int kRankSteps = 16;
 
 // A clipped pulse shows as neighbouring samples at the row's maximum (noise may repeat the
 // maximum too, but rarely side by side and far above the threshold).
@@ -143,17 +148,23 @@ double RowStatistics::noiseSigmaFromCounts(std::size_t n, std::int32_t backgroun
 }
 
 double noiseSigmaAround(const std::int32_t* y, std::size_t n, std::int32_t background) {
-  return clippedSigma(absoluteDeviationSum(y, n, background), n,
-                      [&](std::int64_t limit) -> std::optional<NearSums> {
-                        return nearSums(y, n, background, limit);
-                      });
+  std::uint64_t absSum = 0;
+  if (!shortAbsoluteDeviation(y, n, background, absSum))
+    absSum = absoluteDeviationSum(y, n, background);
+  return clippedSigma(absSum, n, [&](std::int64_t limit) -> std::optional<NearSums> {
+    NearSums sums;
+    if (shortNearDeviation(y, n, background, limit, sums.squares, sums.count)) return sums;
+    return nearSums(y, n, background, limit);
+  });
 }
 
 RowStats RowStatistics::compute(const std::int32_t* y, std::size_t n, std::int32_t lowest,
                                 std::int32_t highest, std::int32_t noiseLevel,
                                 const PeakSettings& settings) {
   RowStats s;
-  s.background = median(y, n, lowest);
+  // Short rows take their noise from the samples, not from median()'s counts.
+  if (n > kFewSamples || !rankWithinSteps(y, n, lowest, n / 2, kRankSteps, s.background))
+    s.background = median(y, n, lowest);
   // Both give the same integer sums; a short row is summed over its samples in fewer steps
   // than over the bins near its background.
   s.noiseSigma = n <= kFewSamples ? -1.0 : noiseSigmaFromCounts(n, s.background, lowest);

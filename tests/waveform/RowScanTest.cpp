@@ -1,5 +1,5 @@
 // The row shortcuts against the expressions they replace: std::lround at and around halves,
-// std::log of counts bit for bit, the threshold scan against a sample-by-sample one.
+// std::log of counts bit for bit, the integer limit against the threshold.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -68,22 +68,5 @@ TEST(RowScanTest, IntegerLimitKeepsTheComparison) {
     ASSERT_TRUE(integerLimit(above, limit));
     for (std::int32_t v = -10; v < 1700; ++v)
       EXPECT_EQ(v <= above, v <= limit) << above << " " << v;
-  }
-}
-
-TEST(RowScanTest, FirstAboveFindsWhatAScanFinds) {
-  std::mt19937_64 random(3);
-  std::uniform_int_distribution<std::int32_t> value(0, 100);
-  for (std::size_t n : {0, 1, 7, 8, 9, 16, 63, 64, 65, 200}) {
-    std::vector<std::int32_t> v(n);
-    for (int trial = 0; trial < 200; ++trial) {
-      for (auto& x : v) x = value(random);
-      const std::int32_t limit = value(random) + 60;
-      for (std::size_t from = 0; from <= n; from += 3) {
-        std::size_t expected = from;
-        while (expected < n && v[expected] <= limit) ++expected;
-        EXPECT_EQ(firstAbove(v.data(), from, n, limit), expected) << n << " " << from;
-      }
-    }
   }
 }
