@@ -272,14 +272,23 @@ class Refiner {
   Fit fitOf(std::size_t self, std::uint32_t emitter, const point& p, int enough,
             const Hope* hope = nullptr) const;
   static bool hopeless(const Fit& fit, int remaining, const Hope& hope);
-  bool lineFits(std::uint32_t line, std::int32_t bin, std::size_t self, std::uint32_t emitter,
-                const point& p, bool& hasEchoes) const;
+  // A placement as the fit test reads it in every line: the echo, its place and shot, its
+  // scan angle, its bin (from the first) and where that bin's angles start (radians).
+  struct FitQuery {
+    std::size_t self;
+    point p, origin;
+    Gemwold::PhysicalSpace::vector direction;
+    float angle;
+    std::int32_t at;
+    double binLo, binWidth;
+  };
+  bool lineFits(std::uint32_t line, const FitQuery& q, bool& hasEchoes) const;
   bool near(const Neighbour& m, const point& p, const point& origin,
             const Gemwold::PhysicalSpace::vector& direction) const;
   bool nearBeyondFlat(const Neighbour& m, double gap, const point& origin,
                       const Gemwold::PhysicalSpace::vector& direction) const;
-  bool anyNear(std::size_t cellLo, std::size_t cellHi, std::size_t self, std::uint32_t emitter,
-               const point& p, bool& hasEchoes) const;
+  bool anyNear(std::size_t cellLo, std::size_t cellHi, std::size_t own, const FitQuery& q,
+               bool& hasEchoes) const;
   Verdict outnumbered(std::size_t i, const Fit& now) const;
   bool fitsByChance(std::size_t i, const Candidate& c, int nowFitting) const;  // ChanceFits.cpp
   Verdict sparseCanopy(std::size_t i, Verdict v) const;                        // SparseCanopy.cpp
