@@ -151,6 +151,7 @@ struct WorkArrays {
   std::vector<std::uint8_t> judgeNow, nearChange, unfit;
   std::vector<std::pair<std::uint32_t, Verdict>> moves;
   std::vector<std::uint32_t> changedCells, smoothIn, bestRun;
+  std::vector<std::uint8_t> rough;  // per echo in recording order: rough where it is
   std::vector<std::int8_t> bestZone;
 
   // Room for a block of `echoes` and `shots` (the cells' arrays: for `cells`), with some to
@@ -215,7 +216,10 @@ class Refiner {
   void placeAlongLine(std::size_t lo, std::size_t hi, int zone, AlongPlacement* out) const;
   static bool smoothAlongLine(std::size_t k, const AlongLine& span, const AlongPlacement* placed,
                               std::size_t base, double tolerance, int pairs);
-  void smoothZonesOf(std::size_t lo, std::size_t hi, std::vector<std::uint32_t>& zones) const;
+  void markRough(std::size_t lo, std::size_t hi, std::vector<std::uint8_t>& rough) const;
+  void dropShortRoughChains(std::size_t first, std::vector<std::uint8_t>& rough) const;
+  void smoothZonesOf(std::size_t lo, std::size_t hi, const std::vector<std::uint8_t>& rough,
+                     std::vector<std::uint32_t>& zones) const;
   void fillCells();
   void updateCells(std::vector<CellMove>& moved);
   bool unchangedSinceJudged(std::size_t i) const;
