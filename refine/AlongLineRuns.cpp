@@ -22,24 +22,18 @@ namespace {
 using Sample = RunSample;
 
 // Whether `self` continues `needed` pairs of `others` (shots on either side or both on one
-// side): its range lies within `tolerance` of the straight line through theirs. Which pairs
-// pass is a coin toss along a rough line, so a row of pairs is counted without branches (a
-// pair of one shot divides by zero and fails); only whole rows end the count.
+// side): its range lies within `tolerance` of the straight line through theirs.
 bool continues(const Sample& self, const Sample* others, int count, double tolerance, int needed) {
   for (int a = 0; a < count; ++a) {
     // Fewer pairs left than still needed: most zones tried are rough, and end here.
     if (needed > (count - a) * (count - a - 1) / 2) return false;
-    const Sample& p = others[a];
-    const double fromP = double(self.shot - p.shot);
-    int passed = 0;
     for (int b = a + 1; b < count; ++b) {
-      const Sample& q = others[b];
-      const double at = fromP / double(q.shot - p.shot);
-      passed += (p.shot != q.shot) &
-                (std::abs(self.range - (p.range + (q.range - p.range) * at)) < tolerance);
+      const Sample &p = others[a], &q = others[b];
+      if (p.shot == q.shot) continue;
+      const double at = double(self.shot - p.shot) / double(q.shot - p.shot);
+      needed -= std::abs(self.range - (p.range + (q.range - p.range) * at)) < tolerance;
+      if (needed <= 0) return true;
     }
-    needed -= passed;
-    if (needed <= 0) return true;
   }
   return false;
 }

@@ -277,7 +277,8 @@ class Refiner {
             const Hope* hope = nullptr) const;
   static bool hopeless(const Fit& fit, int remaining, const Hope& hope);
   // A placement as the fit test reads it in every line: the echo, its place and shot, its
-  // scan angle, its bin (from the first) and where that bin's angles start (radians).
+  // scan angle, its bin (from the first) and where that bin's angles start (radians); the
+  // calling thread's neighbours that fitted last (by line).
   struct FitQuery {
     std::size_t self;
     point p, origin;
@@ -285,6 +286,7 @@ class Refiner {
     float angle;
     std::int32_t at;
     double binLo, binWidth;
+    std::uint32_t* lastFit;
   };
   bool lineFits(std::uint32_t line, const FitQuery& q, bool& hasEchoes) const;
   bool near(const Neighbour& m, const point& p, const point& origin,
@@ -292,7 +294,7 @@ class Refiner {
   bool nearBeyondFlat(const Neighbour& m, double gap, const point& origin,
                       const Gemwold::PhysicalSpace::vector& direction) const;
   bool anyNear(std::size_t cellLo, std::size_t cellHi, std::size_t own, const FitQuery& q,
-               bool& hasEchoes) const;
+               std::uint32_t& hint, bool& hasEchoes) const;
   Verdict outnumbered(std::size_t i, const Fit& now) const;
   bool fitsByChance(std::size_t i, const Candidate& c, int nowFitting) const;  // ChanceFits.cpp
   Verdict sparseCanopy(std::size_t i, Verdict v) const;                        // SparseCanopy.cpp

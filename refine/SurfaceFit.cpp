@@ -38,6 +38,10 @@ bool wrongBlock(const Fit& now, const Fit& candidate, int reach) {
   }
   return true;
 }
+// Per thread and line (modulo), the neighbour that fitted the last fit test there.
+constexpr std::size_t kFitHints = 16;
+thread_local std::uint32_t lastFit[kFitHints];
+
 // The first of [first, end) (in angle order) at `angle` or beyond. Without branches: which
 // half holds it is a coin toss the processor cannot learn.
 const Neighbour* firstFromAngle(const Neighbour* first, const Neighbour* end, float angle) {
@@ -85,12 +89,24 @@ bool Refiner::nearBeyondFlat(const Neighbour& m, double gap, const point& origin
 
 // Whether an echo of cells [cellLo, cellHi] (one line's adjacent bins, in angle order) lies
 // near the query. The echoes nearest the query's scan angle are tried first: on a surface the
-// first few decide. `own`: the query's own bin in that line.
+// first few decide. `own`: the query's own bin in that line; `hint`: the neighbour that fitted
+// the last query in that line, which mostly fits this one.
 bool Refiner::anyNear(std::size_t cellLo, std::size_t cellHi, std::size_t own, const FitQuery& q,
-                      bool& hasEchoes) const {
+                      std::uint32_t& hint, bool& hasEchoes) const {
   const Neighbour* members = placed_.members.data();
   const Neighbour* first = members + placed_.start[cellLo];
   const Neighbour* end = members + placed_.start[cellHi + 1];
+  // The echoes of a line are judged one after the other: tried first, the hint spares the
+  // search (any neighbour of the cells that fits gives the same answer).
+  if (hint >= placed_.start[cellLo] && hint < placed_.start[cellHi + 1]) {
+    const Neighbour& m = members[hint];
+    if (m.echo != q.self && !(moving_ && (*moving_)[m.echo])) {
+      const double gap = squared(m.position, q.p);
+      if (gap < settings_.fitTolerance * settings_.fitTolerance ||
+          nearBeyondFlat(m, gap, q.origin, q.direction))
+        return hasEchoes = true;
+    }
+  }
   // Whether an echo is near does not depend on where the search starts: within the query's
   // own bin, the nearest angle is guessed from where the angle lies in the bin.
   const Neighbour* up =
@@ -118,8 +134,8 @@ bool Refiner::anyNear(std::size_t cellLo, std::size_t cellHi, std::size_t own, c
     return false;
   };
   while (up != end || down != first) {
-    if (up != end && fits(*up++)) return true;
-    if (down != first && fits(*--down)) return true;
+    if (up != end && fits(*up++)) return hint = std::uint32_t(up - 1 - members), true;
+    if (down != first && fits(*--down)) return hint = std::uint32_t(down - members), true;
   }
   return false;
 }
@@ -130,14 +146,15 @@ bool Refiner::lineFits(std::uint32_t line, const FitQuery& q, bool& hasEchoes) c
   const std::size_t row = std::size_t(line) * std::size_t(cells_.binCount);
   const std::int32_t last = cells_.binCount - 1, at = q.at;
   const std::size_t own = row + std::size_t(at);
+  std::uint32_t& hint = q.lastFit[line % kFitHints];
   const auto cell = [&](std::int32_t b) { return row + std::size_t(std::clamp(b, 0, last)); };
-  if (anyNear(cell(at - 1), cell(at + 1), own, q, hasEchoes)) return true;
+  if (anyNear(cell(at - 1), cell(at + 1), own, q, hint, hasEchoes)) return true;
   if (hasEchoes) return false;
   // Farther bins, each side of those searched already.
   for (const auto& [inner, outer] : {std::pair{2, 4}, std::pair{5, kFarthestBin}}) {
-    if (at - inner >= 0 && anyNear(cell(at - outer), cell(at - inner), own, q, hasEchoes))
+    if (at - inner >= 0 && anyNear(cell(at - outer), cell(at - inner), own, q, hint, hasEchoes))
       return true;
-    if (at + inner <= last && anyNear(cell(at + inner), cell(at + outer), own, q, hasEchoes))
+    if (at + inner <= last && anyNear(cell(at + inner), cell(at + outer), own, q, hint, hasEchoes))
       return true;
     if (hasEchoes) return false;
   }
@@ -169,7 +186,8 @@ Fit Refiner::fitOf(std::size_t self, std::uint32_t emitter, const point& p, int 
                    float(cells_.angle[emitter]),
                    bin - cells_.firstBin,
                    double(bin) * binWidth,
-                   binWidth};
+                   binWidth,
+                   lastFit};
   const auto lineCount = std::int64_t(cells_.lineOrigin.size());
   for (int k = 1; k <= settings_.neighbourLines; ++k)
     for (int side : {-1, 1}) {
