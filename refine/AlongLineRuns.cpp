@@ -125,40 +125,86 @@ std::size_t Refiner::aloneInRuns() const {
 }
 
 // Per echo (recording order) the zones it is smooth in along its line, each with all its
-// neighbours; 0 where it is smooth in its current zone already (nothing to do) or where it
-// shares no run with an echo to judge.
+// neighbours; 0 where it is smooth in its current zone already (nothing to do), where it
+// shares no run with an echo to judge, or where too few rough echoes follow each other around
+// it to make a run.
 void Refiner::smoothZones(std::vector<std::uint32_t>& zones) const {
   const std::size_t n = byRecord_.size(), first = aloneInRuns();
   zones.assign(n, 0);
-  forEachChunk(n - first, chunkCount(n - first), settings_.threads,
+  std::vector<std::uint8_t>& rough = work_.rough;
+  rough.assign(n, 0);
+  const std::size_t chunks = chunkCount(n - first);
+  forEachChunk(n - first, chunks, settings_.threads,
                [&](std::size_t, std::size_t lo, std::size_t hi) {
-                 smoothZonesOf(first + lo, first + hi, zones);
+                 markRough(first + lo, first + hi, rough);
+               });
+  dropShortRoughChains(first, rough);
+  forEachChunk(n - first, chunks, settings_.threads,
+               [&](std::size_t, std::size_t lo, std::size_t hi) {
+                 smoothZonesOf(first + lo, first + hi, rough, zones);
                });
 }
 
-// The same for the echoes [lo, hi). Every echo within their reach is placed once per
-// assignment of zones (each echo is a sample of the echoes around it), then the echoes rough
-// in their current zones are tested in every zone.
-void Refiner::smoothZonesOf(std::size_t lo, std::size_t hi,
-                            std::vector<std::uint32_t>& zones) const {
+// Marks the echoes [lo, hi) (recording order) that do not continue their line in their
+// current zones. Every echo within their reach is placed once (each echo is a sample of the
+// echoes around it).
+void Refiner::markRough(std::size_t lo, std::size_t hi, std::vector<std::uint8_t>& rough) const {
   if (lo >= hi) return;
   const std::size_t reachLo = alongLineOf(lo).before, reachHi = alongLineOf(hi - 1).end;
   std::vector<AlongPlacement> placed(reachHi - reachLo);
-  const double tolerance = settings_.runTolerance;
-  const int pairs = settings_.runPairs;
-  std::vector<std::pair<std::size_t, AlongLine>> rough;
   placeAlongLine(reachLo, reachHi, -1, placed.data());
   AlongLine span{};
   for (std::size_t k = lo; k < hi; ++k) {
     span = k == lo ? alongLineOf(k) : nextAlongLine(k, span);
-    if (!smoothAlongLine(k, span, placed.data(), reachLo, tolerance, pairs))
-      rough.emplace_back(k, span);
+    rough[k] = !smoothAlongLine(k, span, placed.data(), reachLo, settings_.runTolerance,
+                                settings_.runPairs);
   }
-  if (rough.empty()) return;
+}
+
+// Clears the rough marks of echoes [first, n) that can be in no run long enough to move: a
+// run's members are rough echoes recorded within the reach of each other, counted by shot, so
+// a chain of such echoes with fewer shots than a run needs holds none (most rough echoes are
+// a canopy's or dust's few, alone along their line). Testing them in every zone would be
+// wasted.
+void Refiner::dropShortRoughChains(std::size_t first, std::vector<std::uint8_t>& rough) const {
+  const std::vector<std::int64_t>& record = inRecord_.record;
+  const std::size_t n = rough.size();
+  const std::int64_t reach = settings_.runShotReach;
+  for (std::size_t k = first; k < n;) {
+    if (!rough[k]) {
+      ++k;
+      continue;
+    }
+    std::size_t last = k, end = k + 1;
+    std::uint32_t shots = 1;
+    for (; end < n && record[end] - record[last] <= reach; ++end)
+      if (rough[end]) shots += record[end] != record[last], last = end;
+    if (shots < std::uint32_t(settings_.runMinEchoes))
+      for (std::size_t j = k; j <= last; ++j) rough[j] = 0;
+    k = last + 1;
+  }
+}
+
+// The zones the rough echoes of [lo, hi) (recording order) are smooth in: every echo within
+// their reach is placed once per zone, then each rough echo is tested.
+void Refiner::smoothZonesOf(std::size_t lo, std::size_t hi, const std::vector<std::uint8_t>& rough,
+                            std::vector<std::uint32_t>& zones) const {
+  while (lo < hi && !rough[lo]) ++lo;
+  while (hi > lo && !rough[hi - 1]) --hi;
+  if (lo >= hi) return;
+  const std::size_t reachLo = alongLineOf(lo).before, reachHi = alongLineOf(hi - 1).end;
+  std::vector<AlongPlacement> placed(reachHi - reachLo);
+  std::vector<std::pair<std::size_t, AlongLine>> roughSpans;
+  AlongLine span{};
+  for (std::size_t k = lo; k < hi; ++k) {
+    span = k == lo ? alongLineOf(k) : nextAlongLine(k, span);
+    if (rough[k]) roughSpans.emplace_back(k, span);
+  }
   for (int z = 0; z <= std::min(maxZone_, 31); ++z) {
     placeAlongLine(reachLo, reachHi, z, placed.data());
-    for (const auto& [k, roughSpan] : rough)
-      if (smoothAlongLine(k, roughSpan, placed.data(), reachLo, tolerance, pairs))
+    for (const auto& [k, roughSpan] : roughSpans)
+      if (smoothAlongLine(k, roughSpan, placed.data(), reachLo, settings_.runTolerance,
+                          settings_.runPairs))
         zones[k] |= 1u << z;
   }
 }

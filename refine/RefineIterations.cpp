@@ -24,8 +24,8 @@ void WorkArrays::makeRoom(std::size_t echoes, std::size_t shots) {
       reserveWithRoom(unfitWhenJudged, echoes);
   reserveWithRoom(judgedAt, echoes), reserveWithRoom(judgeNow, echoes),
       reserveWithRoom(unfit, echoes);
-  reserveWithRoom(smoothIn, echoes), reserveWithRoom(bestRun, echoes),
-      reserveWithRoom(bestZone, echoes);
+  reserveWithRoom(smoothIn, echoes), reserveWithRoom(rough, echoes),
+      reserveWithRoom(bestRun, echoes), reserveWithRoom(bestZone, echoes);
 }
 
 void WorkArrays::makeCellRoom(std::size_t cellCount) {

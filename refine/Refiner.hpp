@@ -151,6 +151,7 @@ struct WorkArrays {
   std::vector<std::uint8_t> judgeNow, nearChange, unfit;
   std::vector<std::pair<std::uint32_t, Verdict>> moves;
   std::vector<std::uint32_t> changedCells, smoothIn, bestRun;
+  std::vector<std::uint8_t> rough;  // per echo in recording order: rough where it is
   std::vector<std::int8_t> bestZone;
 
   // Room for a block of `echoes` and `shots` (the cells' arrays: for `cells`), with some to
@@ -215,7 +216,10 @@ class Refiner {
   void placeAlongLine(std::size_t lo, std::size_t hi, int zone, AlongPlacement* out) const;
   static bool smoothAlongLine(std::size_t k, const AlongLine& span, const AlongPlacement* placed,
                               std::size_t base, double tolerance, int pairs);
-  void smoothZonesOf(std::size_t lo, std::size_t hi, std::vector<std::uint32_t>& zones) const;
+  void markRough(std::size_t lo, std::size_t hi, std::vector<std::uint8_t>& rough) const;
+  void dropShortRoughChains(std::size_t first, std::vector<std::uint8_t>& rough) const;
+  void smoothZonesOf(std::size_t lo, std::size_t hi, const std::vector<std::uint8_t>& rough,
+                     std::vector<std::uint32_t>& zones) const;
   void fillCells();
   void updateCells(std::vector<CellMove>& moved);
   bool unchangedSinceJudged(std::size_t i) const;
@@ -272,14 +276,25 @@ class Refiner {
   Fit fitOf(std::size_t self, std::uint32_t emitter, const point& p, int enough,
             const Hope* hope = nullptr) const;
   static bool hopeless(const Fit& fit, int remaining, const Hope& hope);
-  bool lineFits(std::uint32_t line, std::int32_t bin, std::size_t self, std::uint32_t emitter,
-                const point& p, bool& hasEchoes) const;
+  // A placement as the fit test reads it in every line: the echo, its place and shot, its
+  // scan angle, its bin (from the first) and where that bin's angles start (radians); the
+  // calling thread's neighbours that fitted last (by line).
+  struct FitQuery {
+    std::size_t self;
+    point p, origin;
+    Gemwold::PhysicalSpace::vector direction;
+    float angle;
+    std::int32_t at;
+    double binLo, binWidth;
+    std::uint32_t* lastFit;
+  };
+  bool lineFits(std::uint32_t line, const FitQuery& q, bool& hasEchoes) const;
   bool near(const Neighbour& m, const point& p, const point& origin,
             const Gemwold::PhysicalSpace::vector& direction) const;
   bool nearBeyondFlat(const Neighbour& m, double gap, const point& origin,
                       const Gemwold::PhysicalSpace::vector& direction) const;
-  bool anyNear(std::size_t cellLo, std::size_t cellHi, std::size_t self, std::uint32_t emitter,
-               const point& p, bool& hasEchoes) const;
+  bool anyNear(std::size_t cellLo, std::size_t cellHi, std::size_t own, const FitQuery& q,
+               std::uint32_t& hint, bool& hasEchoes) const;
   Verdict outnumbered(std::size_t i, const Fit& now) const;
   bool fitsByChance(std::size_t i, const Candidate& c, int nowFitting) const;  // ChanceFits.cpp
   Verdict sparseCanopy(std::size_t i, Verdict v) const;                        // SparseCanopy.cpp

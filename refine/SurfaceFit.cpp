@@ -38,6 +38,10 @@ bool wrongBlock(const Fit& now, const Fit& candidate, int reach) {
   }
   return true;
 }
+// Per thread and line (modulo), the neighbour that fitted the last fit test there.
+constexpr std::size_t kFitHints = 16;
+thread_local std::uint32_t lastFit[kFitHints];
+
 // The first of [first, end) (in angle order) at `angle` or beyond. Without branches: which
 // half holds it is a coin toss the processor cannot learn.
 const Neighbour* firstFromAngle(const Neighbour* first, const Neighbour* end, float angle) {
@@ -49,6 +53,18 @@ const Neighbour* firstFromAngle(const Neighbour* first, const Neighbour* end, fl
     n -= half;
   }
   return first + (first->angle < angle);
+}
+// The same within one bin of [binLo, binLo + binWidth) (radians), whose neighbours sweep
+// its angles about evenly: a guess from the angle and a short walk, instead of a search
+// whose every step waits on a load.
+const Neighbour* firstFromAngleInBin(const Neighbour* first, const Neighbour* end, float angle,
+                                     double binLo, double binWidth) {
+  const auto n = std::size_t(end - first);
+  const double share = (double(angle) - binLo) / binWidth;
+  const Neighbour* at = first + (share > 0.0 ? std::min(n, std::size_t(share * double(n))) : 0);
+  while (at != first && at[-1].angle >= angle) --at;
+  while (at != end && at->angle < angle) ++at;
+  return at;
 }
 
 }  // namespace
@@ -72,24 +88,32 @@ bool Refiner::nearBeyondFlat(const Neighbour& m, double gap, const point& origin
 }
 
 // Whether an echo of cells [cellLo, cellHi] (one line's adjacent bins, in angle order) lies
-// near `p`. The echoes nearest the query's scan angle are tried first: on a surface the
-// first few decide.
-bool Refiner::anyNear(std::size_t cellLo, std::size_t cellHi, std::size_t self,
-                      std::uint32_t emitter, const point& p, bool& hasEchoes) const {
-  const point& origin = shots_.origin[emitter];
-  const auto& direction = shots_.direction[emitter];
-  const Neighbour* first = placed_.members.data() + placed_.start[cellLo];
-  const Neighbour* end = placed_.members.data() + placed_.start[cellHi + 1];
-  const auto a = float(cells_.angle[emitter]);
+// near the query. The echoes nearest the query's scan angle are tried first: on a surface the
+// first few decide. `own`: the query's own bin in that line; `hint`: the neighbour that fitted
+// the last query in that line, which mostly fits this one.
+bool Refiner::anyNear(std::size_t cellLo, std::size_t cellHi, std::size_t own, const FitQuery& q,
+                      std::uint32_t& hint, bool& hasEchoes) const {
+  const Neighbour* members = placed_.members.data();
+  const Neighbour* first = members + placed_.start[cellLo];
+  const Neighbour* end = members + placed_.start[cellHi + 1];
+  // The echoes of a line are judged one after the other: tried first, the hint spares the
+  // search (any neighbour of the cells that fits gives the same answer).
+  if (hint >= placed_.start[cellLo] && hint < placed_.start[cellHi + 1]) {
+    const Neighbour& m = members[hint];
+    if (m.echo != q.self && !(moving_ && (*moving_)[m.echo])) {
+      const double gap = squared(m.position, q.p);
+      if (gap < settings_.fitTolerance * settings_.fitTolerance ||
+          nearBeyondFlat(m, gap, q.origin, q.direction))
+        return hasEchoes = true;
+    }
+  }
   // Whether an echo is near does not depend on where the search starts: within the query's
-  // own bin, the nearest angle is found in a third of the echoes.
-  const auto bins = std::size_t(cells_.binCount);
-  const std::size_t own =
-      cellLo - cellLo % bins + std::size_t(cells_.bin[emitter] - cells_.firstBin);
-  const Neighbour* up = own >= cellLo && own <= cellHi
-                            ? firstFromAngle(placed_.members.data() + placed_.start[own],
-                                             placed_.members.data() + placed_.start[own + 1], a)
-                            : firstFromAngle(first, end, a);
+  // own bin, the nearest angle is guessed from where the angle lies in the bin.
+  const Neighbour* up =
+      own >= cellLo && own <= cellHi
+          ? firstFromAngleInBin(members + placed_.start[own], members + placed_.start[own + 1],
+                                q.angle, q.binLo, q.binWidth)
+          : firstFromAngle(first, end, q.angle);
   const Neighbour* down = up;
   // Worked out once a neighbour failed the exact test: on a surface the first neighbour
   // beyond the flat tolerance is mostly within the sloped one, and the search ends there.
@@ -97,40 +121,40 @@ bool Refiner::anyNear(std::size_t cellLo, std::size_t cellHi, std::size_t self,
   bool failed = false;
   const double flat = settings_.fitTolerance * settings_.fitTolerance;
   const auto fits = [&](const Neighbour& m) {
-    if (m.echo == self || (moving_ && (*moving_)[m.echo])) return false;
+    if (m.echo == q.self || (moving_ && (*moving_)[m.echo])) return false;
     hasEchoes = true;
-    const double gap = squared(m.position, p);
+    const double gap = squared(m.position, q.p);
     if (gap < flat) return true;
     if (failed) {
-      if (far < 0.0) far = farGap(cellLo, cellHi, origin, direction);
+      if (far < 0.0) far = farGap(cellLo, cellHi, q.origin, q.direction);
       if (gap >= far) return false;
     }
-    if (nearBeyondFlat(m, gap, origin, direction)) return true;
+    if (nearBeyondFlat(m, gap, q.origin, q.direction)) return true;
     failed = true;
     return false;
   };
   while (up != end || down != first) {
-    if (up != end && fits(*up++)) return true;
-    if (down != first && fits(*--down)) return true;
+    if (up != end && fits(*up++)) return hint = std::uint32_t(up - 1 - members), true;
+    if (down != first && fits(*--down)) return hint = std::uint32_t(down - members), true;
   }
   return false;
 }
 
-// Whether the line holds an echo near `p` among its echoes of the same scan angle (the
+// Whether the line holds an echo near the query among its echoes of the same scan angle (the
 // bin and its two neighbours, or a few more where those hold none: the ends of a line).
-bool Refiner::lineFits(std::uint32_t line, std::int32_t bin, std::size_t self,
-                       std::uint32_t emitter, const point& p, bool& hasEchoes) const {
+bool Refiner::lineFits(std::uint32_t line, const FitQuery& q, bool& hasEchoes) const {
   const std::size_t row = std::size_t(line) * std::size_t(cells_.binCount);
-  const std::int32_t last = cells_.binCount - 1, at = bin - cells_.firstBin;
+  const std::int32_t last = cells_.binCount - 1, at = q.at;
+  const std::size_t own = row + std::size_t(at);
+  std::uint32_t& hint = q.lastFit[line % kFitHints];
   const auto cell = [&](std::int32_t b) { return row + std::size_t(std::clamp(b, 0, last)); };
-  if (anyNear(cell(at - 1), cell(at + 1), self, emitter, p, hasEchoes)) return true;
+  if (anyNear(cell(at - 1), cell(at + 1), own, q, hint, hasEchoes)) return true;
   if (hasEchoes) return false;
   // Farther bins, each side of those searched already.
   for (const auto& [inner, outer] : {std::pair{2, 4}, std::pair{5, kFarthestBin}}) {
-    if (at - inner >= 0 && anyNear(cell(at - outer), cell(at - inner), self, emitter, p, hasEchoes))
+    if (at - inner >= 0 && anyNear(cell(at - outer), cell(at - inner), own, q, hint, hasEchoes))
       return true;
-    if (at + inner <= last &&
-        anyNear(cell(at + inner), cell(at + outer), self, emitter, p, hasEchoes))
+    if (at + inner <= last && anyNear(cell(at + inner), cell(at + outer), own, q, hint, hasEchoes))
       return true;
     if (hasEchoes) return false;
   }
@@ -153,6 +177,17 @@ Fit Refiner::fitOf(std::size_t self, std::uint32_t emitter, const point& p, int 
   int remaining = 2 * settings_.neighbourLines;
   const std::int64_t line = cells_.line[emitter];
   const std::int32_t bin = cells_.bin[emitter];
+  // What every line's search reads of the query, read once.
+  const double binWidth = settings_.binDegrees * std::numbers::pi / 180.0;
+  const FitQuery q{self,
+                   p,
+                   shots_.origin[emitter],
+                   shots_.direction[emitter],
+                   float(cells_.angle[emitter]),
+                   bin - cells_.firstBin,
+                   double(bin) * binWidth,
+                   binWidth,
+                   lastFit};
   const auto lineCount = std::int64_t(cells_.lineOrigin.size());
   for (int k = 1; k <= settings_.neighbourLines; ++k)
     for (int side : {-1, 1}) {
@@ -164,7 +199,7 @@ Fit Refiner::fitOf(std::size_t self, std::uint32_t emitter, const point& p, int 
           settings_.farLineDistance * settings_.farLineDistance)
         continue;  // another flight line
       bool hasEchoes = false;
-      const bool fits = lineFits(std::uint32_t(other), bin, self, emitter, p, hasEchoes);
+      const bool fits = lineFits(std::uint32_t(other), q, hasEchoes);
       fit.fitting += fits, fit.lines += hasEchoes;
       fit.fitMask |= fits ? lineBit(side, k) : 0u;
       fit.lineMask |= hasEchoes ? lineBit(side, k) : 0u;

@@ -180,6 +180,21 @@ TEST(AlongLineRuns, ShortRunsAndSettledEchoesStay) {
             all);
 }
 
+TEST(AlongLineRuns, ARunOfJustEnoughEchoesMovesOneFewerStays) {
+  // Each line's last echoes wrong: as many as a run asks for move back, one fewer stay (the
+  // rough echoes too few to make a run are not even tried in other zones).
+  RefineSettings runsOnly;
+  runsOnly.iterations = 0;
+  const int lastEcho = 3000 - kGapShots;
+  for (int count : {runsOnly.runMinEchoes, runsOnly.runMinEchoes - 1}) {
+    JitteredScan scan(kFlat, 12, 3000);
+    const std::size_t spoiled = scan.spoilLineEnds(lastEcho - count, -2);
+    ASSERT_EQ(spoiled, 12u * std::size_t(count));
+    const RefineResult r = refineEchoZones(scan.shots, scan.echoes, runsOnly);
+    EXPECT_EQ(scan.wrong(r), count < runsOnly.runMinEchoes ? spoiled : 0u) << count;
+  }
+}
+
 TEST(AlongLineRuns, SettledEchoesStillCountInTheRunsOfTheNext) {
   // A window's block starts mid-run: the last seven echoes of a line's wrong end are to be
   // judged, the rest of that line and the lines before are settled. Seven are too few for a
