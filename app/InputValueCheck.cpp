@@ -7,9 +7,11 @@
 // fragment order, so that the report is the one a walk through the fragments would give.
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <map>
 #include <optional>
 #include <set>
+#include <stdexcept>
 
 #include "app/InputCheckSteps.hpp"
 #include "app/Spread.hpp"
@@ -116,11 +118,58 @@ struct FragmentValues {
   double lastShotTime = -INFINITY;      // the latest up to the fragment's end
 };
 
+// The fields the check reads, each looked up once for all fragments, with its place for
+// findings: a look-up by name per fragment and field, and the place spelled out each time,
+// cost more than checking a small fragment's values.
+class CheckedFields {
+ public:
+  explicit CheckedFields(const InputGrids& grids) {
+    const std::pair<const char*, const Vorlap::StrongPtr<Tessal::Grid>*> gridsByName[] = {
+        {kShotsGrid, &grids.shots},
+        {kWaveformsGrid, &grids.waveforms},
+        {kOnlineGrid, &grids.online}};
+    for (const auto& [gridName, grid] : gridsByName)
+      for (const FieldRule& rule : kFields)
+        if (std::strcmp(rule.grid, gridName) == 0)
+          entries_.push_back({gridName, rule.field, *grid ? (**grid)(rule.field, "") : nullptr,
+                              fieldPlace(gridName, rule.field)});
+  }
+  // The field (empty when missing, or its grid is out of scope) and its place.
+  const Vorlap::StrongPtr<Tessal::Field>& field(const char* grid, const char* field) const {
+    return entry(grid, field).field;
+  }
+  const std::string& place(const char* grid, const char* field) const {
+    return entry(grid, field).place;
+  }
+
+ private:
+  struct Entry {
+    const char *grid, *name;
+    Vorlap::StrongPtr<Tessal::Field> field;
+    std::string place;
+  };
+  const Entry& entry(const char* grid, const char* field) const {
+    // The callers name them by the schema's constants: the same pointers, mostly.
+    for (const Entry& e : entries_)
+      if (e.name == field && e.grid == grid) return e;
+    for (const Entry& e : entries_)
+      if (std::strcmp(e.name, field) == 0 && std::strcmp(e.grid, grid) == 0) return e;
+    throw std::logic_error(std::string("the check reads no field ") + field + " of " + grid);
+  }
+  std::vector<Entry> entries_;
+};
+
+// The fragment's creator in the field; empty when either is missing.
+Vorlap::StrongPtr<Tessal::CreativeArrayBase> creatorIn(
+    const Vorlap::StrongPtr<Tessal::Field>& field, const std::string& fragment) {
+  auto id = field ? field->getFragmentIDCollection()->findFragmentIDByName(fragment)
+                  : Vorlap::StrongPtr<Tessal::FragmentID>();
+  return id ? field->getCreator(id) : Vorlap::StrongPtr<Tessal::CreativeArrayBase>();
+}
+
 // The fragment's array without keeping it in its creator: a check must not hold the input.
 template <class A>
-Vorlap::StrongPtr<A> fetch(const Vorlap::StrongPtr<Tessal::Grid>& grid, const char* field,
-                           std::uint32_t fragment) {
-  auto creator = fragmentCreator(grid, field, fragment);
+Vorlap::StrongPtr<A> fetchFrom(const Vorlap::StrongPtr<Tessal::CreativeArrayBase>& creator) {
   if (!creator) return {};
   if (auto held = creator->heldData()) return Vorlap::dynamicPtrCast<A>(held);
   const bool caching = creator->cachingEnabled();
@@ -178,11 +227,13 @@ double height(const Transform& m, const point& p) {
 // Checks one fragment; the reader's messages go to the capture of the thread it runs on.
 class ValueCheck {
  public:
-  ValueCheck(const InputGrids& grids, const Transform& toMap, bool readSamples)
-      : grids_(grids), toMap_(toMap), readSamples_(readSamples) {}
+  ValueCheck(const InputGrids& grids, const CheckedFields& fields, const Transform& toMap,
+             bool readSamples)
+      : grids_(grids), fields_(fields), toMap_(toMap), readSamples_(readSamples) {}
 
   FragmentValues fragment(std::uint32_t f, double lastShotTime) {
     lastShotTime_ = lastShotTime;
+    name_ = fragmentName(f);
     shots(f);
     if (grids_.waveforms) waveforms(f);
     if (grids_.online) online(f);
@@ -194,45 +245,52 @@ class ValueCheck {
   // The reader says why (a value that does not fit the element type, damaged data).
   void unreadable(const char* grid, const char* field, std::uint32_t f) {
     // A fragment that is not there at all is the structure check's finding.
-    if (!fragmentCreator(gridNamed(grid), field, f)) return;
+    if (!creator(grid, field)) return;
     std::string why = "(damaged data)";
     if (!console_.messages().empty()) {
       const std::string& message = console_.messages().back();
       why = message.substr(message.rfind(": ") + 2);
     }
     console_.clear();
-    tally_.note(fieldPlace(grid, field), "cannot be read: " + why,
+    tally_.note(place(grid, field), "cannot be read: " + why,
                 "store values that fit the element type, or write the file again", f, 0);
   }
 
-  const Vorlap::StrongPtr<Tessal::Grid>& gridNamed(const char* name) const {
-    const std::string n = name;
-    return n == kShotsGrid ? grids_.shots : n == kWaveformsGrid ? grids_.waveforms : grids_.online;
+  Vorlap::StrongPtr<Tessal::CreativeArrayBase> creator(const char* grid, const char* field) const {
+    return creatorIn(fields_.field(grid, field), name_);
+  }
+  template <class A>
+  Vorlap::StrongPtr<A> fetch(const char* grid, const char* field) const {
+    return fetchFrom<A>(creator(grid, field));
+  }
+  const std::string& place(const char* grid, const char* field) const {
+    return fields_.place(grid, field);
   }
 
   void shots(std::uint32_t f);
   void shotGeometry(std::uint32_t f);
-  Vorlap::StrongPtr<Doubles> recordTimes(const Vorlap::StrongPtr<Tessal::Grid>& grid,
-                                         const char* gridName, std::uint32_t f);
+  Vorlap::StrongPtr<Doubles> recordTimes(const char* gridName, std::uint32_t f);
   void waveforms(std::uint32_t f);
   void samples(std::uint32_t f, const Tessal::MemArray<1, std::uint16_t>& lengths,
                Vorlap::StrongPtr<Doubles> rowTimes);
   void online(std::uint32_t f);
 
   const InputGrids& grids_;
+  const CheckedFields& fields_;
   const Transform& toMap_;
   bool readSamples_;
   FragmentValues found_;
   Tally& tally_ = found_.tally;
   Vorlap::ConsoleCapture console_;
   std::vector<double> shotTimes_;  // the fragment's, increasing
+  std::string name_;               // the fragment's
   double lastShotTime_ = -INFINITY;
 };
 
 void ValueCheck::shots(std::uint32_t f) {
-  auto times = fetch<Doubles>(grids_.shots, kGPSTime, f);
+  auto times = fetch<Doubles>(kShotsGrid, kGPSTime);
   if (!times) return unreadable(kShotsGrid, kGPSTime, f);
-  const std::string where = fieldPlace(kShotsGrid, kGPSTime);
+  const std::string& where = place(kShotsGrid, kGPSTime);
   std::vector<double> scratch;
   const double* values = elementsOf(*times, scratch);
   shotTimes_.reserve(times->size());
@@ -259,13 +317,13 @@ void ValueCheck::shots(std::uint32_t f) {
 }
 
 void ValueCheck::shotGeometry(std::uint32_t f) {
-  auto origins = fetch<Tessal::MemArray<1, point>>(grids_.shots, kPositions, f);
-  auto directions = fetch<Tessal::MemArray<1, vector>>(grids_.shots, kDirectionDelta, f);
+  auto origins = fetch<Tessal::MemArray<1, point>>(kShotsGrid, kPositions);
+  auto directions = fetch<Tessal::MemArray<1, vector>>(kShotsGrid, kDirectionDelta);
   if (!origins) return unreadable(kShotsGrid, kPositions, f);
   if (!directions) return unreadable(kShotsGrid, kDirectionDelta, f);
   std::vector<point> pointScratch;
   const point* points = elementsOf(*origins, pointScratch);
-  const std::string originsPlace = fieldPlace(kShotsGrid, kPositions);
+  const std::string& originsPlace = place(kShotsGrid, kPositions);
   for (std::size_t i = 0; i < origins->size(); ++i) {
     const point p = points[i];
     if (!finitePoint(p)) {
@@ -277,7 +335,7 @@ void ValueCheck::shotGeometry(std::uint32_t f) {
   }
   std::vector<vector> vectorScratch;
   const vector* vectors = elementsOf(*directions, vectorScratch);
-  const std::string directionsPlace = fieldPlace(kShotsGrid, kDirectionDelta);
+  const std::string& directionsPlace = place(kShotsGrid, kDirectionDelta);
   for (std::size_t i = 0; i < directions->size(); ++i) {
     const vector d = vectors[i];
     const double length = std::sqrt(d.x * d.x + d.y * d.y + d.z * d.z);
@@ -289,16 +347,15 @@ void ValueCheck::shotGeometry(std::uint32_t f) {
 
 // The module finds a record's recording shot by the exact time: any other time is no shot.
 // Returns the times read, or nullptr when they cannot be read.
-Vorlap::StrongPtr<Doubles> ValueCheck::recordTimes(const Vorlap::StrongPtr<Tessal::Grid>& grid,
-                                                   const char* gridName, std::uint32_t f) {
-  auto times = fetch<Doubles>(grid, kGPSTime, f);
+Vorlap::StrongPtr<Doubles> ValueCheck::recordTimes(const char* gridName, std::uint32_t f) {
+  auto times = fetch<Doubles>(gridName, kGPSTime);
   if (!times) {
     unreadable(gridName, kGPSTime, f);
     return nullptr;
   }
   std::vector<double> scratch;
   const double* values = elementsOf(*times, scratch);
-  const std::string where = fieldPlace(gridName, kGPSTime);
+  const std::string& where = place(gridName, kGPSTime);
   ShotCursor shots(shotTimes_);
   for (std::size_t i = 0; i < times->size(); ++i)
     if (!shots.holds(values[i]))
@@ -310,14 +367,14 @@ Vorlap::StrongPtr<Doubles> ValueCheck::recordTimes(const Vorlap::StrongPtr<Tessa
 }
 
 void ValueCheck::waveforms(std::uint32_t f) {
-  auto rowTimes = recordTimes(grids_.waveforms, kWaveformsGrid, f);
-  auto lengths = fetch<Tessal::MemArray<1, std::uint16_t>>(grids_.waveforms, kFWFLength, f);
-  auto sampleTimes = fetch<Doubles>(grids_.waveforms, kSBLTime, f);
+  auto rowTimes = recordTimes(kWaveformsGrid, f);
+  auto lengths = fetch<Tessal::MemArray<1, std::uint16_t>>(kWaveformsGrid, kFWFLength);
+  auto sampleTimes = fetch<Doubles>(kWaveformsGrid, kSBLTime);
   if (!lengths) return unreadable(kWaveformsGrid, kFWFLength, f);
   if (!sampleTimes) return unreadable(kWaveformsGrid, kSBLTime, f);
   std::vector<double> scratch;
   const double* offsets = elementsOf(*sampleTimes, scratch);
-  const std::string where = fieldPlace(kWaveformsGrid, kSBLTime);
+  const std::string& where = place(kWaveformsGrid, kSBLTime);
   for (std::size_t i = 0; i < sampleTimes->size(); ++i)
     if (!(offsets[i] >= 0.0) || !std::isfinite(offsets[i]))
       tally_.note(where, "holds a time that is negative or not finite",
@@ -328,25 +385,25 @@ void ValueCheck::waveforms(std::uint32_t f) {
 // `rowTimes`: as recordTimes read them (nullptr when it could not).
 void ValueCheck::samples(std::uint32_t f, const Tessal::MemArray<1, std::uint16_t>& lengths,
                          Vorlap::StrongPtr<Doubles> rowTimes) {
-  auto channels = fetch<Tessal::MemArray<1, std::uint8_t>>(grids_.waveforms, kChannel, f);
+  auto channels = fetch<Tessal::MemArray<1, std::uint8_t>>(kWaveformsGrid, kChannel);
   if (!channels) return unreadable(kWaveformsGrid, kChannel, f);
-  const std::size_t perRow = fragmentCreator(grids_.waveforms, kWaveformSamples, f)->extents()[0];
+  const std::size_t perRow = creator(kWaveformsGrid, kWaveformSamples)->extents()[0];
   // Reading the samples costs most; only a run with online records drops saturated rows.
   auto rows = readSamples_
-                  ? fetch<Tessal::MemArray<2, std::uint16_t>>(grids_.waveforms, kWaveformSamples, f)
+                  ? fetch<Tessal::MemArray<2, std::uint16_t>>(kWaveformsGrid, kWaveformSamples)
                   : nullptr;
   if (readSamples_ && !rows) return unreadable(kWaveformsGrid, kWaveformSamples, f);
   const bool saturation = readSamples_ && grids_.online;
   // A saturated high-gain row loses nothing when a row of another channel has its echo. Times
   // that could not be read are tried again, for the reader's words on this finding too.
-  if (saturation && !rowTimes) rowTimes = fetch<Doubles>(grids_.waveforms, kGPSTime, f);
+  if (saturation && !rowTimes) rowTimes = fetch<Doubles>(kWaveformsGrid, kGPSTime);
   if (saturation && !rowTimes) return unreadable(kWaveformsGrid, kGPSTime, f);
   std::set<double> lowGainTimes;
   for (std::size_t r = 0; saturation && r < channels->size(); ++r)
     if (channels->get(r) != 0) lowGainTimes.insert(rowTimes->get(r));
   std::vector<std::uint16_t> scratch;
   const std::uint16_t* counts = elementsOf(lengths, scratch);
-  const std::string lengthsPlace = fieldPlace(kWaveformsGrid, kFWFLength);
+  const std::string& lengthsPlace = place(kWaveformsGrid, kFWFLength);
   for (std::size_t r = 0; r < lengths.size(); ++r) {
     if (counts[r] > perRow)
       tally_.note(
@@ -358,7 +415,7 @@ void ValueCheck::samples(std::uint32_t f, const Tessal::MemArray<1, std::uint16_
     for (std::size_t s = 0; s < std::min<std::size_t>(counts[r], perRow); ++s)
       peak = std::max(peak, rows->get(s, r));
     if (peak > kHighGainSaturation)
-      tally_.note(fieldPlace(kWaveformsGrid, kChannel),
+      tally_.note(place(kWaveformsGrid, kChannel),
                   "marks a row with samples above 1800 counts as channel 0, with no row of another "
                   "channel at its time: the run drops it as a saturated high-gain row",
                   "if the receiver has a single gain, write its rows as channel 1", f, r,
@@ -367,26 +424,26 @@ void ValueCheck::samples(std::uint32_t f, const Tessal::MemArray<1, std::uint16_
 }
 
 void ValueCheck::online(std::uint32_t f) {
-  recordTimes(grids_.online, kOnlineGrid, f);
-  auto ranges = fetch<Doubles>(grids_.online, kRange, f);
-  auto amplitudes = fetch<Tessal::MemArray<1, float>>(grids_.online, kAmplitude, f);
+  recordTimes(kOnlineGrid, f);
+  auto ranges = fetch<Doubles>(kOnlineGrid, kRange);
+  auto amplitudes = fetch<Tessal::MemArray<1, float>>(kOnlineGrid, kAmplitude);
   if (!ranges) return unreadable(kOnlineGrid, kRange, f);
   if (!amplitudes) return unreadable(kOnlineGrid, kAmplitude, f);
-  if (!fetch<Tessal::MemArray<1, std::uint8_t>>(grids_.online, kChannel, f))
+  if (!fetch<Tessal::MemArray<1, std::uint8_t>>(kOnlineGrid, kChannel))
     return unreadable(kOnlineGrid, kChannel, f);
-  if (fragmentCreator(grids_.online, kReflectance, f) &&
-      !fetch<Tessal::MemArray<1, float>>(grids_.online, kReflectance, f))
+  if (creator(kOnlineGrid, kReflectance) &&
+      !fetch<Tessal::MemArray<1, float>>(kOnlineGrid, kReflectance))
     return unreadable(kOnlineGrid, kReflectance, f);
   std::vector<double> rangeScratch;
   const double* rangeValues = elementsOf(*ranges, rangeScratch);
-  const std::string rangesPlace = fieldPlace(kOnlineGrid, kRange);
+  const std::string& rangesPlace = place(kOnlineGrid, kRange);
   for (std::size_t i = 0; i < ranges->size(); ++i)
     if (!std::isfinite(rangeValues[i]))
       tally_.note(rangesPlace, "holds a range that is not finite",
                   "give the range in m as if the echo were of zone 0", f, i);
   std::vector<float> amplitudeScratch;
   const float* amplitudeValues = elementsOf(*amplitudes, amplitudeScratch);
-  const std::string amplitudesPlace = fieldPlace(kOnlineGrid, kAmplitude);
+  const std::string& amplitudesPlace = place(kOnlineGrid, kAmplitude);
   for (std::size_t i = 0; i < amplitudes->size(); ++i)
     if (!std::isfinite(amplitudeValues[i]))
       tally_.note(amplitudesPlace, "holds an amplitude that is not finite",
@@ -400,8 +457,10 @@ void checkValues(const InputGrids& grids, const Transform& toMap, const CheckSco
   // Each fragment is checked as if no shot came before it; that is what a walk finds when
   // its first shot is later than every earlier one, else it is checked again when joined.
   std::vector<FragmentValues> found(report.fragments);
+  const CheckedFields fields(grids);
   spreadOver(scope.threads, found.size(), [&](std::size_t f) {
-    found[f] = ValueCheck(grids, toMap, scope.readSamples).fragment(std::uint32_t(f), -INFINITY);
+    found[f] =
+        ValueCheck(grids, fields, toMap, scope.readSamples).fragment(std::uint32_t(f), -INFINITY);
   });
   Tally tally;
   Heights heights;
@@ -409,7 +468,7 @@ void checkValues(const InputGrids& grids, const Transform& toMap, const CheckSco
   for (std::uint32_t f = 0; f < found.size(); ++f) {
     FragmentValues& v = found[f];
     if (v.firstShotTime && !(*v.firstShotTime > lastShotTime))
-      v = ValueCheck(grids, toMap, scope.readSamples).fragment(f, lastShotTime);
+      v = ValueCheck(grids, fields, toMap, scope.readSamples).fragment(f, lastShotTime);
     tally.join(v.tally);
     heights.join(v.heights);
     figures.shotSteps.insert(figures.shotSteps.end(), v.shotSteps.begin(), v.shotSteps.end());

@@ -194,19 +194,19 @@ class RowsCreator final : public CreativeArrayBase {
  public:
   // `width`: values per row of a two-dimensional field, 0 for a one-dimensional one.
   RowsCreator(std::shared_ptr<FieldValues> values, hsize_t first, hsize_t count, std::size_t width,
-              std::string name)
+              Vorlap::StrongPtr<FragmentID> fragment)
       : values_(std::move(values)),
         first_(first),
         count_(count),
         width_(width),
-        name_(std::move(name)) {}
+        fragment_(std::move(fragment)) {}
   ElementType elementType() const override { return values_->type; }
   std::vector<std::size_t> extents() const override {
     if (width_ == 0) return {std::size_t(count_)};
     return {width_, std::size_t(count_)};
   }
   Vorlap::StrongPtr<CreativeArrayBase> unheldCopy() const override {
-    return Vorlap::makeStrong<RowsCreator>(values_, first_, count_, width_, name_);
+    return Vorlap::makeStrong<RowsCreator>(values_, first_, count_, width_, fragment_);
   }
 
  protected:
@@ -216,7 +216,8 @@ class RowsCreator final : public CreativeArrayBase {
   std::shared_ptr<FieldValues> values_;
   hsize_t first_, count_;
   std::size_t width_;  // kept instead of the extents: one allocation less per fragment
-  std::string name_;
+  // For messages: the identifier, which the field's other creators share, not a copy of its name.
+  Vorlap::StrongPtr<FragmentID> fragment_;
 };
 
 Vorlap::StrongPtr<MemBase> RowsCreator::produce() {
@@ -236,8 +237,8 @@ Vorlap::StrongPtr<MemBase> RowsCreator::produce() {
     if (!direct) problem = readRowsThroughHdf5(v, first_, count_, data);
   }
   if (problem.empty()) return array;
-  Vorlap::Console() << v.file->name << ": cannot read fragment \"" << name_ << "\" of " << v.path
-                    << ": " << problem;
+  Vorlap::Console() << v.file->name << ": cannot read fragment \"" << fragment_->getName()
+                    << "\" of " << v.path << ": " << problem;
   return {};
 }
 
@@ -402,7 +403,7 @@ std::string checkStoredSize(std::uint64_t total, ElementType type, std::uint64_t
 }
 
 std::string readFieldValues(const Vorlap::StrongPtr<OpenFile>& file, const std::string& path,
-                            Field& field, std::string& where) {
+                            Field& field, std::string& where, const FragmentIDCollection* like) {
   Hid group(H5Gopen2(file->id, path.c_str(), H5P_DEFAULT), H5Gclose);
   std::vector<std::string> names;
   std::vector<std::int64_t> offsets;
@@ -428,11 +429,21 @@ std::string readFieldValues(const Vorlap::StrongPtr<OpenFile>& file, const std::
   if (!values->convert)
     directlyReadable(values->set, nativeTypeOf(values->type), values->chunkRows, values->shuffled);
   const std::size_t width = rank == 2 ? std::size_t(dims[1]) : 0;
+  // Named as the field before: its identifiers, table and all.
+  bool shared = false;
+  if (like && like->size() == names.size()) {
+    std::size_t same = 0;
+    while (same < names.size() && like->at(same)->getName() == names[same]) ++same;
+    shared = same == names.size() && field.shareFragmentIDs(*like);
+  }
   for (std::size_t i = 0; i < names.size(); ++i) {
     const auto rows = hsize_t(offsets[i + 1] - offsets[i]);
-    auto id = field.makeFragmentID(names[i]);
-    field.setCreator(id, Vorlap::makeStrong<RowsCreator>(values, hsize_t(offsets[i]), rows, width,
-                                                         std::move(names[i])));
+    const bool named = like && i < like->size() && like->at(i)->getName() == names[i];
+    auto id = shared  ? like->at(i)
+              : named ? field.adoptFragmentID(like->at(i))
+                      : field.makeFragmentID(names[i]);
+    field.setCreator(id,
+                     Vorlap::makeStrong<RowsCreator>(values, hsize_t(offsets[i]), rows, width, id));
   }
   return "";
 }

@@ -21,9 +21,11 @@ struct OpenFile {
 };
 
 // Adds the fragments of the field group at `path` to `field`. The empty text, else the
-// problem, with `where` set to the object that has it.
+// problem, with `where` set to the object that has it. Fragments named as in `like` at the
+// same place (the fields read before, mostly) share its identifiers.
 std::string readFieldValues(const Vorlap::StrongPtr<OpenFile>& file, const std::string& path,
-                            Field& field, std::string& where);
+                            Field& field, std::string& where,
+                            const FragmentIDCollection* like = nullptr);
 
 // A dataset's element type and rank (its attributes) and whether its stored number type
 // differs from the element type; the empty text, else what is wrong.

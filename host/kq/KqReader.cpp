@@ -332,7 +332,9 @@ class Reader {
     if (!readAttributeGroup(path, field->attributes())) return false;
     if (perField_) {
       std::string where;
-      const std::string problem = kq::readFieldValues(file_, path, *field, where);
+      const std::string problem =
+          kq::readFieldValues(file_, path, *field, where, lastFragments_.get());
+      if (field->getNumberOfFragments() > 0) lastFragments_ = field->getFragmentIDCollection();
       return problem.empty() || fail(where, problem);
     }
     const std::string groupPath = path + "/fragments";
@@ -354,6 +356,8 @@ class Reader {
   Vorlap::StrongPtr<KqFile> file_;
   bool deferFragments_;
   bool perField_ = false;  // one dataset per field (else one per fragment)
+  // The fragments of the last field read: the next field's share its identifiers.
+  Vorlap::StrongPtr<FragmentIDCollection> lastFragments_;
   std::string error_, where_;
 };
 

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -34,24 +35,26 @@ constexpr std::chrono::milliseconds kCollectInterval{100};
 
 // Stands for a fragment a streaming save has written and let go: its type and extents stay
 // known, its data is in the file.
+// Its extents are kept in place: one is made per fragment and field.
 class WrittenCreator final : public CreativeArrayBase {
  public:
-  explicit WrittenCreator(const CreativeArrayBase& written)
-      : type_(written.elementType()), extents_(written.extents()) {}
+  explicit WrittenCreator(const CreativeArrayBase& written) : type_(written.elementType()) {
+    const std::vector<std::size_t> extents = written.extents();
+    rank_ = std::min(extents.size(), extents_.size());
+    std::copy_n(extents.begin(), rank_, extents_.begin());
+  }
   ElementType elementType() const override { return type_; }
-  std::vector<std::size_t> extents() const override { return extents_; }
+  std::vector<std::size_t> extents() const override {
+    return std::vector<std::size_t>(extents_.begin(), extents_.begin() + std::ptrdiff_t(rank_));
+  }
 
  protected:
   Vorlap::StrongPtr<MemBase> produce() override { return {}; }
 
  private:
   ElementType type_;
-  std::vector<std::size_t> extents_;
-};
-
-struct FieldJob {
-  Vorlap::StrongPtr<Field> field;
-  std::string path;  // group of the field's fragments (one dataset per fragment), else the field's
+  std::size_t rank_ = 0;
+  std::array<std::size_t, 2> extents_{};  // arrays are of rank 1 or 2
 };
 
 // A field of the one-dataset layout: its dataset being filled and its next fragment.
@@ -59,6 +62,13 @@ struct FieldState {
   explicit FieldState(const std::string& name) : values(name) {}
   kq::FieldValuesWriter values;
   std::size_t next = 0;
+};
+
+struct FieldJob {
+  Vorlap::StrongPtr<Field> field;
+  std::string path;  // group of the field's fragments (one dataset per fragment), else the field's
+  // Its state in the one-dataset layout, once found: a pass per fragment visits every field.
+  mutable FieldState* state = nullptr;
 };
 
 class Writer {
@@ -268,8 +278,10 @@ class Writer {
 
  private:
   FieldState& stateOf(const FieldJob& job) {
+    if (job.state) return *job.state;
     auto& state = fieldStates_[job.field.get()];
     if (!state) state = std::make_unique<FieldState>(job.field->getName());
+    job.state = state.get();
     return *state;
   }
   bool appendFragment(const FieldJob& job, FieldState& state,

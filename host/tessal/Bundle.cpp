@@ -56,8 +56,9 @@ bool copyField(const Field& from, Representation& to) {
   StrongPtr<Field> field = to.makeField(to.makeFieldID(from.getName()), {}, {});
   field->attributes() = from.attributes();
   auto ids = from.getFragmentIDCollection();
+  field->shareFragmentIDs(*ids);
   for (std::size_t f = 0; f < ids->size(); ++f) {
-    auto id = field->makeFragmentID(ids->at(f)->getName());
+    auto id = field->adoptFragmentID(ids->at(f));
     auto creator = from.getCreator(ids->at(f));
     if (!creator) continue;
     auto copy = creator->unheldCopy();

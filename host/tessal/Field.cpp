@@ -4,6 +4,7 @@
 #include <cmath>
 #include <functional>
 #include <string_view>
+#include <thread>
 
 namespace Tessal {
 
@@ -18,10 +19,11 @@ std::uint32_t hashOf(const std::string& name) {
 }  // namespace
 
 std::size_t FragmentIDCollection::indexOfName(const std::string& name, std::uint32_t hash) const {
-  if (table_.empty()) return ids_.size();
-  const std::size_t mask = table_.size() - 1;
+  if (!table_ || table_->empty()) return ids_.size();
+  const std::vector<Slot>& table = *table_;
+  const std::size_t mask = table.size() - 1;
   for (std::size_t s = hash & mask;; s = (s + 1) & mask) {
-    const Slot slot = table_[s];
+    const Slot slot = table[s];
     if (slot.position == 0) return ids_.size();
     if (slot.hash == hash && ids_[slot.position - 1]->getName() == name) return slot.position - 1;
   }
@@ -37,29 +39,78 @@ StrongPtr<FragmentID> FragmentIDCollection::findFragmentIDByName(const std::stri
 }
 
 void FragmentIDCollection::placeInTable(Slot slot) {
-  const std::size_t mask = table_.size() - 1;
+  std::vector<Slot>& table = ownTable();
+  const std::size_t mask = table.size() - 1;
   std::size_t s = slot.hash & mask;
-  while (table_[s].position != 0) s = (s + 1) & mask;
-  table_[s] = slot;
+  while (table[s].position != 0) s = (s + 1) & mask;
+  table[s] = slot;
+}
+
+std::vector<FragmentIDCollection::Slot>& FragmentIDCollection::ownTable() {
+  // Another collection may read a shared table at any time: it is copied, never changed.
+  if (table_.use_count() > 1) table_ = std::make_shared<std::vector<Slot>>(*table_);
+  return *table_;
+}
+
+void FragmentIDCollection::shareIdentifiersOf(const FragmentIDCollection& other) {
+  if (&other == this) return;
+  ids_ = other.ids_;
+  table_ = other.table_;
+  increasing_ = other.increasing_;
+}
+
+bool FragmentIDCollection::followsAll(const std::string& name) const {
+  if (ids_.empty()) return true;
+  if (!increasing_) return false;
+  const std::string& last = ids_.back()->getName();
+  return name.size() != last.size() ? name.size() > last.size() : name > last;
+}
+
+void FragmentIDCollection::append(StrongPtr<FragmentID> id, std::uint32_t hash) {
+  increasing_ = followsAll(id->getName());
+  ids_.push_back(std::move(id));
+  const Slot added{hash, std::uint32_t(ids_.size())};
+  const std::size_t slots = table_ ? table_->size() : 0;
+  if (2 * ids_.size() <= slots) return placeInTable(added);
+  // Grown: the slots carry their hashes, so no name is hashed again.
+  auto old = std::move(table_);
+  table_ = std::make_shared<std::vector<Slot>>(std::max<std::size_t>(16, 2 * slots));
+  if (old)
+    for (const Slot& slot : *old)
+      if (slot.position != 0) placeInTable(slot);
+  placeInTable(added);
 }
 
 StrongPtr<FragmentID> FragmentIDCollection::makeFragmentID(const std::string& name) {
   const std::uint32_t hash = hashOf(name);
-  if (const std::size_t i = indexOfName(name, hash); i < ids_.size()) return ids_[i];
-  auto id = Vorlap::makeStrong<FragmentID>(name);
-  id->position_ = ids_.size();
-  ids_.push_back(id);
-  const Slot added{hash, std::uint32_t(ids_.size())};
-  if (2 * ids_.size() <= table_.size()) {
-    placeInTable(added);
-    return id;
+  // Names that come in order need no search for an earlier one of the same spelling.
+  if (!followsAll(name))
+    if (const std::size_t i = indexOfName(name, hash); i < ids_.size()) return ids_[i];
+  // A fragment's arrays are stored field after field, each field naming the fragment at the
+  // same place: the identifier this thread made last serves them all.
+  thread_local StrongPtr<FragmentID> lastMade;
+  if (!lastMade || lastMade->position_ != ids_.size() || lastMade->getName() != name) {
+    lastMade = Vorlap::makeStrong<FragmentID>(name);
+    lastMade->position_ = ids_.size();
   }
-  // Grown: the slots carry their hashes, so no name is hashed again.
-  std::vector<Slot> old(std::max<std::size_t>(16, 2 * table_.size()));
-  old.swap(table_);
-  for (const Slot& slot : old)
-    if (slot.position != 0) placeInTable(slot);
-  placeInTable(added);
+  append(lastMade, hash);
+  return lastMade;
+}
+
+StrongPtr<FragmentID> FragmentIDCollection::adoptFragmentID(const StrongPtr<FragmentID>& id) {
+  if (id.isEmpty()) return {};
+  if (indexOf(id.get()) < ids_.size()) return id;
+  const std::string& name = id->getName();
+  const std::uint32_t hash = hashOf(name);
+  if (!followsAll(name))
+    if (const std::size_t i = indexOfName(name, hash); i < ids_.size()) return ids_[i];
+  if (id->position_ != ids_.size()) {
+    auto own = Vorlap::makeStrong<FragmentID>(name);
+    own->position_ = ids_.size();
+    append(own, hash);
+    return own;
+  }
+  append(id, hash);
   return id;
 }
 
@@ -70,14 +121,32 @@ StrongPtr<MemBase> CreativeArrayBase::create() {
   return data;
 }
 
+class CreativeArrayBase::LentLock {
+ public:
+  explicit LentLock(std::atomic<bool>& busy) : busy_(busy) {
+    while (busy_.exchange(true, std::memory_order_acquire))
+      while (busy_.load(std::memory_order_relaxed)) std::this_thread::yield();
+  }
+  ~LentLock() { busy_.store(false, std::memory_order_release); }
+  LentLock(const LentLock&) = delete;
+  LentLock& operator=(const LentLock&) = delete;
+
+ private:
+  std::atomic<bool>& busy_;
+};
+
 void CreativeArrayBase::lend(const StrongPtr<MemBase>& data) {
-  std::lock_guard lock(lentMutex_);
-  lent_ = Vorlap::WeakPtr<MemBase>(data);
+  Vorlap::WeakPtr<MemBase> lent(data);
+  {
+    LentLock lock(lentBusy_);
+    std::swap(lent_, lent);
+  }
+  // The handle given up is let go outside the lock: it may free a control block.
 }
 
 StrongPtr<MemBase> CreativeArrayBase::sharedData() const {
   if (held_) return held_;
-  std::lock_guard lock(lentMutex_);
+  LentLock lock(lentBusy_);
   return lent_.lock();
 }
 
@@ -100,6 +169,19 @@ StrongPtr<FragmentID> Field::makeFragmentID(const std::string& name) {
   return id;
 }
 
+StrongPtr<FragmentID> Field::adoptFragmentID(const StrongPtr<FragmentID>& id) {
+  auto own = fragments_->adoptFragmentID(id);
+  if (creators_.size() < fragments_->size()) creators_.resize(fragments_->size());
+  return own;
+}
+
+bool Field::shareFragmentIDs(const FragmentIDCollection& ids) {
+  if (fragments_->size() > 0) return false;
+  fragments_->shareIdentifiersOf(ids);
+  creators_.resize(fragments_->size());
+  return true;
+}
+
 void Field::setPersistentData(const StrongPtr<MemBase>& data, const StrongPtr<FragmentID>& fragment,
                               const StrongPtr<Vorlap::Cache>& cache, const std::string&) {
   if (data.isEmpty() || fragment.isEmpty()) return;
@@ -111,11 +193,11 @@ void Field::setCreator(const StrongPtr<FragmentID>& fragment,
                        const StrongPtr<CreativeArrayBase>& creator) {
   if (fragment.isEmpty()) return;
   std::size_t i = fragments_->indexOf(fragment.get());
-  // An identifier of another field: adopt its name here.
-  if (i == fragments_->size()) i = fragments_->indexOf(makeFragmentID(fragment->getName()).get());
-  creators_.resize(fragments_->size());
+  // An identifier of another field: adopt it (or its name) here.
+  if (i == fragments_->size()) i = fragments_->indexOf(fragments_->adoptFragmentID(fragment).get());
+  if (creators_.size() < fragments_->size()) creators_.resize(fragments_->size());
   creators_[i] = creator;
-  changeLog_.push_back(i);
+  changeLog_.push_back(std::uint32_t(i));
   touch();
 }
 

@@ -3,8 +3,10 @@
 // (setPersistentData) or data produced on demand, e.g. read from a .kq file when asked.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <unordered_map>
@@ -47,6 +49,11 @@ class FragmentIDCollection {
   Vorlap::StrongPtr<FragmentID> findFragmentIDByName(const std::string& name) const;
   // The identifier of that name, made when missing.
   Vorlap::StrongPtr<FragmentID> makeFragmentID(const std::string& name);
+  // The identifier of `id`'s name, made when missing: `id` itself when it would sit at the
+  // place it has in its own collection. Fields of one grid name the same fragments in the
+  // same order, and one identifier object for all of them spares an allocation and a name
+  // look-up per fragment and field.
+  Vorlap::StrongPtr<FragmentID> adoptFragmentID(const Vorlap::StrongPtr<FragmentID>& id);
   std::size_t size() const { return ids_.size(); }
   const Vorlap::StrongPtr<FragmentID>& at(std::size_t i) const { return ids_[i]; }
   // Position of the identifier, or size() when it is not in this collection.
@@ -56,6 +63,8 @@ class FragmentIDCollection {
   }
   // Position of the identifier of that name, or size() when there is none.
   std::size_t indexOfName(const std::string& name) const;
+  // Makes this empty collection hold `other`'s identifiers, the same objects in the same order.
+  void shareIdentifiersOf(const FragmentIDCollection& other);
 
  private:
   // A name's hash and its identifier's position + 1 (0: free). A probe compares hashes
@@ -65,10 +74,19 @@ class FragmentIDCollection {
   };
   std::size_t indexOfName(const std::string& name, std::uint32_t hash) const;
   void placeInTable(Slot slot);
+  // Appends an identifier whose name is not in the collection yet.
+  void append(Vorlap::StrongPtr<FragmentID> id, std::uint32_t hash);
+  // Whether `name` comes after every name so far in shortlex order (Fragment_9 before
+  // Fragment_10, as fragments are numbered), so that it cannot be one of them.
+  bool followsAll(const std::string& name) const;
   std::vector<Vorlap::StrongPtr<FragmentID>> ids_;
   // Open addressing by the name's hash; its size is a power of two, at least twice the
-  // identifiers.
-  std::vector<Slot> table_;
+  // identifiers. Shared with the collections made alike (shareIdentifiersOf) until one of
+  // them grows: the fields of a grid name the same fragments, and a table per field of
+  // thousands of fragments is most of the memory a load takes before any data.
+  std::shared_ptr<std::vector<Slot>> table_;
+  std::vector<Slot>& ownTable();
+  bool increasing_ = true;  // every name so far came after the ones before it
 };
 
 // Per component minimum and maximum of a fragment's values.
@@ -108,9 +126,12 @@ class CreativeArrayBase : public Vorlap::Creature, public Vorlap::ReferenceBase<
   Vorlap::StrongPtr<MemBase> held_;
 
  private:
+  // Taken only to copy lent_: the module's thread lends while the writer's borrows. A flag
+  // rather than a mutex, as every fragment of every field has a creator (a mutex is 40 bytes).
+  class LentLock;
   Vorlap::StrongPtr<ValueRange> range_;
-  mutable std::mutex lentMutex_;  // the module's thread lends while the writer's borrows
   Vorlap::WeakPtr<MemBase> lent_;
+  mutable std::atomic<bool> lentBusy_{false};
 };
 
 // A creator holding an array given to it.
@@ -133,6 +154,11 @@ class Field : public Vorlap::Ageable {
   Vorlap::StrongPtr<FragmentIDCollection> getFragmentIDCollection() const { return fragments_; }
   std::size_t getNumberOfFragments() const { return fragments_->size(); }
   Vorlap::StrongPtr<FragmentID> makeFragmentID(const std::string& name);
+  // The identifier of `id`'s name here, made when missing (FragmentIDCollection::adoptFragmentID).
+  Vorlap::StrongPtr<FragmentID> adoptFragmentID(const Vorlap::StrongPtr<FragmentID>& id);
+  // Gives a field without fragments those of `ids`, the same identifiers in the same order;
+  // false (and nothing done) when the field has fragments already.
+  bool shareFragmentIDs(const FragmentIDCollection& ids);
 
   // Stores an array as the fragment's data, without copying it.
   void setPersistentData(const Vorlap::StrongPtr<MemBase>& data,
@@ -160,7 +186,8 @@ class Field : public Vorlap::Ageable {
   std::string name_;
   Vorlap::StrongPtr<FragmentIDCollection> fragments_;
   std::vector<Vorlap::StrongPtr<CreativeArrayBase>> creators_;  // parallel to fragments_
-  std::vector<std::size_t> changeLog_;                          // positions, in setCreator order
+  // Positions, in setCreator order; 32 bits, as a fragment's creator is set a few times.
+  std::vector<std::uint32_t> changeLog_;
   Vorlap::Attributes attributes_;
 };
 

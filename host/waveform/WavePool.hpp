@@ -3,6 +3,7 @@
 // and a new object per wave, and their echo lists keep their room.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -72,24 +73,34 @@ class WavePool {
 
   // Least significant digit first, 11 bits a pass, over the addresses' span only: a few
   // linear passes where a comparison sort of a fragment's waves took longer than it saved.
-  static void sortByAddress(std::vector<Ptr>& list, std::vector<Ptr>& scratch,
-                            std::vector<Key>& keys, std::vector<Key>& other) {
+  // Short lists (small fragments) are sorted by comparison: three passes over a table of
+  // 2,049 counts cost more than they sort. The addresses differ, so either order is the same.
+  void sortByAddress(std::vector<Ptr>& list, std::vector<Ptr>& scratch, std::vector<Key>& keys,
+                     std::vector<Key>& other) {
     if (list.size() < 2) return;
     keys.resize(list.size());
     std::uintptr_t low = ~std::uintptr_t(0), high = 0;
+    bool sorted = true;
     for (std::size_t i = 0; i < list.size(); ++i) {
       const auto a = reinterpret_cast<std::uintptr_t>(list[i].get());
       keys[i] = {a, std::uint32_t(i)};
+      sorted = sorted && a >= high;
       low = a < low ? a : low;
       high = a > high ? a : high;
     }
-    other.resize(keys.size());
-    for (unsigned shift = 0; shift < 64 && ((high - low) >> shift) > 0; shift += kDigitBits) {
-      std::vector<std::size_t> start((std::size_t(1) << kDigitBits) + 1, 0);
-      for (const Key& k : keys) ++start[digit(k, low, shift) + 1];
-      for (std::size_t d = 1; d < start.size(); ++d) start[d] += start[d - 1];
-      for (const Key& k : keys) other[start[digit(k, low, shift)]++] = k;
-      keys.swap(other);
+    if (sorted) return;
+    if (list.size() < kRadixFrom) {
+      std::sort(keys.begin(), keys.end(),
+                [](const Key& a, const Key& b) { return a.address < b.address; });
+    } else {
+      other.resize(keys.size());
+      for (unsigned shift = 0; shift < 64 && ((high - low) >> shift) > 0; shift += kDigitBits) {
+        counts_.assign((std::size_t(1) << kDigitBits) + 1, 0);
+        for (const Key& k : keys) ++counts_[digit(k, low, shift) + 1];
+        for (std::size_t d = 1; d < counts_.size(); ++d) counts_[d] += counts_[d - 1];
+        for (const Key& k : keys) other[counts_[digit(k, low, shift)]++] = k;
+        keys.swap(other);
+      }
     }
     scratch.resize(list.size());
     for (std::size_t i = 0; i < keys.size(); ++i) scratch[i] = std::move(list[keys[i].index]);
@@ -102,10 +113,12 @@ class WavePool {
   }
 
   static constexpr unsigned kDigitBits = 11;
+  static constexpr std::size_t kRadixFrom = 1024;
   static constexpr std::size_t kAhead = 8;
   std::vector<Ptr> spare_, scratch_;
   std::vector<Key> keys_, otherKeys_;
-  std::size_t next_ = 0;  // spare_[0, next_) were taken: empty handles
+  std::vector<std::size_t> counts_;  // the radix passes' table, kept for the next fragment
+  std::size_t next_ = 0;             // spare_[0, next_) were taken: empty handles
 };
 
 }  // namespace FullWaveform

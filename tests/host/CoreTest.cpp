@@ -306,6 +306,61 @@ TEST(Field, LookUpsAndChangesStayExactOverThousandsOfFragments) {
   EXPECT_TRUE(cursor.newlyChanged(field).empty());
 }
 
+// Fields that name their fragments alike share the identifier objects (a load, a copy for
+// another thread and the fields of one output fragment make hundreds of thousands); a name
+// at another place, or out of order, gets an identifier of its own, found as before.
+TEST(Field, IdentifiersAreSharedWhereFieldsNameFragmentsAlike) {
+  Field a("GPSTime"), b("Positions"), adopted("Range");
+  for (std::uint32_t f = 0; f < 100; ++f) {
+    auto id = a.makeFragmentID(schema::fragmentName(f));
+    EXPECT_EQ(b.makeFragmentID(schema::fragmentName(f)).get(), id.get()) << "same place";
+    EXPECT_EQ(adopted.adoptFragmentID(id).get(), id.get());
+  }
+  const auto ids = a.getFragmentIDCollection();
+  EXPECT_EQ(adopted.adoptFragmentID(ids->at(40)).get(), ids->at(40).get()) << "already there";
+  EXPECT_EQ(adopted.getNumberOfFragments(), 100u);
+
+  // Names out of order, repeated, and at other places.
+  Field shuffled("Amplitude");
+  const auto ten = shuffled.makeFragmentID("Fragment_10");
+  const auto nine = shuffled.makeFragmentID("Fragment_9");
+  EXPECT_NE(nine.get(), ids->at(9).get()) << "Fragment_9 sits at place 1 here";
+  EXPECT_EQ(shuffled.makeFragmentID("Fragment_10").get(), ten.get()) << "a name is made once";
+  EXPECT_EQ(shuffled.makeFragmentID("Fragment_9").get(), nine.get());
+  EXPECT_EQ(shuffled.adoptFragmentID(ids->at(10)).get(), ten.get()) << "found by its name";
+  const auto five = shuffled.adoptFragmentID(ids->at(5));
+  EXPECT_NE(five.get(), ids->at(5).get()) << "Fragment_5 sits at place 2 here";
+  EXPECT_EQ(five->getName(), "Fragment_5");
+  const auto shuffledIds = shuffled.getFragmentIDCollection();
+  ASSERT_EQ(shuffledIds->size(), 3u);
+  for (std::size_t i = 0; i < 3; ++i) {
+    EXPECT_EQ(shuffledIds->indexOf(shuffledIds->at(i).get()), i);
+    EXPECT_EQ(shuffledIds->indexOfName(shuffledIds->at(i)->getName()), i);
+  }
+  // A creator set with another field's identifier lands on the fragment of that name.
+  shuffled.setPersistentData(quillo::test::makeArray<double>({9.0}), ids->at(9), {}, "");
+  auto nineData = dynamicPtrCast<MemArray<1, double>>(shuffled.getCreator(nine)->heldData());
+  ASSERT_TRUE(nineData);
+  EXPECT_EQ(nineData->get(0), 9.0);
+  EXPECT_EQ(shuffledIds->size(), 3u);
+  // Identifiers shared by two fields stay where each of them put them.
+  EXPECT_EQ(b.getFragmentIDCollection()->indexOf(ids->at(99).get()), 99u);
+  EXPECT_EQ(shuffledIds->indexOf(ids->at(9).get()), 3u) << "not this field's identifier";
+
+  // A field given another's identifiers grows on its own; the other keeps its table.
+  Field copy("Reflectance");
+  ASSERT_TRUE(copy.shareFragmentIDs(*ids));
+  EXPECT_FALSE(copy.shareFragmentIDs(*shuffledIds)) << "only a field without fragments";
+  for (std::uint32_t f = 100; f < 300; ++f) copy.makeFragmentID(schema::fragmentName(f));
+  EXPECT_EQ(ids->size(), 100u);
+  EXPECT_EQ(ids->indexOfName("Fragment_150"), 100u);
+  EXPECT_EQ(copy.getFragmentIDCollection()->indexOfName("Fragment_150"), 150u);
+  EXPECT_EQ(copy.getFragmentIDCollection()->indexOfName("Fragment_42"), 42u);
+  EXPECT_EQ(copy.getFragmentIDCollection()->at(42).get(), ids->at(42).get());
+  a.makeFragmentID("Fragment_100");
+  EXPECT_EQ(ids->indexOfName("Fragment_100"), 100u);
+}
+
 // A reader that does not cache lends its array: another reader shares it while it is held,
 // never after, and lending and borrowing may happen on different threads.
 TEST(Field, LentArraysAreSharedOnlyWhileHeld) {

@@ -217,6 +217,41 @@ TEST(KqFieldLayout, CopiesForOtherThreadsReadNeighbouringFragments) {
   EXPECT_EQ(differences, (std::vector<std::string>{"", ""}));
 }
 
+// Fields naming the same fragments in the same order share their identifiers once loaded,
+// and so do the copies for other threads; a field naming them in another order keeps its
+// own, and every fragment reads back where it was.
+TEST(KqFieldLayout, FieldsNamedAlikeShareTheirFragmentIdentifiers) {
+  TempDir dir;
+  auto made = BundlePtr::make();
+  auto rep = (*made.create())[0.0]->makeGrid("G")->makeCartesianRepresentation(3, "C", 0);
+  for (int f = 0; f < 50; ++f) {
+    storeFragment(*rep, "a", "F" + std::to_string(f), filled<double>(std::size_t(f % 5), 0, f));
+    storeFragment(*rep, "b", "F" + std::to_string(f), filled<float>(std::size_t(f % 3), 0, f));
+  }
+  for (int f = 49; f >= 0; --f)
+    storeFragment(*rep, "c", "F" + std::to_string(f), filled<double>(1, 0, -f));
+  ASSERT_EQ(Bundle::save(made, dir.file("s.kq")), "");
+  bool ok = false;
+  BundlePtr loaded = load(dir.file("s.kq"), ok);
+  ASSERT_TRUE(ok);
+  const BundlePtr copy = copyForAnotherThread(loaded);
+  EXPECT_EQ(firstDifference(made, loaded), "");
+  EXPECT_EQ(firstDifference(made, copy), "");
+  const auto idsOf = [](const BundlePtr& bundle, const char* field) {
+    double time = 0.0;
+    return (*(*(*bundle.get())(time))("G"))(field, "")->getFragmentIDCollection();
+  };
+  const auto a = idsOf(loaded, "a"), b = idsOf(loaded, "b"), c = idsOf(loaded, "c");
+  ASSERT_EQ(b->size(), 50u);
+  for (std::size_t f = 0; f < 50; ++f) {
+    EXPECT_EQ(b->at(f).get(), a->at(f).get());
+    EXPECT_EQ(idsOf(copy, "b")->at(f).get(), a->at(f).get());
+    EXPECT_EQ(c->at(f)->getName(), "F" + std::to_string(49 - f));
+    EXPECT_EQ(c->indexOfName(a->at(f)->getName()), 49 - f);
+  }
+  EXPECT_NE(c->at(49).get(), a->at(0).get());
+}
+
 // A field saved in two charts is deflated once: its chunks are stored alike. A chunk that
 // differs in one byte, away from the bytes compared first, keeps its own values.
 TEST(KqFieldLayout, ChunksOfEqualValuesArePackedOnce) {
