@@ -7,8 +7,9 @@
 // just written competes with the run for the cores); the runs alternate, few then many, for
 // --repeat rounds, and each cut's fastest counts. With --progress the runs draw their progress
 // (into a file, as a run whose output is redirected does), which reports every fragment.
+// With --keep the cuts stay in their folder (printed), e.g. for a profiler.
 //   bench_fragment_count [SHOTS] [FEW] [MANY] [MODE] [--threads N] [--refine] [--repeat N]
-//                        [--progress]
+//                        [--progress] [--keep]
 //   (default: 1000000 20 5000 fast, the run's default threads, 2 rounds)
 #include <algorithm>
 #include <chrono>
@@ -71,46 +72,79 @@ struct Settings {
   std::string threads;  // empty: the run's default
   bool refine = false;
   bool progress = false;  // draw the progress bar (to a file) rather than run --quiet
+  bool keep = false;      // leave the cuts on disk
   int repeat = 2;
 };
 
-// Positional settings in their order; "--threads N" and "--refine" anywhere.
+constexpr const char* kUsage =
+    "usage: bench_fragment_count [SHOTS] [FEW] [MANY] [fast|gaussian] [--threads N] [--refine]\n"
+    "                            [--repeat N] [--progress] [--keep]\n"
+    "  defaults: 1000000 20 5000 fast, the run's default threads, 2 rounds\n";
+
+[[noreturn]] void usageError(const std::string& what) {
+  std::fprintf(stderr, "bench_fragment_count: %s\n%s", what.c_str(), kUsage);
+  std::exit(2);
+}
+
+// A whole positive number, or a usage error naming the setting.
+unsigned long long positiveNumber(const std::string& text, const char* name) {
+  char* end = nullptr;
+  const unsigned long long value = std::strtoull(text.c_str(), &end, 10);
+  if (text.empty() || text[0] == '-' || *end != '\0' || value == 0)
+    usageError(std::string(name) + " must be a whole number above 0, not \"" + text + "\"");
+  return value;
+}
+
+void checkSettings(const Settings& s) {
+  if (s.mode != "fast" && s.mode != "gaussian")
+    usageError("the mode must be fast or gaussian, not \"" + s.mode + "\"");
+  if (s.few > s.shots || s.many > s.shots)
+    usageError("cannot cut " + std::to_string(s.shots) + " shots into " +
+               std::to_string(std::max(s.few, s.many)) + " fragments");
+}
+
+// Positional settings in their order; the options anywhere. Bad settings end the bench with
+// its usage.
 Settings parse(int argc, char** argv) {
   Settings s;
   int position = 0;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
+    if (arg == "--help" || arg == "-h") {
+      std::printf("%s", kUsage);
+      std::exit(0);
+    }
     if (arg == "--threads" && i + 1 < argc) {
-      s.threads = argv[++i];
-      continue;
-    }
-    if (arg == "--refine") {
-      s.refine = true;
-      continue;
-    }
-    if (arg == "--progress") {
-      s.progress = true;
+      s.threads = std::to_string(positiveNumber(argv[++i], "--threads"));
       continue;
     }
     if (arg == "--repeat" && i + 1 < argc) {
-      s.repeat = std::max(1, std::atoi(argv[++i]));
+      s.repeat = int(std::min(positiveNumber(argv[++i], "--repeat"), 1000ull));
       continue;
     }
+    if (arg == "--refine" || arg == "--progress" || arg == "--keep") {
+      (arg == "--refine" ? s.refine : arg == "--progress" ? s.progress : s.keep) = true;
+      continue;
+    }
+    if (arg.rfind("--", 0) == 0) usageError("unknown option or missing value: " + arg);
     switch (position++) {
       case 0:
-        s.shots = std::strtoull(argv[i], nullptr, 10);
+        s.shots = positiveNumber(arg, "SHOTS");
         break;
       case 1:
-        s.few = std::uint32_t(std::atoi(argv[i]));
+        s.few = std::uint32_t(std::min(positiveNumber(arg, "FEW"), 1ull << 31));
         break;
       case 2:
-        s.many = std::uint32_t(std::atoi(argv[i]));
+        s.many = std::uint32_t(std::min(positiveNumber(arg, "MANY"), 1ull << 31));
         break;
       case 3:
         s.mode = arg;
         break;
+      default:
+        usageError("too many settings: " + arg);
     }
   }
+  checkSettings(s);
   return s;
 }
 
@@ -175,7 +209,10 @@ int main(int argc, char** argv) {
     std::printf("%6u fragments: %.2f s, %llu waves, %llu points, %.0f k waves/s\n", counts[i],
                 figures[i].seconds, (unsigned long long)figures[i].waves,
                 (unsigned long long)figures[i].points, figures[i].waves / figures[i].seconds / 1e3);
-  fs::remove_all(dir);
+  if (settings.keep)
+    std::printf("cuts kept in %s\n", dir.string().c_str());
+  else
+    fs::remove_all(dir);
   const double ratio =
       (figures[1].waves / figures[1].seconds) / (figures[0].waves / figures[0].seconds);
   std::printf(
