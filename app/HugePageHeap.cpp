@@ -7,6 +7,7 @@
 #include <sys/mman.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstddef>
 #include <new>
 
@@ -16,11 +17,15 @@ namespace {
 
 constexpr std::size_t kHugePage = std::size_t(2) << 20;
 
+std::atomic<bool> adviseHugePages{true};
+
 class HugePageSysAllocator : public SysAllocator {
  public:
   explicit HugePageSysAllocator(SysAllocator* system) : system_(system) {}
 
   void* Alloc(std::size_t size, std::size_t* actualSize, std::size_t alignment) override {
+    if (!adviseHugePages.load(std::memory_order_relaxed))
+      return system_->Alloc(size, actualSize, alignment);
     // Rounding up costs nothing: the allocator is told the size it got and uses all of it.
     const std::size_t whole = (size + kHugePage - 1) / kHugePage * kHugePage;
     void* p = system_->Alloc(whole, actualSize, std::max(alignment, kHugePage));
@@ -47,6 +52,10 @@ void useHugePagesForHeap() {
   heap->SetSystemAllocator(new (storage) HugePageSysAllocator(system));
 }
 
+void stopHugePagesForHeap() {
+  adviseHugePages.store(false, std::memory_order_relaxed);
+}
+
 void trimFreeHeap() {}
 
 }  // namespace quillo::cli
@@ -58,6 +67,8 @@ void trimFreeHeap() {}
 namespace quillo::cli {
 
 void useHugePagesForHeap() {}
+
+void stopHugePagesForHeap() {}
 
 void trimFreeHeap() {
   malloc_trim(0);

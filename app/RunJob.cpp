@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "app/CliError.hpp"
+#include "app/HugePageHeap.hpp"
 #include "app/LoadKq.hpp"
 #include "app/MapPositions.hpp"
 #include "app/ParallelRun.hpp"
@@ -190,10 +191,12 @@ RunSummary runOne(const std::string& inputPath, const RunSettings& settings,
   summary.waves = waves.total;
   bar->setWaveCounts(std::move(waves));
   std::unique_ptr<RunRefinement> refinement;
-  if (settings.refine)
+  if (settings.refine) {
+    stopHugePagesForHeap();  // the window's memory costs more on huge pages (HugePageHeap.hpp)
     refinement = std::make_unique<RunRefinement>(
         bundle, outputs, std::uint32_t(std::max<std::int32_t>(input.fragBegin, 0)), input.fragEnd,
         settings.threads);
+  }
   const bool savedByRefinement = refinement && refinement->savesItself();
   auto sink = Vorlap::makeStrong<StreamingProgress>(
       bar, savedByRefinement ? std::vector<StreamedOutput*>() : outputs, settings.threads < 2);
