@@ -1,37 +1,13 @@
 #include "app/FragmentHandover.hpp"
 
-#include <algorithm>
-#include <array>
-
 #include "tessal/Schema.hpp"
+#include "tessal/ShapeOnlyCreator.hpp"
 
 namespace quillo::cli {
 
 namespace schema = Tessal::schema;
 
 namespace {
-
-// Stands for an array handed to the writer: its type and extents stay known. One is made per
-// fragment and field, so the extents are kept in place.
-class HandedOverCreator final : public Tessal::CreativeArrayBase {
- public:
-  explicit HandedOverCreator(const Tessal::MemBase& data)
-      : type_(data.elementType()), rank_(std::min<unsigned>(data.rank(), 2)) {
-    for (unsigned d = 0; d < rank_; ++d) extents_[d] = data.extent(d);
-  }
-  Tessal::ElementType elementType() const override { return type_; }
-  std::vector<std::size_t> extents() const override {
-    return std::vector<std::size_t>(extents_.begin(), extents_.begin() + rank_);
-  }
-
- protected:
-  Vorlap::StrongPtr<Tessal::MemBase> produce() override { return {}; }
-
- private:
-  Tessal::ElementType type_;
-  unsigned rank_;
-  std::array<std::size_t, 2> extents_{};  // arrays are of rank 1 or 2
-};
 
 using PointIds = Tessal::MemArray<1, std::uint32_t>;
 
@@ -43,7 +19,7 @@ void takeOne(Tessal::Field& field, const std::string& representation,
   part.arrays.push_back(
       {representation, field.getName(), id->getName(), data, creator->range(), {}, {}});
   if (field.getName() == schema::kPointID) part.points += std::uint32_t(data->nElements());
-  field.setCreator(id, Vorlap::makeStrong<HandedOverCreator>(*data));
+  field.setCreator(id, Vorlap::makeStrong<Tessal::ShapeOnlyCreator>(*data));
 }
 
 void takeFromField(Tessal::Field& field, const std::string& representation, OutputPart& part,

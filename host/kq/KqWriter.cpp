@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -24,6 +23,7 @@
 #include "kq/KqFieldWriter.hpp"
 #include "tessal/Bundle.hpp"
 #include "tessal/EncodedArray.hpp"
+#include "tessal/ShapeOnlyCreator.hpp"
 
 namespace Tessal {
 
@@ -32,30 +32,6 @@ namespace {
 using kq::Hid;
 
 constexpr std::chrono::milliseconds kCollectInterval{100};
-
-// Stands for a fragment a streaming save has written and let go: its type and extents stay
-// known, its data is in the file.
-// Its extents are kept in place: one is made per fragment and field.
-class WrittenCreator final : public CreativeArrayBase {
- public:
-  explicit WrittenCreator(const CreativeArrayBase& written) : type_(written.elementType()) {
-    const std::vector<std::size_t> extents = written.extents();
-    rank_ = std::min(extents.size(), extents_.size());
-    std::copy_n(extents.begin(), rank_, extents_.begin());
-  }
-  ElementType elementType() const override { return type_; }
-  std::vector<std::size_t> extents() const override {
-    return std::vector<std::size_t>(extents_.begin(), extents_.begin() + std::ptrdiff_t(rank_));
-  }
-
- protected:
-  Vorlap::StrongPtr<MemBase> produce() override { return {}; }
-
- private:
-  ElementType type_;
-  std::size_t rank_ = 0;
-  std::array<std::size_t, 2> extents_{};  // arrays are of rank 1 or 2
-};
 
 // A field of the one-dataset layout: its dataset being filled and its next fragment.
 struct FieldState {
@@ -119,7 +95,8 @@ class Writer {
             creator && (creator->heldData() || dynamic_cast<EncodedCreator*>(creator.get()));
         if (!inHand || written_.count(datasetPath(job, ids->at(i)))) continue;
         if (!writeFragment(job, ids->at(i))) return false;
-        job.field->setCreator(ids->at(i), Vorlap::makeStrong<WrittenCreator>(*creator));
+        job.field->setCreator(ids->at(i), Vorlap::makeStrong<ShapeOnlyCreator>(
+                                              creator->elementType(), creator->extents()));
       }
     }
     return true;
@@ -250,7 +227,8 @@ class Writer {
         if (!creator || !(creator->heldData() || dynamic_cast<EncodedCreator*>(creator.get())))
           break;  // a later pass or the finish takes it, and the fragments after it
         if (!appendFragment(job, state, id)) return false;
-        job.field->setCreator(id, Vorlap::makeStrong<WrittenCreator>(*creator));
+        job.field->setCreator(
+            id, Vorlap::makeStrong<ShapeOnlyCreator>(creator->elementType(), creator->extents()));
       }
     }
     packStaged();
