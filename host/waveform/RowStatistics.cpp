@@ -162,7 +162,8 @@ RowStats RowStatistics::compute(const std::int32_t* y, std::size_t n, std::int32
                                 std::int32_t highest, std::int32_t noiseLevel,
                                 const PeakSettings& settings) {
   RowStats s;
-  // Short rows take their noise from the samples, not from median()'s counts.
+  // A short row's median lies mostly a few counts above its minimum: found in a few vector
+  // passes there, else by median()'s counts.
   if (n > kFewSamples || !rankWithinSteps(y, n, lowest, n / 2, kRankSteps, s.background))
     s.background = median(y, n, lowest);
   // Both give the same integer sums; a short row is summed over its samples in fewer steps
