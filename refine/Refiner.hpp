@@ -71,10 +71,19 @@ struct CellReach {
   double originRadius = 0.0, directionRadius = 0.0, reach = 0.0;
 };
 
+// A neighbour as the amplitude tests read it (beside its record, by the same index): its
+// channel and amplitude, 0 where its amplitude tells nothing. Read in cell order, they spare
+// those tests a load from the echoes for every neighbour.
+struct Tone {
+  float amplitude;
+  std::uint8_t channel;
+};
+
 // The neighbours of each cell, placed with their current zones.
 struct Placement {
   LargeVector<std::uint32_t> start, fill;  // cell c holds members[start[c], start[c+1])
   LargeVector<Neighbour> members;
+  LargeVector<Tone> tones;       // per member, for the final neighbourhood only (toneMembers)
   LargeVector<CellReach> reach;  // per cell
   // One line's neighbours while it is sorted again: those that stay and those that join.
   std::vector<Neighbour> line, joining;
@@ -241,6 +250,7 @@ class Refiner {
   // Bright echoes (BrightEchoes.cpp): many times the amplitude of the surface they lie on.
   void markBrightEchoes(std::vector<std::uint8_t>& noise) const;
   bool outshines(std::size_t i, const LargeVector<float>& faintest, double gainRatio) const;
+  void toneMembers();
   void faintestPerCell(LargeVector<float>& faintest) const;
   void tallyAmplitudes(std::size_t cellLo, std::size_t cellHi, std::uint8_t channel,
                        std::uint32_t emitter, const point* p, double limit,
