@@ -157,9 +157,11 @@ bool Refiner::unmatched(std::size_t i, const LargeVector<float>& typical) const 
       if (squared(cells_.lineOrigin[std::size_t(l)], cells_.lineOrigin[std::size_t(line)]) <= far)
         tally(row(l) + lo, row(l) + hi);
   };
-  MatchTally wide;
+  // Its own line is tallied in full already: only the sum of matches is asked.
+  MatchTally wide = own;
   eachLine([&](std::size_t from, std::size_t to) {
-    tallyMatches(from, to, channel, e, nullptr, low, high, kMatchesInLine, wide);
+    if (from != row(line) + lo)
+      tallyMatches(from, to, channel, e, nullptr, low, high, kMatchesInLine, wide);
   });
   if (wide.matched >= kMatchesInLine) return false;
   const point p = positionOf(i);
