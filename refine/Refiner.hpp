@@ -299,10 +299,23 @@ class Refiner {
     std::uint32_t* lastFit;
   };
   bool lineFits(std::uint32_t line, const FitQuery& q, bool& hasEchoes) const;
+  // Whether `m` lies near `p`, seen from the shot at `origin` looking along `direction`.
+  // Inline: the fit test and the noise tests ask it for most neighbours they read.
   bool near(const Neighbour& m, const point& p, const point& origin,
-            const Gemwold::PhysicalSpace::vector& direction) const;
+            const Gemwold::PhysicalSpace::vector& direction) const {
+    const double gap = squared(m.position, p);
+    if (gap < settings_.fitTolerance * settings_.fitTolerance) return true;  // however far apart
+    return nearBeyondFlat(m, gap, origin, direction);
+  }
+  // The same for a neighbour `gap` (squared) from the query, beyond the flat tolerance.
   bool nearBeyondFlat(const Neighbour& m, double gap, const point& origin,
-                      const Gemwold::PhysicalSpace::vector& direction) const;
+                      const Gemwold::PhysicalSpace::vector& direction) const {
+    // Surfaces slope: allow more height the farther apart the two footprints are.
+    const double apart = std::sqrt(squared(shots_.origin[m.emitter], origin)) +
+                         m.reach * std::sqrt(squared(shots_.direction[m.emitter], direction));
+    const double tolerance = settings_.fitTolerance + settings_.fitPerMetre * apart;
+    return gap < tolerance * tolerance;
+  }
   bool anyNear(std::size_t cellLo, std::size_t cellHi, std::size_t own, const FitQuery& q,
                std::uint32_t& hint, bool& hasEchoes) const;
   Verdict outnumbered(std::size_t i, const Fit& now) const;
