@@ -41,6 +41,20 @@ struct AlongPlacement {
   std::uint32_t line;
 };
 
+// The echoes along a line an echo's continuity is tested on, by field: shots as doubles
+// (exact: shot indices are far below 2^53, and so their differences), with a spare slot
+// for the last pair of lanes (any value).
+struct RunOthers {
+  alignas(16) double shot[kRunSamples + 1];
+  alignas(16) double range[kRunSamples + 1];
+  int count = 0;
+};
+// Whether an echo at `selfShot` and `selfRange` lies within `tolerance` of the straight
+// line through the ranges of at least `needed` (>= 1) pairs of `others` of two shots
+// (refine/AlongLineRuns.cpp).
+bool continuesPairs(double selfShot, double selfRange, const RunOthers& others, double tolerance,
+                    int needed);
+
 // An echo at one shot it may come from (line-end fans).
 struct FanSample {
   std::int64_t shot;
