@@ -9,11 +9,6 @@
 
 namespace FullWaveform {
 
-EchoPlacement placeEcho(double d, const Gemwold::PhysicalSpace::vector& dir,
-                        const Gemwold::PhysicalSpace::point& origin, double v) {
-  return {v * d, {dir.x * d * v + origin.x, dir.y * d * v + origin.y, dir.z * d * v + origin.z}};
-}
-
 std::int16_t scanAngleRankOf(const Gemwold::PhysicalSpace::vector& dir) {
   return scanAngleRankFromAtan2(std::atan2(dir.z, dir.x));
 }

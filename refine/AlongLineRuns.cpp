@@ -10,6 +10,9 @@
 // a right echo at a cliff or a wall, which continues the echoes on its own side.
 #include <algorithm>
 #include <cmath>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "classify/NoiseClassification.hpp"
 #include "refine/ParallelChunks.hpp"
@@ -39,6 +42,46 @@ bool continues(const Sample& self, const Sample* others, int count, double toler
 }
 
 }  // namespace
+
+// Two pairs at once: whether the count gets there does not depend on the order the pairs are
+// counted in (it only grows), and each lane rounds as continues() does (shot differences are
+// exact in doubles). Counted row by row, a row being every pair with one echo.
+bool continuesPairs(double selfShot, double selfRange, const RunOthers& o, double tolerance,
+                    int needed) {
+  const int count = o.count;
+#if defined(__SSE2__)
+  const __m128d s = _mm_set1_pd(selfShot), r = _mm_set1_pd(selfRange);
+  const __m128d limit = _mm_set1_pd(tolerance);
+  const __m128d magnitude = _mm_castsi128_pd(_mm_set1_epi64x(0x7fffffffffffffffLL));
+  for (int a = 0; a < count; ++a) {
+    if (needed > (count - a) * (count - a - 1) / 2) return false;
+    const __m128d ps = _mm_set1_pd(o.shot[a]), pr = _mm_set1_pd(o.range[a]);
+    const __m128d along = _mm_sub_pd(s, ps);
+    for (int b = a + 1; b < count; b += 2) {
+      const __m128d qs = _mm_loadu_pd(o.shot + b), qr = _mm_loadu_pd(o.range + b);
+      const __m128d at = _mm_div_pd(along, _mm_sub_pd(qs, ps));
+      const __m128d off =
+          _mm_and_pd(_mm_sub_pd(r, _mm_add_pd(pr, _mm_mul_pd(_mm_sub_pd(qr, pr), at))), magnitude);
+      const int lanes =
+          _mm_movemask_pd(_mm_and_pd(_mm_cmplt_pd(off, limit), _mm_cmpneq_pd(qs, ps)));
+      needed -= (lanes & 1) + (b + 1 < count ? lanes >> 1 : 0);
+    }
+    if (needed <= 0) return true;
+  }
+  return false;
+#else
+  for (int a = 0; a < count; ++a) {
+    if (needed > (count - a) * (count - a - 1) / 2) return false;
+    for (int b = a + 1; b < count; ++b) {
+      if (o.shot[a] == o.shot[b]) continue;
+      const double at = (selfShot - o.shot[a]) / (o.shot[b] - o.shot[a]);
+      needed -= std::abs(selfRange - (o.range[a] + (o.range[b] - o.range[a]) * at)) < tolerance;
+    }
+    if (needed <= 0) return true;
+  }
+  return false;
+#endif
+}
 
 // The echoes recorded within the reach of echo k's recording shot, but after other shots
 // than its own, in recording order: those before its shot and those after it. Found once,
@@ -94,14 +137,31 @@ bool Refiner::smoothAlongLine(std::size_t k, const AlongLine& span, const AlongP
                               std::size_t base, double tolerance, int pairs) {
   const AlongPlacement& self = placed[k - base];
   if (self.line == AlongPlacement::kNotPlaced) return false;
-  Sample others[kRunSamples];
-  int count = 0;
+  if (pairs <= 0) {  // any pair of two shots will do: the test as first written
+    Sample others[kRunSamples];
+    int count = 0;
+    const auto take = [&](const AlongPlacement& at) {
+      if (at.line == self.line) others[count++] = {at.shot, at.range};
+    };
+    for (std::size_t j = span.own; j-- > span.before && count < kRunSamples;)
+      take(placed[j - base]);
+    for (std::size_t j = span.after; j < span.end && count < kRunSamples; ++j)
+      take(placed[j - base]);
+    return continues({self.shot, self.range}, others, count, tolerance, pairs);
+  }
+  RunOthers others;
   const auto take = [&](const AlongPlacement& at) {
-    if (at.line == self.line) others[count++] = {at.shot, at.range};
+    if (at.line != self.line) return;
+    others.shot[others.count] = double(at.shot), others.range[others.count] = at.range;
+    ++others.count;
   };
-  for (std::size_t j = span.own; j-- > span.before && count < kRunSamples;) take(placed[j - base]);
-  for (std::size_t j = span.after; j < span.end && count < kRunSamples; ++j) take(placed[j - base]);
-  return continues({self.shot, self.range}, others, count, tolerance, pairs);
+  for (std::size_t j = span.own; j-- > span.before && others.count < kRunSamples;)
+    take(placed[j - base]);
+  for (std::size_t j = span.after; j < span.end && others.count < kRunSamples; ++j)
+    take(placed[j - base]);
+  // The spare lane is read, never counted: any value will do.
+  others.shot[others.count] = 0.0, others.range[others.count] = 0.0;
+  return continuesPairs(double(self.shot), self.range, others, tolerance, pairs);
 }
 
 // The echoes (a prefix of the recording order) that share no run with an echo still to be

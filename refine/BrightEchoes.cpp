@@ -38,13 +38,25 @@ struct AmplitudeTally {
 void Refiner::tallyAmplitudes(std::size_t cellLo, std::size_t cellHi, std::uint8_t channel,
                               std::uint32_t emitter, const point* p, double limit,
                               AmplitudeTally& tally) const {
-  const Neighbour* m = placed_.members.data() + placed_.start[cellLo];
-  const Neighbour* end = placed_.members.data() + placed_.start[cellHi + 1];
-  for (; m != end; ++m) {
-    const RefineEcho& other = echoes_[m->echo];
-    if (m->emitter == emitter || other.channel != channel || !(other.amplitude > 0.0f)) continue;
-    if (p && !near(*m, *p, shots_.origin[emitter], shots_.direction[emitter])) continue;
+  const Neighbour* members = placed_.members.data();
+  const Tone* tones = placed_.tones.data();
+  for (std::size_t k = placed_.start[cellLo], end = placed_.start[cellHi + 1]; k < end; ++k) {
+    const Tone& other = tones[k];
+    if (other.channel != channel || !(other.amplitude > 0.0f) || members[k].emitter == emitter)
+      continue;
+    if (p && !near(members[k], *p, shots_.origin[emitter], shots_.direction[emitter])) continue;
     ++tally.seen, tally.bright += other.amplitude > limit;
+  }
+}
+
+// Each neighbour's channel and amplitude beside it, for the final neighbourhood: one pass of
+// scattered loads instead of one for every time a test reads the neighbour.
+void Refiner::toneMembers() {
+  const std::size_t n = placed_.members.size();
+  placed_.tones.resize(n);
+  for (std::size_t k = 0; k < n; ++k) {
+    const RefineEcho& e = echoes_[placed_.members[k].echo];
+    placed_.tones[k] = {e.amplitude > 0.0f ? e.amplitude : 0.0f, e.channel};
   }
 }
 
@@ -55,7 +67,7 @@ void Refiner::faintestPerCell(LargeVector<float>& faintest) const {
   faintest.assign(kPrefiltered * cells, INFINITY);
   for (std::size_t c = 0; c < cells; ++c)
     for (std::uint32_t k = placed_.start[c]; k < placed_.start[c + 1]; ++k) {
-      const RefineEcho& e = echoes_[placed_.members[k].echo];
+      const Tone& e = placed_.tones[k];
       if (e.channel < kPrefiltered && e.amplitude > 0.0f) {
         float& f = faintest[kPrefiltered * c + e.channel];
         f = std::min(f, e.amplitude);

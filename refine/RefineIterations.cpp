@@ -13,7 +13,7 @@ namespace FullWaveform::surface_fit {
 void WorkArrays::makeRoom(std::size_t echoes, std::size_t shots) {
   reserveWithRoom(cells.line, shots), reserveWithRoom(cells.bin, shots),
       reserveWithRoom(cells.angle, shots);
-  reserveWithRoom(placed.members, echoes);
+  reserveWithRoom(placed.members, echoes), reserveWithRoom(placed.tones, echoes);
   reserveWithRoom(emitter, echoes), reserveWithRoom(oneWay, echoes);
   reserveWithRoom(active, echoes), reserveWithRoom(straddles, echoes);
   reserveWithRoom(byShot, echoes), reserveWithRoom(shotCounts, shots + 1);
@@ -251,6 +251,7 @@ void Refiner::markNoise() {
                      ((unchangedSinceJudged(i) ? unfitWhenJudged_[i] : fitsNothing(i)) || lone(i));
       });
   if (settings_.secondEchoMax > 0.0) markSecondEchoes(unfit);
+  if (settings_.brightRatio > 0.0 || settings_.matchRatio > 1.0) toneMembers();
   if (settings_.brightRatio > 0.0) markBrightEchoes(unfit);
   if (settings_.matchRatio > 1.0) markUnmatchedEchoes(unfit);
   for (std::size_t i = 0; i < n; ++i) {

@@ -41,6 +41,20 @@ struct AlongPlacement {
   std::uint32_t line;
 };
 
+// The echoes along a line an echo's continuity is tested on, by field: shots as doubles
+// (exact: shot indices are far below 2^53, and so their differences), with a spare slot
+// for the last pair of lanes (any value).
+struct RunOthers {
+  alignas(16) double shot[kRunSamples + 1];
+  alignas(16) double range[kRunSamples + 1];
+  int count = 0;
+};
+// Whether an echo at `selfShot` and `selfRange` lies within `tolerance` of the straight
+// line through the ranges of at least `needed` (>= 1) pairs of `others` of two shots
+// (refine/AlongLineRuns.cpp).
+bool continuesPairs(double selfShot, double selfRange, const RunOthers& others, double tolerance,
+                    int needed);
+
 // An echo at one shot it may come from (line-end fans).
 struct FanSample {
   std::int64_t shot;
@@ -71,10 +85,19 @@ struct CellReach {
   double originRadius = 0.0, directionRadius = 0.0, reach = 0.0;
 };
 
+// A neighbour as the amplitude tests read it (beside its record, by the same index): its
+// channel and amplitude, 0 where its amplitude tells nothing. Read in cell order, they spare
+// those tests a load from the echoes for every neighbour.
+struct Tone {
+  float amplitude;
+  std::uint8_t channel;
+};
+
 // The neighbours of each cell, placed with their current zones.
 struct Placement {
   LargeVector<std::uint32_t> start, fill;  // cell c holds members[start[c], start[c+1])
   LargeVector<Neighbour> members;
+  LargeVector<Tone> tones;       // per member, for the final neighbourhood only (toneMembers)
   LargeVector<CellReach> reach;  // per cell
   // One line's neighbours while it is sorted again: those that stay and those that join.
   std::vector<Neighbour> line, joining;
@@ -241,6 +264,7 @@ class Refiner {
   // Bright echoes (BrightEchoes.cpp): many times the amplitude of the surface they lie on.
   void markBrightEchoes(std::vector<std::uint8_t>& noise) const;
   bool outshines(std::size_t i, const LargeVector<float>& faintest, double gainRatio) const;
+  void toneMembers();
   void faintestPerCell(LargeVector<float>& faintest) const;
   void tallyAmplitudes(std::size_t cellLo, std::size_t cellHi, std::uint8_t channel,
                        std::uint32_t emitter, const point* p, double limit,
@@ -289,10 +313,23 @@ class Refiner {
     std::uint32_t* lastFit;
   };
   bool lineFits(std::uint32_t line, const FitQuery& q, bool& hasEchoes) const;
+  // Whether `m` lies near `p`, seen from the shot at `origin` looking along `direction`.
+  // Inline: the fit test and the noise tests ask it for most neighbours they read.
   bool near(const Neighbour& m, const point& p, const point& origin,
-            const Gemwold::PhysicalSpace::vector& direction) const;
+            const Gemwold::PhysicalSpace::vector& direction) const {
+    const double gap = squared(m.position, p);
+    if (gap < settings_.fitTolerance * settings_.fitTolerance) return true;  // however far apart
+    return nearBeyondFlat(m, gap, origin, direction);
+  }
+  // The same for a neighbour `gap` (squared) from the query, beyond the flat tolerance.
   bool nearBeyondFlat(const Neighbour& m, double gap, const point& origin,
-                      const Gemwold::PhysicalSpace::vector& direction) const;
+                      const Gemwold::PhysicalSpace::vector& direction) const {
+    // Surfaces slope: allow more height the farther apart the two footprints are.
+    const double apart = std::sqrt(squared(shots_.origin[m.emitter], origin)) +
+                         m.reach * std::sqrt(squared(shots_.direction[m.emitter], direction));
+    const double tolerance = settings_.fitTolerance + settings_.fitPerMetre * apart;
+    return gap < tolerance * tolerance;
+  }
   bool anyNear(std::size_t cellLo, std::size_t cellHi, std::size_t own, const FitQuery& q,
                std::uint32_t& hint, bool& hasEchoes) const;
   Verdict outnumbered(std::size_t i, const Fit& now) const;

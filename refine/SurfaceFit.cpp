@@ -69,24 +69,6 @@ const Neighbour* firstFromAngleInBin(const Neighbour* first, const Neighbour* en
 
 }  // namespace
 
-// Whether `m` lies near `p`, seen from the shot at `origin` looking along `direction`.
-bool Refiner::near(const Neighbour& m, const point& p, const point& origin,
-                   const Gemwold::PhysicalSpace::vector& direction) const {
-  const double gap = squared(m.position, p);
-  if (gap < settings_.fitTolerance * settings_.fitTolerance) return true;  // however far apart
-  return nearBeyondFlat(m, gap, origin, direction);
-}
-
-// The same for a neighbour `gap` (squared) from the query, beyond the flat tolerance.
-bool Refiner::nearBeyondFlat(const Neighbour& m, double gap, const point& origin,
-                             const Gemwold::PhysicalSpace::vector& direction) const {
-  // Surfaces slope: allow more height the farther apart the two footprints are.
-  const double apart = std::sqrt(squared(shots_.origin[m.emitter], origin)) +
-                       m.reach * std::sqrt(squared(shots_.direction[m.emitter], direction));
-  const double tolerance = settings_.fitTolerance + settings_.fitPerMetre * apart;
-  return gap < tolerance * tolerance;
-}
-
 // Whether an echo of cells [cellLo, cellHi] (one line's adjacent bins, in angle order) lies
 // near the query. The echoes nearest the query's scan angle are tried first: on a surface the
 // first few decide. `own`: the query's own bin in that line; `hint`: the neighbour that fitted
@@ -217,7 +199,10 @@ std::pair<int, int> Refiner::candidateZones(int z) const {
 
 // Lines to count before a zone fitting `share` of them is known to fit more.
 int Refiner::linesBeyond(double share) const {
-  return int(std::floor(share * 2 * settings_.neighbourLines + 1e-9)) + 1;
+  // floor() without the library call: asked for at every judgement.
+  const double lines = share * 2 * settings_.neighbourLines + 1e-9;
+  const int whole = int(lines);
+  return (double(whole) > lines ? whole - 1 : whole) + 1;
 }
 
 Refiner::Verdict Refiner::judge(std::size_t i) const {

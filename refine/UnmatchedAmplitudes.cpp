@@ -87,12 +87,14 @@ struct MatchTally {
 void Refiner::tallyMatches(std::size_t cellLo, std::size_t cellHi, std::uint8_t channel,
                            std::uint32_t emitter, const point* p, float low, float high, int enough,
                            MatchTally& tally) const {
-  const Neighbour* m = placed_.members.data() + placed_.start[cellLo];
-  const Neighbour* end = placed_.members.data() + placed_.start[cellHi + 1];
-  for (; m != end && tally.matched < enough; ++m) {
-    const RefineEcho& other = echoes_[m->echo];
-    if (m->emitter == emitter || other.channel != channel || !(other.amplitude > 0.0f)) continue;
-    if (p && !near(*m, *p, shots_.origin[emitter], shots_.direction[emitter])) continue;
+  const Neighbour* members = placed_.members.data();
+  const Tone* tones = placed_.tones.data();
+  for (std::size_t k = placed_.start[cellLo], end = placed_.start[cellHi + 1];
+       k < end && tally.matched < enough; ++k) {
+    const Tone& other = tones[k];
+    if (other.channel != channel || !(other.amplitude > 0.0f) || members[k].emitter == emitter)
+      continue;
+    if (p && !near(members[k], *p, shots_.origin[emitter], shots_.direction[emitter])) continue;
     ++tally.seen, tally.matched += other.amplitude >= low && other.amplitude <= high;
     if (tally.amplitudes) tally.amplitudes->push_back(other.amplitude);
   }
@@ -108,7 +110,7 @@ void Refiner::typicalPerCell(LargeVector<float>& typical) const {
   for (std::size_t c = 0; c < cells; ++c) {
     for (auto& a : amplitudes) a.clear();
     for (std::uint32_t k = placed_.start[c]; k < placed_.start[c + 1]; ++k) {
-      const RefineEcho& e = echoes_[placed_.members[k].echo];
+      const Tone& e = placed_.tones[k];
       if (e.channel < kTypicalChannels && e.amplitude > 0.0f)
         amplitudes[e.channel].push_back(e.amplitude);
     }
@@ -155,9 +157,11 @@ bool Refiner::unmatched(std::size_t i, const LargeVector<float>& typical) const 
       if (squared(cells_.lineOrigin[std::size_t(l)], cells_.lineOrigin[std::size_t(line)]) <= far)
         tally(row(l) + lo, row(l) + hi);
   };
-  MatchTally wide;
+  // Its own line is tallied in full already: only the sum of matches is asked.
+  MatchTally wide = own;
   eachLine([&](std::size_t from, std::size_t to) {
-    tallyMatches(from, to, channel, e, nullptr, low, high, kMatchesInLine, wide);
+    if (from != row(line) + lo)
+      tallyMatches(from, to, channel, e, nullptr, low, high, kMatchesInLine, wide);
   });
   if (wide.matched >= kMatchesInLine) return false;
   const point p = positionOf(i);
