@@ -138,7 +138,7 @@ std::string makePointCloud(FatBoy<unsigned short>& fb, const std::vector<std::ui
   fb.iniPointCloud(waves);
   PointWriter writer(fb, input, pointIdCounter);
   for (std::uint32_t w : waves) {
-    if (w >= fb.nWaves || !fb.wavePoints[w]) continue;
+    if (w >= fb.nWaves || !fb.hasWave(w)) continue;
     writer.writeWave(contextOf(fb, w));
   }
   auto& p = fb.pointSlots;

@@ -54,6 +54,7 @@ struct ShotTimeFaults {
 template <class T>
 bool FatBoy<T>::iniMTA() {
   nWaves = static_cast<std::uint32_t>(wavePoints.size());
+  zoneInputs.clear();
   recordingShot.clear();
   shotAtan2XZ.clear();
   shotAtan2ZX.clear();
@@ -77,12 +78,15 @@ bool FatBoy<T>::iniMTA() {
   for (std::uint32_t i = 0; i < nWaves; ++i) shotIndex[i] = i;
   std::uint32_t unmatched = 0;
   recordingShot.assign(nWaves, shotTimeIndex.end());
+  std::vector<WaveZoneInput> inputs(nWaves);
   // Waves come in time order: each search starts from the previous wave's shot.
   auto from = shotTimeIndex.begin();
   for (std::uint32_t i = 0; i < nWaves; ++i) {
     prefetchWave(i + kPrefetchAhead);
-    if (!wavePoints[i]) continue;
-    const double time = wavePoints[i]->waveTime;
+    if (!hasWave(i)) continue;
+    const auto& wave = *wavePoints[i];
+    inputs[i] = {wave.waveTime, wave.timeOffset, wave.amplitude, wave.amplitudeExempt};
+    const double time = wave.waveTime;
     auto it = shotTimeIndex.lowerBoundFrom(from, time);
     if (it == shotTimeIndex.end() || it->first != time) {
       ++unmatched;
@@ -91,6 +95,7 @@ bool FatBoy<T>::iniMTA() {
     recordingShot[i] = from = it;
     shotIndex[i] = it->second;
   }
+  zoneInputs = std::move(inputs);
   faults.report(fragmentPlace(input->inputFileName, fragmentName));
   // Such waves get no zone later on and are dropped; the count tells why points are missing.
   if (unmatched)
@@ -101,6 +106,7 @@ bool FatBoy<T>::iniMTA() {
   lastShot = std::prev(shotTimeIndex.cend());
   shotEnd = shotTimeIndex.cend();
   nShots = static_cast<std::uint32_t>(count);
+  bindShotColumns();
   shotAtan2XZ.assign(nShots, kAngleUnset);
   shotAtan2ZX.assign(nShots, kAngleUnset);
   maxTravelTime = scannerDevice.getMTALengthAsTime() * 9.0;
@@ -113,7 +119,7 @@ void FatBoy<T>::setMTA(const unsigned& i, const int& zone, const double& ratio) 
     mta[i] = zone;
     return;
   }
-  auto it = wavePoints[i] ? recordingShotOf(i) : shotTimeIndex.find(0.0);
+  auto it = hasWave(i) ? recordingShotOf(i) : shotTimeIndex.find(0.0);
   const bool found = it != shotEnd;
   if (!(ratio < 0.98)) certainMTA[i] = false;
   if (!found) {
@@ -130,8 +136,7 @@ void FatBoy<T>::setMTA(const unsigned& i, const int& zone, const double& ratio) 
   mta[i] = zone;
   // The entry may belong to an earlier fragment: refer to its carried copy, so that no
   // query reads this fragment's arrays with another fragment's index.
-  const auto& times = *SHOT->arrays.GPSTime;
-  if (it->second < nShots && times.get(it->second) == it->first) {
+  if (it->second < nShots && shotTimeAt(it->second) == it->first) {
     shotIndex[i] = it->second;
     return;
   }

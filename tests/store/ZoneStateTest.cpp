@@ -144,10 +144,12 @@ TEST_F(ZoneState, CandidateLimitsAreInclusive) {
   fb->getLengthAccordingMTA(0, 0, 1, 1.0, out, 100.5);
   EXPECT_EQ(out[0], NO_LENGTH);  // amplitude below the threshold
   fb->wavePoints[0]->amplitudeExempt = true;
+  fb->noteWaveChanged(0);
   fb->getLengthAccordingMTA(0, 0, 1, 1.0, out, 1.0e9);
   EXPECT_NEAR(out[0], 1.6e-6, 1e-12);
   double untouched = -2.0;
   fb->wavePoints[1]->waveTime = shotTime(6) + 1e-15;
+  fb->noteWaveChanged(1);
   fb->getLengthAccordingMTA(1, 0, 1, 1.0, &untouched, 0.0);
   EXPECT_EQ(untouched, -2.0);
 }
