@@ -28,6 +28,7 @@ struct WaveZoneInput {
   double waveTime = 0.0, timeOffset = 0.0;
   float amplitude = 0.0f;
   bool amplitudeExempt = false;
+  bool noEchoes = false;
 };
 
 // A shot of an earlier fragment that a zone walk reached: kept so that a wave near the start
@@ -115,13 +116,15 @@ class QUILLO_API FatBoy {
   void noteWaveChanged(std::uint32_t i) {
     if (i >= zoneInputs.size() || !hasWave(i)) return;
     const auto& w = *wavePoints[i];
-    zoneInputs[i] = {w.waveTime, w.timeOffset, w.amplitude, w.amplitudeExempt};
+    zoneInputs[i] = zoneInputOfObject(w);
   }
   // Wave i's zone inputs (hasWave(i)): from zoneInputs, or from its object before iniMTA.
   WaveZoneInput zoneInputOf(std::uint32_t i) const {
     if (i < zoneInputs.size()) return zoneInputs[i];
-    const auto& w = *wavePoints[i];
-    return {w.waveTime, w.timeOffset, w.amplitude, w.amplitudeExempt};
+    return zoneInputOfObject(*wavePoints[i]);
+  }
+  static WaveZoneInput zoneInputOfObject(const WavePoints<T>& w) {
+    return {w.waveTime, w.timeOffset, w.amplitude, w.amplitudeExempt, w.echoes.empty()};
   }
   std::vector<std::int32_t> fwfIndex;
   std::uint32_t nWaves = 0;

@@ -1,7 +1,7 @@
 // Zone state of a fragment: iniMTA extends the run-long shot-time index and gives every
 // wave zone 0, its recording shot and certainty; setMTA is the one writer of zones. Reads
-// the waves and the Shots arrays; writes nWaves, shotTimeIndex, recordingShot, mta, shotIndex,
-// certainMTA, maxTravelTime, the carried shots and the per-shot angle caches.
+// the waves and the Shots arrays; writes nWaves, zoneInputs, shotTimeIndex, recordingShot, mta,
+// shotIndex, certainMTA, maxTravelTime, the carried shots and the per-shot angle caches.
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -84,9 +84,8 @@ bool FatBoy<T>::iniMTA() {
   for (std::uint32_t i = 0; i < nWaves; ++i) {
     prefetchWave(i + kPrefetchAhead);
     if (!hasWave(i)) continue;
-    const auto& wave = *wavePoints[i];
-    inputs[i] = {wave.waveTime, wave.timeOffset, wave.amplitude, wave.amplitudeExempt};
-    const double time = wave.waveTime;
+    inputs[i] = zoneInputOfObject(*wavePoints[i]);
+    const double time = inputs[i].waveTime;
     auto it = shotTimeIndex.lowerBoundFrom(from, time);
     if (it == shotTimeIndex.end() || it->first != time) {
       ++unmatched;
@@ -148,10 +147,11 @@ void FatBoy<T>::setMTA(const unsigned& i, const int& zone, const double& ratio) 
 
 std::string removeNearRangeWaves(FatBoy<unsigned short>& fatBoy) {
   const double limit = fatBoy.scannerDevice.minTimeOffset;
-  for (auto& wave : fatBoy.wavePoints) {
-    if (!wave) continue;
-    if (wave->size() == 0 || (-limit < wave->timeOffset && wave->timeOffset < limit))
-      fatBoy.wavePool.giveBack(wave);
+  for (std::uint32_t i = 0; i < fatBoy.wavePoints.size(); ++i) {
+    if (!fatBoy.hasWave(i)) continue;
+    const WaveZoneInput wave = fatBoy.zoneInputOf(i);
+    if (wave.noEchoes || (-limit < wave.timeOffset && wave.timeOffset < limit))
+      fatBoy.wavePool.giveBack(fatBoy.wavePoints[i]);
   }
   return "";
 }
