@@ -181,16 +181,24 @@ TEST_F(ZoneState, OutOfRangeQueriesAreNeutral) {
   EXPECT_EQ(fb->getLength(1000, 0.0), NO_LENGTH);
 }
 
+// Read from the waves themselves, and from the zone inputs iniMTA copies.
 TEST_F(ZoneState, NearRangeWavesAreReleased) {
   load({10});
   const double limit = 6.673156177586246e-09;
-  fb->wavePoints = {makeWave({shotTime(1), limit}), makeWave({shotTime(2), -limit}),
-                    makeWave({shotTime(3), limit * 0.999}), makeWave({shotTime(4), std::nan("")})};
-  auto empty = makeWave({shotTime(5), 1e-6});
-  empty->echoes.clear();
-  fb->wavePoints.push_back(empty);
-  EXPECT_EQ(removeNearRangeWaves(*fb), "");
-  EXPECT_TRUE(fb->wavePoints[0] && fb->wavePoints[1] && fb->wavePoints[3]);
-  EXPECT_TRUE(fb->wavePoints[2].isEmpty());
-  EXPECT_TRUE(fb->wavePoints[4].isEmpty());
+  for (const bool afterIniMTA : {false, true}) {
+    SCOPED_TRACE(afterIniMTA ? "after iniMTA" : "before iniMTA");
+    fb->wavePoints = {makeWave({shotTime(1), limit}), makeWave({shotTime(2), -limit}),
+                      makeWave({shotTime(3), limit * 0.999}),
+                      makeWave({shotTime(4), std::nan("")})};
+    auto empty = makeWave({shotTime(5), 1e-6});
+    empty->echoes.clear();
+    fb->wavePoints.push_back(empty);
+    if (afterIniMTA) {
+      ASSERT_TRUE(fb->iniMTA());
+    }
+    EXPECT_EQ(removeNearRangeWaves(*fb), "");
+    EXPECT_TRUE(fb->wavePoints[0] && fb->wavePoints[1] && fb->wavePoints[3]);
+    EXPECT_TRUE(fb->wavePoints[2].isEmpty());
+    EXPECT_TRUE(fb->wavePoints[4].isEmpty());
+  }
 }
