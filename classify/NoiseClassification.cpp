@@ -20,9 +20,9 @@ struct WavesLeft {
 // Drops wave i when it has no usable travel time and marks it as noise when near-range; a
 // NaN travel time is neither dropped nor marked: the wave goes on as it is.
 bool keepAndMarkNearRange(FatBoy<unsigned short>& fb, std::uint32_t i) {
+  if (!fb.hasWave(i)) return false;
   auto& wave = fb.wavePoints[i];
-  if (!wave) return false;
-  const double length = fb.getLength(i, wave->timeOffset);
+  const double length = fb.getLength(i, fb.zoneInputOf(i).timeOffset);
   if (fb.getMTA(i) < 0 || length > fb.maxTravelTime || length == NO_LENGTH || length < 0.0) {
     fb.wavePool.giveBack(wave);
     return false;
@@ -31,15 +31,14 @@ bool keepAndMarkNearRange(FatBoy<unsigned short>& fb, std::uint32_t i) {
   return true;
 }
 
-// One pass over the wave objects (which lie scattered in the heap): the drop, and when
-// `sortLeft` the lists of the waves left.
+// One pass over the waves' zone inputs (the objects, scattered in the heap, are read only for
+// the waves dropped or marked): the drop, and when `sortLeft` the lists of the waves left.
 WavesLeft dropUnusableAndMarkNearRange(FatBoy<unsigned short>& fb, bool sortLeft) {
   WavesLeft left;
   if (sortLeft) left.waveformsByShot.reserve(fb.nWaves);
   for (std::uint32_t i = 0; i < fb.nWaves; ++i) {
-    fb.prefetchWave(i + fb.kPrefetchAhead);
     if (!keepAndMarkNearRange(fb, i) || !sortLeft) continue;
-    if (fb.wavePoints[i]->amplitudeExempt) {
+    if (fb.zoneInputOf(i).amplitudeExempt) {
       left.online.push_back(i);
       continue;
     }

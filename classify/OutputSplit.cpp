@@ -16,8 +16,7 @@ WaveIndexLists splitWaves(FatBoy<unsigned short>& fb) {
   double previous = 0.0;
   WaveIndexLists lists;
   for (std::uint32_t i = 0; i < fb.nWaves; ++i) {
-    fb.prefetchWave(i + fb.kPrefetchAhead);
-    if (!fb.wavePoints[i]) continue;
+    if (!fb.hasWave(i)) continue;
     if (segment == -1) {
       if (fb.scannerDevice.isRadial()) {
         side = fb.getDir(i).y < 0.0;

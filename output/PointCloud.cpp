@@ -29,10 +29,64 @@ struct WaveContext {
   std::int16_t scanAngleRank;
 };
 
+// One output array written through its storage: the arrays iniPointCloud makes are plain
+// contiguous blocks, so a point's twenty-odd values need no look-ups through the slots'
+// handles. An array without such storage (or none at all) is written as before.
+template <class E, unsigned N = 1>
+class Column {
+ public:
+  explicit Column(const FieldSlot<E, N>& slot)
+      : array_(slot.data.get()), values_(array_ ? array_->contiguousData() : nullptr) {}
+  void set(std::size_t k, const E& v) const {
+    if (values_)
+      values_[k] = v;
+    else if (array_)
+      array_->set(k, v);
+  }
+
+ private:
+  Tessal::MemArray<N, E>* array_;
+  E* values_;
+};
+
+struct PointColumns {
+  explicit PointColumns(const FatBoy<unsigned short>& fb)
+      : waveID(fb.slotWaveID),
+        gpsTime(fb.slotGPSTime),
+        positions(fb.slotPositions),
+        pointType(fb.pointSlots.PointType),
+        mta(fb.slotMTA),
+        channel(fb.slotScannerChannel),
+        amplitude(fb.pointSlots.Amplitude),
+        range(fb.pointSlots.Range),
+        pulseWidth(fb.pointSlots.PulseWidth),
+        damping(fb.pointSlots.Damping),
+        directionDelta(fb.pointSlots.DirectionDelta),
+        returnNumber(fb.pointSlots.ReturnNumber),
+        numberOfReturns(fb.pointSlots.NumberOfReturns),
+        scanAngleRank(fb.pointSlots.ScanAngleRank),
+        classification(fb.pointSlots.Classification),
+        pointID(fb.pointSlots.PointID),
+        reflectance(fb.pointSlots.Reflectance) {}
+  Column<std::int32_t> waveID;
+  Column<double> gpsTime;
+  Column<point> positions;
+  Column<std::uint8_t> pointType, mta, channel;
+  Column<float> amplitude;
+  Column<double> range, pulseWidth;
+  Column<float> damping;
+  Column<vector> directionDelta;
+  Column<std::uint8_t> returnNumber, numberOfReturns;
+  Column<std::int16_t> scanAngleRank;
+  Column<std::uint8_t> classification;
+  Column<std::uint32_t> pointID;
+  Column<float> reflectance;
+};
+
 class PointWriter {
  public:
   PointWriter(FatBoy<unsigned short>& fb, const Input& input, std::uint32_t& pointIdCounter)
-      : fb_(fb), ids_(pointIdCounter) {
+      : fb_(fb), columns_(fb), ids_(pointIdCounter) {
     const auto& sd = fb.scannerDevice;
     v_ = sd.lightSpeed;
     s_ = sampleRangeStep(sd.sampleInterval, sd.lightSpeed);
@@ -44,9 +98,8 @@ class PointWriter {
   void writeWave(const WaveContext& w) {
     const auto& wave = *fb_.wavePoints[w.index];
     for (const EchoPoint& e : wave.echoes) {
-      writeEcho(w, wave, e);
+      const double range = writeEcho(w, wave, e);
       // A NaN time or range cannot be ordered: such a point keeps return 1 of 1.
-      const double range = fb_.pointSlots.Range.data->get(p_);
       if (!std::isnan(w.time) && !std::isnan(range)) shots_.push_back({w.time, range, p_});
       ++p_;
       ++ids_;
@@ -56,11 +109,14 @@ class PointWriter {
   ShotReturns& shots() { return shots_; }
 
  private:
-  void writeEcho(const WaveContext& w, const WavePoints<unsigned short>& wave, const EchoPoint& e);
+  // Returns the point's range.
+  double writeEcho(const WaveContext& w, const WavePoints<unsigned short>& wave,
+                   const EchoPoint& e);
   void writeWaveform(const WaveContext& w, const EchoPoint& e);
   float reflectanceOf(const EchoPoint& e) const;
 
   FatBoy<unsigned short>& fb_;
+  PointColumns columns_;
   std::uint32_t& ids_;
   std::uint32_t p_ = 0;
   double v_ = 0.0, s_ = 1.0;
@@ -77,29 +133,30 @@ float PointWriter::reflectanceOf(const EchoPoint& e) const {
       fb_.scannerDevice.reflectanceTableStep));
 }
 
-void PointWriter::writeEcho(const WaveContext& w, const WavePoints<unsigned short>& wave,
-                            const EchoPoint& e) {
-  auto& p = fb_.pointSlots;
+double PointWriter::writeEcho(const WaveContext& w, const WavePoints<unsigned short>& wave,
+                              const EchoPoint& e) {
+  const PointColumns& c = columns_;
   const double d = (e.time - w.t0) * 0.5 + w.length;
   const EchoPlacement placed = placeEcho(d, w.dir, w.origin, v_);
-  fb_.slotWaveID.data->set(p_, std::int32_t(w.index));
-  fb_.slotGPSTime.data->set(p_, w.time);
-  fb_.slotPositions.data->set(p_, placed.position);
-  p.PointType.data->set(p_, std::uint8_t(e.pointType));
-  fb_.slotMTA.data->set(p_, std::uint8_t(w.zone));
-  fb_.slotScannerChannel.data->set(p_, wave.channel);
-  p.Amplitude.data->set(p_, e.amplitude);
-  p.Range.data->set(p_, placed.range);
-  if (p.PulseWidth.data) p.PulseWidth.data->set(p_, e.pulseWidth);
-  if (p.Damping.data) p.Damping.data->set(p_, wave.damping);
-  p.DirectionDelta.data->set(p_, directionDeltaOf(w.dir, s_));
-  p.ReturnNumber.data->set(p_, 1);
-  p.NumberOfReturns.data->set(p_, 1);
-  p.ScanAngleRank.data->set(p_, w.scanAngleRank);
-  p.Classification.data->set(p_, e.classification);
-  p.PointID.data->set(p_, ids_);
-  p.Reflectance.data->set(p_, reflectanceOf(e));
+  c.waveID.set(p_, std::int32_t(w.index));
+  c.gpsTime.set(p_, w.time);
+  c.positions.set(p_, placed.position);
+  c.pointType.set(p_, std::uint8_t(e.pointType));
+  c.mta.set(p_, std::uint8_t(w.zone));
+  c.channel.set(p_, wave.channel);
+  c.amplitude.set(p_, e.amplitude);
+  c.range.set(p_, placed.range);
+  c.pulseWidth.set(p_, e.pulseWidth);
+  c.damping.set(p_, wave.damping);
+  c.directionDelta.set(p_, directionDeltaOf(w.dir, s_));
+  c.returnNumber.set(p_, 1);
+  c.numberOfReturns.set(p_, 1);
+  c.scanAngleRank.set(p_, w.scanAngleRank);
+  c.classification.set(p_, e.classification);
+  c.pointID.set(p_, ids_);
+  c.reflectance.set(p_, reflectanceOf(e));
   if (exportFWF_) writeWaveform(w, e);
+  return placed.range;
 }
 
 void PointWriter::writeWaveform(const WaveContext& w, const EchoPoint& e) {
@@ -138,7 +195,7 @@ std::string makePointCloud(FatBoy<unsigned short>& fb, const std::vector<std::ui
   fb.iniPointCloud(waves);
   PointWriter writer(fb, input, pointIdCounter);
   for (std::uint32_t w : waves) {
-    if (w >= fb.nWaves || !fb.wavePoints[w]) continue;
+    if (w >= fb.nWaves || !fb.hasWave(w)) continue;
     writer.writeWave(contextOf(fb, w));
   }
   auto& p = fb.pointSlots;

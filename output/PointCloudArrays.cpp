@@ -17,7 +17,7 @@ template <class T>
 void FatBoy<T>::iniPointCloud(const std::vector<std::uint32_t>& waveIndices) {
   nPoints = 0;
   for (std::uint32_t w : waveIndices)
-    if (w < wavePoints.size() && wavePoints[w]) nPoints += std::uint32_t(wavePoints[w]->size());
+    if (hasWave(w)) nPoints += std::uint32_t(wavePoints[w]->size());
   const bool hasFWF = !FWF.isEmpty();
   const bool notMode2 = input->fwfModus != FWF_PEAKS_NO_WIDTH;
   const std::size_t nSamples =

@@ -22,6 +22,15 @@ namespace FullWaveform {
 // Marks a travel time that does not exist or is not acceptable.
 inline constexpr double NO_LENGTH = 9999999.0;
 
+// What the zone stages read of a wave, copied once per fragment by iniMTA: they visit every
+// wave several times, and the wave objects lie scattered in the heap.
+struct WaveZoneInput {
+  double waveTime = 0.0, timeOffset = 0.0;
+  float amplitude = 0.0f;
+  bool amplitudeExempt = false;
+  bool noEchoes = false;
+};
+
 // A shot of an earlier fragment that a zone walk reached: kept so that a wave near the start
 // of its fragment keeps its true shot time, origin and direction.
 struct CarriedShot {
@@ -48,6 +57,10 @@ class QUILLO_API FatBoy {
 
   // Makes fragment `fragNr` the current one; false when its data are incomplete.
   bool ini(const unsigned& fragNr);
+  // The fragment's shot time of Shots entry s (s < nShots), as the GPSTime array holds it.
+  double shotTimeAt(std::uint32_t s) const {
+    return shotColumns_.set ? shotColumns_.time.at(s) : SHOT->arrays.GPSTime->get(s);
+  }
 
   double getShotTime(const unsigned& i) const;
   Gemwold::PhysicalSpace::point getBeamCoords(const unsigned& i) const;
@@ -92,6 +105,26 @@ class QUILLO_API FatBoy {
   static constexpr std::uint32_t kPrefetchAhead = 8;  // waves ahead that pays on the demo
   void prefetchWave(std::uint32_t i) const {
     if (i < wavePoints.size()) __builtin_prefetch(wavePoints[i].get());
+  }
+  // Whether slot i holds a wave. A handle kept in wavePoints holds its object alive, so its
+  // pointer says as much as the full emptiness test, which reads the object's control block.
+  bool hasWave(std::uint32_t i) const { return i < wavePoints.size() && wavePoints[i].get(); }
+  // The zone inputs of every wave slot, filled by iniMTA (an empty slot's are zero); empty
+  // from the extraction of a fragment's waves until then.
+  std::vector<WaveZoneInput> zoneInputs;
+  // Wave i's object changed after iniMTA in what the zone stages read: they see it now.
+  void noteWaveChanged(std::uint32_t i) {
+    if (i >= zoneInputs.size() || !hasWave(i)) return;
+    const auto& w = *wavePoints[i];
+    zoneInputs[i] = zoneInputOfObject(w);
+  }
+  // Wave i's zone inputs (hasWave(i)): from zoneInputs, or from its object before iniMTA.
+  WaveZoneInput zoneInputOf(std::uint32_t i) const {
+    if (i < zoneInputs.size()) return zoneInputs[i];
+    return zoneInputOfObject(*wavePoints[i]);
+  }
+  static WaveZoneInput zoneInputOfObject(const WavePoints<T>& w) {
+    return {w.waveTime, w.timeOffset, w.amplitude, w.amplitudeExempt, w.echoes.empty()};
   }
   std::vector<std::int32_t> fwfIndex;
   std::uint32_t nWaves = 0;
@@ -147,6 +180,31 @@ class QUILLO_API FatBoy {
   mutable std::vector<double> shotAtan2XZ, shotAtan2ZX;
   template <class F>
   double cachedAngle(const unsigned& i, std::vector<double>& cache, F angle) const;
+
+  // One Shots array of the fragment as strided storage (data nullptr: through get()).
+  template <class V>
+  struct ShotColumn {
+    const V* data = nullptr;
+    std::size_t stride = 1;
+    const Tessal::MemArray<1, V>* array = nullptr;
+    V at(std::uint32_t s) const { return data ? data[s * stride] : array->get(s); }
+    void bind(const Array1<V>& a) {
+      array = a.get();
+      data = a->stridedData();
+      stride = a->stride();
+    }
+  };
+  // The fragment's Shots arrays as iniMTA found them, for queries of every wave and stage;
+  // unset from the load of a fragment until its iniMTA (queries then read the arrays).
+  struct ShotColumns {
+    bool set = false;
+    ShotColumn<double> time;
+    ShotColumn<Gemwold::PhysicalSpace::point> position;
+    ShotColumn<Gemwold::PhysicalSpace::vector> direction;
+  } shotColumns_;
+  void bindShotColumns();
+  template <class V>
+  static const ShotColumn<V>& column(const ShotColumns& c, V CarriedShot::*member);
 
   // One attribute of shot s: from this fragment's Shots arrays or from a carried shot.
   template <class V>

@@ -137,6 +137,7 @@ std::string loadOnline(GridContainer<OPP_Data>& opp, std::string& note) {
 
 template <class T>
 bool FatBoy<T>::ini(const unsigned& fragNr) {
+  shotColumns_.set = false;
   SHOT->fragNr = fragNr;
   const std::string place = fragmentPlace(input->inputFileName, fragmentNameOf(fragNr));
   // The driver reports a refused fragment as broken; why is kept for hosts that ask.

@@ -4,6 +4,7 @@
 // A shot index with kCarriedShotBit names a shot of the previous fragment that a zone walk
 // reached; any other index not below nShots has the neutral answers.
 #include <cmath>
+#include <type_traits>
 
 #include "store/FatBoy.hpp"
 
@@ -18,6 +19,10 @@ template <class V>
 bool FatBoy<T>::readShot(std::uint32_t s, Array1<V> SHOT_Data::*array, V CarriedShot::*member,
                          V& out) const {
   if (s < nShots) {
+    if (shotColumns_.set) {
+      out = column(shotColumns_, member).at(s);
+      return true;
+    }
     const auto& a = SHOT->arrays;
     if (!a.GPSTime || !a.Positions || !a.DirectionDelta) return false;
     out = (a.*array)->get(s);
@@ -30,10 +35,35 @@ bool FatBoy<T>::readShot(std::uint32_t s, Array1<V> SHOT_Data::*array, V Carried
   return true;
 }
 
+template <class T>
+template <class V>
+const typename FatBoy<T>::template ShotColumn<V>& FatBoy<T>::column(const ShotColumns& c,
+                                                                    V CarriedShot::*member) {
+  if constexpr (std::is_same_v<V, double>)
+    return c.time;
+  else if constexpr (std::is_same_v<V, point>)
+    return c.position;
+  else
+    return c.direction;
+  (void)member;
+}
+
+// Set only when all three arrays are there: without one of them every query of a local shot
+// has the neutral answer, which readShot then gives from the arrays themselves.
+template <class T>
+void FatBoy<T>::bindShotColumns() {
+  const auto& a = SHOT->arrays;
+  shotColumns_.set = a.GPSTime && a.Positions && a.DirectionDelta;
+  if (!shotColumns_.set) return;
+  shotColumns_.time.bind(a.GPSTime);
+  shotColumns_.position.bind(a.Positions);
+  shotColumns_.direction.bind(a.DirectionDelta);
+}
+
 // A wave whose time changed since iniMTA is searched for again.
 template <class T>
 ShotTimeIndex::const_iterator FatBoy<T>::recordingShotOf(const unsigned& i) const {
-  const double time = wavePoints[i]->waveTime;
+  const double time = zoneInputOf(i).waveTime;
   if (i < recordingShot.size()) {
     const auto it = recordingShot[i];
     if (it != shotEnd && it->first == time) return it;
@@ -71,11 +101,11 @@ vector FatBoy<T>::getDir(const unsigned& i) const {
 
 template <class T>
 double FatBoy<T>::getLength(const unsigned& i, const double& t) const {
-  if (i >= wavePoints.size() || !wavePoints[i]) return NO_LENGTH;
+  if (!hasWave(i)) return NO_LENGTH;
   if (i >= mta.size() || mta[i] < 0) return NO_LENGTH;
   double time = 0.0;
   if (!readShot(shotIndex[i], &SHOT_Data::GPSTime, &CarriedShot::time, time)) return NO_LENGTH;
-  return (wavePoints[i]->waveTime + t - time) * 0.5;
+  return (zoneInputOf(i).waveTime + t - time) * 0.5;
 }
 
 template <class T>
@@ -101,8 +131,8 @@ template <class T>
 void FatBoy<T>::getLengthAccordingMTA(const unsigned& i, const int& dir, const unsigned& n,
                                       const double& maxLength, double* out,
                                       const double& threshold) const {
-  if (i >= wavePoints.size() || !wavePoints[i] || shotTimeIndex.empty()) return;
-  const auto& wave = *wavePoints[i];
+  if (!hasWave(i) || shotTimeIndex.empty()) return;
+  const WaveZoneInput wave = zoneInputOf(i);
   auto it = recordingShotOf(i);
   if (it == shotEnd) return;
   if (dir < 0) {
@@ -135,6 +165,7 @@ void FatBoy<T>::getLengthAccordingMTA(const unsigned& i, const int& dir, const u
   }
 }
 
+template void FatBoy<unsigned short>::bindShotColumns();
 template double FatBoy<unsigned short>::getShotTime(const unsigned&) const;
 template point FatBoy<unsigned short>::getBeamCoords(const unsigned&) const;
 template vector FatBoy<unsigned short>::getDir(const unsigned&) const;

@@ -55,6 +55,7 @@ WaveList evaluateOnline(FatBoy<unsigned short>& fb) {
 
 std::string iniWavePoints(FatBoy<unsigned short>& fb) {
   fb.wavePool.giveBack(fb.wavePoints);
+  fb.zoneInputs.clear();
   fb.wavePool.orderByAddress();
   WaveList fromWaveforms, online;
   if (fb.FWF) {

@@ -17,7 +17,7 @@ namespace FullWaveform {
 namespace {
 
 bool contributes(const FatBoy<unsigned short>& fb, std::uint32_t w) {
-  return w < fb.nWaves - 1 && w < fb.wavePoints.size() && fb.wavePoints[w];
+  return w < fb.nWaves - 1 && fb.hasWave(w);
 }
 
 bool isValidLength(double v) {
@@ -131,7 +131,6 @@ void fillWaveRows(const FatBoy<unsigned short>& fb, std::uint32_t columns,
   waveRows.values.assign(std::size_t(fb.nWaves) * columns, NO_LENGTH);
   const double minAmplitude = fb.scannerDevice.minAmplitude;
   for (std::uint32_t w = 0; w < fb.nWaves; ++w) {
-    fb.prefetchWave(w + fb.kPrefetchAhead);
     if (!contributes(fb, w)) continue;
     fb.getLengthAccordingMTA(w, 0, columns, fb.maxTravelTime,
                              &waveRows.values[std::size_t(w) * columns], minAmplitude);

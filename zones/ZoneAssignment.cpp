@@ -24,15 +24,14 @@ struct RepairWindow {
 std::string setFixedMTA(FatBoy<unsigned short>& fb) {
   const int fixed = fb.input->MTA;
   for (std::uint32_t i = 0; i < fb.nWaves; ++i) {
-    fb.prefetchWave(i + fb.kPrefetchAhead);
-    if (!fb.wavePoints[i]) continue;
+    if (!fb.hasWave(i)) continue;
+    const double timeOffset = fb.zoneInputOf(i).timeOffset;
     // Eight passes: a failed walk to the fixed zone leaves the shot of the last walk
     // that succeeded, as a walk from zone 0 to 7 would.
     for (int z = 0; z < kCandidates; ++z) {
       fb.setMTA(i, z, 0.0);
       fb.setMTA(i, fixed, 0.0);
-      if (std::abs(fb.getLength(i, fb.wavePoints[i]->timeOffset)) > fb.maxTravelTime)
-        fb.setMTA(i, -1, 0.0);
+      if (std::abs(fb.getLength(i, timeOffset)) > fb.maxTravelTime) fb.setMTA(i, -1, 0.0);
     }
   }
   return "";
@@ -72,9 +71,8 @@ std::string repairUncertainMTA(FatBoy<unsigned short>& fb) {
   std::vector<double> ranges(fb.nWaves, NO_LENGTH);
   std::vector<std::uint32_t> uncertain;
   for (std::uint32_t i = 0; i < fb.nWaves; ++i) {
-    fb.prefetchWave(i + fb.kPrefetchAhead);
-    if (!fb.wavePoints[i]) continue;
-    const double length = fb.getLength(i, fb.wavePoints[i]->timeOffset);
+    if (!fb.hasWave(i)) continue;
+    const double length = fb.getLength(i, fb.zoneInputOf(i).timeOffset);
     if (!usable(length)) continue;
     if (fb.isCertainMTA(i))
       ranges[i] = length;

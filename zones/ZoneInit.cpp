@@ -1,7 +1,7 @@
 // Zone state of a fragment: iniMTA extends the run-long shot-time index and gives every
 // wave zone 0, its recording shot and certainty; setMTA is the one writer of zones. Reads
-// the waves and the Shots arrays; writes nWaves, shotTimeIndex, recordingShot, mta, shotIndex,
-// certainMTA, maxTravelTime, the carried shots and the per-shot angle caches.
+// the waves and the Shots arrays; writes nWaves, zoneInputs, shotTimeIndex, recordingShot, mta,
+// shotIndex, certainMTA, maxTravelTime, the carried shots and the per-shot angle caches.
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -54,6 +54,7 @@ struct ShotTimeFaults {
 template <class T>
 bool FatBoy<T>::iniMTA() {
   nWaves = static_cast<std::uint32_t>(wavePoints.size());
+  zoneInputs.clear();
   recordingShot.clear();
   shotAtan2XZ.clear();
   shotAtan2ZX.clear();
@@ -77,12 +78,14 @@ bool FatBoy<T>::iniMTA() {
   for (std::uint32_t i = 0; i < nWaves; ++i) shotIndex[i] = i;
   std::uint32_t unmatched = 0;
   recordingShot.assign(nWaves, shotTimeIndex.end());
+  std::vector<WaveZoneInput> inputs(nWaves);
   // Waves come in time order: each search starts from the previous wave's shot.
   auto from = shotTimeIndex.begin();
   for (std::uint32_t i = 0; i < nWaves; ++i) {
     prefetchWave(i + kPrefetchAhead);
-    if (!wavePoints[i]) continue;
-    const double time = wavePoints[i]->waveTime;
+    if (!hasWave(i)) continue;
+    inputs[i] = zoneInputOfObject(*wavePoints[i]);
+    const double time = inputs[i].waveTime;
     auto it = shotTimeIndex.lowerBoundFrom(from, time);
     if (it == shotTimeIndex.end() || it->first != time) {
       ++unmatched;
@@ -91,6 +94,7 @@ bool FatBoy<T>::iniMTA() {
     recordingShot[i] = from = it;
     shotIndex[i] = it->second;
   }
+  zoneInputs = std::move(inputs);
   faults.report(fragmentPlace(input->inputFileName, fragmentName));
   // Such waves get no zone later on and are dropped; the count tells why points are missing.
   if (unmatched)
@@ -101,6 +105,7 @@ bool FatBoy<T>::iniMTA() {
   lastShot = std::prev(shotTimeIndex.cend());
   shotEnd = shotTimeIndex.cend();
   nShots = static_cast<std::uint32_t>(count);
+  bindShotColumns();
   shotAtan2XZ.assign(nShots, kAngleUnset);
   shotAtan2ZX.assign(nShots, kAngleUnset);
   maxTravelTime = scannerDevice.getMTALengthAsTime() * 9.0;
@@ -113,7 +118,7 @@ void FatBoy<T>::setMTA(const unsigned& i, const int& zone, const double& ratio) 
     mta[i] = zone;
     return;
   }
-  auto it = wavePoints[i] ? recordingShotOf(i) : shotTimeIndex.find(0.0);
+  auto it = hasWave(i) ? recordingShotOf(i) : shotTimeIndex.find(0.0);
   const bool found = it != shotEnd;
   if (!(ratio < 0.98)) certainMTA[i] = false;
   if (!found) {
@@ -130,8 +135,7 @@ void FatBoy<T>::setMTA(const unsigned& i, const int& zone, const double& ratio) 
   mta[i] = zone;
   // The entry may belong to an earlier fragment: refer to its carried copy, so that no
   // query reads this fragment's arrays with another fragment's index.
-  const auto& times = *SHOT->arrays.GPSTime;
-  if (it->second < nShots && times.get(it->second) == it->first) {
+  if (it->second < nShots && shotTimeAt(it->second) == it->first) {
     shotIndex[i] = it->second;
     return;
   }
@@ -143,10 +147,11 @@ void FatBoy<T>::setMTA(const unsigned& i, const int& zone, const double& ratio) 
 
 std::string removeNearRangeWaves(FatBoy<unsigned short>& fatBoy) {
   const double limit = fatBoy.scannerDevice.minTimeOffset;
-  for (auto& wave : fatBoy.wavePoints) {
-    if (!wave) continue;
-    if (wave->size() == 0 || (-limit < wave->timeOffset && wave->timeOffset < limit))
-      fatBoy.wavePool.giveBack(wave);
+  for (std::uint32_t i = 0; i < fatBoy.wavePoints.size(); ++i) {
+    if (!fatBoy.hasWave(i)) continue;
+    const WaveZoneInput wave = fatBoy.zoneInputOf(i);
+    if (wave.noEchoes || (-limit < wave.timeOffset && wave.timeOffset < limit))
+      fatBoy.wavePool.giveBack(fatBoy.wavePoints[i]);
   }
   return "";
 }

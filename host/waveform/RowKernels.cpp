@@ -4,6 +4,8 @@
 // than on such rows' samples. Long rows take plain loops. Both give the same integers.
 #include "waveform/RowKernels.hpp"
 
+#include "waveform/NoiseSteps.hpp"
+
 #include <algorithm>
 
 #if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
@@ -245,6 +247,23 @@ __attribute__((target("avx2"))) void nearDeviationAvx2(const std::int32_t* y, st
   count = horizontalSum(counted);
 }
 
+// The noise estimate's passes and steps with nothing between them but registers: each
+// pass's limit waits on the divide and square root of the one before.
+__attribute__((target("avx2"), flatten)) bool noiseSigmaAvx2(const std::int32_t* y, std::size_t n,
+                                                             std::int32_t background,
+                                                             double& sigma) {
+  double s = sigmaOfAbsoluteSum(std::uint64_t(absoluteDeviationAvx2(y, n, background)), n);
+  for (int pass = 0; pass < kClipPasses; ++pass) {
+    const std::int64_t limit = clipLimit(s);
+    if (limit < 0 || limit > kNearLimitMax) return false;
+    std::int64_t squares = 0, count = 0;
+    nearDeviationAvx2(y, n, background, std::int32_t(limit), squares, count);
+    if (count) s = sigmaOfNearSums(squares, count);
+  }
+  sigma = s;
+  return true;
+}
+
 #endif
 
 // 16-bit samples in rows this short keep every 32-bit lane sum of the vector code below 2^31
@@ -300,6 +319,14 @@ bool shortAbsoluteDeviation(const std::int32_t* y, std::size_t n, std::int32_t b
   if (vectorRow(n)) return sum = std::uint64_t(absoluteDeviationAvx2(y, n, background)), true;
 #endif
   (void)y, (void)background, (void)sum;
+  return false;
+}
+
+bool shortNoiseSigma(const std::int32_t* y, std::size_t n, std::int32_t background, double& sigma) {
+#ifdef QUILLO_ROW_AVX2
+  if (vectorRow(n)) return noiseSigmaAvx2(y, n, background, sigma);
+#endif
+  (void)y, (void)background, (void)sigma;
   return false;
 }
 

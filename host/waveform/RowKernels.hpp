@@ -60,5 +60,8 @@ bool shortAbsoluteDeviation(const std::int32_t* y, std::size_t n, std::int32_t b
                             std::uint64_t& sum);
 bool shortNearDeviation(const std::int32_t* y, std::size_t n, std::int32_t background,
                         std::int64_t limit, std::int64_t& squares, std::int64_t& count);
+// The whole noise estimate of such a row (noiseSigmaAround) in one call: the same sums and
+// steps; false when not taken (a limit beyond kNearLimitMax too).
+bool shortNoiseSigma(const std::int32_t* y, std::size_t n, std::int32_t background, double& sigma);
 
 }  // namespace FullWaveform

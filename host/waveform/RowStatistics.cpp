@@ -2,6 +2,7 @@
 #include "waveform/RowStatistics.hpp"
 
 #include "vorlap/CpuClones.hpp"
+#include "waveform/NoiseSteps.hpp"
 #include "waveform/RowKernels.hpp"
 
 #include <algorithm>
@@ -84,13 +85,11 @@ QUILLO_AVX2_CLONES NearSums nearSums(const std::int32_t* y, std::size_t n, std::
 // cannot; then the result is negative.
 template <class SumsWithin>
 double clippedSigma(std::uint64_t absSum, std::size_t n, SumsWithin sumsWithin) {
-  double sigma = 1.2533 * double(absSum) / double(n);
-  for (int pass = 0; pass < 2; ++pass) {
-    // For integer deviations |d| <= limit is |d| <= floor(limit).
-    const auto limit = std::int64_t(std::floor(3.5 * std::max(sigma, 0.5)));
-    const std::optional<NearSums> near = sumsWithin(limit);
+  double sigma = sigmaOfAbsoluteSum(absSum, n);
+  for (int pass = 0; pass < kClipPasses; ++pass) {
+    const std::optional<NearSums> near = sumsWithin(clipLimit(sigma));
     if (!near) return -1.0;
-    if (near->count) sigma = std::sqrt(double(near->squares) / double(near->count));
+    if (near->count) sigma = sigmaOfNearSums(near->squares, near->count);
   }
   return sigma;
 }
@@ -148,6 +147,8 @@ double RowStatistics::noiseSigmaFromCounts(std::size_t n, std::int32_t backgroun
 }
 
 double noiseSigmaAround(const std::int32_t* y, std::size_t n, std::int32_t background) {
+  double sigma = 0.0;
+  if (shortNoiseSigma(y, n, background, sigma)) return sigma;
   std::uint64_t absSum = 0;
   if (!shortAbsoluteDeviation(y, n, background, absSum))
     absSum = absoluteDeviationSum(y, n, background);

@@ -144,10 +144,12 @@ TEST_F(ZoneState, CandidateLimitsAreInclusive) {
   fb->getLengthAccordingMTA(0, 0, 1, 1.0, out, 100.5);
   EXPECT_EQ(out[0], NO_LENGTH);  // amplitude below the threshold
   fb->wavePoints[0]->amplitudeExempt = true;
+  fb->noteWaveChanged(0);
   fb->getLengthAccordingMTA(0, 0, 1, 1.0, out, 1.0e9);
   EXPECT_NEAR(out[0], 1.6e-6, 1e-12);
   double untouched = -2.0;
   fb->wavePoints[1]->waveTime = shotTime(6) + 1e-15;
+  fb->noteWaveChanged(1);
   fb->getLengthAccordingMTA(1, 0, 1, 1.0, &untouched, 0.0);
   EXPECT_EQ(untouched, -2.0);
 }
@@ -179,16 +181,24 @@ TEST_F(ZoneState, OutOfRangeQueriesAreNeutral) {
   EXPECT_EQ(fb->getLength(1000, 0.0), NO_LENGTH);
 }
 
+// Read from the waves themselves, and from the zone inputs iniMTA copies.
 TEST_F(ZoneState, NearRangeWavesAreReleased) {
   load({10});
   const double limit = 6.673156177586246e-09;
-  fb->wavePoints = {makeWave({shotTime(1), limit}), makeWave({shotTime(2), -limit}),
-                    makeWave({shotTime(3), limit * 0.999}), makeWave({shotTime(4), std::nan("")})};
-  auto empty = makeWave({shotTime(5), 1e-6});
-  empty->echoes.clear();
-  fb->wavePoints.push_back(empty);
-  EXPECT_EQ(removeNearRangeWaves(*fb), "");
-  EXPECT_TRUE(fb->wavePoints[0] && fb->wavePoints[1] && fb->wavePoints[3]);
-  EXPECT_TRUE(fb->wavePoints[2].isEmpty());
-  EXPECT_TRUE(fb->wavePoints[4].isEmpty());
+  for (const bool afterIniMTA : {false, true}) {
+    SCOPED_TRACE(afterIniMTA ? "after iniMTA" : "before iniMTA");
+    fb->wavePoints = {makeWave({shotTime(1), limit}), makeWave({shotTime(2), -limit}),
+                      makeWave({shotTime(3), limit * 0.999}),
+                      makeWave({shotTime(4), std::nan("")})};
+    auto empty = makeWave({shotTime(5), 1e-6});
+    empty->echoes.clear();
+    fb->wavePoints.push_back(empty);
+    if (afterIniMTA) {
+      ASSERT_TRUE(fb->iniMTA());
+    }
+    EXPECT_EQ(removeNearRangeWaves(*fb), "");
+    EXPECT_TRUE(fb->wavePoints[0] && fb->wavePoints[1] && fb->wavePoints[3]);
+    EXPECT_TRUE(fb->wavePoints[2].isEmpty());
+    EXPECT_TRUE(fb->wavePoints[4].isEmpty());
+  }
 }

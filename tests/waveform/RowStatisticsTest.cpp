@@ -57,11 +57,11 @@ double plainNoiseSigma(const std::vector<std::int32_t>& y, std::int32_t backgrou
 
 }  // namespace
 
-// Deviations up to the full 16 bits, rows long enough for several 32-bit blocks, limits
-// beyond 65535: the same bits as plain 64-bit sums.
+// Deviations up to the full 16 bits, short rows with a partial last vector, rows long enough
+// for several 32-bit blocks, limits beyond 65535: the same bits as plain 64-bit sums.
 TEST(RowStatistics, NoiseSigmaEqualsPlainSums) {
   std::mt19937_64 random(7);
-  for (const std::size_t n : {std::size_t(1), std::size_t(64), std::size_t(70000)})
+  for (const std::size_t n : {1, 3, 37, 64, 200, 256, 70000})
     for (const int spread : {3, 300, 65535}) {
       std::uniform_int_distribution<int> sample(0, spread);
       std::vector<std::int32_t> y(n);
