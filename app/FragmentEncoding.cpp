@@ -17,7 +17,7 @@ void addMapChart(OutputPart& part, const Transform& toMap) {
     const FieldArray& a = part.arrays[i];
     if (a.representation != schema::kScannerChart || a.field != schema::kPositions || !a.data)
       continue;
-    auto mapped = mapPositions(*a.data, toMap);
+    auto mapped = mapPositionsOf(a.data, toMap);
     if (!mapped) continue;
     FieldArray map{kMapChart, schema::kPositions, a.fragment, mapped, {}, {}, {}};
     part.arrays.push_back(std::move(map));  // `a` is not used past this point

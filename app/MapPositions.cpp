@@ -67,6 +67,13 @@ Vorlap::StrongPtr<Tessal::MemBase> mapPositions(const Tessal::MemBase& positions
   return mapped;
 }
 
+Vorlap::StrongPtr<Tessal::MemBase> mapPositionsOf(
+    const Vorlap::StrongPtr<Tessal::MemBase>& positions, const Transform& transform) {
+  constexpr Transform identity{1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0};
+  if (transform == identity && dynamic_cast<const PointArray*>(positions.get())) return positions;
+  return mapPositions(*positions, transform);
+}
+
 void addMapPositions(Tessal::Grid& grid, const Transform& transform,
                      Tessal::FragmentChangeCursor& seen) {
   auto scanner = grid.getCartesianRepresentation(schema::kScannerChart);
@@ -82,7 +89,7 @@ void addMapPositions(Tessal::Grid& grid, const Transform& transform,
     auto data = creator ? creator->heldData() : nullptr;
     if (!data || target->getFragmentIDCollection()->findFragmentIDByName(ids->at(f)->getName()))
       continue;
-    auto mapped = mapPositions(*data, transform);
+    auto mapped = mapPositionsOf(data, transform);
     if (!mapped) continue;
     target->setPersistentData(mapped, target->makeFragmentID(ids->at(f)->getName()),
                               Vorlap::Cache::MemCache(), "");

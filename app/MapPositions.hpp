@@ -32,6 +32,11 @@ Gemwold::PhysicalSpace::vector rotateToMap(const Transform& m,
 Vorlap::StrongPtr<Tessal::MemBase> mapPositions(const Tessal::MemBase& positions,
                                                 const Transform& transform);
 
+// The same, as an array to hold: under the identity transform the scanner-frame array itself
+// (no copy, no pass over it; the writer then packs the two charts' equal chunks once).
+Vorlap::StrongPtr<Tessal::MemBase> mapPositionsOf(
+    const Vorlap::StrongPtr<Tessal::MemBase>& positions, const Transform& transform);
+
 // Adds the map chart with one "Positions" fragment per scanner-frame fragment held in memory
 // and not mapped yet (so a run can map its fragments as they complete). Only fragments given
 // data since `seen` last looked are visited.

@@ -1,7 +1,7 @@
 // The filters of a .kq dataset done by hand: byte shuffle, then deflate in zlib format (what
-// HDF5's shuffle and deflate filters store, so any HDF5 reader reads the chunks), with
-// libdeflate, which packs and unpacks several times faster than zlib. The compression of a
-// finished chunk needs no HDF5 call and so no HDF5 lock.
+// HDF5's shuffle and deflate filters store, so any HDF5 reader reads the chunks): the planes
+// by PlaneDeflate.hpp, inflated by libdeflate, which unpacks several times faster than zlib.
+// The compression of a finished chunk needs no HDF5 call and so no HDF5 lock.
 #pragma once
 
 #include <cstddef>

@@ -68,4 +68,14 @@ TEST(OutputCounts, MapPositionsWhateverTheLayout) {
     EXPECT_EQ(mapped->get(1).z, 306);
   }
   EXPECT_FALSE(mapPositions(*layouts(std::vector<double>{1.0})[0], m));
+  // The identity keeps the scanner-frame array itself; anything else maps a copy, and
+  // arrays that are not points give nothing either way.
+  const Transform identity{1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0};
+  const auto array = layouts(positions)[0];
+  EXPECT_EQ(mapPositionsOf(array, identity).get(), array.get());
+  const auto moved = mapPositionsOf(array, m);
+  ASSERT_TRUE(moved);
+  EXPECT_NE(moved.get(), array.get());
+  for (const auto& transform : {identity, m})
+    EXPECT_FALSE(mapPositionsOf(layouts(std::vector<double>{1.0})[0], transform));
 }
