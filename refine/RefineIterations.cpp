@@ -48,6 +48,10 @@ Refiner::Refiner(const ShotTable& t, const RefineEchoes& e, const RefineSettings
       kept_(std::clamp(bounds.kept, settled_, e.size())),
       given_(bounds.given && bounds.given->state.size() == e.size() ? bounds.given : nullptr),
       found_(bounds.found),
+      givenVerdicts_(bounds.givenVerdicts && bounds.givenVerdicts->state.size() == e.size()
+                         ? bounds.givenVerdicts
+                         : nullptr),
+      foundVerdicts_(bounds.foundVerdicts),
       active_(work.active),
       straddles_(work.straddles),
       byShot_(work.byShot),
@@ -303,9 +307,13 @@ void Refiner::judgeMarked(const std::vector<std::uint8_t>& judgeNow, std::uint16
   chunkMoves_.resize(chunks);
   forEachChunk(n, chunks, settings_.threads, [&](std::size_t c, std::size_t lo, std::size_t hi) {
     chunkMoves_[c].clear();
+    const bool first = stamp == 1;
     for (std::size_t i = lo; i < hi; ++i) {
       if (!judgeNow[i]) continue;
-      const Verdict v = judge(i);
+      const Verdict v = first && !work_.verdictCarried.empty() && work_.verdictCarried[i]
+                            ? carriedVerdict(i)
+                            : judge(i);
+      if (first) carryOutVerdict(i, v);
       off_[i] = v.off, unfitWhenJudged_[i] = v.unfit, judgedAt_[i] = stamp;
       if (v.zone >= 0) chunkMoves_[c].emplace_back(std::uint32_t(i), v);
     }
@@ -325,6 +333,8 @@ RefineResult Refiner::run() {
   nearChange.assign(cells_.cellCount(), 0);
   if (settings_.runMinEchoes > 0) shiftRoughRuns();
   fillCells();
+  markCarriedVerdicts();
+  keepFirstPlacement();
   for (int iteration = 0; iteration < settings_.iterations; ++iteration) {
     const auto stamp = std::uint16_t(iteration + 1);
     judgeMarked(judgeNow, stamp, moves);

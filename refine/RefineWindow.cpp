@@ -19,7 +19,7 @@ RefineWindow::RefineWindow(double lightSpeed, bool radial, const RefineSettings&
     : lightSpeed_(lightSpeed), radial_(radial), settings_(settings), window_(window) {}
 
 void RefineWindow::add(std::uint64_t key, FragmentShots shots, std::vector<WindowEcho> echoes) {
-  Held h{key, shotsSeen_, std::move(shots), {}, std::move(echoes), {}, {}, {}, {}};
+  Held h{key, shotsSeen_, std::move(shots), {}, std::move(echoes), {}, {}, {}, {}, {}, {}, {}};
   h.angle.resize(h.shots.time.size());
   for (std::size_t s = 0; s < h.shots.time.size(); ++s) {
     const double a = h.angle[s] = scanAngleOf(h.shots.direction[s], radial_, lastAngle_);
@@ -113,8 +113,10 @@ void RefineWindow::refineSpan(const Span& span,
   sortByTime(table);
   std::vector<RefinedBlock::Fragment> block;
   std::uint32_t hint = 0;
-  BlockBounds bounds{0, SIZE_MAX, &given_, &found_};  // refined fragments first, then the block
+  // Refined fragments first, then the block, then its context.
+  BlockBounds bounds{0, SIZE_MAX, &given_, &found_, &givenVerdicts_, &foundVerdicts_};
   given_.state.clear(), given_.span.clear(), given_.zones.clear();
+  givenVerdicts_.state.clear(), givenVerdicts_.zone.clear(), givenVerdicts_.moveTo.clear();
   at_.resize(held_.size());
   for (std::size_t k = 0; k < held_.size(); ++k) {
     if (k == span.blockEnd) bounds.kept = echoes.size();
@@ -130,9 +132,15 @@ void RefineWindow::refineSpan(const Span& span,
     if (held_[k].done) bounds.settled = echoes.size();
     if (!held_[k].done && k < span.blockEnd) block.push_back({held_[k].key, at});
   }
-  found_.state.clear();  // a refinement that finds nothing leaves nothing behind
+  // A refinement that finds nothing leaves nothing behind.
+  found_.state.clear(), foundVerdicts_.state.clear(), foundVerdicts_.digest.clear();
   const RefineResult result = refineBlock(table, echoes, settings_, bounds, scratch_);
   given_.zoneLimit = found_.zoneLimit;
+  givenVerdicts_.lineTime.swap(foundVerdicts_.lineTime);
+  givenVerdicts_.digest.swap(foundVerdicts_.digest);
+  givenVerdicts_.firstBin = foundVerdicts_.firstBin,
+  givenVerdicts_.binCount = foundVerdicts_.binCount;
+  givenVerdicts_.maxZone = foundVerdicts_.maxZone;
   const RefinedBlock refined{table, echoes, result, std::move(block)};
   apply(refined);
   for (std::size_t k = 0, f = 0; k < held_.size(); ++k) {
@@ -142,6 +150,7 @@ void RefineWindow::refineSpan(const Span& span,
     } else if (!h.done) {
       settle(h, refined.fragments[f++].echo, table, echoes, result), h.done = true;
       h.alongState = {}, h.alongSpan = {}, h.alongZones = {};
+      h.verdict = {}, h.judgedZone = {}, h.moveTo = {};
     }
   }
 }
@@ -154,6 +163,10 @@ void RefineWindow::carryIn(const Held& h, const std::vector<std::int64_t>& at) {
     given_.state.push_back(has ? h.alongState[j] : 0);
     given_.span.push_back(has ? h.alongSpan[j] : 0);
     given_.zones.push_back(has ? h.alongZones[j] : 0);
+    const bool judged = !h.done && h.verdict.size() == at.size();
+    givenVerdicts_.state.push_back(judged ? h.verdict[j] : 0);
+    givenVerdicts_.zone.push_back(judged ? h.judgedZone[j] : 0);
+    givenVerdicts_.moveTo.push_back(judged ? h.moveTo[j] : 0);
   }
 }
 
@@ -167,6 +180,14 @@ void RefineWindow::carryOut(Held& h, const std::vector<std::int64_t>& at) const 
     const auto k = std::size_t(at[j]);
     h.alongState[j] = found_.state[k], h.alongSpan[j] = found_.span[k];
     h.alongZones[j] = found_.zones[k];
+  }
+  const std::size_t judged = foundVerdicts_.state.size();
+  h.verdict.assign(at.size(), 0), h.judgedZone.assign(at.size(), 0), h.moveTo.assign(at.size(), 0);
+  for (std::size_t j = 0; j < at.size(); ++j) {
+    if (at[j] < 0 || std::size_t(at[j]) >= judged) continue;
+    const auto k = std::size_t(at[j]);
+    h.verdict[j] = foundVerdicts_.state[k], h.judgedZone[j] = foundVerdicts_.zone[k];
+    h.moveTo[j] = foundVerdicts_.moveTo[k];
   }
 }
 

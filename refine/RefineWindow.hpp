@@ -91,6 +91,7 @@ class RefineWindow {
     std::vector<std::uint8_t> alongState;
     std::vector<std::uint16_t> alongSpan;
     std::vector<std::uint32_t> alongZones;
+    std::vector<std::uint8_t> verdict, judgedZone, moveTo;  // its first verdict likewise
     bool done = false;
   };
   struct Span {
@@ -116,6 +117,7 @@ class RefineWindow {
   RefineScratch scratch_;  // the refiner's arrays, kept for the next block likewise
   // The along-line findings given to a block (by its echoes) and those it found.
   AlongLineMemo given_, found_;
+  FirstVerdicts givenVerdicts_, foundVerdicts_;
   std::vector<std::vector<std::int64_t>> at_;  // per held fragment, its echoes' positions
   std::uint64_t shotsSeen_ = 0;
   double lastAngle_ = 0.0;

@@ -149,6 +149,10 @@ struct WorkArrays {
   std::vector<std::vector<std::pair<std::uint32_t, Verdict>>> chunkMoves;
   // Of run(), markNoise() and shiftRoughRuns().
   std::vector<std::uint8_t> judgeNow, nearChange, unfit, untold;
+  // Of the first verdicts carried: per cell, whether a cell its echoes' judgements read
+  // changed since the block before; per echo, whether its verdict is carried.
+  std::vector<std::uint64_t> digest;
+  std::vector<std::uint8_t> cellChanged, readsChanged, verdictCarried;
   std::vector<std::pair<std::uint32_t, Verdict>> moves;
   std::vector<std::uint32_t> changedCells, smoothIn, bestRun;
   std::vector<std::uint8_t> rough;  // per echo in recording order: rough where it is
@@ -310,6 +314,13 @@ class Refiner {
   Verdict judge(std::size_t i) const;
   void judgeMarked(const std::vector<std::uint8_t>& judgeNow, std::uint16_t stamp,
                    std::vector<std::pair<std::uint32_t, Verdict>>& moves);
+  // First verdicts carried between a window's blocks (CarriedVerdicts.cpp).
+  void digestCells(std::vector<std::uint64_t>& digest) const;
+  void keepFirstPlacement();
+  void markCarriedVerdicts();
+  bool readsNoChange(std::size_t i) const;
+  Verdict carriedVerdict(std::size_t i) const;
+  void carryOutVerdict(std::size_t i, const Verdict& v) const;
   void keepSupportedMoves(std::vector<std::pair<std::uint32_t, Verdict>>& moves);
   void applyMoves(const std::vector<std::pair<std::uint32_t, Verdict>>& moves, std::uint16_t stamp,
                   std::vector<std::uint32_t>& changedCells);
@@ -330,6 +341,8 @@ class Refiner {
   // The along-line findings of the block before, and this block's for the next one.
   const AlongLineMemo* given_ = nullptr;
   AlongLineMemo* found_ = nullptr;
+  const FirstVerdicts* givenVerdicts_ = nullptr;
+  FirstVerdicts* foundVerdicts_ = nullptr;
   std::int64_t lastSettledRecord_ = -1;
   std::vector<std::uint8_t>&active_, &straddles_;
   LargeVector<std::uint32_t>& byShot_;    // echoes by first emitting shot

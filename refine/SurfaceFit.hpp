@@ -187,11 +187,28 @@ struct AlongLineMemo {
   std::vector<std::uint32_t> zones;  // per echo: bit z, smooth in zone z
   int zoneLimit = -1;                // the highest zone tested
 };
+// Likewise the first judgement of a context echo (against the first placement, before any
+// move) holds for the next block where the echo has the same zone there and no cell its
+// judgement reads holds other neighbours: the cells are compared by a digest of each.
+struct FirstVerdicts {
+  static constexpr std::uint8_t kKnown = 1, kOff = 2, kUnfit = 4;
+  static constexpr std::uint8_t kStays = 255;
+  std::vector<std::uint8_t> state;   // per echo
+  std::vector<std::uint8_t> zone;    // per echo: the zone it was judged in
+  std::vector<std::uint8_t> moveTo;  // per echo: the zone it moves to (kStays: none)
+  // The first placement's cells: per line (named by the time of its first shot), per bin.
+  std::vector<double> lineTime;
+  std::int32_t firstBin = 0, binCount = 0;
+  std::vector<std::uint64_t> digest;
+  int maxZone = -1;
+};
 struct BlockBounds {
   std::size_t settled = 0;
   std::size_t kept = SIZE_MAX;
   const AlongLineMemo* given = nullptr;
   AlongLineMemo* found = nullptr;
+  const FirstVerdicts* givenVerdicts = nullptr;
+  FirstVerdicts* foundVerdicts = nullptr;
 };
 QUILLO_API RefineResult refineBlock(const ShotTable& shots, const RefineEchoes& echoes,
                                     const RefineSettings& settings, const BlockBounds& bounds,
