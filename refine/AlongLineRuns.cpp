@@ -179,27 +179,31 @@ void Refiner::carryOut(std::size_t k, const AlongLine& span, std::uint8_t what,
 // echoes around it); those carried from the block before are not tested again.
 void Refiner::markRough(std::size_t lo, std::size_t hi, std::vector<std::uint8_t>& rough) const {
   if (lo >= hi) return;
-  std::vector<AlongLine> tested;
-  std::vector<std::size_t> testedAt;
+  // Carried marks first (per echo: 1 where carried); the rest are tested after.
+  std::vector<std::uint8_t> carriedHere(hi - lo, 0);
+  std::size_t first = hi, last = lo;
   AlongLine span{};
   for (std::size_t k = lo; k < hi; ++k) {
     span = k == lo ? alongLineOf(k) : nextAlongLine(k, span);
     if (!carried(k, span, AlongLineMemo::kKnown)) {
-      tested.push_back(span), testedAt.push_back(k);
+      first = std::min(first, k), last = k;
       continue;
     }
+    carriedHere[k - lo] = 1;
     rough[k] = (given_->state[byRecord_[k]] & AlongLineMemo::kRough) != 0;
     carryOut(k, span, AlongLineMemo::kKnown | (rough[k] ? AlongLineMemo::kRough : 0), 0);
   }
-  if (tested.empty()) return;
-  const std::size_t reachLo = tested.front().before, reachHi = tested.back().end;
+  if (first > last) return;
+  span = alongLineOf(first);
+  const std::size_t reachLo = span.before, reachHi = alongLineOf(last).end;
   std::vector<AlongPlacement> placed(reachHi - reachLo);
   placeAlongLine(reachLo, reachHi, -1, placed.data());
-  for (std::size_t t = 0; t < tested.size(); ++t) {
-    const std::size_t k = testedAt[t];
-    rough[k] = !smoothAlongLine(k, tested[t], placed.data(), reachLo, settings_.runTolerance,
+  for (std::size_t k = first; k <= last; ++k) {
+    if (k > first) span = nextAlongLine(k, span);
+    if (carriedHere[k - lo]) continue;
+    rough[k] = !smoothAlongLine(k, span, placed.data(), reachLo, settings_.runTolerance,
                                 settings_.runPairs);
-    carryOut(k, tested[t], AlongLineMemo::kKnown | (rough[k] ? AlongLineMemo::kRough : 0), 0);
+    carryOut(k, span, AlongLineMemo::kKnown | (rough[k] ? AlongLineMemo::kRough : 0), 0);
   }
 }
 

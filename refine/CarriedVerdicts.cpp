@@ -22,35 +22,39 @@ std::uint64_t mix(std::uint64_t h, double value) {
 
 }  // namespace
 
-// Per cell, a digest of its neighbours in order: their shots (by time) and places. Whatever
-// the fit test reads of a neighbour follows from those.
-void Refiner::digestCells(std::vector<std::uint64_t>& digest) const {
-  digest.resize(cells_.cellCount());
-  for (std::size_t c = 0; c < digest.size(); ++c) {
+// Per cell of line `line`, a digest of its neighbours in order: their shots (by time) and
+// places. Whatever the fit test reads of a neighbour follows from those.
+void Refiner::digestLine(std::size_t line, std::uint64_t* digest) const {
+  const auto bins = std::size_t(cells_.binCount);
+  for (std::size_t b = 0; b < bins; ++b) {
+    const std::size_t c = line * bins + b;
     std::uint64_t h = kEmptyCell;
     for (std::uint32_t k = placed_.start[c]; k < placed_.start[c + 1]; ++k) {
       const Neighbour& m = placed_.members[k];
       h = mix(mix(mix(mix(h, shots_.time[m.emitter]), m.position.x), m.position.y), m.position.z);
     }
-    digest[c] = h;
+    digest[b] = h;
   }
 }
 
-// Keeps the first placement's cell digests for the next block (the context echoes' first
-// verdicts are kept as they are given).
+// Keeps the first placement's cell digests for the next block: of the lines its context
+// echoes' judgements read (those of the block's own echoes it never takes).
 void Refiner::keepFirstPlacement() {
   if (!foundVerdicts_) return;
   FirstVerdicts& out = *foundVerdicts_;
   out.state.assign(echoes_.size(), 0);
   out.zone.resize(echoes_.size()), out.moveTo.resize(echoes_.size());
-  out.lineTime.assign(cells_.lineOrigin.size(), 0.0);
-  for (std::size_t s = shots_.time.size(); s-- > 0;) out.lineTime[cells_.line[s]] = shots_.time[s];
-  out.firstBin = cells_.firstBin, out.binCount = cells_.binCount;
-  if (work_.digest.size() == cells_.cellCount())
-    out.digest = work_.digest;
-  else
-    digestCells(out.digest);
-  out.maxZone = maxZone_;
+  out.firstBin = cells_.firstBin, out.binCount = cells_.binCount, out.maxZone = maxZone_;
+  const std::size_t lines = cells_.lineOrigin.size(), bins = std::size_t(cells_.binCount);
+  std::size_t from = lines;
+  for (std::size_t i = kept_; i < echoes_.size(); ++i)
+    if (active(i)) from = std::min<std::size_t>(from, cells_.line[emitter_[i]]);
+  // A candidate's shot may lie in the line before; the fit test reads the lines around it.
+  from -= std::min<std::size_t>(from, std::size_t(settings_.neighbourLines) + 1);
+  out.lineTime.assign(lines - from, 0.0), out.digest.resize((lines - from) * bins);
+  for (std::size_t s = shots_.time.size(); s-- > 0 && cells_.line[s] >= from;)
+    out.lineTime[cells_.line[s] - from] = shots_.time[s];
+  for (std::size_t l = from; l < lines; ++l) digestLine(l, out.digest.data() + (l - from) * bins);
 }
 
 // Marks the echoes whose first verdict the block before gives: judged in the zone they have
@@ -59,23 +63,25 @@ void Refiner::keepFirstPlacement() {
 // then, nor missing then.
 void Refiner::markCarriedVerdicts() {
   std::vector<std::uint8_t>& carried = work_.verdictCarried;
-  carried.clear(), work_.digest.clear();
+  carried.clear();
   const FirstVerdicts* given = givenVerdicts_;
   if (!given || given->maxZone != maxZone_ || given->firstBin != cells_.firstBin ||
-      given->binCount != cells_.binCount)
+      given->binCount != cells_.binCount || given->lineTime.empty())
     return;
   const std::size_t lines = cells_.lineOrigin.size(), bins = std::size_t(cells_.binCount);
-  digestCells(work_.digest);
   std::vector<double> lineTime(lines, 0.0);
   for (std::size_t s = shots_.time.size(); s-- > 0;) lineTime[cells_.line[s]] = shots_.time[s];
   std::vector<std::uint8_t>& changed = work_.cellChanged;
   changed.assign(lines * bins, 1);
+  std::vector<std::uint64_t>& digest = work_.digest;
+  digest.resize(bins);
   for (std::size_t l = 0; l < lines; ++l) {
     const auto it = std::lower_bound(given->lineTime.begin(), given->lineTime.end(), lineTime[l]);
     if (it == given->lineTime.end() || *it != lineTime[l]) continue;
     const std::size_t before = std::size_t(it - given->lineTime.begin()) * bins;
+    digestLine(l, digest.data());
     for (std::size_t b = 0; b < bins; ++b)
-      changed[l * bins + b] = work_.digest[l * bins + b] != given->digest[before + b];
+      changed[l * bins + b] = digest[b] != given->digest[before + b];
   }
   // Spread over what a judgement reads: bins first, then lines; lines beyond the table's ends
   // count as changed (the block before may have had them).

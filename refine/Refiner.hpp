@@ -315,7 +315,7 @@ class Refiner {
   void judgeMarked(const std::vector<std::uint8_t>& judgeNow, std::uint16_t stamp,
                    std::vector<std::pair<std::uint32_t, Verdict>>& moves);
   // First verdicts carried between a window's blocks (CarriedVerdicts.cpp).
-  void digestCells(std::vector<std::uint64_t>& digest) const;
+  void digestLine(std::size_t line, std::uint64_t* digest) const;
   void keepFirstPlacement();
   void markCarriedVerdicts();
   bool readsNoChange(std::size_t i) const;
