@@ -205,19 +205,65 @@ void Refiner::smoothZones(std::vector<std::uint32_t>& zones) const {
                });
 }
 
+// Whether the echoes recorded within reach of `record` lie in the table under every zone
+// tested: then what they give is the same in any window holding them.
+bool Refiner::inTableInEveryZone(std::int64_t record) const {
+  const std::int64_t reach = settings_.runShotReach;
+  return record - reach - zoneLimit() >= 0 && record + reach < std::int64_t(shots_.time.size());
+}
+
+// Whether echo k's (recording order) finding `what` is carried from the block before: it read
+// the same echoes then (as many, none of them settled since, all in its table as in this one).
+bool Refiner::carried(std::size_t k, const AlongLine& span, std::uint8_t what) const {
+  if (!given_) return false;
+  const std::uint32_t i = byRecord_[k];
+  const std::int64_t record = inRecord_.record[k];
+  return (given_->state[i] & what) && given_->span[i] == span.end - span.before &&
+         (what != AlongLineMemo::kZonesKnown || given_->zoneLimit == zoneLimit()) &&
+         record - settings_.runShotReach > lastSettledRecord_ && inTableInEveryZone(record);
+}
+
+// Keeps a context echo's finding (rough, or the zones it is smooth in) for the next block.
+void Refiner::carryOut(std::size_t k, const AlongLine& span, std::uint8_t what,
+                       std::uint32_t zones) const {
+  const std::uint32_t i = byRecord_[k];
+  if (!found_ || i < kept_ || span.end - span.before > 0xffff ||
+      !inTableInEveryZone(inRecord_.record[k]))
+    return;
+  found_->state[i] |= what, found_->span[i] = std::uint16_t(span.end - span.before);
+  if (what & AlongLineMemo::kZonesKnown) found_->zones[i] = zones;
+}
+
 // Marks the echoes [lo, hi) (recording order) that do not continue their line in their
 // current zones. Every echo within their reach is placed once (each echo is a sample of the
-// echoes around it).
+// echoes around it); those carried from the block before are not tested again.
 void Refiner::markRough(std::size_t lo, std::size_t hi, std::vector<std::uint8_t>& rough) const {
   if (lo >= hi) return;
-  const std::size_t reachLo = alongLineOf(lo).before, reachHi = alongLineOf(hi - 1).end;
-  std::vector<AlongPlacement> placed(reachHi - reachLo);
-  placeAlongLine(reachLo, reachHi, -1, placed.data());
+  // Carried marks first (per echo: 1 where carried); the rest are tested after.
+  std::vector<std::uint8_t> carriedHere(hi - lo, 0);
+  std::size_t first = hi, last = lo;
   AlongLine span{};
   for (std::size_t k = lo; k < hi; ++k) {
     span = k == lo ? alongLineOf(k) : nextAlongLine(k, span);
+    if (!carried(k, span, AlongLineMemo::kKnown)) {
+      first = std::min(first, k), last = k;
+      continue;
+    }
+    carriedHere[k - lo] = 1;
+    rough[k] = (given_->state[byRecord_[k]] & AlongLineMemo::kRough) != 0;
+    carryOut(k, span, AlongLineMemo::kKnown | (rough[k] ? AlongLineMemo::kRough : 0), 0);
+  }
+  if (first > last) return;
+  span = alongLineOf(first);
+  const std::size_t reachLo = span.before, reachHi = alongLineOf(last).end;
+  std::vector<AlongPlacement> placed(reachHi - reachLo);
+  placeAlongLine(reachLo, reachHi, -1, placed.data());
+  for (std::size_t k = first; k <= last; ++k) {
+    if (k > first) span = nextAlongLine(k, span);
+    if (carriedHere[k - lo]) continue;
     rough[k] = !smoothAlongLine(k, span, placed.data(), reachLo, settings_.runTolerance,
                                 settings_.runPairs);
+    carryOut(k, span, AlongLineMemo::kKnown | (rough[k] ? AlongLineMemo::kRough : 0), 0);
   }
 }
 
@@ -252,21 +298,31 @@ void Refiner::smoothZonesOf(std::size_t lo, std::size_t hi, const std::vector<st
   while (lo < hi && !rough[lo]) ++lo;
   while (hi > lo && !rough[hi - 1]) --hi;
   if (lo >= hi) return;
-  const std::size_t reachLo = alongLineOf(lo).before, reachHi = alongLineOf(hi - 1).end;
-  std::vector<AlongPlacement> placed(reachHi - reachLo);
   std::vector<std::pair<std::size_t, AlongLine>> roughSpans;
   AlongLine span{};
   for (std::size_t k = lo; k < hi; ++k) {
     span = k == lo ? alongLineOf(k) : nextAlongLine(k, span);
-    if (rough[k]) roughSpans.emplace_back(k, span);
+    if (!rough[k]) continue;
+    if (!carried(k, span, AlongLineMemo::kZonesKnown)) {
+      roughSpans.emplace_back(k, span);
+      continue;
+    }
+    zones[k] = given_->zones[byRecord_[k]];
+    carryOut(k, span, AlongLineMemo::kZonesKnown, zones[k]);
   }
-  for (int z = 0; z <= std::min(maxZone_, 31); ++z) {
+  if (roughSpans.empty()) return;
+  const std::size_t reachLo = roughSpans.front().second.before;
+  const std::size_t reachHi = roughSpans.back().second.end;
+  std::vector<AlongPlacement> placed(reachHi - reachLo);
+  for (int z = 0; z <= zoneLimit(); ++z) {
     placeAlongLine(reachLo, reachHi, z, placed.data());
     for (const auto& [k, roughSpan] : roughSpans)
       if (smoothAlongLine(k, roughSpan, placed.data(), reachLo, settings_.runTolerance,
                           settings_.runPairs))
         zones[k] |= 1u << z;
   }
+  for (const auto& [k, roughSpan] : roughSpans)
+    carryOut(k, roughSpan, AlongLineMemo::kZonesKnown, zones[k]);
 }
 
 // The active echoes in recording order, with what the along-line tests read of each.
@@ -295,6 +351,14 @@ void Refiner::orderByRecord() {
 // they are moves to that zone; the longest run wins where an echo is in two.
 void Refiner::shiftRoughRuns() {
   orderByRecord();
+  lastSettledRecord_ = -1;
+  for (std::size_t i = 0; i < settled_; ++i)
+    if (active(i)) lastSettledRecord_ = std::max(lastSettledRecord_, recordOf(i));
+  if (found_) {
+    found_->state.assign(echoes_.size(), 0);
+    found_->span.resize(echoes_.size()), found_->zones.resize(echoes_.size());
+    found_->zoneLimit = zoneLimit();
+  }
   std::vector<std::uint32_t>& zones = work_.smoothIn;
   smoothZones(zones);
   const std::size_t n = byRecord_.size();

@@ -139,8 +139,10 @@ void Refiner::placeLineEnds(std::uint16_t stamp) {
   std::vector<FanSample> samples;
   const std::int64_t shots = std::int64_t(shots_.time.size());
   const int needed = settings_.lineEndEchoes;
+  const std::int64_t lastLine = lastLineReadForNoise();
   for (std::int64_t last = 0; last + 1 < shots; ++last) {
     if (cells_.line[std::size_t(last)] == cells_.line[std::size_t(last + 1)]) continue;
+    if (std::int64_t(cells_.line[std::size_t(last)]) > lastLine) break;
     fanSamples(last, fan, samples);
     for (const std::uint32_t i : fan) {
       if (i < settled_ || onSurface(i)) continue;

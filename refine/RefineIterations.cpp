@@ -35,7 +35,7 @@ void WorkArrays::makeCellRoom(std::size_t cellCount) {
 }
 
 Refiner::Refiner(const ShotTable& t, const RefineEchoes& e, const RefineSettings& s,
-                 std::size_t settled, WorkArrays& work)
+                 const BlockBounds& bounds, WorkArrays& work)
     : shots_(t),
       echoes_(e),
       settings_(s),
@@ -44,7 +44,14 @@ Refiner::Refiner(const ShotTable& t, const RefineEchoes& e, const RefineSettings
       placed_(work.placed),
       emitter_(work.emitter),
       oneWay_(work.oneWay),
-      settled_(settled),
+      settled_(std::min(bounds.settled, e.size())),
+      kept_(std::clamp(bounds.kept, settled_, e.size())),
+      given_(bounds.given && bounds.given->state.size() == e.size() ? bounds.given : nullptr),
+      found_(bounds.found),
+      givenVerdicts_(bounds.givenVerdicts && bounds.givenVerdicts->state.size() == e.size()
+                         ? bounds.givenVerdicts
+                         : nullptr),
+      foundVerdicts_(bounds.foundVerdicts),
       active_(work.active),
       straddles_(work.straddles),
       byShot_(work.byShot),
@@ -238,22 +245,53 @@ bool Refiner::unchangedSinceJudged(std::size_t i) const {
   return true;
 }
 
+// The shots from which on the context echoes' noise tests tell the block nothing: past every
+// block echo's recording shot. An echo's noise test reads, of the other echoes' verdicts, only
+// those of its own emitting shot (second echoes, the other channel's record), and an echo is
+// emitted at or before its recording shot, so no block echo shares a shot beyond.
+std::size_t Refiner::noiseShotEnd() const {
+  if (kept_ == echoes_.size()) return shots_.time.size();
+  std::int64_t end = 0;
+  for (std::size_t i = settled_; i < kept_; ++i)
+    if (active(i)) end = std::max(end, recordOf(i) + 1);
+  return std::size_t(std::min<std::int64_t>(end, std::int64_t(shots_.time.size())));
+}
+
+// The last scan line the noise tests read (an echo tested emits before noiseShotEnd(); it and
+// its candidates are placed no later than its recording shot, at most a zone range after,
+// and read the lines around them). Line-end fans beyond it change nothing they read.
+std::int64_t Refiner::lastLineReadForNoise() const {
+  const auto lines = std::int64_t(cells_.lineOrigin.size());
+  if (kept_ == echoes_.size()) return lines - 1;
+  const std::int64_t last = std::int64_t(shots_.time.size()) - 1;
+  const std::int64_t shot = std::min(last, std::int64_t(noiseShotEnd()) + 2 * maxZone_ + 2);
+  return std::min(lines - 1,
+                  std::int64_t(cells_.line[std::size_t(shot)]) + settings_.neighbourLines + 1);
+}
+
 // Noise is told against the final neighbourhood, where the ghosts have moved away; an echo
-// whose surroundings did not change since its last judgement keeps that verdict.
+// whose surroundings did not change since its last judgement keeps that verdict. Of the
+// context echoes only those that share an emitting shot with the block's are told: the rest
+// count as noise already while the tests run, which leaves them out.
 void Refiner::markNoise() {
-  const std::size_t n = echoes_.size();
+  const std::size_t n = echoes_.size(), shotEnd = noiseShotEnd();
   std::vector<std::uint8_t>& unfit = work_.unfit;
   unfit.assign(n, 0);
+  std::vector<std::uint8_t>& untold = work_.untold;
+  untold.assign(n, 0);
+  for (std::size_t i = kept_; i < n; ++i) untold[i] = emitter_[i] >= shotEnd;
   forEachChunk(
       n, chunkCount(n), settings_.threads, [&](std::size_t, std::size_t lo, std::size_t hi) {
         for (std::size_t i = lo; i < hi; ++i)
-          unfit[i] = off_[i] && active(i) && (onLineEnd_.empty() || !onLineEnd_[i]) &&
+          unfit[i] = !untold[i] && off_[i] && active(i) && (onLineEnd_.empty() || !onLineEnd_[i]) &&
                      ((unchangedSinceJudged(i) ? unfitWhenJudged_[i] : fitsNothing(i)) || lone(i));
       });
+  for (std::size_t i = kept_; i < n; ++i) unfit[i] |= untold[i];
   if (settings_.secondEchoMax > 0.0) markSecondEchoes(unfit);
   if (settings_.brightRatio > 0.0 || settings_.matchRatio > 1.0) toneMembers();
   if (settings_.brightRatio > 0.0) markBrightEchoes(unfit);
   if (settings_.matchRatio > 1.0) markUnmatchedEchoes(unfit);
+  for (std::size_t i = kept_; i < n; ++i) unfit[i] = unfit[i] && !untold[i];
   for (std::size_t i = 0; i < n; ++i) {
     const bool moved = result_.zone[i] != echoes_[i].zone;
     result_.flag[i] = std::uint8_t((moved ? kMovedZone : 0) | (unfit[i] ? kMarkedNoise : 0));
@@ -270,9 +308,13 @@ void Refiner::judgeMarked(const std::vector<std::uint8_t>& judgeNow, std::uint16
   chunkMoves_.resize(chunks);
   forEachChunk(n, chunks, settings_.threads, [&](std::size_t c, std::size_t lo, std::size_t hi) {
     chunkMoves_[c].clear();
+    const bool first = stamp == 1;
     for (std::size_t i = lo; i < hi; ++i) {
       if (!judgeNow[i]) continue;
-      const Verdict v = judge(i);
+      const Verdict v = first && !work_.verdictCarried.empty() && work_.verdictCarried[i]
+                            ? carriedVerdict(i)
+                            : judge(i);
+      if (first) carryOutVerdict(i, v);
       off_[i] = v.off, unfitWhenJudged_[i] = v.unfit, judgedAt_[i] = stamp;
       if (v.zone >= 0) chunkMoves_[c].emplace_back(std::uint32_t(i), v);
     }
@@ -292,6 +334,8 @@ RefineResult Refiner::run() {
   nearChange.assign(cells_.cellCount(), 0);
   if (settings_.runMinEchoes > 0) shiftRoughRuns();
   fillCells();
+  markCarriedVerdicts();
+  keepFirstPlacement();
   for (int iteration = 0; iteration < settings_.iterations; ++iteration) {
     const auto stamp = std::uint16_t(iteration + 1);
     judgeMarked(judgeNow, stamp, moves);

@@ -19,7 +19,7 @@ RefineWindow::RefineWindow(double lightSpeed, bool radial, const RefineSettings&
     : lightSpeed_(lightSpeed), radial_(radial), settings_(settings), window_(window) {}
 
 void RefineWindow::add(std::uint64_t key, FragmentShots shots, std::vector<WindowEcho> echoes) {
-  Held h{key, shotsSeen_, std::move(shots), {}, std::move(echoes), {}};
+  Held h{key, shotsSeen_, std::move(shots), {}, std::move(echoes), {}, {}, {}, {}, {}, {}, {}};
   h.angle.resize(h.shots.time.size());
   for (std::size_t s = 0; s < h.shots.time.size(); ++s) {
     const double a = h.angle[s] = scanAngleOf(h.shots.direction[s], radial_, lastAngle_);
@@ -113,25 +113,82 @@ void RefineWindow::refineSpan(const Span& span,
   sortByTime(table);
   std::vector<RefinedBlock::Fragment> block;
   std::uint32_t hint = 0;
-  std::size_t settled = 0;  // the echoes of refined fragments come first
+  // Refined fragments first, then the block, then its context.
+  BlockBounds bounds{0, SIZE_MAX, &given_, &found_, &givenVerdicts_, &foundVerdicts_};
+  given_.state.clear(), given_.span.clear(), given_.zones.clear();
+  givenVerdicts_.state.clear(), givenVerdicts_.zone.clear(), givenVerdicts_.moveTo.clear();
+  at_.resize(held_.size());
   for (std::size_t k = 0; k < held_.size(); ++k) {
-    const bool inBlock = !held_[k].done && k < span.blockEnd;
-    if (inBlock)
-      block.push_back({held_[k].key, {}}), block.back().echo.reserve(held_[k].echoes.size());
+    if (k == span.blockEnd) bounds.kept = echoes.size();
+    std::vector<std::int64_t>& at = at_[k];
+    at.clear();
     for (const WindowEcho& e : held_[k].echoes) {
       const bool found = !table.time.empty() && e.shotTime >= table.time.front() &&
                          e.shotTime <= table.time.back() && findShot(table.time, e.shotTime, hint);
-      if (inBlock) block.back().echo.push_back(found ? std::int64_t(echoes.size()) : -1);
+      at.push_back(found ? std::int64_t(echoes.size()) : -1);
       if (found) echoes.push_back({hint, e.oneWayTime, e.zone, e.noise, e.channel, e.amplitude});
     }
-    if (held_[k].done) settled = echoes.size();
+    carryIn(held_[k], at);
+    if (held_[k].done) bounds.settled = echoes.size();
+    if (!held_[k].done && k < span.blockEnd) block.push_back({held_[k].key, at});
   }
-  const RefineResult result = refineEchoZones(table, echoes, settings_, settled, &scratch_);
+  // A refinement that finds nothing leaves nothing behind.
+  found_.state.clear(), foundVerdicts_.state.clear(), foundVerdicts_.digest.clear();
+  const RefineResult result = refineBlock(table, echoes, settings_, bounds, scratch_);
+  given_.zoneLimit = found_.zoneLimit;
+  givenVerdicts_.lineTime.swap(foundVerdicts_.lineTime);
+  givenVerdicts_.digest.swap(foundVerdicts_.digest);
+  givenVerdicts_.firstBin = foundVerdicts_.firstBin,
+  givenVerdicts_.binCount = foundVerdicts_.binCount;
+  givenVerdicts_.maxZone = foundVerdicts_.maxZone;
   const RefinedBlock refined{table, echoes, result, std::move(block)};
   apply(refined);
-  for (std::size_t k = 0, f = 0; k < span.blockEnd; ++k)
-    if (!held_[k].done)
-      settle(held_[k], refined.fragments[f++].echo, table, echoes, result), held_[k].done = true;
+  for (std::size_t k = 0, f = 0; k < held_.size(); ++k) {
+    Held& h = held_[k];
+    if (k >= span.blockEnd) {
+      carryOut(h, at_[k]);
+    } else if (!h.done) {
+      settle(h, refined.fragments[f++].echo, table, echoes, result), h.done = true;
+      h.alongState = {}, h.alongSpan = {}, h.alongZones = {};
+      h.verdict = {}, h.judgedZone = {}, h.moveTo = {};
+    }
+  }
+}
+
+// Adds a fragment's carried along-line findings (its echoes at `at`) to those given to a block.
+void RefineWindow::carryIn(const Held& h, const std::vector<std::int64_t>& at) {
+  const bool has = !h.done && h.alongState.size() == at.size();
+  for (std::size_t j = 0; j < at.size(); ++j) {
+    if (at[j] < 0) continue;
+    given_.state.push_back(has ? h.alongState[j] : 0);
+    given_.span.push_back(has ? h.alongSpan[j] : 0);
+    given_.zones.push_back(has ? h.alongZones[j] : 0);
+    const bool judged = !h.done && h.verdict.size() == at.size();
+    givenVerdicts_.state.push_back(judged ? h.verdict[j] : 0);
+    givenVerdicts_.zone.push_back(judged ? h.judgedZone[j] : 0);
+    givenVerdicts_.moveTo.push_back(judged ? h.moveTo[j] : 0);
+  }
+}
+
+// Keeps what a block found of a context fragment's echoes (at `at`) for the next block.
+void RefineWindow::carryOut(Held& h, const std::vector<std::int64_t>& at) const {
+  const std::size_t n = found_.state.size();
+  h.alongState.assign(at.size(), 0), h.alongSpan.assign(at.size(), 0);
+  h.alongZones.assign(at.size(), 0);
+  for (std::size_t j = 0; j < at.size(); ++j) {
+    if (at[j] < 0 || std::size_t(at[j]) >= n) continue;
+    const auto k = std::size_t(at[j]);
+    h.alongState[j] = found_.state[k], h.alongSpan[j] = found_.span[k];
+    h.alongZones[j] = found_.zones[k];
+  }
+  const std::size_t judged = foundVerdicts_.state.size();
+  h.verdict.assign(at.size(), 0), h.judgedZone.assign(at.size(), 0), h.moveTo.assign(at.size(), 0);
+  for (std::size_t j = 0; j < at.size(); ++j) {
+    if (at[j] < 0 || std::size_t(at[j]) >= judged) continue;
+    const auto k = std::size_t(at[j]);
+    h.verdict[j] = foundVerdicts_.state[k], h.judgedZone[j] = foundVerdicts_.zone[k];
+    h.moveTo[j] = foundVerdicts_.moveTo[k];
+  }
 }
 
 // Gives a refined fragment's echoes their final zones (`at`: each echo's position in the

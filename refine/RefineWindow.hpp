@@ -87,6 +87,11 @@ class RefineWindow {
     LargeVector<double> angle;  // each shot's scan angle: worked out once, read by every block
     std::vector<WindowEcho> echoes;
     std::vector<std::uint64_t> lineStarts;  // strip positions of the lines starting in it
+    // Per echo, what the last block's along-line tests found of it as context (none: empty).
+    std::vector<std::uint8_t> alongState;
+    std::vector<std::uint16_t> alongSpan;
+    std::vector<std::uint32_t> alongZones;
+    std::vector<std::uint8_t> verdict, judgedZone, moveTo;  // its first verdict likewise
     bool done = false;
   };
   struct Span {
@@ -97,6 +102,8 @@ class RefineWindow {
   void refineSpan(const Span& span, const std::function<void(const RefinedBlock&)>& apply);
   static void settle(Held& h, const std::vector<std::int64_t>& at, const ShotTable& table,
                      const RefineEchoes& echoes, const RefineResult& result);
+  void carryIn(const Held& h, const std::vector<std::int64_t>& at);
+  void carryOut(Held& h, const std::vector<std::int64_t>& at) const;
   void dropBefore(std::uint64_t position);
   std::vector<std::uint64_t> lineStarts() const;
 
@@ -108,6 +115,10 @@ class RefineWindow {
   ShotTable table_;  // the last block's shots and echoes, their memory kept for the next
   RefineEchoes echoes_;
   RefineScratch scratch_;  // the refiner's arrays, kept for the next block likewise
+  // The along-line findings given to a block (by its echoes) and those it found.
+  AlongLineMemo given_, found_;
+  FirstVerdicts givenVerdicts_, foundVerdicts_;
+  std::vector<std::vector<std::int64_t>> at_;  // per held fragment, its echoes' positions
   std::uint64_t shotsSeen_ = 0;
   double lastAngle_ = 0.0;
   Gemwold::PhysicalSpace::point lastOrigin_{};

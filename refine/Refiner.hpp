@@ -171,7 +171,11 @@ struct WorkArrays {
   std::vector<std::uint16_t> judgedAt, changedAt;
   std::vector<std::vector<std::pair<std::uint32_t, Verdict>>> chunkMoves;
   // Of run(), markNoise() and shiftRoughRuns().
-  std::vector<std::uint8_t> judgeNow, nearChange, unfit;
+  std::vector<std::uint8_t> judgeNow, nearChange, unfit, untold;
+  // Of the first verdicts carried: per cell, whether a cell its echoes' judgements read
+  // changed since the block before; per echo, whether its verdict is carried.
+  std::vector<std::uint64_t> digest;
+  std::vector<std::uint8_t> cellChanged, readsChanged, verdictCarried;
   std::vector<std::pair<std::uint32_t, Verdict>> moves;
   std::vector<std::uint32_t> changedCells, smoothIn, bestRun;
   std::vector<std::uint8_t> rough;  // per echo in recording order: rough where it is
@@ -187,8 +191,8 @@ struct WorkArrays {
 
 class Refiner {
  public:
-  Refiner(const ShotTable& t, const RefineEchoes& e, const RefineSettings& s, std::size_t settled,
-          WorkArrays& work);
+  Refiner(const ShotTable& t, const RefineEchoes& e, const RefineSettings& s,
+          const BlockBounds& bounds, WorkArrays& work);
 
   RefineResult run();
 
@@ -240,6 +244,10 @@ class Refiner {
   static bool smoothAlongLine(std::size_t k, const AlongLine& span, const AlongPlacement* placed,
                               std::size_t base, double tolerance, int pairs);
   void markRough(std::size_t lo, std::size_t hi, std::vector<std::uint8_t>& rough) const;
+  int zoneLimit() const { return std::min(maxZone_, 31); }  // the along-line tests' zones
+  bool inTableInEveryZone(std::int64_t record) const;
+  bool carried(std::size_t k, const AlongLine& span, std::uint8_t what) const;
+  void carryOut(std::size_t k, const AlongLine& span, std::uint8_t what, std::uint32_t zones) const;
   void dropShortRoughChains(std::size_t first, std::vector<std::uint8_t>& rough) const;
   void smoothZonesOf(std::size_t lo, std::size_t hi, const std::vector<std::uint8_t>& rough,
                      std::vector<std::uint32_t>& zones) const;
@@ -247,6 +255,8 @@ class Refiner {
   void updateCells(std::vector<CellMove>& moved);
   bool unchangedSinceJudged(std::size_t i) const;
   void markNoise();
+  std::size_t noiseShotEnd() const;
+  std::int64_t lastLineReadForNoise() const;
   void sortLine(std::size_t line);
   void boundCells(std::size_t cellLo, std::size_t cellHi);  // refine/CellReach.cpp
   double farGap(std::size_t cellLo, std::size_t cellHi, const point& origin,
@@ -341,6 +351,13 @@ class Refiner {
   Verdict judge(std::size_t i) const;
   void judgeMarked(const std::vector<std::uint8_t>& judgeNow, std::uint16_t stamp,
                    std::vector<std::pair<std::uint32_t, Verdict>>& moves);
+  // First verdicts carried between a window's blocks (CarriedVerdicts.cpp).
+  void digestLine(std::size_t line, std::uint64_t* digest) const;
+  void keepFirstPlacement();
+  void markCarriedVerdicts();
+  bool readsNoChange(std::size_t i) const;
+  Verdict carriedVerdict(std::size_t i) const;
+  void carryOutVerdict(std::size_t i, const Verdict& v) const;
   void keepSupportedMoves(std::vector<std::pair<std::uint32_t, Verdict>>& moves);
   void applyMoves(const std::vector<std::pair<std::uint32_t, Verdict>>& moves, std::uint16_t stamp,
                   std::vector<std::uint32_t>& changedCells);
@@ -357,6 +374,13 @@ class Refiner {
   LargeVector<double>& oneWay_;
   int maxZone_ = 0;
   std::size_t settled_ = 0;  // echoes [0, settled_) are final: neighbours, never judged
+  std::size_t kept_ = 0;     // echoes [kept_, n) are context: their results are dropped
+  // The along-line findings of the block before, and this block's for the next one.
+  const AlongLineMemo* given_ = nullptr;
+  AlongLineMemo* found_ = nullptr;
+  const FirstVerdicts* givenVerdicts_ = nullptr;
+  FirstVerdicts* foundVerdicts_ = nullptr;
+  std::int64_t lastSettledRecord_ = -1;
   std::vector<std::uint8_t>&active_, &straddles_;
   LargeVector<std::uint32_t>& byShot_;    // echoes by first emitting shot
   std::vector<std::uint32_t>& byRecord_;  // echoes by recording shot (along-line runs)

@@ -340,10 +340,16 @@ RefineResult refineEchoZones(const ShotTable& shots, const RefineEchoes& echoes,
     r.flag.assign(echoes.size(), kUntouched);
     return r;
   }
-  if (scratch)
-    return surface_fit::Refiner(shots, echoes, settings, settled, scratch->arrays()).run();
+  if (scratch) return refineBlock(shots, echoes, settings, {settled}, *scratch);
   RefineScratch own;
-  return surface_fit::Refiner(shots, echoes, settings, settled, own.arrays()).run();
+  return refineBlock(shots, echoes, settings, {settled}, own);
+}
+
+RefineResult refineBlock(const ShotTable& shots, const RefineEchoes& echoes,
+                         const RefineSettings& settings, const BlockBounds& bounds,
+                         RefineScratch& scratch) {
+  if (shots.time.empty() || echoes.empty()) return refineEchoZones(shots, echoes, settings);
+  return surface_fit::Refiner(shots, echoes, settings, bounds, scratch.arrays()).run();
 }
 
 }  // namespace FullWaveform

@@ -168,4 +168,50 @@ QUILLO_API RefineResult refineEchoZones(const ShotTable& shots, const RefineEcho
                                         const RefineSettings& settings = {},
                                         std::size_t settled = 0, RefineScratch* scratch = nullptr);
 
+// A window's block among the echoes given: [0, settled) final already (as above), [settled,
+// kept) the block, whose results the caller keeps, and the rest the lines after it, judged and
+// moved only for the moves they pass on to the block. Their own results are dropped, so the
+// work that only they would read (their noise tests) is left out: their flags are not to be
+// used.
+//
+// The along-line tests of an echo read only the echoes recorded within a few shots of it, so
+// a context echo's findings hold for the next block, whose echo it is, wherever those are the
+// same echoes in both: `given` brings them in by echo (from the block before), `found` takes
+// them out for the context echoes (both optional).
+struct AlongLineMemo {
+  static constexpr std::uint8_t kKnown = 1;       // whether it continues its line is known
+  static constexpr std::uint8_t kRough = 2;       // ... it does not
+  static constexpr std::uint8_t kZonesKnown = 4;  // the zones it would continue it in are known
+  std::vector<std::uint8_t> state;                // per echo
+  std::vector<std::uint16_t> span;  // per echo: the echoes recorded within reach, itself among them
+  std::vector<std::uint32_t> zones;  // per echo: bit z, smooth in zone z
+  int zoneLimit = -1;                // the highest zone tested
+};
+// Likewise the first judgement of a context echo (against the first placement, before any
+// move) holds for the next block where the echo has the same zone there and no cell its
+// judgement reads holds other neighbours: the cells are compared by a digest of each.
+struct FirstVerdicts {
+  static constexpr std::uint8_t kKnown = 1, kOff = 2, kUnfit = 4;
+  static constexpr std::uint8_t kStays = 255;
+  std::vector<std::uint8_t> state;   // per echo
+  std::vector<std::uint8_t> zone;    // per echo: the zone it was judged in
+  std::vector<std::uint8_t> moveTo;  // per echo: the zone it moves to (kStays: none)
+  // The first placement's cells: per line (named by the time of its first shot), per bin.
+  std::vector<double> lineTime;
+  std::int32_t firstBin = 0, binCount = 0;
+  std::vector<std::uint64_t> digest;
+  int maxZone = -1;
+};
+struct BlockBounds {
+  std::size_t settled = 0;
+  std::size_t kept = SIZE_MAX;
+  const AlongLineMemo* given = nullptr;
+  AlongLineMemo* found = nullptr;
+  const FirstVerdicts* givenVerdicts = nullptr;
+  FirstVerdicts* foundVerdicts = nullptr;
+};
+QUILLO_API RefineResult refineBlock(const ShotTable& shots, const RefineEchoes& echoes,
+                                    const RefineSettings& settings, const BlockBounds& bounds,
+                                    RefineScratch& scratch);
+
 }  // namespace FullWaveform

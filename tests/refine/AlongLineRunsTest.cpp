@@ -215,5 +215,80 @@ TEST(AlongLineRuns, SettledEchoesStillCountInTheRunsOfTheNext) {
   EXPECT_GE(moved, 5u);  // of the seven (one in seven is left at zone 0, a candidate too)
 }
 
+// What a block found along the lines of its context echoes serves the next block, whose
+// echoes they are, where they read the same echoes; elsewhere it is worked out again.
+TEST(AlongLineRuns, ABlockTakesTheAlongLineFindingsOfTheBlockBeforeWhereTheyHold) {
+  RefineSettings runsOnly;
+  runsOnly.iterations = 0;
+  JitteredScan scan(kFlat, 12, 3000);
+  scan.spoilLineEnds(2500, -2);
+  const auto firstOfLine = [&](int line) {
+    std::size_t i = 0;
+    while (i < scan.echoes.size() && scan.echoes[i].emitter < std::uint32_t(line * 3000)) ++i;
+    return i;
+  };
+  // Lines [0, 4) the first block, [4, 12) its context; the next block from line 4 on, with
+  // the lines before it settled (as given: the findings read none of them).
+  AlongLineMemo found;
+  RefineScratch scratch;
+  refineBlock(scan.shots, scan.echoes, runsOnly, {0, firstOfLine(4), nullptr, &found}, scratch);
+  std::size_t zonesKnown = 0;
+  for (std::size_t i = 0; i < found.state.size(); ++i) {
+    ASSERT_TRUE(i >= firstOfLine(4) || found.state[i] == 0) << i;  // only context echoes
+    zonesKnown += (found.state[i] & AlongLineMemo::kZonesKnown) != 0;
+  }
+  ASSERT_GT(zonesKnown, 1000u);
+  const BlockBounds next{firstOfLine(4), SIZE_MAX, nullptr, nullptr};
+  const RefineResult fresh = refineBlock(scan.shots, scan.echoes, runsOnly, next, scratch);
+  const auto withGiven = [&](const AlongLineMemo& given) {
+    BlockBounds b = next;
+    b.given = &given;
+    return refineBlock(scan.shots, scan.echoes, runsOnly, b, scratch);
+  };
+  EXPECT_EQ(withGiven(found).zone, fresh.zone);
+  // Taken where they hold: wrong findings give another result ...
+  AlongLineMemo wrong = found;
+  for (std::uint32_t& zones : wrong.zones) zones = 0;
+  EXPECT_NE(withGiven(wrong).zone, fresh.zone);
+  // ... but not where the echoes around differ in number, nor from a window of other zones.
+  for (std::uint16_t& span : wrong.span) ++span;
+  EXPECT_EQ(withGiven(wrong).zone, fresh.zone);
+  wrong = found;
+  for (std::uint32_t& zones : wrong.zones) zones = 0;
+  wrong.zoneLimit = found.zoneLimit + 1;
+  EXPECT_EQ(withGiven(wrong).zone, fresh.zone);
+}
+
+// Fed through a window of small blocks (each echo the context of several blocks before its
+// own), the runs move what they move over the whole strip.
+TEST(AlongLineRuns, AWindowOfSmallBlocksMovesTheRunsAsTheWholeStrip) {
+  JitteredScan scan(kFlat, 30, 1500);
+  const std::size_t spoiled = scan.spoilLineEnds(1200, -2);
+  const RefineResult whole = refineEchoZones(scan.shots, scan.echoes);
+  ASSERT_LT(scan.wrong(whole), spoiled / 10);
+  const std::size_t per = 1500, count = scan.shots.time.size() / per;
+  std::vector<std::vector<std::size_t>> members(count);
+  for (std::size_t i = 0; i < scan.echoes.size(); ++i)
+    members[std::min(count - 1, (scan.echoes[i].emitter + scan.echoes[i].zone) / per)].push_back(i);
+  std::vector<std::uint8_t> zone(scan.echoes.size()), flag(scan.echoes.size());
+  RefineWindow window(kLight, false, {}, WindowSettings{12, 2, 6});
+  const auto apply = [&](const RefinedBlock& b) {
+    for (const auto& f : b.fragments)
+      for (std::size_t j = 0; j < f.echo.size(); ++j) {
+        if (f.echo[j] < 0) continue;
+        const auto k = std::size_t(f.echo[j]);
+        zone[members[f.key][j]] = b.result.zone[k], flag[members[f.key][j]] = b.result.flag[k];
+      }
+  };
+  for (std::size_t f = 0; f < count; ++f) {
+    window.add(f, quillo::test::shotSlice(scan.shots, f * per, (f + 1) * per),
+               quillo::test::windowEchoes(scan.shots, scan.echoes, members[f]));
+    window.refineReady(false, apply);
+  }
+  window.refineReady(true, apply);
+  EXPECT_EQ(zone, whole.zone);
+  EXPECT_EQ(flag, whole.flag);
+}
+
 }  // namespace
 }  // namespace FullWaveform

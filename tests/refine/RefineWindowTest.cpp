@@ -122,6 +122,44 @@ TEST(RefineWindow, TheDefaultWindowRefinesAsTheWholeStripAndHoldsAFewFragments) 
   }
 }
 
+// A block's first verdicts on its context lines serve the next block, whose echoes they are,
+// where no cell they read changed; elsewhere the echoes are judged again.
+TEST(RefineWindow, ABlockTakesTheFirstVerdictsOfTheBlockBeforeWhereNothingTheyReadChanged) {
+  const Scan scan = spoiledScan(24);
+  const std::size_t line10 = 10 * kPerLine;  // one echo a shot, in shot order
+  FirstVerdicts found;
+  RefineScratch scratch;
+  refineBlock(scan.shots, scan.echoes, {}, {0, line10, nullptr, nullptr, nullptr, &found}, scratch);
+  std::size_t known = 0, moving = 0;
+  for (std::size_t i = 0; i < found.state.size(); ++i) {
+    ASSERT_TRUE(i >= line10 || found.state[i] == 0) << i;  // only context echoes
+    known += found.state[i] != 0, moving += found.moveTo[i] != FirstVerdicts::kStays;
+  }
+  ASSERT_EQ(known, scan.echoes.size() - line10);
+  ASSERT_GT(moving, 100u);
+  // The next block: lines [10, 24), the lines before it settled as they were.
+  const BlockBounds next{line10};
+  const RefineResult fresh = refineBlock(scan.shots, scan.echoes, {}, next, scratch);
+  const auto withGiven = [&](const FirstVerdicts& given) {
+    BlockBounds b = next;
+    b.givenVerdicts = &given;
+    const RefineResult r = refineBlock(scan.shots, scan.echoes, {}, b, scratch);
+    return std::pair{r.zone, r.flag};
+  };
+  EXPECT_EQ(withGiven(found), std::pair(fresh.zone, fresh.flag));
+  // Taken where they hold: wrong verdicts give another result ...
+  FirstVerdicts wrong = found;
+  for (std::uint8_t& zone : wrong.moveTo) zone = FirstVerdicts::kStays;
+  EXPECT_NE(withGiven(wrong).first, fresh.zone);
+  // ... but not for echoes judged in another zone, nor where a cell they read changed.
+  FirstVerdicts otherZone = wrong;
+  for (std::uint8_t& zone : otherZone.zone) ++zone;
+  EXPECT_EQ(withGiven(otherZone), std::pair(fresh.zone, fresh.flag));
+  FirstVerdicts otherCells = wrong;
+  for (std::uint64_t& digest : otherCells.digest) ++digest;
+  EXPECT_EQ(withGiven(otherCells), std::pair(fresh.zone, fresh.flag));
+}
+
 TEST(RefineWindow, AFragmentWaitsForTheLinesAfterItAndIsFixedByThem) {
   // One line per fragment; the strip's first line is wrong: its neighbours all lie in the
   // fragments after it.
