@@ -152,15 +152,20 @@ bool FatBoy<T>::ini(const unsigned& fragNr) {
     return refuse(schema::kShotsGrid,
                   whyMissing<PointArray::element_type>(*SHOT, schema::kPositions));
   fragmentName = id->getName();
+  // Each grid's arrays of the last fragment go before this one's are read (every load below
+  // sets all of them): kept until replaced, two fragments' waveform samples were held at once.
+  SHOT->arrays = {};
   std::string problem = loadShots(*SHOT);
   if (!problem.empty()) return refuse(schema::kShotsGrid, problem);
   if (FWF) {
     FWF->fragNr = fragNr;
+    FWF->arrays = {};
     problem = loadWaveforms(*FWF);
     if (!problem.empty()) return refuse(schema::kWaveformsGrid, problem);
   }
   if (OPP) {
     OPP->fragNr = fragNr;
+    OPP->arrays = {};
     std::string note;
     problem = loadOnline(*OPP, note);
     if (!problem.empty()) return refuse(schema::kOnlineGrid, problem);

@@ -55,13 +55,19 @@ bool chunkLayout(hid_t set, ChunkLayout& layout) {
   return true;
 }
 
-// Stored chunks fetched under the HDF5 lock, to be unpacked without it.
+// Stored chunks fetched under the HDF5 lock, to be unpacked without it. One per thread, kept
+// from dataset to dataset: a batch made per read grew chunk by chunk, copying what it held
+// into fresh pages each time.
 class PackedBatch {
  public:
   void clear() { used_ = 0, chunks_.clear(); }
   std::size_t bytes() const { return used_; }
+  // Room for `bytes` with the batch empty, so that adding never copies.
+  void reserve(std::size_t bytes) {
+    if (bytes > capacity_) grow(bytes);
+  }
   unsigned char* add(std::size_t bytes, hsize_t row) {
-    if (used_ + bytes > capacity_) grow(used_ + bytes);
+    if (used_ + bytes > capacity_) grow(std::max(used_ + bytes, 2 * capacity_));
     chunks_.push_back({used_, bytes, row});
     used_ += bytes;
     return data_.get() + chunks_.back().at;
@@ -126,8 +132,12 @@ bool readChunksDirectly(hid_t set, hid_t memoryType, void* out, std::size_t byte
   for (int d = 1; d < layout.rank; ++d) rowBytes *= layout.dims[d];
   if (rowBytes * layout.dims[0] != bytes) return false;
   const std::size_t chunkBytes = rowBytes * layout.chunk[0];
-  PackedBatch batch;
-  std::vector<unsigned char> edge;
+  const std::size_t largestStored = chunkBytes + chunkBytes / 16 + 1024;
+  thread_local PackedBatch batch;
+  thread_local std::vector<unsigned char> edge;
+  batch.clear();
+  // A batch is unpacked once it reaches kBatchBytes, so it never holds more than this.
+  batch.reserve(std::min(bytes, kBatchBytes) + std::min(bytes, largestStored));
   hsize_t offset[kMaxRank] = {0, 0, 0};
   auto* target = static_cast<unsigned char*>(out);
   for (hsize_t row = 0; row < layout.dims[0]; row += layout.chunk[0]) {
@@ -136,7 +146,7 @@ bool readChunksDirectly(hid_t set, hid_t memoryType, void* out, std::size_t byte
     uint32_t skipped = 0;
     // A size deflate cannot reach (a damaged file) is left to HDF5 rather than allocated.
     if (H5Dget_chunk_storage_size(set, offset, &storedBytes) < 0 || storedBytes == 0 ||
-        storedBytes > chunkBytes + chunkBytes / 16 + 1024)
+        storedBytes > largestStored)
       return false;
     unsigned char* packed = batch.add(storedBytes, row);
     if (H5Dread_chunk(set, H5P_DEFAULT, offset, &skipped, packed) < 0 || skipped != 0) return false;

@@ -19,6 +19,39 @@ Input defaultInput() {
   return in;
 }
 
+// Reads of the waveform samples, and those made while the array read before was still held.
+struct ReadCount {
+  int reads = 0, whileLastHeld = 0;
+  Vorlap::WeakPtr<Tessal::MemBase> last;
+};
+
+// Produces a new copy of a fragment's waveform samples at every read, as a file's creator
+// does, and counts the reads in `count`.
+class FreshCopies final : public Tessal::CreativeArrayBase {
+ public:
+  using Samples = Tessal::MemArray<2, std::uint16_t>;
+  FreshCopies(Vorlap::StrongPtr<Samples> source, std::shared_ptr<ReadCount> count)
+      : source_(std::move(source)), count_(std::move(count)) {}
+  Tessal::ElementType elementType() const override { return source_->elementType(); }
+  std::vector<std::size_t> extents() const override {
+    return {source_->extent(0), source_->extent(1)};
+  }
+
+ protected:
+  Vorlap::StrongPtr<Tessal::MemBase> produce() override {
+    ++count_->reads;
+    count_->whileLastHeld += bool(count_->last.lock());
+    auto copy = Vorlap::makeStrong<Samples>(source_->extents());
+    source_->copyOut(copy->contiguousData());
+    count_->last = Vorlap::WeakPtr<Tessal::MemBase>(Vorlap::StrongPtr<Tessal::MemBase>(copy));
+    return copy;
+  }
+
+ private:
+  Vorlap::StrongPtr<Samples> source_;
+  std::shared_ptr<ReadCount> count_;
+};
+
 }  // namespace
 
 TEST(FatBoyConstruction, ReportsWhatIsMissing) {
@@ -119,4 +152,29 @@ TEST(FragmentLoading, WrongElementTypeOrLengthCountsAsMissing) {
                          "");
   FatBoy<unsigned short> fb2(uneven, in);
   EXPECT_FALSE(fb2.ini(0));
+}
+
+// A fragment's arrays go before the next fragment's are read: the store never holds two
+// fragments' waveform samples at once, and holds the new fragment's afterwards.
+TEST(FragmentLoading, TheLastFragmentsArraysGoBeforeTheNextAreRead) {
+  auto bundle = makeShotsBundle({{{1, 2, 3}}, {{4, 5, 6}}});
+  addWaveformFragment(bundle, 0, {{1, 2}});
+  addWaveformFragment(bundle, 1, {{4, 5, 6}});
+  auto samples = gridRepresentation(bundle, "Waveforms")->findFieldByName("Waveforms");
+  auto count = std::make_shared<ReadCount>();
+  for (const char* name : {"Fragment_0", "Fragment_1"}) {
+    auto id = samples->getFragmentIDCollection()->findFragmentIDByName(name);
+    auto held = Vorlap::dynamicPtrCast<FreshCopies::Samples>(samples->getCreator(id)->create());
+    ASSERT_TRUE(held);
+    samples->setCreator(id, Vorlap::makeStrong<FreshCopies>(held, count));
+  }
+  Input in = defaultInput();
+  FatBoy<unsigned short> fb(bundle, in);
+  ASSERT_TRUE(fb());
+  ASSERT_TRUE(fb.ini(0));
+  ASSERT_TRUE(fb.ini(1));
+  EXPECT_EQ(count->reads, 2);
+  EXPECT_EQ(count->whileLastHeld, 0);
+  ASSERT_TRUE(fb.FWF->arrays.Waveforms);
+  EXPECT_EQ(fb.FWF->arrays.Waveforms->extent(1), 3u);
 }
