@@ -268,7 +268,7 @@ struct WindowedRefinement::State {
   FragmentShots shotsOf(const std::string& name) const;
   void takeUp(std::uint32_t fragment);
   void apply(const RefinedBlock& block, std::vector<std::string>& names);
-  void applyTo(Pending& fragment, const RefinedBlock& block, const std::vector<std::int64_t>& at);
+  void applyTo(Pending& fragment, const RefinedBlock& block, std::span<const std::int32_t> at);
 };
 
 std::string WindowedRefinement::State::open(Tessal::BundlePtr& input, const RefineSettings& s,
@@ -330,7 +330,7 @@ void WindowedRefinement::State::takeUp(std::uint32_t fragment) {
 // Writes the block's results into one fragment's points (`at`: each echo's position in the
 // block's arrays, -1 where it was not placed).
 void WindowedRefinement::State::applyTo(Pending& f, const RefinedBlock& block,
-                                        const std::vector<std::int64_t>& at) {
+                                        std::span<const std::int32_t> at) {
   std::vector<std::set<double>> touchedShots(f.parts.size());
   for (std::size_t j = 0; j < at.size(); ++j) {
     if (at[j] < 0) continue;
