@@ -302,9 +302,16 @@ FragmentShots WindowedRefinement::State::shotsOf(const std::string& name) const 
 
 void WindowedRefinement::State::takeUp(std::uint32_t fragment) {
   Pending p{schema::fragmentName(fragment), {}, {}};
-  std::vector<WindowEcho> echoes;
+  std::vector<OutputPart> parts;
+  std::size_t points = 0;
   for (const auto& rep : reps) {
-    OutputPart part = partOf(rep, p.name);
+    parts.push_back(partOf(rep, p.name));
+    if (parts.back().time) points += parts.back().time->size();
+  }
+  // Held until the fragment is refined: sized for its points, not grown by doubling.
+  std::vector<WindowEcho> echoes;
+  echoes.reserve(points), p.refs.reserve(points);
+  for (OutputPart& part : parts) {
     if (!part.time) continue;
     if (!part.complete()) {
       summary.error = "refinement: output fragment " + p.name +

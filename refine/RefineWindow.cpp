@@ -22,6 +22,9 @@ void RefineWindow::add(std::uint64_t key, FragmentShots shots, std::vector<Windo
   const std::size_t count = shots.time.size();
   Held h{key, shotsSeen_, count, std::move(echoes), {}, {}, {}, {}, {}, {}, {}};
   if (strip_.time.empty()) stripFirst_ = shotsSeen_;
+  const std::size_t held = strip_.time.size() + count;
+  reserveWithRoom(strip_.time, held), reserveWithRoom(strip_.origin, held);
+  reserveWithRoom(strip_.direction, held), reserveWithRoom(strip_.angle, held);
   for (std::size_t s = 0; s < count; ++s) {
     const double a = scanAngleOf(shots.direction[s], radial_, lastAngle_);
     strip_.angle.push_back(a);
@@ -95,13 +98,18 @@ void eraseFront(V& v, std::size_t count) {
 
 }  // namespace
 
-// Cuts the strip to the span's shots: those before it are read by no later block, those
-// after it wait in `tail_`.
-void RefineWindow::trimStrip(const Span& span) {
-  const std::size_t front = std::size_t(std::max(span.first, stripFirst_) - stripFirst_);
+// Lets go of the strip's shots before strip position `position`: no later block reads them.
+void RefineWindow::eraseStripBefore(std::uint64_t position) {
+  const std::size_t front =
+      std::size_t(std::min(std::max(position, stripFirst_) - stripFirst_, strip_.time.size()));
   eraseFront(strip_.time, front), eraseFront(strip_.origin, front);
   eraseFront(strip_.direction, front), eraseFront(strip_.angle, front);
   stripFirst_ += front;
+}
+
+// Cuts the strip to the span's shots: those after it wait in `tail_`.
+void RefineWindow::trimStrip(const Span& span) {
+  eraseStripBefore(span.first);
   const std::size_t end = std::min(std::size_t(span.end - stripFirst_), strip_.time.size());
   moveTail(strip_.time, end, tail_.time), moveTail(strip_.origin, end, tail_.origin);
   moveTail(strip_.direction, end, tail_.direction), moveTail(strip_.angle, end, tail_.angle);
@@ -120,9 +128,15 @@ void RefineWindow::refineSpan(const Span& span,
   // (fresh pages cost as much as copying into them).
   RefineEchoes& echoes = echoes_;
   echoes.clear();
+  // At most the echoes of the fragments from the span's first shot on: an echo is emitted
+  // before it is recorded.
   std::size_t given = 0;
-  for (const Held& h : held_) given += h.echoes.size();
+  for (const Held& h : held_)
+    if (h.firstShot + h.shotCount > span.first) given += h.echoes.size();
   reserveWithRoom(echoes, given);
+  reserveWithRoom(given_.state, given), reserveWithRoom(given_.span, given);
+  reserveWithRoom(given_.zones, given), reserveWithRoom(givenVerdicts_.state, given);
+  reserveWithRoom(givenVerdicts_.zone, given), reserveWithRoom(givenVerdicts_.moveTo, given);
   trimStrip(span);
   strip_.lightSpeed = lightSpeed_, strip_.radial = radial_;
   // Fragments normally come in time order; where they do not, the block works on a sorted copy.
@@ -145,7 +159,7 @@ void RefineWindow::refineSpan(const Span& span,
   for (std::size_t k = 0; k < held_.size(); ++k) {
     if (k == span.blockEnd) bounds.kept = echoes.size();
     std::vector<std::int32_t>& at = at_[k];
-    at.clear();
+    at.clear(), at.reserve(held_[k].echoes.size());
     for (const WindowEcho& e : held_[k].echoes) {
       const bool found = !table.time.empty() && e.shotTime >= table.time.front() &&
                          e.shotTime <= table.time.back() && findShot(table.time, e.shotTime, hint);
@@ -254,7 +268,8 @@ std::size_t RefineWindow::refineReady(bool last,
     while (p < held_.size() && held_[p].done) ++p;
     const std::uint64_t next = p < held_.size() ? held_[p].firstShot : shotsSeen_;
     const std::int64_t first = lineOf(starts, next) - window_.settledLines;
-    if (first >= 0) dropBefore(starts[std::size_t(first)]);
+    if (first >= 0)
+      dropBefore(starts[std::size_t(first)]), eraseStripBefore(starts[std::size_t(first)]);
   }
   return handed;
 }

@@ -106,6 +106,7 @@ class RefineWindow {
   void carryIn(const Held& h, const std::vector<std::int32_t>& at);
   void carryOut(Held& h, const std::vector<std::int32_t>& at) const;
   void dropBefore(std::uint64_t position);
+  void eraseStripBefore(std::uint64_t position);
   void trimStrip(const Span& span);
   void restoreStrip();
   std::vector<std::uint64_t> lineStarts() const;
