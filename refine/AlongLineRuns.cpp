@@ -88,7 +88,7 @@ bool continuesPairs(double selfShot, double selfRange, const RunOthers& o, doubl
 // they serve the tests of every zone.
 Refiner::AlongLine Refiner::alongLineOf(std::size_t k) const {
   const std::int64_t reach = settings_.runShotReach, record = inRecord_.record[k];
-  const std::vector<std::int64_t>& at = inRecord_.record;
+  const std::vector<std::int32_t>& at = inRecord_.record;
   AlongLine span{k, k, k + 1, k + 1};
   while (span.own > 0 && at[span.own - 1] == record) --span.own;
   span.before = span.own;
@@ -103,7 +103,7 @@ Refiner::AlongLine Refiner::alongLineOf(std::size_t k) const {
 // echoes walks each echo once instead of every echo's reach again.
 Refiner::AlongLine Refiner::nextAlongLine(std::size_t k, const AlongLine& previous) const {
   const std::int64_t reach = settings_.runShotReach, record = inRecord_.record[k];
-  const std::vector<std::int64_t>& at = inRecord_.record;
+  const std::vector<std::int32_t>& at = inRecord_.record;
   if (at[k - 1] == record) return previous;
   AlongLine span{previous.before, k, k + 1, std::max(previous.end, k + 1)};
   while (at[span.before] < record - reach) ++span.before;
@@ -273,7 +273,7 @@ void Refiner::markRough(std::size_t lo, std::size_t hi, std::vector<std::uint8_t
 // a canopy's or dust's few, alone along their line). Testing them in every zone would be
 // wasted.
 void Refiner::dropShortRoughChains(std::size_t first, std::vector<std::uint8_t>& rough) const {
-  const std::vector<std::int64_t>& record = inRecord_.record;
+  const std::vector<std::int32_t>& record = inRecord_.record;
   const std::size_t n = rough.size();
   const std::int64_t reach = settings_.runShotReach;
   for (std::size_t k = first; k < n;) {
@@ -341,7 +341,8 @@ void Refiner::orderByRecord() {
   inRecord_.oneWay.resize(n), inRecord_.emitTime.resize(n);
   for (std::size_t k = 0; k < n; ++k) {
     const std::uint32_t i = byRecord_[k];
-    inRecord_.record[k] = recordOf(i), inRecord_.emitter[k] = emitter_[i];
+    inRecord_.record[k] = std::int32_t(recordOf(i)),
+    inRecord_.emitter[k] = std::int32_t(emitter_[i]);
     inRecord_.oneWay[k] = oneWay_[i], inRecord_.emitTime[k] = shots_.time[emitter_[i]];
   }
 }

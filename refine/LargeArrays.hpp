@@ -54,12 +54,13 @@ struct LargeAllocator {
 template <class T>
 using LargeVector = std::vector<T, LargeAllocator<T>>;
 
-// Reserves room for `n` with half as much again to spare: arrays reused by blocks of
+// Reserves room for `n` with an eighth as much again to spare: arrays reused by blocks of
 // different sizes would otherwise move to fresh pages, faulted in and zeroed again, whenever a
-// larger block came. Room asked for but never written costs no memory.
+// slightly larger block came. No more: the heap hands out pages other work touched, so room
+// held costs memory much as room used.
 template <class V>
 void reserveWithRoom(V& v, std::size_t n) {
-  if (v.capacity() < n) v.reserve(n + n / 2);
+  if (v.capacity() < n) v.reserve(n + n / 8);
 }
 
 }  // namespace FullWaveform

@@ -268,7 +268,7 @@ struct WindowedRefinement::State {
   FragmentShots shotsOf(const std::string& name) const;
   void takeUp(std::uint32_t fragment);
   void apply(const RefinedBlock& block, std::vector<std::string>& names);
-  void applyTo(Pending& fragment, const RefinedBlock& block, const std::vector<std::int64_t>& at);
+  void applyTo(Pending& fragment, const RefinedBlock& block, std::span<const std::int32_t> at);
 };
 
 std::string WindowedRefinement::State::open(Tessal::BundlePtr& input, const RefineSettings& s,
@@ -302,9 +302,16 @@ FragmentShots WindowedRefinement::State::shotsOf(const std::string& name) const 
 
 void WindowedRefinement::State::takeUp(std::uint32_t fragment) {
   Pending p{schema::fragmentName(fragment), {}, {}};
-  std::vector<WindowEcho> echoes;
+  std::vector<OutputPart> parts;
+  std::size_t points = 0;
   for (const auto& rep : reps) {
-    OutputPart part = partOf(rep, p.name);
+    parts.push_back(partOf(rep, p.name));
+    if (parts.back().time) points += parts.back().time->size();
+  }
+  // Held until the fragment is refined: sized for its points, not grown by doubling.
+  std::vector<WindowEcho> echoes;
+  echoes.reserve(points), p.refs.reserve(points);
+  for (OutputPart& part : parts) {
     if (!part.time) continue;
     if (!part.complete()) {
       summary.error = "refinement: output fragment " + p.name +
@@ -330,7 +337,7 @@ void WindowedRefinement::State::takeUp(std::uint32_t fragment) {
 // Writes the block's results into one fragment's points (`at`: each echo's position in the
 // block's arrays, -1 where it was not placed).
 void WindowedRefinement::State::applyTo(Pending& f, const RefinedBlock& block,
-                                        const std::vector<std::int64_t>& at) {
+                                        std::span<const std::int32_t> at) {
   std::vector<std::set<double>> touchedShots(f.parts.size());
   for (std::size_t j = 0; j < at.size(); ++j) {
     if (at[j] < 0) continue;

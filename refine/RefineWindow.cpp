@@ -19,15 +19,23 @@ RefineWindow::RefineWindow(double lightSpeed, bool radial, const RefineSettings&
     : lightSpeed_(lightSpeed), radial_(radial), settings_(settings), window_(window) {}
 
 void RefineWindow::add(std::uint64_t key, FragmentShots shots, std::vector<WindowEcho> echoes) {
-  Held h{key, shotsSeen_, std::move(shots), {}, std::move(echoes), {}, {}, {}, {}, {}, {}, {}};
-  h.angle.resize(h.shots.time.size());
-  for (std::size_t s = 0; s < h.shots.time.size(); ++s) {
-    const double a = h.angle[s] = scanAngleOf(h.shots.direction[s], radial_, lastAngle_);
-    if (shotsSeen_ == 0 || startsScanLine(lastAngle_, a, lastOrigin_, h.shots.origin[s]))
+  const std::size_t count = shots.time.size();
+  Held h{key, shotsSeen_, count, std::move(echoes), {}, {}, {}, {}, {}, {}, {}};
+  if (strip_.time.empty()) stripFirst_ = shotsSeen_;
+  const std::size_t held = strip_.time.size() + count;
+  reserveWithRoom(strip_.time, held), reserveWithRoom(strip_.origin, held);
+  reserveWithRoom(strip_.direction, held), reserveWithRoom(strip_.angle, held);
+  for (std::size_t s = 0; s < count; ++s) {
+    const double a = scanAngleOf(shots.direction[s], radial_, lastAngle_);
+    strip_.angle.push_back(a);
+    if (shotsSeen_ == 0 || startsScanLine(lastAngle_, a, lastOrigin_, shots.origin[s]))
       h.lineStarts.push_back(shotsSeen_);
-    lastAngle_ = a, lastOrigin_ = h.shots.origin[s];
+    lastAngle_ = a, lastOrigin_ = shots.origin[s];
     ++shotsSeen_;
   }
+  strip_.time.insert(strip_.time.end(), shots.time.begin(), shots.time.end());
+  strip_.origin.insert(strip_.origin.end(), shots.origin.begin(), shots.origin.end());
+  strip_.direction.insert(strip_.direction.end(), shots.direction.begin(), shots.direction.end());
   held_.push_back(std::move(h));
 }
 
@@ -60,7 +68,7 @@ bool RefineWindow::nextSpan(bool last, Span& span) const {
   const std::vector<std::uint64_t> starts = lineStarts();
   const auto context = std::int64_t(window_.contextLines);
   const std::uint64_t blockFirst = held_[p].firstShot, held = shotsSeen_;
-  const std::uint64_t blockEnd = held_[q - 1].firstShot + held_[q - 1].shots.time.size();
+  const std::uint64_t blockEnd = held_[q - 1].firstShot + held_[q - 1].shotCount;
   const std::int64_t first = lineOf(starts, blockFirst) - window_.settledLines;
   span.blockEnd = q;
   span.first = first >= 0 ? starts[std::size_t(first)] : held_.front().firstShot;
@@ -77,40 +85,70 @@ bool RefineWindow::nextSpan(bool last, Span& span) const {
 
 namespace {
 
-void appendShots(const FragmentShots& from, const LargeVector<double>& angle, std::size_t lo,
-                 std::size_t hi, ShotTable& to) {
-  to.angle.insert(to.angle.end(), angle.begin() + lo, angle.begin() + hi);
-  to.time.insert(to.time.end(), from.time.begin() + lo, from.time.begin() + hi);
-  to.origin.insert(to.origin.end(), from.origin.begin() + lo, from.origin.begin() + hi);
-  to.direction.insert(to.direction.end(), from.direction.begin() + lo, from.direction.begin() + hi);
+template <class V>
+void moveTail(V& from, std::size_t at, V& to) {
+  to.assign(from.begin() + std::ptrdiff_t(at), from.end());
+  from.resize(at);
+}
+
+template <class V>
+void eraseFront(V& v, std::size_t count) {
+  v.erase(v.begin(), v.begin() + std::ptrdiff_t(count));
 }
 
 }  // namespace
 
+// Lets go of the strip's shots before strip position `position`: no later block reads them.
+void RefineWindow::eraseStripBefore(std::uint64_t position) {
+  const std::size_t front =
+      std::size_t(std::min(std::max(position, stripFirst_) - stripFirst_, strip_.time.size()));
+  eraseFront(strip_.time, front), eraseFront(strip_.origin, front);
+  eraseFront(strip_.direction, front), eraseFront(strip_.angle, front);
+  stripFirst_ += front;
+}
+
+// Cuts the strip to the span's shots: those after it wait in `tail_`.
+void RefineWindow::trimStrip(const Span& span) {
+  eraseStripBefore(span.first);
+  const std::size_t end = std::min(std::size_t(span.end - stripFirst_), strip_.time.size());
+  moveTail(strip_.time, end, tail_.time), moveTail(strip_.origin, end, tail_.origin);
+  moveTail(strip_.direction, end, tail_.direction), moveTail(strip_.angle, end, tail_.angle);
+}
+
+void RefineWindow::restoreStrip() {
+  strip_.time.insert(strip_.time.end(), tail_.time.begin(), tail_.time.end());
+  strip_.origin.insert(strip_.origin.end(), tail_.origin.begin(), tail_.origin.end());
+  strip_.direction.insert(strip_.direction.end(), tail_.direction.begin(), tail_.direction.end());
+  strip_.angle.insert(strip_.angle.end(), tail_.angle.begin(), tail_.angle.end());
+}
+
 void RefineWindow::refineSpan(const Span& span,
                               const std::function<void(const RefinedBlock&)>& apply) {
-  // The arrays of the last block are filled again: their memory is not asked for anew (fresh
-  // pages cost as much as copying into them).
-  ShotTable& table = table_;
+  // The echoes' array of the last block is filled again: its memory is not asked for anew
+  // (fresh pages cost as much as copying into them).
   RefineEchoes& echoes = echoes_;
-  table.lightSpeed = lightSpeed_, table.radial = radial_;
-  table.time.clear(), table.origin.clear(), table.direction.clear(), table.angle.clear();
   echoes.clear();
-  std::size_t shots = 0, given = 0;
-  for (const Held& h : held_) {
-    const std::uint64_t lo = std::max(h.firstShot, span.first);
-    const std::uint64_t hi = std::min(h.firstShot + h.shots.time.size(), span.end);
-    shots += lo < hi ? hi - lo : 0, given += h.echoes.size();
-  }
-  reserveWithRoom(table.time, shots), reserveWithRoom(table.origin, shots);
-  reserveWithRoom(table.direction, shots), reserveWithRoom(table.angle, shots);
+  // At most the echoes of the fragments from the span's first shot on: an echo is emitted
+  // before it is recorded.
+  std::size_t given = 0;
+  for (const Held& h : held_)
+    if (h.firstShot + h.shotCount > span.first) given += h.echoes.size();
   reserveWithRoom(echoes, given);
-  for (const Held& h : held_) {
-    const std::uint64_t lo = std::max(h.firstShot, span.first);
-    const std::uint64_t hi = std::min(h.firstShot + h.shots.time.size(), span.end);
-    if (lo < hi) appendShots(h.shots, h.angle, lo - h.firstShot, hi - h.firstShot, table);
+  reserveWithRoom(given_.state, given), reserveWithRoom(given_.span, given);
+  reserveWithRoom(given_.zones, given), reserveWithRoom(givenVerdicts_.state, given);
+  reserveWithRoom(givenVerdicts_.zone, given), reserveWithRoom(givenVerdicts_.moveTo, given);
+  trimStrip(span);
+  strip_.lightSpeed = lightSpeed_, strip_.radial = radial_;
+  // Fragments normally come in time order; where they do not, the block works on a sorted copy.
+  ShotTable sorted;
+  const bool inOrder = std::is_sorted(strip_.time.begin(), strip_.time.end());
+  if (!inOrder) {
+    sorted.time = strip_.time, sorted.origin = strip_.origin;
+    sorted.direction = strip_.direction, sorted.angle = strip_.angle;
+    sorted.lightSpeed = lightSpeed_, sorted.radial = radial_;
+    sortByTime(sorted);
   }
-  sortByTime(table);
+  const ShotTable& table = inOrder ? strip_ : sorted;
   std::vector<RefinedBlock::Fragment> block;
   std::uint32_t hint = 0;
   // Refined fragments first, then the block, then its context.
@@ -120,12 +158,12 @@ void RefineWindow::refineSpan(const Span& span,
   at_.resize(held_.size());
   for (std::size_t k = 0; k < held_.size(); ++k) {
     if (k == span.blockEnd) bounds.kept = echoes.size();
-    std::vector<std::int64_t>& at = at_[k];
-    at.clear();
+    std::vector<std::int32_t>& at = at_[k];
+    at.clear(), at.reserve(held_[k].echoes.size());
     for (const WindowEcho& e : held_[k].echoes) {
       const bool found = !table.time.empty() && e.shotTime >= table.time.front() &&
                          e.shotTime <= table.time.back() && findShot(table.time, e.shotTime, hint);
-      at.push_back(found ? std::int64_t(echoes.size()) : -1);
+      at.push_back(found ? std::int32_t(echoes.size()) : -1);
       if (found) echoes.push_back({hint, e.oneWayTime, e.zone, e.noise, e.channel, e.amplitude});
     }
     carryIn(held_[k], at);
@@ -143,20 +181,21 @@ void RefineWindow::refineSpan(const Span& span,
   givenVerdicts_.maxZone = foundVerdicts_.maxZone;
   const RefinedBlock refined{table, echoes, result, std::move(block)};
   apply(refined);
-  for (std::size_t k = 0, f = 0; k < held_.size(); ++k) {
+  for (std::size_t k = 0; k < held_.size(); ++k) {
     Held& h = held_[k];
     if (k >= span.blockEnd) {
       carryOut(h, at_[k]);
     } else if (!h.done) {
-      settle(h, refined.fragments[f++].echo, table, echoes, result), h.done = true;
+      settle(h, at_[k], table, echoes, result), h.done = true;
       h.alongState = {}, h.alongSpan = {}, h.alongZones = {};
       h.verdict = {}, h.judgedZone = {}, h.moveTo = {};
     }
   }
+  restoreStrip();
 }
 
 // Adds a fragment's carried along-line findings (its echoes at `at`) to those given to a block.
-void RefineWindow::carryIn(const Held& h, const std::vector<std::int64_t>& at) {
+void RefineWindow::carryIn(const Held& h, const std::vector<std::int32_t>& at) {
   const bool has = !h.done && h.alongState.size() == at.size();
   for (std::size_t j = 0; j < at.size(); ++j) {
     if (at[j] < 0) continue;
@@ -171,7 +210,7 @@ void RefineWindow::carryIn(const Held& h, const std::vector<std::int64_t>& at) {
 }
 
 // Keeps what a block found of a context fragment's echoes (at `at`) for the next block.
-void RefineWindow::carryOut(Held& h, const std::vector<std::int64_t>& at) const {
+void RefineWindow::carryOut(Held& h, const std::vector<std::int32_t>& at) const {
   const std::size_t n = found_.state.size();
   h.alongState.assign(at.size(), 0), h.alongSpan.assign(at.size(), 0);
   h.alongZones.assign(at.size(), 0);
@@ -194,7 +233,7 @@ void RefineWindow::carryOut(Held& h, const std::vector<std::int64_t>& at) const 
 // Gives a refined fragment's echoes their final zones (`at`: each echo's position in the
 // block's arrays, -1 where it was not placed): the next block reads them as they are, as
 // neighbours, instead of refining them again.
-void RefineWindow::settle(Held& h, const std::vector<std::int64_t>& at, const ShotTable& table,
+void RefineWindow::settle(Held& h, const std::vector<std::int32_t>& at, const ShotTable& table,
                           const RefineEchoes& echoes, const RefineResult& result) {
   for (std::size_t j = 0; j < at.size(); ++j) {
     if (at[j] < 0) continue;
@@ -211,8 +250,7 @@ void RefineWindow::settle(Held& h, const std::vector<std::int64_t>& at, const Sh
 // Lets go of the refined fragments whose shots all lie before `position`.
 void RefineWindow::dropBefore(std::uint64_t position) {
   std::size_t k = 0;
-  while (k < held_.size() && held_[k].done &&
-         held_[k].firstShot + held_[k].shots.time.size() <= position)
+  while (k < held_.size() && held_[k].done && held_[k].firstShot + held_[k].shotCount <= position)
     ++k;
   held_.erase(held_.begin(), held_.begin() + std::ptrdiff_t(k));
 }
@@ -230,7 +268,8 @@ std::size_t RefineWindow::refineReady(bool last,
     while (p < held_.size() && held_[p].done) ++p;
     const std::uint64_t next = p < held_.size() ? held_[p].firstShot : shotsSeen_;
     const std::int64_t first = lineOf(starts, next) - window_.settledLines;
-    if (first >= 0) dropBefore(starts[std::size_t(first)]);
+    if (first >= 0)
+      dropBefore(starts[std::size_t(first)]), eraseStripBefore(starts[std::size_t(first)]);
   }
   return handed;
 }

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <span>
 #include <vector>
 
 #include "refine/SurfaceFit.hpp"
@@ -49,14 +50,15 @@ struct FragmentShots {
 };
 
 // A refined block: the window's arrays, the result, and per fragment of the block (in the
-// order added) its key and, per echo given, its position in `echoes` (-1: not placed).
+// order added) its key and, per echo given, its position in `echoes` (-1: not placed; the
+// window's own array, valid while the block is handed over).
 struct RefinedBlock {
   const ShotTable& table;
   const RefineEchoes& echoes;
   const RefineResult& result;
   struct Fragment {
     std::uint64_t key;
-    std::vector<std::int64_t> echo;
+    std::span<const std::int32_t> echo;
   };
   std::vector<Fragment> fragments;
 };
@@ -83,8 +85,7 @@ class RefineWindow {
   struct Held {
     std::uint64_t key;
     std::uint64_t firstShot;  // position of its first shot in the strip
-    FragmentShots shots;
-    LargeVector<double> angle;  // each shot's scan angle: worked out once, read by every block
+    std::uint64_t shotCount;  // its shots are in `strip_`
     std::vector<WindowEcho> echoes;
     std::vector<std::uint64_t> lineStarts;  // strip positions of the lines starting in it
     // Per echo, what the last block's along-line tests found of it as context (none: empty).
@@ -100,11 +101,14 @@ class RefineWindow {
   };
   bool nextSpan(bool last, Span& span) const;
   void refineSpan(const Span& span, const std::function<void(const RefinedBlock&)>& apply);
-  static void settle(Held& h, const std::vector<std::int64_t>& at, const ShotTable& table,
+  static void settle(Held& h, const std::vector<std::int32_t>& at, const ShotTable& table,
                      const RefineEchoes& echoes, const RefineResult& result);
-  void carryIn(const Held& h, const std::vector<std::int64_t>& at);
-  void carryOut(Held& h, const std::vector<std::int64_t>& at) const;
+  void carryIn(const Held& h, const std::vector<std::int32_t>& at);
+  void carryOut(Held& h, const std::vector<std::int32_t>& at) const;
   void dropBefore(std::uint64_t position);
+  void eraseStripBefore(std::uint64_t position);
+  void trimStrip(const Span& span);
+  void restoreStrip();
   std::vector<std::uint64_t> lineStarts() const;
 
   double lightSpeed_;
@@ -112,13 +116,19 @@ class RefineWindow {
   RefineSettings settings_;
   WindowSettings window_;
   std::vector<Held> held_;
-  ShotTable table_;  // the last block's shots and echoes, their memory kept for the next
-  RefineEchoes echoes_;
-  RefineScratch scratch_;  // the refiner's arrays, kept for the next block likewise
+  // The shots from the last block's first on, with their scan angles (worked out once, read
+  // by every block): a block is refined on them in place, its look-ahead's tail set aside in
+  // `tail_` meanwhile, so the shots are held once, not again as a block's copy.
+  ShotTable strip_, tail_;
+  std::uint64_t stripFirst_ = 0;  // strip position of strip_'s first shot
+  RefineEchoes echoes_;           // the last block's echoes, their memory kept for the next
+  RefineScratch scratch_;         // the refiner's arrays, kept for the next block likewise
   // The along-line findings given to a block (by its echoes) and those it found.
   AlongLineMemo given_, found_;
   FirstVerdicts givenVerdicts_, foundVerdicts_;
-  std::vector<std::vector<std::int64_t>> at_;  // per held fragment, its echoes' positions
+  // Per held fragment, its echoes' positions in the block's arrays (a block holds far fewer
+  // than 2^31 echoes).
+  std::vector<std::vector<std::int32_t>> at_;
   std::uint64_t shotsSeen_ = 0;
   double lastAngle_ = 0.0;
   Gemwold::PhysicalSpace::point lastOrigin_{};

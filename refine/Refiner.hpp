@@ -146,9 +146,11 @@ struct Verdict {
 };
 
 // Per echo in recording order: its recording and emitting shots, one-way time and the
-// emitting shot's time, read contiguously by the along-line tests of every zone.
+// emitting shot's time, read contiguously by the along-line tests of every zone. Shots as
+// 32-bit signed numbers: a table holds far fewer than 2^31 shots (emitters are 32-bit), and
+// differences between them stay signed.
 struct RecordOrder {
-  std::vector<std::int64_t> record, emitter;
+  std::vector<std::int32_t> record, emitter;
   std::vector<double> oneWay, emitTime;
 };
 

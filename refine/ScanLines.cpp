@@ -45,7 +45,7 @@ void ShotCells::cut(const ShotTable& t, double binDegrees) {
     if (current == lineOrigin.size()) lineOrigin.push_back(t.origin[s]);
     previous = a;
     line[s] = current;
-    angle[s] = a;
+    angle[s] = float(a);
     bin[s] = std::int32_t(std::floor(a * 180.0 / std::numbers::pi / binDegrees));
     lo = s ? std::min(lo, bin[s]) : bin[s], hi = s ? std::max(hi, bin[s]) : bin[s];
   }

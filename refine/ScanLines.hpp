@@ -28,7 +28,8 @@ struct ShotCells {
   void cut(const ShotTable& t, double binDegrees);
   LargeVector<std::uint32_t> line;
   LargeVector<std::int32_t> bin;
-  LargeVector<double> angle;                              // the scan angle the bins divide
+  // The scan angle the bins divide, as the neighbours keep it (to order a cell's members).
+  LargeVector<float> angle;
   std::vector<Gemwold::PhysicalSpace::point> lineOrigin;  // origin of each line's first shot
   std::int32_t firstBin = 0, binCount = 1;
 

@@ -174,13 +174,38 @@ TEST(RefineWindow, AFragmentWaitsForTheLinesAfterItAndIsFixedByThem) {
   EXPECT_LE(w.mostHeld, 6u + 1u + 7u);
 }
 
+TEST(RefineWindow, FragmentsOutOfTimeOrderAreRefinedOnTheirShotsInTimeOrder) {
+  const Scan scan = spoiledScan(24);
+  const RefineResult whole = refineEchoZones(scan.shots, scan.echoes);
+  const std::size_t per = 2 * kPerLine, count = scan.shots.time.size() / per;
+  std::vector<std::vector<std::size_t>> members(count);
+  for (std::size_t i = 0; i < scan.echoes.size(); ++i)
+    members[std::min(count - 1, (scan.echoes[i].emitter + scan.echoes[i].zone) / per)].push_back(i);
+  RefineResult got{std::vector<std::uint8_t>(scan.echoes.size()), {}};
+  RefineWindow window(kLight, false, {}, WindowSettings{8, 0});
+  const auto apply = [&](const RefinedBlock& b) {
+    for (const auto& f : b.fragments)
+      for (std::size_t j = 0; j < f.echo.size(); ++j)
+        if (f.echo[j] >= 0) got.zone[members[f.key][j]] = b.result.zone[std::size_t(f.echo[j])];
+  };
+  // The second fragment first: the window refines a copy of its shots put in time order.
+  for (const std::size_t f : {std::size_t(1), std::size_t(0)})
+    window.add(f, quillo::test::shotSlice(scan.shots, f * per, (f + 1) * per),
+               quillo::test::windowEchoes(scan.shots, scan.echoes, members[f]));
+  for (std::size_t f = 2; f < count; ++f)
+    window.add(f, quillo::test::shotSlice(scan.shots, f * per, (f + 1) * per),
+               quillo::test::windowEchoes(scan.shots, scan.echoes, members[f]));
+  EXPECT_EQ(window.refineReady(true, apply), count);
+  EXPECT_EQ(got.zone, whole.zone);
+}
+
 TEST(RefineWindow, FragmentsWithoutShotsOrEchoesPassThrough) {
   RefineWindow window(kLight, false);
   std::size_t handed = 0;
   const auto count = [&](const RefinedBlock& b) {
     for (const auto& f : b.fragments) {
       EXPECT_EQ(f.key, handed++);
-      for (const std::int64_t at : f.echo) EXPECT_EQ(at, -1);  // its shot is nowhere
+      for (const std::int32_t at : f.echo) EXPECT_EQ(at, -1);  // its shot is nowhere
     }
   };
   window.add(0, {}, {});
