@@ -202,6 +202,7 @@ RunSummary runOne(const std::string& inputPath, const RunSettings& settings,
       bar, savedByRefinement ? std::vector<StreamedOutput*>() : outputs, settings.threads < 2);
   if (refinement) sink->setBeforeWrite([&](unsigned current) { refinement->advance(current); });
   input.progress = Vorlap::WeakPtr<Vorlap::ProgressSink>(sink);
+  input.dropInputsAfterFragment = !settings.refine;
   if (settings.verbose) Vorlap::Console() << input.speak();
   summary.result = runModule({inputPath,
                               bundle,

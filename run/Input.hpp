@@ -28,6 +28,9 @@ struct QUILLO_API Input {
   std::string label;        // the host's own name for the run; the module ignores it
   bool skipFWF = false;
   bool skipOnline = false;
+  // The host reads no waveform or online array once a fragment's points are made (no
+  // refinement): they go then, before the host saves the fragment, not when the next is read.
+  bool dropInputsAfterFragment = false;
   Vorlap::WeakPtr<Vorlap::ProgressSink> progress;
   std::string inputFileName;
   std::filesystem::path peakDetectionPath;

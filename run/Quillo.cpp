@@ -80,6 +80,7 @@ std::string runFragments(FatBoy<unsigned short>& fatBoy, const Input& input, Out
     }
     std::string result = processFragment(fatBoy, input, out);
     if (!result.empty()) return result;
+    if (input.dropInputsAfterFragment) fatBoy.dropWaveArrays();
   }
   return "";
 }

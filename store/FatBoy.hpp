@@ -57,6 +57,9 @@ class QUILLO_API FatBoy {
 
   // Makes fragment `fragNr` the current one; false when its data are incomplete.
   bool ini(const unsigned& fragNr);
+  // Lets the current fragment's waveform and online arrays go (the bulk of its input); the
+  // Shots arrays stay, as the output's attributes are taken once a fragment was read.
+  void dropWaveArrays();
   // The fragment's shot time of Shots entry s (s < nShots), as the GPSTime array holds it.
   double shotTimeAt(std::uint32_t s) const {
     return shotColumns_.set ? shotColumns_.time.at(s) : SHOT->arrays.GPSTime->get(s);

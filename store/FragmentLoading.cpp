@@ -175,6 +175,13 @@ bool FatBoy<T>::ini(const unsigned& fragNr) {
   return true;
 }
 
+template <class T>
+void FatBoy<T>::dropWaveArrays() {
+  if (FWF) FWF->arrays = {};
+  if (OPP) OPP->arrays = {};
+}
+
 template bool FatBoy<unsigned short>::ini(const unsigned&);
+template void FatBoy<unsigned short>::dropWaveArrays();
 
 }  // namespace FullWaveform

@@ -111,9 +111,7 @@ std::string FieldValuesWriter::append(const std::string& fragment, const StoredR
 void FieldValuesWriter::sealChunk() {
   tail_.resize(chunkRows_ * rowBytes_, 0);
   pending_.push_back({std::move(tail_), false, {}});
-  tail_ = std::move(spare_);
-  spare_ = {};
-  tail_.clear();
+  tail_ = {};
   tail_.reserve(chunkRows_ * rowBytes_);
 }
 
@@ -128,6 +126,8 @@ void FieldValuesWriter::pack(std::size_t k) {
   if (chunk.packed) return;
   std::vector<unsigned char> stored;
   encodeChunk(chunk.bytes.data(), chunk.bytes.size(), component_, stored);
+  // The values' buffer is kept until the store: freed while the pass packs, its pages went
+  // to the packed chunks and the next tails took fresh ones.
   chunk.spent = std::move(chunk.bytes);
   chunk.bytes = std::move(stored);
   chunk.packed = true;
@@ -228,7 +228,6 @@ bool FieldValuesWriter::store(hid_t fieldGroup) {
     if (H5Dwrite_chunk(values_.get(), H5P_DEFAULT, 0, offset.data(), chunk.size(), chunk.data()) <
         0)
       return false;
-    if (spare_.capacity() < pending_[k].spent.capacity()) spare_ = std::move(pending_[k].spent);
   }
   pending_.clear();
   return true;

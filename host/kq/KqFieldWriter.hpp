@@ -76,12 +76,12 @@ class FieldValuesWriter {
   struct Sealed {
     std::vector<unsigned char> bytes;  // the chunk's values, or once packed its stored bytes
     bool packed = false;
-    std::vector<unsigned char> spent;  // the values' buffer once packed, for the next tail
+    std::vector<unsigned char> spent;  // the values' buffer once packed, until the store
   };
-  std::vector<Sealed> pending_;  // sealed chunks not yet stored
-  // A chunk buffer given back by store(): the next tail reuses it instead of taking fresh
-  // pages from the system (faulting them in cost more than packing many small fragments).
-  std::vector<unsigned char> spare_;
+  // Sealed chunks not yet stored. No buffer is kept for the next tail: held between saves,
+  // one per field, they raised the peak (across the module's stages) by more than the
+  // allocator's reuse of the freed ones costs.
+  std::vector<Sealed> pending_;
   hsize_t chunksStored_ = 0;
   Hid values_;
 };

@@ -213,6 +213,7 @@ class Writer {
   }
 
   bool writeFragment(const FieldJob& job, const Vorlap::StrongPtr<FragmentID>& id);
+  const unsigned char* contiguousBytes(const MemBase& data);
 
  public:
   // One dataset per field, streaming: appends every field's fragments that are in hand, in
@@ -356,6 +357,18 @@ bool Writer::writeFragment(const FieldJob& job, const Vorlap::StrongPtr<Fragment
   return true;
 }
 
+// The array's bytes in place when it is one plain block (no copy, and no scratch of the
+// largest field held between saves), else copied into the scratch.
+const unsigned char* Writer::contiguousBytes(const MemBase& data) {
+  if (const void* bytes = data.contiguousBytes()) return static_cast<const unsigned char*>(bytes);
+  // Grown only: fields of different element sizes take turns, and a resize up again would
+  // zero what the copy overwrites at once.
+  const std::size_t bytes = data.nElements() * elementBytes(data.elementType());
+  if (scratch_.size() < bytes) scratch_.resize(bytes);
+  if (bytes > 0) data.copyOut(scratch_.data());
+  return scratch_.data();
+}
+
 bool Writer::appendFragment(const FieldJob& job, FieldState& state,
                             const Vorlap::StrongPtr<FragmentID>& id) {
   // Made only for a message: an allocation per fragment and field otherwise.
@@ -365,24 +378,20 @@ bool Writer::appendFragment(const FieldJob& job, FieldState& state,
   auto creator = job.field->getCreator(id);
   if (!creator) return fail(where() + " has no data");
   kq::StoredRows rows;
+  Vorlap::StrongPtr<MemBase> data;  // held until its rows are appended: they may be read in place
   if (const auto* given = dynamic_cast<const EncodedCreator*>(creator.get())) {
     const EncodedArray& e = given->encoded();
     if (!e.consistent()) return fail(where() + " has chunks that do not fit its shape");
     rows = {e.type, e.rank, e.dims, kq::storedBytes(e, scratch_)};
     if (!rows.bytes) return fail(where() + " has chunks that do not unpack");
   } else {
-    Vorlap::StrongPtr<MemBase> data = creator->heldData();
+    data = creator->heldData();
     if (!data) {
       data = creator->create();  // produced for writing only, as in the other layout
       creator->enableCaching(false);
     }
     if (!data) return fail(where() + " could not be produced");
-    // Grown only: fields of different element sizes take turns, and a resize up again would
-    // zero what the copy overwrites at once.
-    const std::size_t bytes = data->nElements() * elementBytes(data->elementType());
-    if (scratch_.size() < bytes) scratch_.resize(bytes);
-    if (bytes > 0) data->copyOut(scratch_.data());
-    rows = {data->elementType(), data->rank(), kq::storedShape(*data), scratch_.data()};
+    rows = {data->elementType(), data->rank(), kq::storedShape(*data), contiguousBytes(*data)};
   }
   if (const std::string problem = state.values.append(id->getName(), rows); !problem.empty())
     return fail(problem);

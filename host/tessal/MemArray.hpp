@@ -146,6 +146,8 @@ class MemBase : public Vorlap::Cacheable {
   std::size_t nElements() const;
   // Writes every element, in linear order, contiguously into dst (elementBytes each).
   virtual void copyOut(void* dst) const = 0;
+  // The elements as copyOut writes them, when the array is one plain block; else nullptr.
+  virtual const void* contiguousBytes() const = 0;
   virtual double component(std::size_t k, unsigned c) const = 0;
   // Widens min[c] and max[c] (one per component) to every element's component c, NaNs left
   // out: the loop of component() calls without a virtual call per value.
@@ -249,6 +251,7 @@ class MemArray final : public MemBase {
     return (!accessor_ && offset_ == 0 && stride_ == 1) ? block_->values.data() : nullptr;
   }
 
+  const void* contiguousBytes() const override { return contiguousData(); }
   void copyOut(void* dst) const override {
     T* out = static_cast<T*>(dst);
     const std::size_t n = size();

@@ -102,6 +102,30 @@ long long rootVersion(const std::string& file) {
   return v;
 }
 
+// A fresh array of `values` at every read, as a file's creator makes them: only the save holds
+// it while it appends its rows. Every second element of a twice-as-long block when `strided`.
+class FreshEachRead final : public CreativeArrayBase {
+ public:
+  FreshEachRead(std::vector<double> values, bool strided)
+      : values_(std::move(values)), strided_(strided) {}
+  ElementType elementType() const override { return ElementTraits<double>::type; }
+  std::vector<std::size_t> extents() const override { return {values_.size()}; }
+
+ protected:
+  Vorlap::StrongPtr<MemBase> produce() override {
+    using Array = MemArray<1, double>;
+    const std::size_t stride = strided_ ? 2 : 1;
+    auto block = Vorlap::makeStrong<DataBlock<double>>();
+    block->values.assign(values_.size() * stride, -1.0);
+    for (std::size_t k = 0; k < values_.size(); ++k) block->values[k * stride] = values_[k];
+    return Vorlap::makeStrong<Array>(Array::Extents{values_.size()}, block, 0, stride);
+  }
+
+ private:
+  std::vector<double> values_;
+  bool strided_;
+};
+
 }  // namespace
 
 TEST(KqFieldLayout, EveryTypeAndRankRoundTripsAcrossChunkEdges) {
@@ -388,4 +412,39 @@ TEST(KqFieldLayout, BrokenTablesAndCutValuesAreRefused) {
       edited("nameless",
              [](hid_t f) { H5Ldelete(f, (kFields + "T/fragment_names").c_str(), H5P_DEFAULT); }),
       "fragment_names", "missing dataset");
+}
+
+// Arrays made for the save alone, in one plain block (appended in place) or strided (copied),
+// come back as they were made.
+TEST(KqFieldLayout, ArraysMadeOnlyForTheSaveKeepTheirValues) {
+  TempDir dir;
+  auto bundle = BundlePtr::make();
+  auto made = (*bundle.create())[0.0]->makeGrid("G");
+  auto rep = made->makeCartesianRepresentation(3, "C", 0);
+  for (int f = 0; f < 3; ++f)
+    for (const bool strided : {false, true}) {
+      const std::string field = strided ? "strided" : "plain", name = "F" + std::to_string(f);
+      storeFragment(*rep, field, name, filled<double>(1, 0, 0));
+      std::vector<double> values(1000 + 40000 * std::size_t(f));
+      for (std::size_t k = 0; k < values.size(); ++k) values[k] = valueAt<double>(k, f);
+      auto created = (*made)(field, "C");
+      created->setCreator(created->getFragmentIDCollection()->findFragmentIDByName(name),
+                          Vorlap::makeStrong<FreshEachRead>(values, strided));
+    }
+  ASSERT_EQ(Bundle::save(bundle, dir.file("made.kq")), "");
+  bool ok = false;
+  BundlePtr back = load(dir.file("made.kq"), ok);
+  ASSERT_TRUE(ok);
+  auto grid = (*(*back.get())[0.0])("G");
+  for (const char* name : {"plain", "strided"})
+    for (int f = 0; f < 3; ++f) {
+      auto field = (*grid)(name, "C");
+      ASSERT_TRUE(field) << name;
+      auto id = field->getFragmentIDCollection()->findFragmentIDByName("F" + std::to_string(f));
+      auto read = Vorlap::dynamicPtrCast<MemArray<1, double>>(field->getCreator(id)->create());
+      ASSERT_TRUE(read) << name << f;
+      ASSERT_EQ(read->size(), 1000 + 40000 * std::size_t(f));
+      for (std::size_t k = 0; k < read->size(); ++k)
+        ASSERT_EQ(read->get(k), valueAt<double>(k, f)) << name << f << " " << k;
+    }
 }

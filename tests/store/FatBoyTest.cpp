@@ -178,3 +178,31 @@ TEST(FragmentLoading, TheLastFragmentsArraysGoBeforeTheNextAreRead) {
   ASSERT_TRUE(fb.FWF->arrays.Waveforms);
   EXPECT_EQ(fb.FWF->arrays.Waveforms->extent(1), 3u);
 }
+
+// A plain run lets the waveform samples go once a fragment's points are made; the Shots
+// arrays stay (the output's attributes are taken from them) and the next fragment loads.
+TEST(FragmentLoading, DroppedWaveArraysAreFreedAndTheShotsStay) {
+  auto bundle = makeShotsBundle({{{1, 2, 3}}, {{4, 5, 6}}});
+  addWaveformFragment(bundle, 0, {{1, 2}});
+  addWaveformFragment(bundle, 1, {{4, 5, 6}});
+  auto samples = gridRepresentation(bundle, "Waveforms")->findFieldByName("Waveforms");
+  auto count = std::make_shared<ReadCount>();
+  for (const char* name : {"Fragment_0", "Fragment_1"}) {
+    auto id = samples->getFragmentIDCollection()->findFragmentIDByName(name);
+    auto held = Vorlap::dynamicPtrCast<FreshCopies::Samples>(samples->getCreator(id)->create());
+    ASSERT_TRUE(held);
+    samples->setCreator(id, Vorlap::makeStrong<FreshCopies>(held, count));
+  }
+  Input in = defaultInput();
+  FatBoy<unsigned short> fb(bundle, in);
+  ASSERT_TRUE(fb());
+  ASSERT_TRUE(fb.ini(0));
+  fb.dropWaveArrays();
+  EXPECT_FALSE(fb.FWF->arrays.Waveforms);
+  EXPECT_FALSE(count->last.lock());
+  ASSERT_TRUE(fb.SHOT->arrays.GPSTime);
+  EXPECT_EQ(fb.SHOT->arrays.GPSTime->size(), 3u);
+  ASSERT_TRUE(fb.ini(1));
+  ASSERT_TRUE(fb.FWF->arrays.Waveforms);
+  EXPECT_EQ(fb.FWF->arrays.Waveforms->extent(1), 3u);
+}
