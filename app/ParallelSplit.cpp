@@ -38,11 +38,13 @@ double writerShare(FullWaveform::FWFModus mode, std::uint64_t fragments, std::ui
   // With the refinement the writer refines, maps and encodes; not measured since the workers
   // encode, so the shares of that time stay.
   if (!streamed) return gaussian ? 0.011 : 0.02;
-  // Measured with `--verbose` (writer CPU against the workers'), fast and gaussian mode:
-  // 0.21 and 0.15 on the demo survey (20 fragments of 100,000 shots), 0.42 in fast mode on a
-  // million shots in 5,000 fragments: the fixed cost of a fragment is that of about 77 waves
-  // in fast mode (48 in gaussian mode, whose module takes longer per wave).
-  const double perWave = gaussian ? 0.15 : 0.22, fragmentWaves = gaussian ? 48.0 : 77.0;
+  // Measured with `--verbose` (writer CPU against the workers'): 0.42 in fast mode on a
+  // million shots in 5,000 fragments, so the fixed cost of a fragment is that of about 77
+  // waves in fast mode (48 in gaussian mode, whose module takes longer per wave). The part
+  // per wave is small since the outputs' byte planes are coded in one pass: with the shares
+  // measured before (0.22 fast, 0.15 gaussian) the demo's first range ended 0.5 s before the
+  // second; with these both end within 0.1 s to 0.3 s.
+  const double perWave = gaussian ? 0.03 : 0.05, fragmentWaves = gaussian ? 48.0 : 77.0;
   const double perFragment = waves ? fragmentWaves * double(fragments) / double(waves) : 0.0;
   return std::min(0.9, perWave + perFragment);
 }
