@@ -1,6 +1,8 @@
 // Store construction and per-fragment loading.
 #include <gtest/gtest.h>
 
+#include <stdexcept>
+
 #include "run/Input.hpp"
 #include "store/FatBoy.hpp"
 #include "support/Arrays.hpp"
@@ -51,6 +53,21 @@ class FreshCopies final : public Tessal::CreativeArrayBase {
   Vorlap::StrongPtr<Samples> source_;
   std::shared_ptr<ReadCount> count_;
 };
+
+// Two fragments of waveform samples whose every read makes a fresh copy, counted in `count`.
+Tessal::BundlePtr twoFragmentsReadFresh(const std::shared_ptr<ReadCount>& count) {
+  auto bundle = makeShotsBundle({{{1, 2, 3}}, {{4, 5, 6}}});
+  addWaveformFragment(bundle, 0, {{1, 2}});
+  addWaveformFragment(bundle, 1, {{4, 5, 6}});
+  auto samples = gridRepresentation(bundle, "Waveforms")->findFieldByName("Waveforms");
+  for (const char* name : {"Fragment_0", "Fragment_1"}) {
+    auto id = samples->getFragmentIDCollection()->findFragmentIDByName(name);
+    auto held = Vorlap::dynamicPtrCast<FreshCopies::Samples>(samples->getCreator(id)->create());
+    if (!held) throw std::runtime_error("waveform samples of an unexpected type");
+    samples->setCreator(id, Vorlap::makeStrong<FreshCopies>(held, count));
+  }
+  return bundle;
+}
 
 }  // namespace
 
@@ -157,17 +174,8 @@ TEST(FragmentLoading, WrongElementTypeOrLengthCountsAsMissing) {
 // A fragment's arrays go before the next fragment's are read: the store never holds two
 // fragments' waveform samples at once, and holds the new fragment's afterwards.
 TEST(FragmentLoading, TheLastFragmentsArraysGoBeforeTheNextAreRead) {
-  auto bundle = makeShotsBundle({{{1, 2, 3}}, {{4, 5, 6}}});
-  addWaveformFragment(bundle, 0, {{1, 2}});
-  addWaveformFragment(bundle, 1, {{4, 5, 6}});
-  auto samples = gridRepresentation(bundle, "Waveforms")->findFieldByName("Waveforms");
   auto count = std::make_shared<ReadCount>();
-  for (const char* name : {"Fragment_0", "Fragment_1"}) {
-    auto id = samples->getFragmentIDCollection()->findFragmentIDByName(name);
-    auto held = Vorlap::dynamicPtrCast<FreshCopies::Samples>(samples->getCreator(id)->create());
-    ASSERT_TRUE(held);
-    samples->setCreator(id, Vorlap::makeStrong<FreshCopies>(held, count));
-  }
+  auto bundle = twoFragmentsReadFresh(count);
   Input in = defaultInput();
   FatBoy<unsigned short> fb(bundle, in);
   ASSERT_TRUE(fb());
@@ -182,17 +190,8 @@ TEST(FragmentLoading, TheLastFragmentsArraysGoBeforeTheNextAreRead) {
 // A plain run lets the waveform samples go once a fragment's points are made; the Shots
 // arrays stay (the output's attributes are taken from them) and the next fragment loads.
 TEST(FragmentLoading, DroppedWaveArraysAreFreedAndTheShotsStay) {
-  auto bundle = makeShotsBundle({{{1, 2, 3}}, {{4, 5, 6}}});
-  addWaveformFragment(bundle, 0, {{1, 2}});
-  addWaveformFragment(bundle, 1, {{4, 5, 6}});
-  auto samples = gridRepresentation(bundle, "Waveforms")->findFieldByName("Waveforms");
   auto count = std::make_shared<ReadCount>();
-  for (const char* name : {"Fragment_0", "Fragment_1"}) {
-    auto id = samples->getFragmentIDCollection()->findFragmentIDByName(name);
-    auto held = Vorlap::dynamicPtrCast<FreshCopies::Samples>(samples->getCreator(id)->create());
-    ASSERT_TRUE(held);
-    samples->setCreator(id, Vorlap::makeStrong<FreshCopies>(held, count));
-  }
+  auto bundle = twoFragmentsReadFresh(count);
   Input in = defaultInput();
   FatBoy<unsigned short> fb(bundle, in);
   ASSERT_TRUE(fb());
